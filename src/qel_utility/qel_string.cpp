@@ -1,0 +1,114 @@
+// Whitespace, replacement and the check of a file name. No state.
+
+#include "qel_utility/qel_string.h"
+#include "qel_utility/qel_log.h"
+
+#include <ctype.h>
+#include <string.h>
+
+static int _is_space(char character)
+{
+    return isspace((unsigned char)character) != 0;
+}
+
+// ---- Whitespace ----
+
+int qel_str_is_blank(const char *s)
+{
+    QEL_ASSERT(s);
+
+    while (_is_space(*s))
+        s++;
+    return *s == '\0';
+}
+
+void qel_str_trim_left(char *s)
+{
+    QEL_ASSERT(s);
+
+    const char *rest = s;
+    while (_is_space(*rest))
+        rest++;
+    if (rest != s)
+        memmove(s, rest, strlen(rest) + 1);
+}
+
+void qel_str_trim_right(char *s)
+{
+    QEL_ASSERT(s);
+
+    for (size_t length = strlen(s); length > 0 && _is_space(s[length - 1]); length--)
+        s[length - 1] = '\0';
+}
+
+void qel_str_trim(char *s)
+{
+    QEL_ASSERT(s);
+
+    qel_str_trim_right(s);
+    qel_str_trim_left(s);
+}
+
+void qel_str_collapse_spaces(char *s)
+{
+    QEL_ASSERT(s);
+
+    for (; *s; s++) {
+        if (_is_space(*s)) {
+            *s = ' ';
+            qel_str_trim_left(s + 1);
+        }
+    }
+}
+
+void qel_str_normalize_spaces(char *s)
+{
+    QEL_ASSERT(s);
+
+    qel_str_trim(s);
+    qel_str_collapse_spaces(s);
+}
+
+// ---- Replacement ----
+
+int qel_str_replace(const char *src, char *dst, int dst_size, const char *pattern, const char *replacement)
+{
+    QEL_ASSERT(src);
+    QEL_ASSERT(dst);
+    QEL_ASSERT(dst_size > 0);
+    QEL_ASSERT(pattern);
+    QEL_ASSERT(replacement);
+
+    memset(dst, 0, (size_t)dst_size);
+    int count = 0;
+    auto emit = [&](const char *text, const char *end) {
+        for (; text != end; text++, count++) {
+            if (count < dst_size)
+                dst[count] = *text;
+        }
+    };
+
+    const char *match;
+    while ((match = strstr(src, pattern))) {
+        emit(src, match);
+        emit(replacement, replacement + strlen(replacement));
+        src = match + strlen(pattern);
+    }
+    emit(src, src + strlen(src));
+    return count + 1;
+}
+
+// ---- File names ----
+
+int qel_filename_is_valid(const char *name)
+{
+    if (!name || !*name)
+        return 0;
+
+    for (; *name; name++) {
+        unsigned char byte = (unsigned char)*name;
+        if (byte < 128 && (!isprint(byte) || strchr("\\:*?\"<>|/", byte)))
+            return 0;
+    }
+    return 1;
+}
