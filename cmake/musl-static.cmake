@@ -17,10 +17,10 @@ string(JOIN " " CMAKE_CXX_FLAGS_INIT
   "-fno-exceptions -fno-rtti -fno-threadsafe-statics"
   "-fno-asynchronous-unwind-tables -fno-unwind-tables -fno-ident"
   "-ffunction-sections -fdata-sections -fno-pie")
-set(CMAKE_CXX_FLAGS_MINSIZEREL_INIT "-Os -g")
+set(CMAKE_CXX_FLAGS_MINSIZEREL_INIT "-g")
 
 string(JOIN " " CMAKE_EXE_LINKER_FLAGS_INIT
-  "-specs ${musl_specs} -static -no-pie"
+  "-static -no-pie"
   "-Wl,--gc-sections -Wl,--build-id=none -Wl,--hash-style=gnu"
   # One page size and no padding between segments: the file and its memory stay small.
   "-Wl,-z,noseparate-code -Wl,-z,max-page-size=4096 -Wl,-z,norelro")

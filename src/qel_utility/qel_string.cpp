@@ -71,6 +71,17 @@ void qel_str_normalize_spaces(char *s)
 
 // ---- Replacement ----
 
+/// Appends the text from `text` up to `end` behind the `count` characters already put out, storing what
+/// fits. Returns the new count.
+static int _emit(char *dst, int dst_size, int count, const char *text, const char *end)
+{
+    for (; text != end; text++, count++) {
+        if (count < dst_size)
+            dst[count] = *text;
+    }
+    return count;
+}
+
 int qel_str_replace(const char *src, char *dst, int dst_size, const char *pattern, const char *replacement)
 {
     QEL_ASSERT(src);
@@ -81,21 +92,13 @@ int qel_str_replace(const char *src, char *dst, int dst_size, const char *patter
 
     memset(dst, 0, (size_t)dst_size);
     int count = 0;
-    auto emit = [&](const char *text, const char *end) {
-        for (; text != end; text++, count++) {
-            if (count < dst_size)
-                dst[count] = *text;
-        }
-    };
-
     const char *match;
     while ((match = strstr(src, pattern))) {
-        emit(src, match);
-        emit(replacement, replacement + strlen(replacement));
+        count = _emit(dst, dst_size, count, src, match);
+        count = _emit(dst, dst_size, count, replacement, replacement + strlen(replacement));
         src = match + strlen(pattern);
     }
-    emit(src, src + strlen(src));
-    return count + 1;
+    return _emit(dst, dst_size, count, src, src + strlen(src)) + 1;
 }
 
 // ---- File names ----
