@@ -90,9 +90,7 @@ void qel_run_application_for_ever(const struct qel_application *application)
     for (;;) {
         qel_rmdirtree("/qel_home/.wine");
         qel_print("run: %s\n", application->app_path);
-        if (chdir("/storage")) {
-            // The application starts wherever the program stands.
-        }
+        chdir("/storage");
         _wait_for(_start_application(application));
     }
 }

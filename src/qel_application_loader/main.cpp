@@ -2,6 +2,7 @@
 // keeps running. It never returns.
 
 #include "qel_application_loader/application.h"
+#include "qel_application_loader/installer.h"
 #include "qel_application_loader/start_up.h"
 #include "qel_tolbrin/qel_h8_command.h"
 #include "qel_utility/qel_log.h"
@@ -23,6 +24,8 @@ int main(int argc, char **argv)
         qel_wait_for_external_media();
     qel_make_sound_and_disk_nodes();
     qel_mount_external_media();
+    if (install_mode)
+        qel_install();
 
     qel_mount_system();
     qel_link_home();

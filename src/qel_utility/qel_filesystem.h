@@ -15,3 +15,4 @@
 #include "qel_utility/qel_filesystem/processes.h"    // IWYU pragma: export
 #include "qel_utility/qel_filesystem/mounts.h"       // IWYU pragma: export
 #include "qel_utility/qel_filesystem/device_nodes.h" // IWYU pragma: export
+#include "qel_utility/qel_filesystem/windows_apps.h" // IWYU pragma: export
