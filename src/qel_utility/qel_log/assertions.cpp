@@ -17,7 +17,7 @@ void qel_location_code(const char *file, int line, char *code, int size)
     const char *name = slash ? slash + 1 : file;
     uint16_t sum = 0;
     for (; *name && *name != '\n'; name++) {
-        int character = (signed char)*name;
+        int character = (signed char)*name; // NOLINT(bugprone-signed-char-misuse): signed by definition
         sum = (uint16_t)(sum + character * character);
     }
     snprintf(code, (size_t)size, "ERROR %c%c%c%d", 'A' + sum % 26, 'A' + sum / 26 % 26,
