@@ -1,0 +1,361 @@
+// The wrappers that the linker puts between the product and libc, and what a test can ask of them.
+// The calls themselves are lines of kernel_calls.def.
+
+#include "support/fake_kernel.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <sstream>
+
+static FakeKernel *active;
+
+// ---- What a sweep can break ----
+
+const std::vector<KernelCall> &kernel_calls()
+{
+    static const std::vector<KernelCall> calls = {
+        {"mount",
+         {EACCES, EBUSY, EINVAL, EIO, ENODEV, ENOENT, ENOMEM, ENOTBLK, ENOTDIR, ENXIO, EPERM, EROFS},
+         0},
+        {"umount", {EBUSY, EINVAL, ENOENT, EPERM}, 0},
+        {"mknod", {EACCES, EEXIST, EIO, ENOENT, ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS}, 0},
+        {"mkdir", {EACCES, EEXIST, EIO, ENOENT, ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS}, 0},
+        {"rmdir", {EACCES, EBUSY, EIO, ENOENT, ENOTDIR, ENOTEMPTY, EPERM, EROFS}, 0},
+        {"unlink", {EACCES, EBUSY, EIO, EISDIR, ENOENT, ENOTDIR, EPERM, EROFS}, 0},
+        {"chmod", {EACCES, EIO, ENOENT, EPERM, EROFS}, 0},
+        {"symlink", {EACCES, EEXIST, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOSPC, ENOTDIR, EPERM, EROFS}, 0},
+        {"chdir", {EACCES, EIO, ENOENT, ENOTDIR}, 0},
+        {"getcwd", {EACCES, ENOENT, ERANGE}, 0},
+        {"access", {EACCES, EIO, ENOENT, ENOTDIR, EROFS}, 0},
+        {"stat", {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOTDIR}, 0},
+        {"statfs", {EACCES, EIO, ENOENT, ENOSYS}, 0},
+        {"open", {EACCES, EBUSY, EIO, EISDIR, EMFILE, ENFILE, ENODEV, ENOENT, ENOSPC, ENXIO, EROFS}, 0},
+        {"read", {EAGAIN, EBADF, EINTR, EIO, EISDIR}, 1},
+        {"write", {EAGAIN, EBADF, EINTR, EIO, ENOSPC, EPIPE}, 1},
+        {"close", {EBADF, EINTR, EIO, ENOSPC}, 0},
+        {"dup2", {EBADF, EBUSY, EINTR}, 0},
+        {"opendir", {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR}, 0},
+        {"readdir", {EIO, ENOENT}, 0},
+        {"closedir", {EBADF}, 0},
+        {"fopen", {EACCES, EIO, EISDIR, EMFILE, ENOENT, ENOMEM, ENOSPC, EROFS}, 0},
+        {"fread", {EIO, EISDIR}, 1},
+        {"fwrite", {EIO, ENOSPC}, 1},
+        {"fgets", {EIO, EISDIR}, 0},
+        {"fclose", {EIO, ENOSPC}, 0},
+        {"socketpair", {EMFILE, ENFILE, ENOMEM}, 0},
+        {"shutdown", {ENOTCONN}, 0},
+        {"fork", {EAGAIN, ENOMEM}, 0},
+        {"waitpid", {ECHILD, EINTR}, 0},
+    };
+    return calls;
+}
+
+// ---- Construction, paths ----
+
+FakeKernel::FakeKernel() : outer(active)
+{
+    active = this;
+}
+
+FakeKernel::FakeKernel(const std::string &root) : FakeKernel()
+{
+    redirect(root, root);
+    redirect("/", root);
+}
+
+FakeKernel::~FakeKernel()
+{
+    active = outer;
+}
+
+void FakeKernel::redirect(const std::string &prefix, const std::string &folder)
+{
+    redirections.emplace_back(prefix, folder);
+}
+
+std::string FakeKernel::at(const char *path) const
+{
+    const std::string text = path;
+    for (const auto &[prefix, folder] : redirections) {
+        if (prefix == "/" && text.front() == '/')
+            return folder + text;
+        if (text == prefix || text.rfind(prefix + "/", 0) == 0)
+            return folder + text.substr(prefix.size());
+    }
+    return text;
+}
+
+// ---- Records and outcomes ----
+
+static std::string name_of(const std::string &record)
+{
+    return record.substr(0, record.find(' '));
+}
+
+std::vector<std::string> FakeKernel::calls(const std::string &names) const
+{
+    const std::string padded = " " + names + " ";
+    std::vector<std::string> wanted;
+    std::copy_if(records.begin(), records.end(), std::back_inserter(wanted), [&](const std::string &record) {
+        return padded.find(" " + name_of(record) + " ") != std::string::npos;
+    });
+    return wanted;
+}
+
+int FakeKernel::count(const std::string &name) const
+{
+    const auto found = counts.find(name);
+    return found == counts.end() ? 0 : found->second;
+}
+
+void FakeKernel::forget_calls()
+{
+    records.clear();
+    counts.clear();
+}
+
+void FakeKernel::fail(const std::string &name, int error)
+{
+    plans[name].fail_always = error;
+}
+
+void FakeKernel::fail_nth(const std::string &name, int n, int error)
+{
+    plans[name].fail_nth[n] = error;
+}
+
+void FakeKernel::shorten_nth(const std::string &name, int n, size_t bytes)
+{
+    plans[name].shorten_nth[n] = bytes;
+}
+
+void FakeKernel::leave_at(const std::string &name, int n)
+{
+    plans[name].leave_at = n;
+}
+
+FakeKernel::Turn FakeKernel::next(const char *symbol, const char *name, const std::string &text)
+{
+    records.push_back(name + text);
+    symbols_reached.insert(symbol);
+    const int n = ++counts[name];
+
+    Turn turn;
+    const auto plan = plans.find(name);
+    if (plan == plans.end())
+        return turn;
+    if (plan->second.leave_at == n)
+        throw LeftProduct();
+    turn.error = plan->second.fail_always;
+    if (const auto error = plan->second.fail_nth.find(n); error != plan->second.fail_nth.end())
+        turn.error = error->second;
+    if (const auto size = plan->second.shorten_nth.find(n); size != plan->second.shorten_nth.end())
+        turn.size_max = size->second;
+    return turn;
+}
+
+void FakeKernel::set_time(time_t seconds, long microseconds)
+{
+    clock_is_virtual = 1;
+    clock_usec = seconds * 1000000LL + microseconds;
+}
+
+// ---- How a record spells the arguments ----
+
+static std::string octal(mode_t mode)
+{
+    std::ostringstream text;
+    text << '0' << std::oct << mode;
+    return text.str();
+}
+
+static std::string numbers(dev_t device)
+{
+    return std::to_string(major(device)) + ":" + std::to_string(minor(device));
+}
+
+static std::string open_flags(int flags)
+{
+    static const std::pair<int, const char *> names[] = {
+        {O_CREAT, "O_CREAT"},   {O_TRUNC, "O_TRUNC"},       {O_APPEND, "O_APPEND"},
+        {O_NOCTTY, "O_NOCTTY"}, {O_NONBLOCK, "O_NONBLOCK"}, {O_CLOEXEC, "O_CLOEXEC"}};
+    static const char *const access_modes[] = {"O_RDONLY", "O_WRONLY", "O_RDWR", "O_ACCMODE"};
+    std::string text = access_modes[flags & O_ACCMODE];
+    for (const auto &[bit, name] : names) {
+        if (flags & bit)
+            text += std::string("|") + name;
+    }
+    return text;
+}
+
+static std::string list(char *const *texts)
+{
+    if (!texts)
+        return "null";
+    std::string all = "[";
+    for (; *texts; texts++)
+        all += (all == "[" ? "" : " ") + std::string(*texts);
+    return all + "]";
+}
+
+static void spell(std::ostringstream &text, const char *value)
+{
+    text << ' ' << (value ? value : "null");
+}
+
+template <typename Value> static void spell(std::ostringstream &text, const Value &value)
+{
+    text << ' ' << value;
+}
+
+template <typename... Values> static std::string spelled(const Values &...values)
+{
+    std::ostringstream text;
+    (spell(text, values), ...);
+    return text.str();
+}
+
+// ---- The wrappers ----
+
+/// Stands for a moved path in the arguments for libc, until the call is over.
+struct at {
+    explicit at(const char *path) : text(active && path ? active->at(path) : ""), original(path) {}
+    operator const char *() const
+    {
+        return active && original ? text.c_str() : original;
+    }
+    std::string text;
+    const char *original;
+};
+
+#define WRAPPER(result, failure, symbol, name, parameters, arguments, libc_arguments, text)                  \
+    extern "C" result libc_##symbol parameters __asm__("__real_" #symbol);                                   \
+    extern "C" result wrap_##symbol parameters __asm__("__wrap_" #symbol);                                   \
+    result wrap_##symbol parameters                                                                          \
+    {                                                                                                        \
+        if (active) {                                                                                        \
+            const int error = active->next(#symbol, #name, spelled text).error;                              \
+            if (error) {                                                                                     \
+                errno = error;                                                                               \
+                return failure;                                                                              \
+            }                                                                                                \
+            if (active->on_##name)                                                                           \
+                return active->on_##name arguments;                                                          \
+        }                                                                                                    \
+        return libc_##symbol libc_arguments;                                                                 \
+    }
+
+#define KERNEL_CALL(result, failure, name, ...) WRAPPER(result, failure, name, name, __VA_ARGS__)
+#define KERNEL_CALL_64(result, failure, name, ...)                                                           \
+    WRAPPER(result, failure, name, name, __VA_ARGS__) WRAPPER(result, failure, name##64, name, __VA_ARGS__)
+#define KERNEL_TRANSFER(result, failure, name, parameters, arguments, size_argument, text)                   \
+    extern "C" result wrap_##name parameters __asm__("__wrap_" #name);                                       \
+    result wrap_##name parameters                                                                            \
+    {                                                                                                        \
+        if (active && is_recorded arguments) {                                                               \
+            const FakeKernel::Turn turn = active->next(#name, #name, spelled text);                          \
+            if (turn.error) {                                                                                \
+                errno = turn.error;                                                                          \
+                return failure;                                                                              \
+            }                                                                                                \
+            size_argument = std::min(size_argument, turn.size_max);                                          \
+            if (active->on_##name)                                                                           \
+                return active->on_##name arguments;                                                          \
+        }                                                                                                    \
+        return real_##name arguments;                                                                        \
+    }
+
+/// Prints that the compiler turned into fwrite are none of the kernel's business.
+[[maybe_unused]] static int is_recorded(const void *, size_t, size_t, const FILE *file)
+{
+    return file != stdout && file != stderr;
+}
+
+[[maybe_unused]] static int is_recorded(int, const void *, size_t)
+{
+    return 1;
+}
+
+#include "support/kernel_calls.def"
+
+extern "C" void wrap_sync() __asm__("__wrap_sync");
+void wrap_sync()
+{
+    if (active) {
+        active->next("sync", "sync", "");
+        if (active->on_sync)
+            return active->on_sync();
+    }
+    real_sync();
+}
+
+extern "C" void wrap__exit(int status) __asm__("__wrap__exit");
+void wrap__exit(int status)
+{
+    if (active) {
+        active->next("_exit", "_exit", spelled(status));
+        if (active->on_fork)
+            throw ChildExit(status);
+    }
+    real__exit(status);
+}
+
+// ---- The clock ----
+
+extern "C" unsigned wrap_sleep(unsigned seconds) __asm__("__wrap_sleep");
+unsigned wrap_sleep(unsigned seconds)
+{
+    if (!active)
+        return real_sleep(seconds);
+    active->next("sleep", "sleep", spelled(seconds));
+    if (active->on_sleep)
+        active->on_sleep(seconds);
+    if (!active->clock_is_virtual)
+        return real_sleep(seconds);
+    active->clock_usec += seconds * 1000000LL;
+    active->slept_usec += seconds * 1000000LL;
+    return 0;
+}
+
+extern "C" int wrap_usleep(useconds_t microseconds) __asm__("__wrap_usleep");
+int wrap_usleep(useconds_t microseconds)
+{
+    if (!active)
+        return real_usleep(microseconds);
+    active->next("usleep", "usleep", spelled(microseconds));
+    if (active->on_usleep)
+        active->on_usleep(microseconds);
+    if (!active->clock_is_virtual)
+        return real_usleep(microseconds);
+    active->clock_usec += microseconds;
+    active->slept_usec += microseconds;
+    return 0;
+}
+
+extern "C" time_t wrap_time(time_t *result) __asm__("__wrap_time");
+time_t wrap_time(time_t *result)
+{
+    if (active)
+        active->next("time", "time", "");
+    if (!active || !active->clock_is_virtual)
+        return real_time(result);
+    const time_t now = static_cast<time_t>(active->clock_usec / 1000000);
+    if (result)
+        *result = now;
+    return now;
+}
+
+extern "C" int wrap_gettimeofday(struct timeval *now, void *zone) __asm__("__wrap_gettimeofday");
+int wrap_gettimeofday(struct timeval *now, void *zone)
+{
+    if (active)
+        active->next("gettimeofday", "gettimeofday", "");
+    if (!active || !active->clock_is_virtual)
+        return real_gettimeofday(now, zone);
+    now->tv_sec = static_cast<time_t>(active->clock_usec / 1000000);
+    now->tv_usec = static_cast<suseconds_t>(active->clock_usec % 1000000);
+    return 0;
+}

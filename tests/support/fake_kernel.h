@@ -1,0 +1,169 @@
+/// What stands between the product and the kernel in a test.
+///
+/// While a FakeKernel exists, every kernel-facing libc call of the product passes through it: it is
+/// recorded as a readable line, and the test may move its paths into a scratch folder, answer it with a
+/// function of its own, let the Nth one fail or fall short, or leave the product at it. Whatever the test
+/// says nothing about is done by libc. Without a FakeKernel everything is.
+///
+///     Scratch disk;
+///     FakeKernel kernel(disk.path());              // "/storage" is now <scratch>/storage
+///     kernel.on_mount = [](auto...) { return 0; };
+///     kernel.fail_nth("mkdir", 2, ENOSPC);
+///     ...
+///     EXPECT_THAT(kernel.calls("mount"), ElementsAre("mount /dev/disk/hdc3 /storage vfat 1 null"));
+///
+/// Calls of the test's own code pass through as well; the verbs of scratch.h and std::filesystem do not.
+#pragma once
+
+#include <dirent.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/types.h>
+#include <sys/vfs.h>
+#include <time.h>
+
+#include <exception>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+/// A call that the product can make, under the name that all its spellings share.
+struct KernelCall {
+    const char *name;
+    /// The error numbers with which the call can be made to fail in a sweep.
+    std::vector<int> errors;
+    /// 1 when the call can also move fewer bytes than asked for.
+    int can_fall_short;
+};
+
+/// The calls a sweep can break, each once, with every error that a real kernel could plausibly give.
+const std::vector<KernelCall> &kernel_calls();
+
+/// Thrown through the product where a test wanted to leave it (FakeKernel::leave_at).
+struct LeftProduct : std::exception {
+    const char *what() const noexcept override
+    {
+        return "the product was left at a call";
+    }
+};
+
+/// Thrown in place of _exit, which a child in the test's own process must not reach (on_fork giving 0).
+struct ChildExit : std::exception {
+    explicit ChildExit(int exit_status) : status(exit_status) {}
+    const char *what() const noexcept override
+    {
+        return "the child called _exit";
+    }
+    int status;
+};
+
+class FakeKernel
+{
+  public:
+    FakeKernel();
+    /// Moves every absolute path below `root`, except those that already lie there.
+    explicit FakeKernel(const std::string &root);
+    ~FakeKernel();
+    FakeKernel(const FakeKernel &) = delete;
+    FakeKernel &operator=(const FakeKernel &) = delete;
+
+    // ---- Paths ----
+
+    /// Moves `prefix` and everything below it to `folder`. The first fitting line wins.
+    void redirect(const std::string &prefix, const std::string &folder);
+    /// Where libc finds `path`.
+    std::string at(const char *path) const;
+
+    // ---- Records ----
+
+    /// Every call so far, "mkdir /storage 0755", in order.
+    const std::vector<std::string> &calls() const
+    {
+        return records;
+    }
+    /// Only those whose names stand in `names` (separated by blanks).
+    std::vector<std::string> calls(const std::string &names) const;
+    /// How often `name` was called.
+    int count(const std::string &name) const;
+    void forget_calls();
+    /// 1 when a call arrived through this spelling ("open64").
+    int was_reached(const std::string &symbol) const
+    {
+        return symbols_reached.count(symbol) > 0;
+    }
+
+    // ---- Outcomes ----
+
+    /// Lets every call of `name` fail with `error`, without doing anything.
+    void fail(const std::string &name, int error);
+    /// Lets the call number `n` of `name` fail, counted from 1 since construction or forget_calls().
+    void fail_nth(const std::string &name, int n, int error);
+    /// Lets the call number `n` of read, write, fread or fwrite move `bytes` at most (items, for streams).
+    void shorten_nth(const std::string &name, int n, size_t bytes);
+    /// Leaves the product at the call number `n` of `name` by throwing LeftProduct.
+    void leave_at(const std::string &name, int n);
+    /// Answers of the test's own, on_<name>: asked instead of libc, with the product's arguments.
+#define KERNEL_CALL(result, failure, name, parameters, ...) std::function<result parameters> on_##name;
+#define KERNEL_CALL_64                                      KERNEL_CALL
+#define KERNEL_TRANSFER                                     KERNEL_CALL
+#include "support/kernel_calls.def"
+#undef KERNEL_CALL
+    std::function<void()> on_sync;
+    /// Asked before the clock goes on; may throw to end an endless loop.
+    std::function<void(unsigned seconds)> on_sleep;
+    std::function<void(unsigned microseconds)> on_usleep;
+
+    // ---- Clock ----
+
+    /// From now on time stands still but for sleep and usleep, which return at once: time and
+    /// gettimeofday start at this moment.
+    void set_time(time_t seconds, long microseconds = 0);
+    void advance_usec(long long microseconds)
+    {
+        clock_usec += microseconds;
+    }
+    /// Microseconds slept so far, on this clock.
+    long long slept_usec = 0;
+
+    // ---- For the wrappers in fake_kernel.cpp ----
+
+    struct Turn {
+        int error = 0;
+        size_t size_max = SIZE_MAX;
+    };
+    /// Records a call and tells what is to become of it.
+    Turn next(const char *symbol, const char *name, const std::string &text);
+    int clock_is_virtual = 0;
+    long long clock_usec = 0;
+
+  private:
+    struct Plan {
+        int fail_always = 0;
+        std::map<int, int> fail_nth;
+        std::map<int, size_t> shorten_nth;
+        int leave_at = 0;
+    };
+    std::vector<std::pair<std::string, std::string>> redirections;
+    std::vector<std::string> records;
+    std::map<std::string, int> counts;
+    std::set<std::string> symbols_reached;
+    std::map<std::string, Plan> plans;
+    FakeKernel *outer;
+};
+
+/// libc's own functions, for test code that must not be recorded or moved: real_open(...) and so on.
+#define KERNEL_CALL(result, failure, name, parameters, ...)                                                  \
+    extern "C" result real_##name parameters __asm__("__real_" #name);
+#include "support/kernel_calls.def"
+#undef KERNEL_CALL
+#undef KERNEL_CALL_64
+#undef KERNEL_TRANSFER
+extern "C" void real_sync() __asm__("__real_sync");
+extern "C" [[noreturn]] void real__exit(int status) __asm__("__real__exit");
+extern "C" unsigned real_sleep(unsigned seconds) __asm__("__real_sleep");
+extern "C" int real_usleep(useconds_t microseconds) __asm__("__real_usleep");
+extern "C" time_t real_time(time_t *result) __asm__("__real_time");
+extern "C" int real_gettimeofday(struct timeval *now, void *zone) __asm__("__real_gettimeofday");

@@ -1,0 +1,41 @@
+// The test programs' main, and the way to a process in which nothing has happened yet.
+
+#include "support/fresh_process.h"
+#include "support/fake_kernel.h"
+
+#include <gmock/gmock.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+
+static const char fresh_mark[] = "QEL_TEST_FRESH_PROCESS";
+
+int in_fresh_process()
+{
+    if (getenv(fresh_mark))
+        return 1;
+
+    const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter = std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
+    fflush(stdout);
+    const pid_t child = real_fork();
+    if (child == 0) {
+        setenv(fresh_mark, "1", 1);
+        execl("/proc/self/exe", "unit_tests", filter.c_str(), "--gtest_brief=1", nullptr);
+        real__exit(98);
+    }
+    int status = 0;
+    EXPECT_EQ(real_waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the test failed in its own process";
+    return 0;
+}
+
+int main(int argc, char **argv)
+{
+    // The same buffering everywhere, so that a test can tell flushed from unflushed output.
+    setvbuf(stdout, nullptr, _IOFBF, 1 << 16);
+    testing::InitGoogleMock(&argc, argv);
+    return RUN_ALL_TESTS();
+}
