@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #define APPLICATION_PREFIX "qel_application_"
-#define WINE               "/usr/wine/bin/wine"
 
 // ---- Finding it ----
 
@@ -70,7 +69,7 @@ static pid_t _start_application(const struct qel_application *application)
 {
     const char *path = application->app_path;
     if (strstr(path, ".exe.so")) {
-        const char *const argv[] = {WINE, path, nullptr};
+        const char *const argv[] = {QEL_WINE, path, nullptr};
         return _start(argv, "wine", application->app_name);
     }
     const char *const argv[] = {path, nullptr};

@@ -18,8 +18,6 @@ const char *const qel_loader_env[] = {
     "DISPLAY=unix:0", nullptr,
 };
 
-#define WINE "/usr/wine/bin/wine"
-
 enum { wine_output_bytes = 10240 };
 
 static char qel_wine_output_buffer[wine_output_bytes];
@@ -121,7 +119,7 @@ void qel_exec_wait(const char *path, const char *const argv[], const char *const
 const char *qel_wine_exec_capture(const char *program, const char *const args[], int arg_count)
 {
     const char **argv = (const char **)alloca(sizeof *argv * ((size_t)arg_count + 3));
-    argv[0] = WINE;
+    argv[0] = QEL_WINE;
     argv[1] = program;
     for (int i = 0; i < arg_count; i++)
         argv[2 + i] = args[i];
@@ -134,7 +132,7 @@ const char *qel_wine_exec_capture(const char *program, const char *const args[],
     if (pid == 0) {
         dup2(input[0], STDIN_FILENO);
         dup2(output[0], STDOUT_FILENO);
-        _exec(WINE, argv, qel_loader_env, 1744);
+        _exec(QEL_WINE, argv, qel_loader_env, 1744);
     }
     QEL_ASSERT_AT(1746, pid != -1);
     shutdown(input[1], SHUT_RDWR);
@@ -144,7 +142,7 @@ const char *qel_wine_exec_capture(const char *program, const char *const args[],
     QEL_ASSERT_AT(1762, outbuf_count < out_size);
     qel_wine_output_buffer[outbuf_count > 0 ? outbuf_count : 0] = '\0';
     shutdown(output[1], SHUT_RDWR);
-    _wait_unjudged(pid, WINE);
+    _wait_unjudged(pid, QEL_WINE);
     _close_both(input);
     _close_both(output);
     return qel_wine_output_buffer;

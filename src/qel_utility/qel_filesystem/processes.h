@@ -6,6 +6,9 @@
 /// whose program cannot be started parks like any stopped program, and its parent waits for it.
 #pragma once
 
+/// Runs Windows programs.
+#define QEL_WINE "/usr/wine/bin/wine"
+
 /// The environment of the X server, the application and everything run under Wine. Null-terminated.
 extern const char *const qel_loader_env[];
 

@@ -93,7 +93,7 @@ void qel_import_reg_files(const char *folder)
 void qel_wine_import_reg(const char *file)
 {
     printf("Attemping to import registry file: %s\n", file);
-    const char *const argv[] = {"/usr/wine/bin/wine", "regedit.exe", "/S", file, nullptr};
+    const char *const argv[] = {QEL_WINE, "regedit.exe", "/S", file, nullptr};
     qel_exec_wait(argv[0], argv, qel_loader_env, nullptr);
 }
 
