@@ -2,6 +2,7 @@
 
 #include "support/fresh_process.h"
 #include "support/fake_kernel.h"
+#include "support/output.h"
 
 #include <gmock/gmock.h>
 #include <stdlib.h>
@@ -19,7 +20,7 @@ int in_fresh_process()
 
     const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
     const std::string filter = std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
-    fflush(stdout);
+    Output output; // shown only when something went wrong
     const pid_t child = real_fork();
     if (child == 0) {
         setenv(fresh_mark, "1", 1);
