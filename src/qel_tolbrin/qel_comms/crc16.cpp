@@ -1,14 +1,12 @@
 // The CRC of the packet link, 16 bytes at a time.
 //
-// The register is a polynomial of degree 15 that stands before the message: shifting n bytes in means to
-// write register and bytes one behind the other, n + 2 bytes, and to reduce them modulo the polynomial.
-// The last two bytes are below degree 16 and stay; each of the n bytes before them is reduced by one
-// table, chosen by how far it stands from the end. The lookups do not wait for each other, which is what
-// makes this fast.
+// The register is a polynomial that stands before the message: shifting n bytes in means to write
+// register and bytes one behind the other, n + 2 bytes, and to reduce them modulo the polynomial. The last
+// two bytes are below degree 16 and stay; each byte before them is reduced by one lookup in the table for
+// its distance from the end. The register's own lookups come last, so that those of the next bytes need
+// not wait for them: that is what makes this fast.
 
 #include "qel_tolbrin/qel_comms.h"
-
-#include <string.h>
 
 enum { polynomial = 0x1021, start_register = 0xFFFF, step_bytes = 16 };
 
@@ -27,16 +25,22 @@ static void make_tables(void)
     }
 }
 
-/// Shifts 1 to 16 bytes in.
-static inline uint16_t step(uint16_t crc, const uint8_t *bytes, int count)
+/// Shifts 16 bytes in.
+static inline uint16_t step(uint16_t crc, const uint8_t *b)
 {
-    uint8_t window[2 + step_bytes] = {(uint8_t)(crc >> 8), (uint8_t)crc};
-    memcpy(window + 2, bytes, (size_t)count);
+    const auto &t = tables;
+    return (uint16_t)(t[13][b[0]] ^ t[12][b[1]] ^ t[11][b[2]] ^ t[10][b[3]] ^ t[9][b[4]] ^ t[8][b[5]] ^
+                      t[7][b[6]] ^ t[6][b[7]] ^ t[5][b[8]] ^ t[4][b[9]] ^ t[3][b[10]] ^ t[2][b[11]] ^
+                      t[1][b[12]] ^ t[0][b[13]] ^ b[14] << 8 ^ b[15] ^ t[15][crc >> 8] ^ t[14][crc & 0xFF]);
+}
 
-    unsigned reduced = (unsigned)window[count] << 8 | window[count + 1];
-    for (int i = 0; i < count; i++)
-        reduced ^= tables[count - 1 - i][window[i]];
-    return (uint16_t)reduced;
+/// Shifts 2 to 15 bytes in: the same, for any number.
+static inline uint16_t short_step(uint16_t crc, const uint8_t *b, int count)
+{
+    int reduced = b[count - 2] << 8 ^ b[count - 1];
+    for (int i = 0; i < count - 2; i++)
+        reduced ^= tables[count - 3 - i][b[i]];
+    return (uint16_t)(reduced ^ tables[count - 1][crc >> 8] ^ tables[count - 2][crc & 0xFF]);
 }
 
 uint16_t qel_crc16(const void *bytes, int length)
@@ -56,16 +60,18 @@ uint16_t qel_crc16_update(uint16_t crc, const void *bytes, int length)
 
     const auto *next = (const uint8_t *)bytes;
     for (; length >= step_bytes; length -= step_bytes, next += step_bytes)
-        crc = step(crc, next, step_bytes);
-    if (length > 0)
-        crc = step(crc, next, length);
+        crc = step(crc, next);
+    if (length > 1)
+        crc = short_step(crc, next, length);
+    else if (length == 1)
+        crc = (uint16_t)((crc << 8 | *next) ^ tables[0][crc >> 8]);
     return crc;
 }
 
 uint16_t qel_crc16_final(uint16_t crc)
 {
     const uint8_t zeros[2] = {};
-    return qel_crc16_update(crc, zeros, 2);
+    return qel_crc16_update(crc, zeros, sizeof zeros);
 }
 
 uint16_t qel_crc16_update_final(uint16_t crc, const void *bytes, int length)

@@ -1,0 +1,10 @@
+/// System messages: typed messages over the packet link, of which some are numbered, confirmed, repeated
+/// and waited for.
+///
+/// core.h has the connection, sending and receiving; catalogue.h has one operation for each message that
+/// travels; wire.h reads and writes the fields of messages.
+#pragma once
+
+#include "qel_tolbrin/qel_sysmsg/catalogue.h"
+#include "qel_tolbrin/qel_sysmsg/core.h"
+#include "qel_tolbrin/qel_sysmsg/wire.h"
