@@ -4,6 +4,7 @@
 #include "qel_application_loader/application.h"
 #include "qel_application_loader/installer.h"
 #include "qel_application_loader/start_up.h"
+#include "qel_application_loader/update_mode.h"
 #include "qel_tolbrin/qel_h8_command.h"
 #include "qel_utility/qel_log.h"
 
@@ -17,6 +18,8 @@ int main(int argc, char **argv)
 
     int mode = qel_h8_get_mode();
     int want_console = qel_console_requested(mode);
+    if (mode & qel_mode_update)
+        qel_run_update_mode();
     if (!want_console)
         qel_silence_standard_streams();
 

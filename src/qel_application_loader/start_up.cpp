@@ -9,8 +9,6 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-enum { mode_console = 1 };
-
 int qel_install_requested(int argc, char **argv)
 {
     int install_mode = 0;
@@ -38,7 +36,7 @@ void qel_make_board_nodes(void)
 
 int qel_console_requested(int mode)
 {
-    if (!(mode & mode_console))
+    if (!(mode & qel_mode_console))
         return 0;
     qel_print("Want console...\n");
     return 1;

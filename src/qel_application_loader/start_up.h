@@ -2,6 +2,12 @@
 /// Each prints its own progress. A failed mount or an impossible node stops the program.
 #pragma once
 
+/// The bits of the mode byte that mean something.
+enum qel_mode_bit {
+    qel_mode_console = 1,
+    qel_mode_update = 2,
+};
+
 /// Returns 1 when an argument after the program name is exactly "qelinstall", else 0.
 int qel_install_requested(int argc, char **argv);
 
