@@ -47,7 +47,7 @@ void qel_find_application(struct qel_application *application)
 /// Starts a program in a child. When it cannot be started, the child prints `failure` with `name`, unless
 /// that is null, and ends with status 1; it ends without flushing what the parent had left unprinted.
 /// Returns the child's pid, -1 when there is none.
-static pid_t _start(const char *const argv[], const char *failure, const char *name)
+static pid_t _start_child(const char *const argv[], const char *failure, const char *name)
 {
     pid_t pid = fork();
     if (pid == 0) {
@@ -62,7 +62,7 @@ static pid_t _start(const char *const argv[], const char *failure, const char *n
 void qel_start_x_server(void)
 {
     const char *const argv[] = {"/usr/xorg/bin/Xfake", "-nolisten", "tcp", "-kb", nullptr};
-    _start(argv, nullptr, nullptr);
+    _start_child(argv, nullptr, nullptr);
 }
 
 static pid_t _start_application(const struct qel_application *application)
@@ -70,10 +70,10 @@ static pid_t _start_application(const struct qel_application *application)
     const char *path = application->app_path;
     if (strstr(path, ".exe.so")) {
         const char *const argv[] = {QEL_WINE, path, nullptr};
-        return _start(argv, "wine", application->app_name);
+        return _start_child(argv, "wine", application->app_name);
     }
     const char *const argv[] = {path, nullptr};
-    return _start(argv, "exec", application->app_name);
+    return _start_child(argv, "exec", application->app_name);
 }
 
 /// Waits for exactly this child. Without a child, -1, that is until no child is left.

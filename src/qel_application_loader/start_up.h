@@ -1,5 +1,6 @@
 /// The steps of the start-up sequence that stand before the application: what main calls, in its order.
-/// Each prints its own progress. A failed mount or an impossible node stops the program.
+/// Each prints its own progress. A failed mount, other than of a USB disk, or an impossible node stops
+/// the program.
 #pragma once
 
 /// The bits of the mode byte that mean something.

@@ -21,9 +21,9 @@ enum {
     continuation_mark = 20,
     reply_filler = 0xAB,
     lcd_text_max = 62,
-    picture_columns = 128,
-    picture_row_bytes = picture_columns / 8,
-    picture_bands = 8,
+    image_columns = 128,
+    image_row_bytes = image_columns / 8,
+    image_bands = 8,
     columns_per_write = 32,
 };
 
@@ -182,7 +182,7 @@ static uint8_t _band_column(const uint8_t *image, int band, int x)
 {
     int column = 0;
     for (int k = 0; k < 8; k++) {
-        uint8_t eight_pixels = image[(8 * band + k) * picture_row_bytes + x / 8];
+        uint8_t eight_pixels = image[(8 * band + k) * image_row_bytes + x / 8];
         column |= (eight_pixels >> x % 8 & 1) << k;
     }
     return (uint8_t)column;
@@ -190,9 +190,9 @@ static uint8_t _band_column(const uint8_t *image, int band, int x)
 
 void qel_h8_gfx_draw_bitmap(const uint8_t *image)
 {
-    for (int band = 0; band < picture_bands; band++) {
+    for (int band = 0; band < image_bands; band++) {
         qel_h8_gfx_set_address((uint8_t)band, 0);
-        for (int x = 0; x < picture_columns; x += columns_per_write) {
+        for (int x = 0; x < image_columns; x += columns_per_write) {
             uint8_t columns[columns_per_write];
             for (int i = 0; i < columns_per_write; i++)
                 columns[i] = _band_column(image, band, x + i);

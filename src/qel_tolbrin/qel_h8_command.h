@@ -13,7 +13,7 @@
 
 /// Sends `command` (1 byte or more) and reads up to `reply_len` bytes into `reply` unless that is null;
 /// bytes that the reply does not fill hold 0xAB. A short read ends the reply. A command of more than 64
-/// bytes goes out in records: 64-byte ones that begin with the byte 20, and last one that begins with the
+/// bytes goes out in records: 64-byte ones that begin with the byte 20, and a last one that begins with the
 /// command number.
 /// Stops on a null or empty command ("command", "command_len > 0"), a failed open ("f != -1"), a write
 /// that is not taken whole ("n == len"; "n == bytes_to_write" in records) and a failed read ("n >= 0").
@@ -54,7 +54,7 @@ int qel_h8_gfx_set_address(uint8_t band, uint8_t column);
 /// Stops on null ("data") and on a length of 0 ("len > 0").
 int qel_h8_gfx_write(const uint8_t *data, uint8_t len);
 
-/// Draws a picture of 128 x 64 pixels. `image` holds its rows one after another, top row first, 16 bytes
+/// Draws an image of 128 x 64 pixels. `image` holds its rows one after another, top row first, 16 bytes
 /// each; the leftmost pixel of a byte is its bit 0. Sends 8 addresses and 32 writes.
 void qel_h8_gfx_draw_bitmap(const uint8_t *image);
 

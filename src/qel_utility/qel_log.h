@@ -37,6 +37,7 @@
 /// sum of the squares of the name's characters, modulo 65536, least significant letter first.
 void qel_location_code(const char *file, int line, char *code, int size);
 
+/// What QEL_FATAL_ERROR calls; not for direct use.
 [[noreturn]] __attribute__((format(printf, 4, 5))) void
 _qel_fatal_error(const char *file, int line, const char *function, const char *format, ...);
 

@@ -73,7 +73,7 @@ void qel_str_normalize_spaces(char *s)
 
 /// Appends the text from `text` up to `end` behind the `count` characters already put out, storing what
 /// fits. Returns the new count.
-static int _emit(char *dst, int dst_size, int count, const char *text, const char *end)
+static unsigned _emit(char *dst, unsigned dst_size, unsigned count, const char *text, const char *end)
 {
     for (; text != end; text++, count++) {
         if (count < dst_size)
@@ -91,14 +91,15 @@ int qel_str_replace(const char *src, char *dst, int dst_size, const char *patter
     QEL_ASSERT(replacement);
 
     memset(dst, 0, (size_t)dst_size);
-    int count = 0;
+    unsigned size = (unsigned)dst_size;
+    unsigned count = 0;
     const char *match;
     while ((match = strstr(src, pattern))) {
-        count = _emit(dst, dst_size, count, src, match);
-        count = _emit(dst, dst_size, count, replacement, replacement + strlen(replacement));
+        count = _emit(dst, size, count, src, match);
+        count = _emit(dst, size, count, replacement, replacement + strlen(replacement));
         src = match + strlen(pattern);
     }
-    return _emit(dst, dst_size, count, src, src + strlen(src)) + 1;
+    return (int)_emit(dst, size, count, src, src + strlen(src)) + 1;
 }
 
 // ---- File names ----

@@ -50,12 +50,6 @@ static void _call_hook()
         qel_fs_hook();
 }
 
-/// Follows links. Returns 1 with `*status` filled, or 0.
-static int _stat(const char *path, struct stat *status)
-{
-    return stat(path, status) == 0;
-}
-
 // ---- Keep-alive hook ----
 
 void (*qel_fs_hook)(void);
@@ -93,7 +87,7 @@ int qel_exists(const char *path)
     QEL_REQUIRE_ABSOLUTE_AT(415, path);
 
     struct stat status;
-    return _stat(path, &status);
+    return stat(path, &status) == 0;
 }
 
 int qel_file_exists(const char *file)
@@ -102,7 +96,7 @@ int qel_file_exists(const char *file)
     QEL_REQUIRE_ABSOLUTE_AT(1082, file);
 
     struct stat status;
-    return _stat(file, &status);
+    return stat(file, &status) == 0;
 }
 
 int qel_file_is_dir(const char *file)
@@ -111,7 +105,7 @@ int qel_file_is_dir(const char *file)
     QEL_REQUIRE_ABSOLUTE_AT(1094, file);
 
     struct stat status;
-    return _stat(file, &status) && (status.st_mode & folder_bit) != 0;
+    return stat(file, &status) == 0 && (status.st_mode & folder_bit) != 0;
 }
 
 int find_file_no_case(const char *folder, const char *search_name, char *result_path, int result_path_size)
@@ -276,7 +270,7 @@ int qel_get_folder_size_with_threshold(const char *path, int64_t threshold, int6
     QEL_ASSERT_AT(646, size);
 
     struct stat status;
-    if (!_stat(path, &status))
+    if (stat(path, &status))
         return 1;
     *size += status.st_size;
     if (threshold != 0 && *size > threshold)

@@ -87,7 +87,7 @@ unsigned qel_write_block(const void *buf, unsigned count, FILE *file);
 /// Returns 1 when completed, 0 when stopped at the threshold.
 int qel_get_folder_size_with_threshold(const char *path, int64_t threshold, int64_t *size);
 
-/// Returns the size in bytes of everything below `path`.
+/// Returns the size in bytes of `path` and everything below it.
 int64_t qel_get_folder_size(const char *path);
 
 /// Measures the file system that holds, or would hold, `path`: the nearest existing parent is taken.

@@ -2,6 +2,9 @@
 /// only, so that a check reports the function in which it stands.
 #pragma once
 
+#include "qel_utility/qel_filesystem/paths.h"
+#include "qel_utility/qel_log.h"
+
 #include <dirent.h>
 
 /// Stops the program with a fatal error at `line` unless `path` is absolute. Null stops with "s" (235).

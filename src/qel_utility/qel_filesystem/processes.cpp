@@ -57,8 +57,8 @@ static void _exec(const char *path, const char *const argv[], const char *const 
 }
 
 /// Starts the program with `input_text` on its standard input. Returns its pid; the caller closes `ends`.
-static pid_t _start(const char *path, const char *const argv[], const char *const envp[],
-                    const char *input_text, int ends[2], const struct _start_lines *lines)
+static pid_t _start_with_input(const char *path, const char *const argv[], const char *const envp[],
+                               const char *input_text, int ends[2], const struct _start_lines *lines)
 {
     _make_socket_pair(ends, lines->socketpair);
     pid_t pid = fork();
@@ -92,7 +92,7 @@ void qel_exec_wait_checked(const char *path, const char *const argv[], const cha
                            const char *input_text)
 {
     int ends[2];
-    pid_t pid = _start(path, argv, envp, input_text, ends, &checked_lines);
+    pid_t pid = _start_with_input(path, argv, envp, input_text, ends, &checked_lines);
     int status = 0;
     while (waitpid(pid, &status, 0) != pid)
         ;
@@ -111,7 +111,7 @@ void qel_exec_wait(const char *path, const char *const argv[], const char *const
                    const char *input_text)
 {
     int ends[2];
-    pid_t pid = _start(path, argv, envp, input_text, ends, &unchecked_lines);
+    pid_t pid = _start_with_input(path, argv, envp, input_text, ends, &unchecked_lines);
     _wait_unjudged(pid, path);
     _close_both(ends);
 }

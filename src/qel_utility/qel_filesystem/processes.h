@@ -3,7 +3,7 @@
 /// Programs are started with fork and execve, never through a shell, with a full path, an explicit
 /// argument list (null-terminated, the path first) and an explicit environment (null for none). Their
 /// standard input is one end of a local socket pair; everything else that is open they inherit. A child
-/// whose program cannot be started parks like any stopped program, and its parent waits for it.
+/// whose program cannot be started parks like any stopped program, and its parent waits for it for ever.
 #pragma once
 
 /// Runs Windows programs.
@@ -27,7 +27,10 @@ void qel_exec_wait(const char *path, const char *const argv[], const char *const
 
 /// Runs a program under Wine with `arg_count` further arguments and no input, and returns the output of
 /// its first write: exactly one read of at most 10239 bytes is made, the rest is lost. Waits for the end.
-/// Stops when a socket pair (1731, 1734), the exec, in the child (1744) or the fork (1746) fails.
+/// Deliberate: the read has no other end than output, so a program that prints nothing blocks the caller
+/// for ever.
+/// Stops when a socket pair (1731, 1734), the exec, in the child (1744) or the fork (1746) fails, and if
+/// a read ever gave more than it was asked for (1762).
 /// Returns a static buffer, NUL-terminated, that the next call overwrites.
 const char *qel_wine_exec_capture(const char *program, const char *const args[], int arg_count);
 

@@ -9,6 +9,7 @@
 
 #include <errno.h>
 #include <fnmatch.h>
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -201,6 +202,14 @@ int _qel_cpdirtree(const char *src, const char *dst, int replace)
     return _qel_cpdirtree_with_foo(src, dst, replace, nullptr, 0);
 }
 
+/// Has `create` make folders of a text that it may not change; the result is of no interest.
+static void _create(int (*create)(char *), const char *path)
+{
+    char writable[PATH_MAX];
+    snprintf(writable, sizeof writable, "%s", path);
+    create(writable);
+}
+
 int qel_cpdirtree_with_foo(const char *src, const char *dst_folder, const struct qel_copy_foo *copy_foo,
                            int copy_foo_count)
 {
@@ -213,9 +222,7 @@ int qel_cpdirtree_with_foo(const char *src, const char *dst_folder, const struct
     _qel_join_path(target, sizeof target, dst_folder, _qel_base_name(src));
     if (!qel_rmdirtree(target))
         return 0;
-    char parents[path_bytes];
-    snprintf(parents, sizeof parents, "%s", dst_folder);
-    qel_create_folder_and_parents(parents);
+    _create(qel_create_folder_and_parents, dst_folder);
     return _qel_cpdirtree_with_foo(src, target, 1, copy_foo, copy_foo_count);
 }
 
@@ -229,14 +236,6 @@ static void _print_copying_contents(const char *src, const char *dst)
     printf("copying contents of \"%s\" to inside of folder \"%s\"...\n", src, dst);
 }
 
-/// qel_create_parent_folder_and_parents for a text that may not be written.
-static void _create_parents(const char *path)
-{
-    char writable[path_bytes];
-    snprintf(writable, sizeof writable, "%s", path);
-    qel_create_parent_folder_and_parents(writable);
-}
-
 int qel_cpdircontents(const char *src, const char *dst)
 {
     _print_copying_contents(src, dst);
@@ -245,7 +244,7 @@ int qel_cpdircontents(const char *src, const char *dst)
 
     if (!qel_rmdirtree(dst))
         return 0;
-    _create_parents(dst);
+    _create(qel_create_parent_folder_and_parents, dst);
     return _qel_cpdirtree(src, dst, 1);
 }
 
@@ -255,6 +254,6 @@ int qel_mergedircontents(const char *src, const char *dst)
     QEL_REQUIRE_ABSOLUTE_AT(1315, src);
     QEL_REQUIRE_ABSOLUTE_AT(1316, dst);
 
-    _create_parents(dst);
+    _create(qel_create_parent_folder_and_parents, dst);
     return _qel_cpdirtree(src, dst, 0);
 }

@@ -2,8 +2,14 @@
 ///
 /// All walks take entries in directory order and never sort; which entries are folders is read from the
 /// directory listing, so links are never entered unless said otherwise. A failing entry does not end a
-/// walk: it makes the result 0, and what was done stays. Depth is bounded by the stack and by the number
-/// of open handles only. Trees must not change during a walk.
+/// walk: it makes the result 0, and what was done stays. Trees must not change during a walk.
+///
+/// Every folder of a walk is checked like the first: one whose name breaks the path rules (paths.h) stops
+/// the program, as does such a file in a copy. Other entries are removed without a check.
+///
+/// Depth is bounded by the stack and the number of open handles; paths are cut at 512 bytes, in the search
+/// at 1000. Keep trees below that: a path cut in the wrong place names a folder above it, and the walk
+/// goes round until the stack is used up.
 #pragma once
 
 #include <stdint.h>
@@ -49,6 +55,8 @@ void qel_recurse_files_in_folder(const char *src, const char *dst_root,
                                  void *user);
 
 // ---- Copying ----
+//
+// Copies follow links: a link to a file becomes a file, a link to a folder a folder.
 
 /// A filter rule of a tree copy. `pattern` is an fnmatch pattern for the whole source path ("*" spans
 /// "/"); one that begins with neither "/" nor "*" matches the last components ("foo" means "*/foo").
@@ -59,7 +67,7 @@ struct qel_copy_foo {
 };
 
 /// Copies the tree `src` into `dst_folder` under its own name, replacing what stood there. A file must
-/// pass every rule; leaving out counts as success. Links are followed, files end with mode 0777.
+/// pass every rule; leaving out counts as success. Files end with mode 0777.
 /// Prints "copying dir tree ..." first. Stops when `src` (1223) or `dst_folder` (1224) is not absolute,
 /// or rules are counted but missing (1225). Paths are cut at 512 bytes.
 /// Returns 1 when everything was copied, else 0.
