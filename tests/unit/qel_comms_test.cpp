@@ -1,0 +1,563 @@
+// The packet link between a transport and a receiver that the test plays. The CRCs in the literals were
+// computed by hand-written shifting of single bits; "A", 256 x "A" and "123456789" are published values.
+
+#include "support/bytes.h"
+#include "support/fake_kernel.h"
+#include "support/fresh_process.h"
+#include "support/stops.h"
+
+#include "qel_tolbrin/qel_comms.h"
+
+#include <gmock/gmock.h>
+#include <string.h>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+static constexpr const char *comms_unit = "qel_tolbrin/qel_comms";
+
+/// The bytes 01 02 03 ... in order.
+static Bytes counting(size_t size)
+{
+    Bytes bytes(size);
+    for (size_t at = 0; at < size; at++)
+        bytes[at] = static_cast<uint8_t>(at + 1);
+    return bytes;
+}
+
+/// A link of packet size 35 whose transport and receiver are the test.
+class Comms : public testing::Test
+{
+  protected:
+    explicit Comms(int packet_size = 35)
+        : comms(qel_comms_create(packet_size, begin_packet, end_packet, this, poll_transport, this))
+    {
+        qel_comms_set_receiver(comms, receive, this);
+    }
+    ~Comms() override
+    {
+        free(comms);
+    }
+
+    int send(const Bytes &message)
+    {
+        return qel_comms_send(comms, message.data(), static_cast<int>(message.size()));
+    }
+
+    /// Feeds a packet in, in a buffer of 64 bytes as the transport's, filled up with EE.
+    int feed(const std::string &packet)
+    {
+        const Bytes bytes = bytes_of(packet);
+        uint8_t buffer[64];
+        memset(buffer, 0xEE, sizeof buffer);
+        memcpy(buffer, bytes.data(), bytes.size());
+        return qel_comms_receive_packet(comms, buffer, static_cast<int>(bytes.size()));
+    }
+
+    /// Feeds in the packets that were sent.
+    void feed_back()
+    {
+        for (const std::string &packet : packets)
+            feed(packet);
+    }
+
+    static void *begin_packet(void *test)
+    {
+        auto *self = static_cast<Comms *>(test);
+        self->begun++;
+        memset(self->tx_buffer, 0xDD, sizeof self->tx_buffer);
+        return self->tx_buffer;
+    }
+    static int end_packet(void *test, void *packet, int len, int more_follows)
+    {
+        auto *self = static_cast<Comms *>(test);
+        EXPECT_EQ(packet, self->tx_buffer);
+        self->packets.push_back(hex_of(packet, static_cast<size_t>(len)));
+        self->more.push_back(more_follows);
+        return self->end_results.empty() ? len : self->end_results.at(self->packets.size() - 1);
+    }
+    static int poll_transport(void *test)
+    {
+        return ++static_cast<Comms *>(test)->polls;
+    }
+    static void receive(void *test, const void *message, int len)
+    {
+        static_cast<Comms *>(test)->messages.push_back(hex_of(message, static_cast<size_t>(len)));
+    }
+
+    qel_comms *comms;
+    uint8_t tx_buffer[1000];
+    int begun = 0;
+    int polls = 0;
+    std::vector<std::string> packets; ///< sent
+    std::vector<int> more;            ///< and whether more were to follow
+    std::vector<int> end_results;     ///< what the transport answers; the length when empty
+    std::vector<std::string> messages;
+};
+
+// ---- Making a link ----
+
+TEST_F(Comms, KeepsWhatItIsMadeOf)
+{
+    EXPECT_EQ(comms->packet_size_max, 35);
+    EXPECT_EQ(comms->packet_send_begin, begin_packet);
+    EXPECT_EQ(comms->packet_send_end, end_packet);
+    EXPECT_EQ(comms->send_ctx, this);
+    EXPECT_EQ(comms->poll, poll_transport);
+    EXPECT_EQ(comms->poll_ctx, this);
+}
+
+TEST_F(Comms, HasNoReceiverAtFirst)
+{
+    qel_comms *other = qel_comms_create(7, begin_packet, end_packet, nullptr, nullptr, nullptr);
+    EXPECT_EQ(other->recv, nullptr);
+    EXPECT_EQ(other->recv_ctx, nullptr);
+    EXPECT_EQ(other->poll, nullptr);
+    free(other);
+}
+
+TEST_F(Comms, NeedsAPacketSizeAbove6AndBothSendCallbacks)
+{
+    EXPECT_STOPS_ON("max_packet_size > 6", comms_unit,
+                    qel_comms_create(6, begin_packet, end_packet, this, poll_transport, this));
+    EXPECT_STOPS_ON("max_packet_size > 6", comms_unit,
+                    qel_comms_create(-35, nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_STOPS_ON("packet_send_begin", comms_unit,
+                    qel_comms_create(35, nullptr, nullptr, this, poll_transport, this));
+    EXPECT_STOPS_ON("packet_send_end", comms_unit,
+                    qel_comms_create(35, begin_packet, nullptr, this, poll_transport, this));
+}
+
+TEST_F(Comms, SendsThroughTheSenderThatWasSetLast)
+{
+    static uint8_t buffer[35];
+    int sent = 0;
+    qel_comms_set_sender(
+        comms, [](void *) -> void * { return buffer; },
+        [](void *context, void *bytes, int, int) {
+            EXPECT_EQ(bytes, buffer);
+            return 4710 + ++*static_cast<int *>(context);
+        },
+        &sent);
+    EXPECT_EQ(send(counting(1)), 4711);
+    EXPECT_THAT(packets, IsEmpty());
+}
+
+TEST_F(Comms, PollsTheTransportAndReturnsItsResult)
+{
+    EXPECT_EQ(qel_comms_poll(comms), 1);
+    EXPECT_EQ(qel_comms_poll(comms), 2);
+}
+
+TEST_F(Comms, CannotPollWithoutAPollCallback)
+{
+    comms->poll = nullptr;
+    EXPECT_STOPS_ON("comms->poll", comms_unit, qel_comms_poll(comms));
+}
+
+// ---- Sending ----
+
+TEST_F(Comms, SendsAMessageOf29BytesAsOneFullPacket)
+{
+    send(counting(29));
+    EXPECT_THAT(packets, ElementsAre(hex("00 00 00 1D DF 39 "
+                                         "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 "
+                                         "11 12 13 14 15 16 17 18 19 1A 1B 1C 1D")));
+    EXPECT_THAT(more, ElementsAre(0));
+}
+
+TEST_F(Comms, SendsThe30thByteInAContinuation)
+{
+    send(counting(30));
+    EXPECT_THAT(packets, ElementsAre(hex("00 00 00 1E F0 6D "
+                                         "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 "
+                                         "11 12 13 14 15 16 17 18 19 1A 1B 1C 1D"),
+                                     "80 1E"));
+    EXPECT_THAT(more, ElementsAre(1, 0));
+}
+
+TEST_F(Comms, SendsASingleByteAsAPacketOf7)
+{
+    send(counting(1));
+    EXPECT_THAT(packets, ElementsAre("00 00 00 01 DC BD 01"));
+    EXPECT_THAT(more, ElementsAre(0));
+}
+
+TEST_F(Comms, Cuts100BytesInto29And34And34And3)
+{
+    end_results = {1, 2, 3, 4};
+    EXPECT_EQ(send(counting(100)), 4); // the result of the last packet alone
+    std::vector<size_t> sizes;
+    for (const std::string &sent : packets)
+        sizes.push_back(bytes_of(sent).size());
+    EXPECT_THAT(sizes, ElementsAre(35U, 35U, 35U, 4U));
+    EXPECT_THAT(more, ElementsAre(1, 1, 1, 0));
+    EXPECT_EQ(packets[0].substr(0, 17), "00 00 00 64 43 DD");
+    EXPECT_EQ(packets[1].substr(0, 5), "80 1E");
+    EXPECT_EQ(packets[2].substr(0, 5), "80 40");
+    EXPECT_EQ(packets[3], "80 62 63 64");
+}
+
+TEST_F(Comms, ThatFillItsPacketsExactlyAreFollowedByNoEmptyOne)
+{
+    send(counting(63)); // 29 + 34
+    EXPECT_THAT(more, ElementsAre(1, 0));
+    EXPECT_EQ(bytes_of(packets[1]).size(), 35U);
+}
+
+TEST_F(Comms, WritesLengthAndCrcHighByteFirst)
+{
+    send(counting(300)); // 01 ... FF 00 01 ... 2C
+    EXPECT_EQ(packets[0].substr(0, 17), "00 00 01 2C 0D 8D");
+}
+
+TEST_F(Comms, GoesOnWhateverTheTransportSays)
+{
+    end_results = {-1, 0, -1, -5};
+    EXPECT_EQ(send(counting(100)), -5);
+    EXPECT_EQ(packets.size(), 4U);
+}
+
+TEST_F(Comms, AsksForABufferForEveryPacket)
+{
+    send(counting(100));
+    EXPECT_EQ(begun, 4);
+}
+
+TEST_F(Comms, OfTheSmallestPacketSizeSendsOneByteFirstThenSix)
+{
+    comms->packet_size_max = 7;
+    send(counting(8));
+    EXPECT_THAT(packets, ElementsAre("00 00 00 08 97 95 01", "80 02 03 04 05 06 07", "80 08"));
+}
+
+TEST_F(Comms, RefusesToSendNothing)
+{
+    const uint8_t byte = 1;
+    EXPECT_STOPS_ON("data", comms_unit, qel_comms_send(comms, nullptr, 1));
+    EXPECT_STOPS_ON("len", comms_unit, qel_comms_send(comms, &byte, 0));
+    EXPECT_STOPS_ON("len <= 0x7FFFFFFFUL", comms_unit, qel_comms_send(comms, &byte, -1));
+    EXPECT_STOPS_ON("len <= 0x7FFFFFFFUL", comms_unit, qel_comms_send(comms, &byte, INT32_MIN));
+    EXPECT_STOPS_ON("comms", comms_unit, qel_comms_send(nullptr, &byte, 1));
+}
+
+TEST_F(Comms, RefusesToSendWithoutSendCallbacks)
+{
+    const uint8_t byte = 1;
+    comms->packet_send_end = nullptr;
+    EXPECT_STOPS_ON("comms->packet_send_end", comms_unit, qel_comms_send(comms, &byte, 1));
+    comms->packet_send_begin = nullptr;
+    EXPECT_STOPS_ON("comms->packet_send_begin", comms_unit, qel_comms_send(comms, &byte, 1));
+}
+
+TEST_F(Comms, ChecksTheMessageBeforeTheLink)
+{
+    EXPECT_STOPS_ON("data", comms_unit, qel_comms_send(nullptr, nullptr, 0));
+    EXPECT_STOPS_ON("len", comms_unit, qel_comms_send(nullptr, "x", 0));
+}
+
+// ---- Receiving ----
+
+/// The link as the receiving side.
+class CommsReceive : public Comms
+{
+};
+
+TEST_F(CommsReceive, DeliversAMessageOfOnePacketAtOnce)
+{
+    EXPECT_EQ(feed("00 00 00 05 32 AC 'hello'"), 0);
+    EXPECT_THAT(messages, ElementsAre(hex("'hello'")));
+}
+
+TEST_F(CommsReceive, PutsPacketsTogetherAndReturnsTheLengthMeanwhile)
+{
+    const std::string first = "00 00 00 24 DA 57 55*29"; // 36 bytes of 55
+    EXPECT_EQ(feed(first), 36);
+    EXPECT_THAT(messages, IsEmpty());
+    EXPECT_EQ(feed("80 55*7"), 0);
+    EXPECT_THAT(messages, ElementsAre("55*36"));
+}
+
+TEST_F(CommsReceive, TakesBackWhatItSentForEveryLength)
+{
+    for (size_t size = 1; size <= 300; size++) {
+        packets.clear();
+        messages.clear();
+        send(counting(size));
+        feed_back();
+        ASSERT_THAT(messages, ElementsAre(hex_of(counting(size)))) << size << " bytes";
+    }
+}
+
+TEST_F(CommsReceive, TakesAnyTopBitForAContinuation)
+{
+    feed("00 00 00 24 DA 57 55*29");
+    EXPECT_EQ(feed("FF 55*7"), 0);
+    EXPECT_THAT(messages, ElementsAre("55*36"));
+}
+
+TEST_F(CommsReceive, IgnoresAContinuationWithoutAMessage)
+{
+    feed("00 00 00 05 32 AC 'hello'");
+    EXPECT_EQ(feed("80 55*34"), 0);
+    EXPECT_EQ(feed("80"), 0);
+    EXPECT_EQ(feed("00 00 00 05 32 AC 'hello'"), 0);
+    EXPECT_THAT(messages, ElementsAre(hex("'hello'"), hex("'hello'")));
+}
+
+TEST_F(CommsReceive, IgnoresAContinuationBeforeTheFirstMessageEver)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_EQ(feed("80 55*34"), 0);
+    EXPECT_THAT(messages, IsEmpty());
+}
+
+TEST_F(CommsReceive, DropsAMessageWithAWrongCrcWithoutAWord)
+{
+    EXPECT_EQ(feed("00 00 00 05 32 AD 'hello'"), 0);
+    EXPECT_EQ(feed("00 00 00 05 33 AC 'hello'"), 0);
+    EXPECT_EQ(feed("00 00 00 05 32 AC 'hellp'"), 0);
+    EXPECT_THAT(messages, IsEmpty());
+    EXPECT_EQ(feed("00 00 00 05 32 AC 'hello'"), 0);
+    EXPECT_THAT(messages, ElementsAre(hex("'hello'")));
+}
+
+TEST_F(CommsReceive, IsIdleAfterADroppedMessage)
+{
+    feed("00 00 00 24 DA 56 55*29");
+    EXPECT_EQ(feed("80 55*7"), 0);
+    EXPECT_EQ(feed("80 55*7"), 0);
+    EXPECT_THAT(messages, IsEmpty());
+}
+
+TEST_F(CommsReceive, StartsOverWithAFirstPacketInTheMiddleOfAMessage)
+{
+    EXPECT_EQ(feed("00 00 00 24 DA 57 55*29"), 36);
+    EXPECT_EQ(feed("00 00 00 05 32 AC 'hello'"), 0);
+    EXPECT_EQ(feed("80 55*7"), 0); // the rest of the first one belongs to nothing
+    EXPECT_THAT(messages, ElementsAre(hex("'hello'")));
+}
+
+TEST_F(CommsReceive, TakesAFirstPacketThatSaysMoreThanItHolds)
+{
+    EXPECT_EQ(feed("01 02 03 04 12 34 'x'"), 0x01020304);
+    EXPECT_EQ(feed("00 00 00 05 32 AC 'hello'"), 0);
+    EXPECT_THAT(messages, ElementsAre(hex("'hello'")));
+}
+
+// The receiver takes full packets for granted: the sender makes no others.
+TEST_F(CommsReceive, CopiesWhatLiesBehindAShortFirstPacket)
+{
+    // 20 of 36 bytes, then 9 of what is left in the buffer (EE); CRC of 55*20 EE*9 55*7
+    EXPECT_EQ(feed("00 00 00 24 FC 3C 55*20"), 36);
+    EXPECT_EQ(feed("80 55*7"), 0);
+    EXPECT_THAT(messages, ElementsAre("55*20 EE*9 55*7"));
+}
+
+TEST_F(CommsReceive, CopiesWhatLiesBehindAShortContinuation)
+{
+    // CRC of 55*29 56 EE*33 57
+    EXPECT_EQ(feed("00 00 00 40 56 6E 55*29"), 64);
+    EXPECT_EQ(feed("80 56"), 64);
+    EXPECT_EQ(feed("80 57"), 0);
+    EXPECT_THAT(messages, ElementsAre("55*29 56 EE*33 57"));
+}
+
+TEST_F(CommsReceive, DoesNotMindBytesBehindTheEndOfTheMessage)
+{
+    EXPECT_EQ(feed("00 00 00 05 32 AC 'hello' 99 99 99"), 0);
+    EXPECT_THAT(messages, ElementsAre(hex("'hello'")));
+}
+
+TEST_F(CommsReceive, TakesAMessageOfLength0ForNothingOnceThereIsABuffer)
+{
+    feed("00 00 00 05 32 AC 'hello'");
+    feed("00 00 00 24 DA 57 55*29");
+    EXPECT_EQ(feed("00 00 00 00 1D 0F 00"), 0);
+    EXPECT_EQ(feed("80 55*7"), 0); // it ended the message in progress
+    EXPECT_THAT(messages, ElementsAre(hex("'hello'")));
+}
+
+TEST_F(CommsReceive, StopsOnAMessageOfLength0BeforeAnyOther)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("buf", comms_unit, feed("00 00 00 00 1D 0F 00"));
+}
+
+TEST_F(CommsReceive, KeepsItsBufferForShorterMessages)
+{
+    if (!in_fresh_process())
+        return;
+    static const void *last_buffer;
+    qel_comms_set_receiver(
+        comms, [](void *, const void *message, int) { last_buffer = message; }, nullptr);
+    send(counting(300));
+    feed_back();
+    const void *first_buffer = last_buffer;
+    last_buffer = nullptr;
+    feed("00 00 00 05 32 AC 'hello'");
+    EXPECT_EQ(last_buffer, first_buffer);
+}
+
+TEST_F(CommsReceive, PassesItsContextToTheReceiver)
+{
+    static void *context;
+    qel_comms_set_receiver(
+        comms, [](void *recv_ctx, const void *, int) { context = recv_ctx; }, &messages);
+    feed("00 00 00 05 32 AC 'hello'");
+    EXPECT_EQ(context, &messages);
+}
+
+TEST_F(CommsReceive, StopsOnAFirstPacketOf6Bytes)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("len > 6", comms_unit, feed("00 00 00 05 32 AC"));
+}
+
+TEST_F(CommsReceive, StopsOnAPacketThatIsTooLong)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("len <= comms->packet_size_max", comms_unit, feed("00 00 00 24 DA 57 55*30"));
+}
+
+TEST_F(CommsReceive, StopsOnAnEmptyPacket)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("len > 0", comms_unit, feed(""));
+}
+
+TEST_F(CommsReceive, StopsWithoutAPacket)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("packet", comms_unit, qel_comms_receive_packet(comms, nullptr, 7));
+}
+
+TEST_F(CommsReceive, StopsWithoutALink)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("comms", comms_unit, qel_comms_receive_packet(nullptr, "\x80", 1));
+}
+
+TEST_F(CommsReceive, StopsWithoutAReceiver)
+{
+    if (!in_fresh_process())
+        return;
+    comms->recv = nullptr;
+    EXPECT_STOPS_ON("comms->recv", comms_unit, feed("80"));
+}
+
+TEST_F(CommsReceive, StopsOnAReceiverThatFeedsAPacketIn)
+{
+    if (!in_fresh_process())
+        return;
+    qel_comms_set_receiver(
+        comms, [](void *link, const void *, int) { qel_comms_receive_packet(link, "\x80", 1); }, comms);
+    EXPECT_STOPS_ON("!reenter", comms_unit, feed("00 00 00 05 32 AC 'hello'"));
+}
+
+TEST_F(CommsReceive, LetsTheReceiverSend)
+{
+    qel_comms_set_receiver(
+        comms, [](void *link, const void *message, int len) { qel_comms_send(link, message, len); }, comms);
+    feed("00 00 00 05 32 AC 'hello'");
+    EXPECT_THAT(packets, ElementsAre(hex("00 00 00 05 32 AC 'hello'")));
+}
+
+// ---- CRC ----
+
+/// The definition: every bit shifted in at the bottom, then 16 zeros.
+static uint16_t bit_by_bit(uint16_t crc, const Bytes &bytes)
+{
+    for (const uint8_t byte : bytes) {
+        for (int bit = 7; bit >= 0; bit--) {
+            const int top = crc & 0x8000;
+            crc = static_cast<uint16_t>(crc << 1 | (byte >> bit & 1));
+            if (top)
+                crc ^= 0x1021;
+        }
+    }
+    return crc;
+}
+
+TEST(Crc16, HasThePublishedValues)
+{
+    EXPECT_EQ(qel_crc16("123456789", 9), 0xE5CC);
+    EXPECT_EQ(qel_crc16("", 0), 0x1D0F);
+    EXPECT_EQ(qel_crc16("A", 1), 0x9479);
+    EXPECT_EQ(qel_crc16(std::string(256, 'A').data(), 256), 0xE938);
+}
+
+TEST(Crc16, IsTheBitwiseDefinitionForEveryLengthAndAlignment)
+{
+    Bytes bytes(700);
+    uint32_t state = 1;
+    for (uint8_t &byte : bytes)
+        byte = static_cast<uint8_t>((state = state * 1103515245 + 12345) >> 16);
+    for (size_t length = 0; length <= 600; length++) {
+        const auto start = bytes.begin() + static_cast<long>(length % 19);
+        const Bytes message(start, start + static_cast<long>(length));
+        ASSERT_EQ(qel_crc16(&*start, static_cast<int>(length)),
+                  bit_by_bit(bit_by_bit(0xFFFF, message), {0, 0}))
+            << length << " bytes";
+    }
+}
+
+TEST(Crc16, StartsWithAllOnes)
+{
+    EXPECT_EQ(qel_crc16_init(), 0xFFFF);
+}
+
+TEST(Crc16, IsTheSameInPieces)
+{
+    uint16_t crc = qel_crc16_init();
+    crc = qel_crc16_update(crc, "1", 1);
+    EXPECT_EQ(crc, bit_by_bit(0xFFFF, {'1'}));
+    crc = qel_crc16_update(crc, "23456", 5);
+    EXPECT_EQ(crc, bit_by_bit(0xFFFF, bytes_of("'123456'")));
+    EXPECT_EQ(qel_crc16_update_final(crc, "789", 3), 0xE5CC);
+    crc = qel_crc16_update(crc, "789", 3);
+    EXPECT_EQ(qel_crc16_final(crc), 0xE5CC);
+}
+
+TEST(Crc16, OfAnyRegisterAndByteIsOneShiftOf8Bits)
+{
+    for (int crc = 0; crc <= 0xFFFF; crc += 7) {
+        const uint8_t byte = static_cast<uint8_t>(crc * 31 >> 3);
+        ASSERT_EQ(qel_crc16_update(static_cast<uint16_t>(crc), &byte, 1),
+                  bit_by_bit(static_cast<uint16_t>(crc), {byte}));
+    }
+}
+
+TEST(Crc16, OfNoBytesLeavesTheRegisterUnchanged)
+{
+    EXPECT_EQ(qel_crc16_update(0x1234, "x", 0), 0x1234);
+    EXPECT_EQ(qel_crc16_update(0x1234, nullptr, 0), 0x1234);
+}
+
+TEST(Crc16, FinallyShifts16ZeroBitsThrough)
+{
+    EXPECT_EQ(qel_crc16_final(0xFFFF), 0x1D0F);
+    EXPECT_EQ(qel_crc16_final(0x0000), 0x0000);
+    EXPECT_EQ(qel_crc16_final(0x0001), 0x1021);
+    EXPECT_EQ(qel_crc16_update_final(0xFFFF, nullptr, 0), 0x1D0F);
+}
+
+TEST(Crc16, ValueIsTheRegisterUnchanged)
+{
+    EXPECT_EQ(qel_crc16_value(0xE5CC), 0xE5CC);
+    EXPECT_EQ(qel_crc16_value(0), 0);
+}
+
+TEST(Crc16, MakesItsTablesWhicheverFunctionComesFirst)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_EQ(qel_crc16_final(0xFFFF), 0x1D0F);
+}
