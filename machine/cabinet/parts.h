@@ -1,0 +1,18 @@
+// Where the pieces of a cabinet are that other builds make: the loader, the kernel and the programs that
+// run inside the machine.
+#pragma once
+
+#include <string>
+
+struct Parts {
+    std::string loader;        ///< the stripped static loader
+    std::string kernel_folder; ///< holds vmlinux, bzImage and gen_init_cpio (machine/kernel/build.sh)
+    std::string first_program; ///< /init of the RAM disk
+    std::string xfake;
+    std::string sample_application;
+    std::string work_folder; ///< where images that can be used again are kept
+};
+
+/// The parts of this source tree; QEL_LOADER in the environment names another loader. Throws
+/// std::runtime_error when one is missing, with the command that makes it.
+Parts find_parts();

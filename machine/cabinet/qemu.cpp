@@ -1,0 +1,132 @@
+// QEMU as a process. Emulation only: a /dev/kvm may exist and still hang every kernel. The internal disk is
+// a virtio disk that the kernel calls hdc, so that the first USB stick is sda.
+
+#include "qemu.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <stdexcept>
+
+namespace
+{
+
+using Words = std::vector<std::string>;
+
+void add(Words &words, const Words &more)
+{
+    words.insert(words.end(), more.begin(), more.end());
+}
+
+void add_boot(Words &words, const CabinetSetup &setup)
+{
+    if (setup.kernel.empty())
+        return;
+    add(words, {"-kernel", setup.kernel, "-append", setup.kernel_words + " " + setup.loader_words});
+    if (!setup.ram_disk.empty())
+        add(words, {"-initrd", setup.ram_disk});
+}
+
+void add_disks(Words &words, const CabinetSetup &setup)
+{
+    const char *drive = "if=none,format=raw,cache=unsafe,id=";
+    std::string stick_first = setup.start_from_stick ? "1" : "2",
+                disk_first = setup.start_from_stick ? "2" : "1";
+    if (!setup.internal_disk.empty())
+        add(words, {"-drive", drive + ("internal,file=" + setup.internal_disk), "-device",
+                    "virtio-blk-pci,drive=internal,bootindex=" + disk_first});
+    add(words, {"-device", "qemu-xhci,id=usb"});
+    if (!setup.stick.empty())
+        add(words, {"-drive", drive + ("stick,file=" + setup.stick), "-device",
+                    "usb-storage,id=stick,drive=stick,bus=usb.0,bootindex=" + stick_first});
+}
+
+/// Makes a connected pair: the cabinet keeps one end, QEMU inherits the other, whose number is returned.
+int connect(Cabinet::Port &port, std::vector<int> &inherited)
+{
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+        throw std::runtime_error(std::string("socketpair: ") + strerror(errno));
+    fcntl(ends[0], F_SETFL, O_NONBLOCK);
+    port.descriptor = ends[0];
+    inherited.push_back(ends[1]);
+    return ends[1];
+}
+
+void add_port(Words &words, Cabinet::Port &port, const std::string &name, const std::string &device,
+              std::vector<int> &inherited)
+{
+    add(words, {"-chardev", "socket,id=" + name + ",fd=" + std::to_string(connect(port, inherited)),
+                "-device", device + ",chardev=" + name + ",name=" + name});
+}
+
+void add_ports(Words &words, Cabinet &cabinet, const CabinetSetup &setup, std::vector<int> &inherited)
+{
+    add(words, {"-device", "virtio-serial-pci"});
+    if (setup.terminal)
+        add_port(words, cabinet.terminal_port, "terminal", "virtconsole", inherited);
+    add_port(words, cabinet.console_port, "console", "virtserialport", inherited);
+    add_port(words, cabinet.board_port, "board", "virtserialport", inherited);
+    add_port(words, cabinet.service_port, "service", "virtserialport", inherited);
+    add(words,
+        {"-chardev", "socket,id=monitor,fd=" + std::to_string(connect(cabinet.monitor_port, inherited)),
+         "-mon", "chardev=monitor,mode=control"});
+}
+
+/// In the child: QEMU dies with the process that drives it, whichever way that ends.
+[[noreturn]] void become_qemu(const Words &words, const std::vector<int> &inherited, pid_t driver)
+{
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != driver)
+        _exit(1);
+    // Ctrl-C is for the driver, which pulls the plug itself.
+    setpgid(0, 0);
+    for (int descriptor : inherited)
+        fcntl(descriptor, F_SETFD, 0);
+    std::vector<char *> arguments;
+    for (const std::string &word : words)
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    dprintf(2, "error: cannot start %s: %s\n", arguments[0], strerror(errno));
+    _exit(127);
+}
+
+} // namespace
+
+void start_qemu(Cabinet &cabinet, const CabinetSetup &setup)
+{
+    Words words = {"qemu-system-x86_64",
+                   "-nodefaults",
+                   "-no-user-config",
+                   "-accel",
+                   "tcg",
+                   "-cpu",
+                   "qemu64,+rdrand",
+                   "-m",
+                   "256",
+                   "-display",
+                   "none",
+                   "-no-reboot",
+                   "-serial",
+                   "file:" + cabinet.scratch.path + "/kernel.log"};
+    std::vector<int> inherited;
+    add_boot(words, setup);
+    add_disks(words, setup);
+    add_ports(words, cabinet, setup, inherited);
+    if (!setup.clock.empty())
+        add(words, {"-rtc", "base=" + setup.clock + ",clock=vm"});
+    pid_t driver = getpid();
+    cabinet.qemu = fork();
+    if (cabinet.qemu == 0)
+        become_qemu(words, inherited, driver);
+    for (int descriptor : inherited)
+        close(descriptor);
+    if (cabinet.qemu < 0)
+        throw std::runtime_error(std::string("fork: ") + strerror(errno));
+}

@@ -1,0 +1,96 @@
+// The system image: Debian's X server with its libraries and keyboard tables, packed as cramfs.
+
+#include "images.h"
+
+#include "tools.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+const char *const key_name = "/qel_usr.key";
+
+/// The shared libraries that a program needs, as files of this computer.
+std::set<std::string> libraries_of(const std::string &program)
+{
+    std::string listing = run_tool({"ldd", program});
+    std::regex library("=> (/[^ ]+) ");
+    std::set<std::string> found;
+    for (std::sregex_iterator match(listing.begin(), listing.end(), library), none; match != none; ++match)
+        found.insert((*match)[1]);
+    return found;
+}
+
+/// Changes whenever one of the files does.
+std::string key_of(const std::vector<FileAt> &files)
+{
+    std::string key;
+    for (const FileAt &file : files) {
+        auto changed = fs::last_write_time(file.source).time_since_epoch().count();
+        key += file.place + " " + file.source + " " + std::to_string(changed) + " " +
+               std::to_string(fs::file_size(file.source)) + "\n";
+    }
+    return key;
+}
+
+} // namespace
+
+void make_system_image(const std::string &image, const std::vector<FileAt> &files)
+{
+    ScratchFolder scratch;
+    for (const FileAt &file : files) {
+        fs::path target = fs::path(scratch.path) / file.place;
+        fs::create_directories(target.parent_path());
+        fs::copy_file(file.source, target);
+    }
+    fs::permissions(scratch.path, fs::perms(0755));
+    run_tool({"mkfs.cramfs", scratch.path, image});
+    if (fs::file_size(image) > system_image_bytes_max)
+        throw std::runtime_error(image + ": " + std::to_string(fs::file_size(image)) +
+                                 " bytes do not fit the 28 MB system partition; leave something out");
+}
+
+std::vector<FileAt> system_files(const Parts &parts)
+{
+    std::vector<FileAt> files = {
+        {"xorg/bin/Xfake", parts.xfake},
+        {"xorg/bin/Xvfb", "/usr/bin/Xvfb"},
+        {"bin/xkbcomp", "/usr/bin/xkbcomp"},
+    };
+    std::set<std::string> libraries;
+    for (const std::string &program :
+         {std::string("/usr/bin/Xvfb"), std::string("/usr/bin/xkbcomp"), parts.sample_application})
+        libraries.merge(libraries_of(program));
+    for (const std::string &library : libraries)
+        files.push_back(
+            {"xorg/lib/" + fs::path(library).filename().string(), fs::canonical(library).string()});
+    for (const FileAt &file : files_of_folder("/usr/share/X11/xkb"))
+        files.push_back({"share/X11/xkb/" + file.place, file.source});
+    return files;
+}
+
+std::string usual_system_image(const Parts &parts)
+{
+    std::vector<FileAt> files = system_files(parts);
+    std::string key = key_of(files), image = parts.work_folder + "/qel_usr.cramfs";
+    std::string key_file = parts.work_folder + key_name;
+    int lock = open((parts.work_folder + "/qel_usr.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    flock(lock, LOCK_EX);
+    if (!fs::exists(image) || !fs::exists(key_file) || read_file(key_file) != key) {
+        fs::remove(key_file);
+        make_system_image(image, files);
+        write_file(key_file, key);
+    }
+    close(lock);
+    return image;
+}

@@ -1,0 +1,106 @@
+// Small helpers of the host side: files, scratch folders, and other programs run to their end.
+
+#include "tools.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace
+{
+
+/// In the child: `input` as standard input, the file `output` for all that is printed.
+[[noreturn]] void become_tool(const std::vector<std::string> &command, const std::string &input,
+                              const std::string &output)
+{
+    int in = open(input.c_str(), O_RDONLY);
+    int out = open(output.c_str(), O_WRONLY);
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(out, 2);
+    std::vector<char *> arguments;
+    for (const std::string &word : command)
+        arguments.push_back(const_cast<char *>(word.c_str()));
+    arguments.push_back(nullptr);
+    // Debian keeps some of the file-system tools out of an ordinary user's PATH.
+    setenv("PATH",
+           (std::string(getenv("PATH") == nullptr ? "/usr/bin:/bin" : getenv("PATH")) + ":/usr/sbin:/sbin")
+               .c_str(),
+           1);
+    execvp(arguments[0], arguments.data());
+    dprintf(2, "%s: %s\n", arguments[0], strerror(errno));
+    _exit(127);
+}
+
+} // namespace
+
+std::string run_tool(const std::vector<std::string> &command, const std::string &input)
+{
+    ScratchFolder scratch;
+    std::string input_file = scratch.path + "/input", output_file = scratch.path + "/output";
+    write_file(input_file, input);
+    write_file(output_file, "");
+    pid_t child = fork();
+    if (child == 0)
+        become_tool(command, input_file, output_file);
+    int status = 0;
+    waitpid(child, &status, 0);
+    std::string output = read_file(output_file);
+    if (status != 0)
+        throw std::runtime_error("the tool " + command[0] + " failed:\n" + output);
+    return output;
+}
+
+std::string read_file(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file)
+        throw std::runtime_error(path + ": " + strerror(errno));
+    std::stringstream bytes;
+    bytes << file.rdbuf();
+    return bytes.str();
+}
+
+void write_file(const std::string &path, const std::string &bytes)
+{
+    std::ofstream file(path, std::ios::binary);
+    file << bytes;
+    if (!file.flush())
+        throw std::runtime_error(path + ": " + strerror(errno));
+}
+
+void write_file_at(const std::string &path, const std::string &source, unsigned long long offset)
+{
+    std::fstream file(path, std::ios::binary | std::ios::in | std::ios::out);
+    file.seekp(static_cast<std::streamoff>(offset));
+    file << read_file(source);
+    if (!file.flush())
+        throw std::runtime_error(path + ": " + strerror(errno));
+}
+
+void require_file(const std::string &path, const std::string &advice)
+{
+    if (!std::filesystem::exists(path))
+        throw std::runtime_error(path + ": not found; " + advice);
+}
+
+ScratchFolder::ScratchFolder()
+{
+    path = std::filesystem::temp_directory_path() / "qel-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr)
+        throw std::runtime_error(path + ": " + strerror(errno));
+}
+
+ScratchFolder::~ScratchFolder()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}

@@ -1,0 +1,27 @@
+// Small helpers of the host side: files, scratch folders, and other programs run to their end.
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// Runs a program found through PATH and returns what it prints, errors included. Throws
+/// std::runtime_error with that text when it cannot be started or does not end with 0.
+std::string run_tool(const std::vector<std::string> &command, const std::string &input = "");
+
+std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &bytes);
+
+/// Copies the whole of `source` into the existing file `path` from byte `offset` on.
+void write_file_at(const std::string &path, const std::string &source, unsigned long long offset);
+
+/// Throws std::runtime_error "FILE: not found; ADVICE" unless the file is there.
+void require_file(const std::string &path, const std::string &advice);
+
+/// A new empty folder below the system's temporary folder, removed with all that is in it at the end.
+struct ScratchFolder {
+    std::string path;
+    ScratchFolder();
+    ~ScratchFolder();
+    ScratchFolder(const ScratchFolder &) = delete;
+    ScratchFolder &operator=(const ScratchFolder &) = delete;
+};

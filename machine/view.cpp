@@ -1,0 +1,114 @@
+// Shows a running cabinet as readable lines. A console line is shown when it ends, or unended when nothing
+// follows for half a second; the display is shown as a whole, once no row has changed for a moment.
+
+#include "view.h"
+
+#include <ctype.h>
+
+namespace
+{
+
+const double console_wait = 0.5, lcd_wait = 0.1;
+const size_t lcd_columns = 24;
+
+std::string printable(const std::string &bytes)
+{
+    std::string text;
+    for (char byte : bytes)
+        if (isprint(static_cast<unsigned char>(byte)) != 0 || byte == '\t')
+            text += byte;
+        else if (byte != '\r') {
+            char code[8];
+            snprintf(code, sizeof code, "<%02x>", static_cast<unsigned char>(byte));
+            text += code;
+        }
+    return text;
+}
+
+void show_console_line(View &view, const std::string &ending)
+{
+    show_line(view, view.console_at, "console", printable(view.console_line) + ending);
+    view.console_line.clear();
+}
+
+void take_console_bytes(View &view, const Event &event)
+{
+    for (char byte : event.text) {
+        if (view.console_line.empty())
+            view.console_at = event.seconds;
+        if (byte == '\n')
+            show_console_line(view, "");
+        else
+            view.console_line += byte;
+    }
+}
+
+void show_lcd(View &view, const Board &board)
+{
+    std::string edge = "+" + std::string(lcd_columns, '-') + "+";
+    show_line(view, view.lcd_at, "lcd", edge);
+    for (std::string row : board.lcd) {
+        row.resize(lcd_columns, ' ');
+        fprintf(view.out, "%19s|%s|\n", "", printable(row).c_str());
+    }
+    fprintf(view.out, "%19s%s\n", "", edge.c_str());
+    view.lcd_changed = false;
+}
+
+} // namespace
+
+void show_line(View &view, double seconds, const std::string &source, const std::string &text)
+{
+    fprintf(view.out, "%8.2f  %-8s %s\n", seconds, source.c_str(), text.c_str());
+}
+
+void show_event(View &view, const Event &event)
+{
+    std::string process = " (process " + std::to_string(event.number) + ")";
+    switch (event.kind) {
+    case Event::console:
+        take_console_bytes(view, event);
+        break;
+    case Event::loader_started:
+        show_line(view, event.seconds, "machine", "the loader becomes process 1");
+        break;
+    case Event::program_started:
+        show_line(view, event.seconds, "start", event.text + process);
+        break;
+    case Event::program_ended:
+        show_line(view, event.seconds, "end", event.text + process);
+        break;
+    case Event::command:
+        show_line(view, event.seconds, "h8", describe_command(event.text));
+        break;
+    case Event::lcd_row:
+        view.lcd_changed = true;
+        view.lcd_at = event.seconds;
+        break;
+    case Event::link_from_loader:
+        show_line(view, event.seconds, "link",
+                  "loader sends " + std::to_string(event.text.size()) + " bytes");
+        break;
+    case Event::link_to_loader:
+        show_line(view, event.seconds, "link", "host sends " + std::to_string(event.text.size()) + " bytes");
+        break;
+    case Event::other_record:
+        show_line(view, event.seconds, "board", "record of minor " + std::to_string(event.number));
+        break;
+    case Event::note:
+        show_line(view, event.seconds, "note", event.text);
+        break;
+    case Event::terminal:
+        break;
+    }
+}
+
+void show_waiting(View &view, const Cabinet &cabinet)
+{
+    double now = uptime(cabinet);
+    if (view.lcd_changed && now > view.lcd_at + lcd_wait)
+        show_lcd(view, cabinet.board);
+    if (!view.console_line.empty() && now > view.console_at + console_wait)
+        show_console_line(view, " ...");
+    fflush(view.out);
+}
