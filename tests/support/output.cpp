@@ -8,8 +8,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <exception>
+
 Output::Output()
 {
+    exceptions_before = std::uncaught_exceptions();
     fflush(stdout);
     original = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10);
     caught = memfd_create("output", MFD_CLOEXEC);
@@ -22,7 +25,7 @@ Output::~Output()
     real_dup2(original, STDOUT_FILENO);
     real_close(original);
     real_close(caught);
-    if (testing::Test::HasFailure())
+    if (testing::Test::HasFailure() || std::uncaught_exceptions() > exceptions_before)
         printf("%s", all.c_str());
 }
 

@@ -4,8 +4,8 @@
 #include <functional>
 #include <string>
 
-/// Catches standard output while it exists. Instances may nest. When the test has failed by the end,
-/// what was caught is shown after all.
+/// Catches standard output while it exists. Instances may nest: when one is left by an
+/// exception, what it caught goes to the next. When the test has failed by the end, it is shown after all.
 class Output
 {
   public:
@@ -22,6 +22,7 @@ class Output
   private:
     int caught;
     int original;
+    int exceptions_before;
 };
 
 /// Runs `statement` and returns what it printed.

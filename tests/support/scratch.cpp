@@ -112,7 +112,7 @@ std::vector<std::string> Scratch::tree(const std::string &path) const
 {
     std::vector<std::string> entries;
     for (const auto &entry : fs::recursive_directory_iterator(at(path))) {
-        const std::string name = fs::relative(entry.path(), at(path)).string();
+        const std::string name = entry.path().lexically_relative(at(path)).string();
         entries.push_back(entry.is_directory() && !entry.is_symlink() ? name + "/" : name);
     }
     std::sort(entries.begin(), entries.end());

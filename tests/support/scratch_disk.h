@@ -1,14 +1,91 @@
-/// The usual ground of a test: to the product, a scratch folder is the root of the file system.
+/// The usual ground of a test: to the product, a scratch folder is the root of the file system. With
+/// verbs for what a scratch folder alone cannot hold or order.
 #pragma once
 
 #include "support/fake_kernel.h"
 #include "support/scratch.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <string.h>
+#include <unistd.h>
 
 class OnScratchDisk : public testing::Test
 {
   protected:
+    /// Makes a block device node, or, for a user who may not, a file that stat calls one.
+    void make_block_node(const std::string &path)
+    {
+        disk.make_folder(path.substr(0, path.rfind('/')));
+        if (real_mknod(disk.at(path).c_str(), S_IFBLK | 0666, 0x07C8) == 0)
+            return;
+        disk.make_file(path);
+        kernel.on_stat = [this, path](const char *asked, struct stat *status) {
+            const int result = real_stat(kernel.at(asked).c_str(), status);
+            if (asked == path)
+                status->st_mode = S_IFBLK | 0666;
+            return result;
+        };
+    }
+
     Scratch disk;
     FakeKernel kernel{disk.path()};
 };
+
+/// The working folder of a test, and the old one again afterwards.
+class WorkingFolder
+{
+  public:
+    explicit WorkingFolder(const std::string &path) : before(real_open(".", O_RDONLY | O_DIRECTORY, 0))
+    {
+        EXPECT_EQ(real_chdir(path.c_str()), 0);
+    }
+    ~WorkingFolder()
+    {
+        EXPECT_EQ(fchdir(before), 0);
+        real_close(before);
+    }
+    WorkingFolder(const WorkingFolder &) = delete;
+    WorkingFolder &operator=(const WorkingFolder &) = delete;
+
+  private:
+    int before;
+};
+
+/// What readdir hands out, in this order and with these types, for FakeKernel::on_readdir: one call after
+/// another, whichever folder is being read.
+class Listing
+{
+  public:
+    Listing &add(const char *name, unsigned char type)
+    {
+        struct dirent entry = {};
+        entry.d_type = type;
+        strncpy(entry.d_name, name, sizeof entry.d_name - 1);
+        entries.push_back(entry);
+        return *this;
+    }
+    /// The end of one folder; what follows belongs to the next that is read.
+    Listing &end()
+    {
+        return add("", DT_UNKNOWN);
+    }
+
+    struct dirent *operator()(DIR *)
+    {
+        if (given == entries.size())
+            return nullptr;
+        struct dirent *entry = &entries[given++];
+        return entry->d_name[0] ? entry : nullptr;
+    }
+
+  private:
+    std::vector<struct dirent> entries;
+    size_t given = 0;
+};
+
+/// A qel_fs_hook that leaves "access /hook 0" in the records, so that its place among the calls shows.
+inline void recorded_hook()
+{
+    EXPECT_EQ(access("/hook", F_OK), -1);
+}

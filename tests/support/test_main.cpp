@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,6 +38,8 @@ int main(int argc, char **argv)
 {
     // The same buffering everywhere, so that a test can tell flushed from unflushed output.
     setvbuf(stdout, nullptr, _IOFBF, 1 << 16);
+    // The usual umask, so that a test knows what becomes of a mode.
+    umask(022);
     testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
 }
