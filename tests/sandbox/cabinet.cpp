@@ -58,6 +58,11 @@ void Cabinet::plug_in_stick()
     std::filesystem::rename(at("/machine/sda"), at("/machine/sys/block/sda"));
 }
 
+void Cabinet::limit_storage(size_t bytes)
+{
+    limit(storage(""), bytes);
+}
+
 void Cabinet::list_folders_backwards()
 {
     set(order_setting, "descending");

@@ -20,6 +20,8 @@ class Cabinet : public Sandbox
     void format(const std::string &type, unsigned major, unsigned minor);
     /// Plugs in a stick: sda, and sda1 with a vfat.
     void plug_in_stick();
+    /// Gives the storage partition an empty file system with room for so many bytes.
+    void limit_storage(size_t bytes);
     /// Turns the order in which folders list their entries round.
     void list_folders_backwards();
     /// Lets the call number `n` of `name`, counted over the whole run, fail.

@@ -200,6 +200,8 @@ static int read_line(const char *name, char *line, int size)
         ;
     if (file)
         fclose(file);
+    if (!found)
+        line[0] = '\0';
     return found;
 }
 

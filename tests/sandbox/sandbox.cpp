@@ -103,6 +103,12 @@ void Sandbox::make_node(const std::string &path, mode_t mode, unsigned major, un
         give_up(path);
 }
 
+void Sandbox::limit(const std::string &path, size_t bytes)
+{
+    limited_folder = path;
+    limit_options = "size=" + std::to_string(bytes);
+}
+
 void Sandbox::copy_in(const std::string &host_path, const std::string &path) const
 {
     fs::create_directories(fs::path(at(path)).parent_path());
@@ -157,6 +163,8 @@ struct Entry {
     const char *program;
     char *const *arguments;
     char *const *environment;
+    const char *limited_folder;
+    const char *limit_options;
 };
 
 static void require(int result, const char *what)
@@ -195,6 +203,8 @@ static void enter_root(int root)
     require(dup2(entry.console, transcript_descriptor), "transcript");
     require(prctl(PR_SET_PDEATHSIG, SIGKILL), "prctl");
     enter_root(entry.root);
+    if (*entry.limited_folder)
+        require(mount("tmpfs", entry.limited_folder, "tmpfs", MS_NODEV, entry.limit_options), "limit");
     for (int stream = 0; stream <= 2; stream++)
         require(dup2(entry.console, stream), "console");
     // The kernel starts its first program so: in a session of its own, with this mask.
@@ -241,7 +251,8 @@ void Sandbox::start(const std::string &host_program, const std::vector<std::stri
         environment_texts.push_back(name + "=" + value);
     const std::vector<char *> argv = pointers(argument_texts), envp = pointers(environment_texts);
     const int inner = make_console(&console);
-    const Entry entry = {root, inner, "/init", argv.data(), envp.data()};
+    const Entry entry = {
+        root, inner, "/init", argv.data(), envp.data(), limited_folder.c_str(), limit_options.c_str()};
 
     first_pid = static_cast<pid_t>(syscall(SYS_clone, CLONE_NEWNS | CLONE_NEWPID | SIGCHLD, 0, 0, 0, 0));
     if (first_pid == 0)

@@ -33,6 +33,8 @@ class Sandbox
     void make_file(const std::string &path, const std::string &content, mode_t mode = 0644) const;
     void make_link(const std::string &path, const std::string &content) const;
     void make_node(const std::string &path, mode_t mode, unsigned major, unsigned minor) const;
+    /// Makes `path` a file system of its own with room for so many bytes, empty, when PID 1 starts. One only.
+    void limit(const std::string &path, size_t bytes);
     /// Copies a file of the host.
     void copy_in(const std::string &host_path, const std::string &path) const;
     /// 1 when there is an entry, a dangling link included.
@@ -93,5 +95,6 @@ class Sandbox
     pid_t first_pid = -1;
     int wait_status = 0;
     std::map<std::string, std::string> environment;
+    std::string limited_folder, limit_options;
     Transcript output;
 };

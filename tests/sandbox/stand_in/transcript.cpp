@@ -85,13 +85,14 @@ int is_planned_to_fail(const char *name)
             count += sscanf(text, "%19s %d %d", plan->name, &plan->n, &plan->error) == 3;
         }
     }
+    int fails = 0;
     for (struct plan *plan = plans; plan < plans + count; plan++) {
         if (strcmp(plan->name, name) == 0 && --plan->n == 0) {
             errno = plan->error;
-            return 1;
+            fails = 1;
         }
     }
-    return 0;
+    return fails;
 }
 
 // ---- Before main ----
