@@ -1,0 +1,45 @@
+/// What the tests of the system messages' core have in common: a peer, a message and a buffer for a reply.
+#pragma once
+
+#include "support/scripted_peer.h"
+#include "support/stops.h"
+
+constexpr const char *sysmsg_unit = "qel_tolbrin/qel_sysmsg";
+
+// Messages without a body; the peer's carry a number.
+inline const char *const post_22 = "16 00 00 00 0C 00 00 00 00 00 00 00";
+inline const char *const sent_post_22 = "16 00 00 00 0C 00 00 00 ## 00 00 00";
+
+/// A message of the peer's of 12 bytes: a type below 256 and a number.
+inline Bytes numbered(uint8_t type, uint8_t number)
+{
+    return {type, 0, 0, 0, 12, 0, 0, 0, number, 0, 0, 0};
+}
+
+/// A reply of type 29 that says `value`.
+inline Bytes reply_29(uint8_t number, uint8_t value)
+{
+    return {29, 0, 0, 0, 16, 0, 0, 0, number, 0, 0, 0, value, 0, 0, 0};
+}
+
+class Sysmsg : public testing::Test
+{
+  protected:
+    Sysmsg()
+    {
+        qel_sysmsg_forget_sequence();
+    }
+    int request()
+    {
+        return qel_sysmsg_request(&peer.con, message.data());
+    }
+    /// Sends the message and waits for a reply of type 29.
+    int query()
+    {
+        return qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, reply, sizeof reply);
+    }
+
+    ScriptedPeer peer;
+    Bytes message = bytes_of(post_22);
+    uint8_t reply[16] = {};
+};

@@ -1,0 +1,300 @@
+// The core of the system messages: connection, numbers, sending, and what it refuses.
+
+#include "support/fresh_process.h"
+#include "support/sysmsg_fixture.h"
+
+#include <gmock/gmock.h>
+
+#include <set>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class SysmsgConnection : public Sysmsg
+{
+};
+class SysmsgNumbers : public Sysmsg
+{
+};
+class SysmsgSend : public Sysmsg
+{
+};
+class SysmsgMisuse : public Sysmsg
+{
+};
+
+// ---- Connection ----
+
+TEST_F(SysmsgConnection, HoldsTheFiveValuesItIsMadeOf)
+{
+    int send_context = 0;
+    int poll_context = 0;
+    qel_sysmsg_con *con =
+        qel_sysmsg_create(peer.con.recv, peer.con.send, &send_context, peer.con.poll, &poll_context);
+    EXPECT_EQ(con->recv, peer.con.recv);
+    EXPECT_EQ(con->send, peer.con.send);
+    EXPECT_EQ(con->send_ctx, &send_context);
+    EXPECT_EQ(con->poll, peer.con.poll);
+    EXPECT_EQ(con->poll_ctx, &poll_context);
+    free(con);
+}
+
+TEST_F(SysmsgConnection, IsFiveWordsInThisOrder)
+{
+    void *words[5];
+    ASSERT_EQ(sizeof peer.con, sizeof words);
+    memcpy(words, &peer.con, sizeof words);
+    EXPECT_EQ(words[0], reinterpret_cast<void *>(peer.con.recv));
+    EXPECT_EQ(words[1], reinterpret_cast<void *>(peer.con.send));
+    EXPECT_EQ(words[2], peer.con.send_ctx);
+    EXPECT_EQ(words[3], reinterpret_cast<void *>(peer.con.poll));
+    EXPECT_EQ(words[4], peer.con.poll_ctx);
+}
+
+TEST_F(SysmsgConnection, KnowsTheSequencedTypes)
+{
+    const std::set<uint32_t> sequenced = {1,  2,  3,  4,  7,  8,  9,  13, 14, 17, 18, 19,
+                                          20, 21, 22, 23, 24, 28, 29, 32, 33, 34, 35, 36,
+                                          37, 39, 40, 41, 42, 43, 44, 45, 46, 47, 48, 49};
+    for (uint32_t type = 0; type < 1000; type++)
+        EXPECT_EQ(qel_sysmsg_has_sequence(type), sequenced.count(type) ? 1 : 0) << type;
+    for (const uint32_t type : {0x01000002U, 0x80000001U, 0xFFFFFFFFU})
+        EXPECT_EQ(qel_sysmsg_has_sequence(type), 0) << type;
+}
+
+TEST_F(SysmsgConnection, HasAFlagThatReportsItself)
+{
+    EXPECT_EQ(qel_sysmsg_flag_on(), 1);
+    EXPECT_EQ(qel_sysmsg_flag_off(), 0);
+    EXPECT_EQ(qel_sysmsg_flag_off(), 0);
+}
+
+TEST_F(SysmsgConnection, TracesOnlyTexts)
+{
+    qel_sysmsg_trace("x");
+    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_trace(nullptr));
+    EXPECT_STOPS_ON("*message", sysmsg_unit, qel_sysmsg_trace(""));
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+// ---- Numbers ----
+
+TEST_F(SysmsgNumbers, StartWith2)
+{
+    if (!in_fresh_process())
+        return;
+    peer.confirms();
+    EXPECT_EQ(request(), 1);
+    EXPECT_EQ(hex_of(peer.transmissions[0]), "16 00 00 00 0C 00 00 00 02 00 00 00");
+}
+
+TEST_F(SysmsgNumbers, GoFrom255To1)
+{
+    if (!in_fresh_process())
+        return;
+    peer.confirms();
+    for (int n = 2; n <= 600; n++) {
+        message = bytes_of(post_22);
+        EXPECT_EQ(request(), 1);
+        EXPECT_EQ(peer.transmissions.back().at(8), n <= 255 ? n : n <= 510 ? n - 255 : n - 510) << n;
+    }
+}
+
+TEST_F(SysmsgNumbers, AreSpentByMessagesThatNobodyConfirms)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_EQ(request(), 0);
+    peer.confirms();
+    message = bytes_of(post_22);
+    EXPECT_EQ(request(), 1);
+    EXPECT_EQ(peer.transmissions.back().at(8), 3);
+}
+
+TEST_F(SysmsgNumbers, AreWrittenIntoTheMessageOfTheCaller)
+{
+    peer.confirms();
+    EXPECT_EQ(request(), 1);
+    EXPECT_NE(message.at(8), 0);
+    EXPECT_EQ(hex_of(message), hex_of(peer.transmissions[0]));
+}
+
+TEST_F(SysmsgNumbers, AreNotSpentByUnsequencedMessages)
+{
+    if (!in_fresh_process())
+        return;
+    peer.confirms();
+    qel_sysmsg_send(&peer.con, bytes_of("0B 00 00 00 08 00 00 00").data());
+    EXPECT_EQ(request(), 1);
+    EXPECT_EQ(message.at(8), 2);
+}
+
+// ---- Sending unsequenced ----
+
+TEST_F(SysmsgSend, SendsAnUnsequencedMessageAtOnceAndOnce)
+{
+    qel_sysmsg_send(&peer.con, bytes_of("05 00 00 00 0C 00 00 00 2A 00 00 00").data());
+    EXPECT_THAT(peer.sent, ElementsAre("0 ms: 05 00 00 00 0C 00 00 00 2A 00 00 00"));
+    EXPECT_EQ(peer.polls, 0);
+}
+
+TEST_F(SysmsgSend, SendsAsManyBytesAsTheMessageSays)
+{
+    qel_sysmsg_send(&peer.con, bytes_of("1E 00 00 00 0C 00 00 00 01 02 03 04 99 99").data());
+    EXPECT_THAT(peer.sent, ElementsAre("0 ms: 1E 00 00 00 0C 00 00 00 01 02 03 04"));
+}
+
+TEST_F(SysmsgSend, StopsOnASequencedType)
+{
+    EXPECT_STOPS_ON("!qel_sysmsg_has_sequence(sysmsg->msg_type)", sysmsg_unit,
+                    qel_sysmsg_send(&peer.con, message.data()));
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(SysmsgSend, StopsWithoutAConnectionOrItsSendFunction)
+{
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_send(nullptr, message.data()));
+    peer.con.send = nullptr;
+    EXPECT_STOPS_ON("con->send", sysmsg_unit, qel_sysmsg_send(&peer.con, message.data()));
+}
+
+TEST_F(SysmsgSend, PutsAByteBlockBehindItsLength)
+{
+    qel_sysmsg_send_blob(&peer.con, 10, "abcde", 5);
+    EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: 0A 00 00 00 11 00 00 00 05 00 00 00 'abcde'")));
+}
+
+TEST_F(SysmsgSend, PutsASequencedByteBlockBehindItsLengthAt12)
+{
+    peer.confirms();
+    EXPECT_EQ(qel_sysmsg_request_blob(&peer.con, 0x31, "abcde", 5), 1);
+    EXPECT_THAT(peer.sent,
+                ElementsAre(shown("0 ms: 31 00 00 00 15 00 00 00 ## 00 00 00 05 00 00 00 'abcde'")));
+    peer.on_send = nullptr;
+    EXPECT_EQ(qel_sysmsg_request_blob(&peer.con, 0x31, "abcde", 5), 0);
+}
+
+TEST_F(SysmsgSend, StopsOnAByteBlockWithoutConnectionBytesOrLength)
+{
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_send_blob(nullptr, 10, "x", 1));
+    EXPECT_STOPS_ON("blob", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, nullptr, 1));
+    EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, "x", 0));
+    EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, "x", -1));
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_request_blob(nullptr, 2, "x", 1));
+    EXPECT_STOPS_ON("blob", sysmsg_unit, qel_sysmsg_request_blob(&peer.con, 2, nullptr, 1));
+    EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_request_blob(&peer.con, 2, "x", 0));
+    EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_request_blob(&peer.con, 2, "x", -1));
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(SysmsgSend, StopsOnAByteBlockOfTheWrongKindOfType)
+{
+    EXPECT_STOPS_ON("!qel_sysmsg_has_sequence(sysmsg->msg_type)", sysmsg_unit,
+                    qel_sysmsg_send_blob(&peer.con, 2, "x", 1));
+    EXPECT_STOPS_ON("qel_sysmsg_has_sequence(sysmsg->msg_type)", sysmsg_unit,
+                    qel_sysmsg_request_blob(&peer.con, 10, "x", 1));
+}
+
+// ---- Misuse of the sequenced send ----
+
+TEST_F(SysmsgMisuse, NoConnection)
+{
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_request(nullptr, message.data()));
+}
+
+TEST_F(SysmsgMisuse, NoSendFunction)
+{
+    peer.con.send = nullptr;
+    EXPECT_STOPS_ON("con->send", sysmsg_unit, request());
+}
+
+TEST_F(SysmsgMisuse, AnUnsequencedType)
+{
+    message = bytes_of("0B 00 00 00 08 00 00 00");
+    EXPECT_STOPS_ON("qel_sysmsg_has_sequence(sysmsg->msg_type)", sysmsg_unit, request());
+}
+
+TEST_F(SysmsgMisuse, AMessageBelow12Bytes)
+{
+    message = bytes_of("16 00 00 00 0B 00 00 00 00 00 00 00");
+    EXPECT_STOPS_ON("sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)", sysmsg_unit, request());
+}
+
+TEST_F(SysmsgMisuse, AMessageThatHasANumber)
+{
+    if (!in_fresh_process())
+        return;
+    message = bytes_of("16 00 00 00 0C 00 00 00 05 00 00 00");
+    EXPECT_STOPS_ON("sysmsg->sequence == 0", sysmsg_unit, request());
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(SysmsgMisuse, AMessageThatWasSentAlready)
+{
+    if (!in_fresh_process())
+        return;
+    peer.confirms();
+    EXPECT_EQ(request(), 1);
+    EXPECT_STOPS_ON("sysmsg->sequence == 0", sysmsg_unit, request());
+}
+
+TEST_F(SysmsgMisuse, AWaitWithoutABuffer)
+{
+    if (!in_fresh_process())
+        return;
+    message[8] = 5; // the number is looked at later
+    EXPECT_STOPS_ON("buf", sysmsg_unit,
+                    qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, nullptr, 16));
+}
+
+TEST_F(SysmsgMisuse, AWaitWithAnEmptyBuffer)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("buf_size > 0", sysmsg_unit,
+                    qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, reply, 0));
+}
+
+TEST_F(SysmsgMisuse, AWaitWithABufferOfNegativeSize)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("buf_size > 0", sysmsg_unit,
+                    qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, reply, -1));
+}
+
+TEST_F(SysmsgMisuse, ASendWhileAConfirmIsAwaited)
+{
+    if (!in_fresh_process())
+        return;
+    peer.on_poll = [this] { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
+    EXPECT_STOPS_ON("!pending_ack", sysmsg_unit, request());
+}
+
+TEST_F(SysmsgMisuse, ASendWhileAReplyIsAwaited)
+{
+    if (!in_fresh_process())
+        return;
+    peer.confirms();
+    peer.on_poll = [this] { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
+    EXPECT_STOPS_ON("!pending_wait", sysmsg_unit, query());
+}
+
+TEST_F(SysmsgMisuse, ASendFromTheHandlerInsideASend)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("0B 00 00 00 08 00 00 00");
+    peer.on_handle = [this](const Bytes &) { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
+    EXPECT_STOPS_ON("!reenter", sysmsg_unit, request());
+}
+
+TEST_F(SysmsgMisuse, ASendThatWaitsFromTheHandler)
+{
+    if (!in_fresh_process())
+        return;
+    // Outside of a send it starts, but the confirm it polls for cannot be received any more.
+    peer.confirms();
+    peer.on_handle = [this](const Bytes &) { request(); };
+    EXPECT_STOPS_ON("!reenter", sysmsg_unit, peer.receive("0B 00 00 00 08 00 00 00"));
+}

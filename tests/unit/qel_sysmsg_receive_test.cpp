@@ -1,0 +1,159 @@
+// What becomes of a message that arrives: confirmed, dropped, handed on, or the end of the program.
+
+#include "support/fresh_process.h"
+#include "support/sysmsg_fixture.h"
+
+#include <gmock/gmock.h>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class SysmsgReceive : public Sysmsg
+{
+};
+
+// ---- Receiving ----
+
+TEST_F(SysmsgReceive, HandsAnUnsequencedMessageOnWithoutAConfirm)
+{
+    peer.receive("0B 00 00 00 08 00 00 00");
+    peer.receive("0B 00 00 00 08 00 00 00");
+    peer.receive("32 00 00 00 0B 00 00 00 'abc'"); // type 50
+    EXPECT_THAT(peer.handled, ElementsAre("0B 00 00 00 08 00 00 00", "0B 00 00 00 08 00 00 00",
+                                          hex("32 00 00 00 0B 00 00 00 'abc'")));
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(SysmsgReceive, ConfirmsASequencedMessageBeforeItHandsItOn)
+{
+    peer.on_handle = [this](const Bytes &) {
+        EXPECT_THAT(peer.sent, ElementsAre("0 ms: 0F 00 00 00 0C 00 00 00 4D 00 00 00"));
+    };
+    peer.receive("16 00 00 00 0C 00 00 00 4D 99 99 99"); // padding is nobody's business
+    EXPECT_THAT(peer.handled, ElementsAre("16 00 00 00 0C 00 00 00 4D 99 99 99"));
+}
+
+TEST_F(SysmsgReceive, ConfirmsARepeatEachTimeAndHandsItOnOnce)
+{
+    peer.receive(numbered(22, 77));
+    peer.receive(numbered(22, 77));
+    peer.receive(numbered(34, 77)); // the number alone decides
+    EXPECT_EQ(peer.sent.size(), 3U);
+    EXPECT_EQ(peer.handled.size(), 1U);
+}
+
+TEST_F(SysmsgReceive, RemembersOneNumberOnly)
+{
+    peer.receive(numbered(22, 77));
+    peer.receive(numbered(22, 78));
+    peer.receive(numbered(22, 77));
+    EXPECT_EQ(peer.handled.size(), 3U);
+}
+
+TEST_F(SysmsgReceive, DoesNotForgetTheNumberOverUnsequencedMessages)
+{
+    peer.receive(numbered(22, 77));
+    peer.receive("0B 00 00 00 08 00 00 00");
+    peer.receive(numbered(22, 77));
+    EXPECT_EQ(peer.handled.size(), 2U);
+}
+
+TEST_F(SysmsgReceive, AcceptsAnyNumberAfterForgetting)
+{
+    peer.receive(numbered(22, 77));
+    qel_sysmsg_forget_sequence();
+    peer.receive(numbered(22, 77));
+    EXPECT_EQ(peer.handled.size(), 2U);
+}
+
+TEST_F(SysmsgReceive, HandsOnAConfirmThatNobodyAwaits)
+{
+    peer.receive(confirm_with(5));
+    peer.receive("0F 00 00 00 08 00 00 00");
+    EXPECT_THAT(peer.handled, ElementsAre("0F 00 00 00 0C 00 00 00 05 00 00 00", "0F 00 00 00 08 00 00 00"));
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(SysmsgReceive, LetsTheHandlerSendUnsequencedMessages)
+{
+    peer.on_handle = [this](const Bytes &received) { qel_sysmsg_connect_answer(&peer.con, received.data()); };
+    peer.receive("05 00 00 00 0C 00 00 00 2A 00 00 00");
+    EXPECT_THAT(peer.sent, ElementsAre("0 ms: 26 00 00 00 0C 00 00 00 2A 00 00 00"));
+}
+
+TEST_F(SysmsgReceive, StopsOnALengthThatIsNotTheMessages)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B 00 00 00 09 00 00 00"));
+}
+
+TEST_F(SysmsgReceive, StopsOnALengthBeyondTheMessages)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B 00 00 00 08 00 00 00 00"));
+}
+
+TEST_F(SysmsgReceive, StopsOnAMessageThatHasNoRoomForItsSize)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B 00 00 00 05"));
+}
+
+TEST_F(SysmsgReceive, StopsOnASingleByte)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B"));
+}
+
+TEST_F(SysmsgReceive, ChecksTheLengthEvenWhileAConfirmIsAwaited)
+{
+    if (!in_fresh_process())
+        return;
+    peer.delivers(0, bytes_of("0B 00 00 00 09 00 00 00"));
+    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, request());
+}
+
+TEST_F(SysmsgReceive, StopsOnASequencedMessageBelow12Bytes)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)", sysmsg_unit,
+                    peer.receive("16 00 00 00 0B 00 00 00 4D 00 00"));
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(SysmsgReceive, StopsOnASequencedMessageWithTheNumber0)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("confirmed->sequence", sysmsg_unit, peer.receive(numbered(22, 0)));
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(SysmsgReceive, StopsWithoutAConnection)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_receive(nullptr, message.data(), 12));
+}
+
+TEST_F(SysmsgReceive, StopsWithoutAHandler)
+{
+    if (!in_fresh_process())
+        return;
+    peer.con.recv = nullptr;
+    EXPECT_STOPS_ON("con->recv", sysmsg_unit, peer.receive("0B 00 00 00 08 00 00 00"));
+}
+
+TEST_F(SysmsgReceive, StopsOnAHandlerThatLetsAnotherMessageIn)
+{
+    if (!in_fresh_process())
+        return;
+    peer.on_handle = [this](const Bytes &) { peer.con.poll(peer.con.poll_ctx); };
+    peer.delivers(0, bytes_of("0B 00 00 00 08 00 00 00"));
+    EXPECT_STOPS_ON("!reenter", sysmsg_unit, peer.receive("0C 00 00 00 08 00 00 00"));
+}
