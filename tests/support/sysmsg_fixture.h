@@ -4,6 +4,8 @@
 #include "support/scripted_peer.h"
 #include "support/stops.h"
 
+#include <gtest/gtest-printers.h>
+
 constexpr const char *sysmsg_unit = "qel_tolbrin/qel_sysmsg";
 
 // Messages without a body; the peer's carry a number.
@@ -42,4 +44,18 @@ class Sysmsg : public testing::Test
     ScriptedPeer peer;
     Bytes message = bytes_of(post_22);
     uint8_t reply[16] = {};
+};
+
+/// Queries whose peer confirms and answers at once, with number 9.
+class Query : public Sysmsg
+{
+  protected:
+    /// The request, when it was sent once and its answer was confirmed; whatever else was sent, else.
+    std::string request_sent()
+    {
+        if (peer.transmissions.size() != 2 ||
+            hex_of(peer.transmissions[1]) != "0F 00 00 00 0C 00 00 00 09 00 00 00")
+            return testing::PrintToString(peer.sent);
+        return shown(peer.transmissions[0]);
+    }
 };

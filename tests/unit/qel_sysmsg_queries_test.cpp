@@ -1,0 +1,365 @@
+// The queries whose answers have a fixed layout: the request on the wire, the answer unpacked, and answers
+// that are wrong.
+
+#include "support/fresh_process.h"
+#include "support/sysmsg_fixture.h"
+
+#include <gmock/gmock.h>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class QueryPlugins : public Query
+{
+};
+class Query23 : public Query
+{
+};
+class QueryPathExists : public Query
+{
+};
+class QueryInfo : public Query
+{
+};
+class QueryItemSize : public Query
+{
+};
+class Query41 : public Query
+{
+};
+class QueryPluginSize : public Query
+{
+};
+
+// ---- Plugins ----
+
+TEST_F(QueryPlugins, CopiesAsManyIdsAsThereAre)
+{
+    peer.answers("0E 00 00 00 18 00 00 00 09 00*3 02 00 00 00 07 00 00 00 04 03 02 01");
+    uint32_t plugins[3] = {1, 1, 1};
+    uint32_t count = 99;
+    EXPECT_EQ(qel_sysmsg_get_plugins(&peer.con, plugins, 3, &count), 1);
+    EXPECT_EQ(request_sent(), shown("0D 00 00 00 0C 00 00 00 ## 00*3"));
+    EXPECT_EQ(count, 2U);
+    EXPECT_THAT(plugins, ElementsAre(7U, 0x01020304U, 1U));
+}
+
+TEST_F(QueryPlugins, AcceptsExactlyAsManyAsFit)
+{
+    peer.answers("0E 00 00 00 18 00 00 00 09 00*3 02 00 00 00 07 00 00 00 08 00 00 00");
+    uint32_t plugins[2];
+    uint32_t count;
+    EXPECT_EQ(qel_sysmsg_get_plugins(&peer.con, plugins, 2, &count), 1);
+    EXPECT_THAT(plugins, ElementsAre(7U, 8U));
+}
+
+TEST_F(QueryPlugins, StopsOnOneMoreThanFit)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("0E 00 00 00 18 00 00 00 09 00*3 02 00 00 00 07 00 00 00 08 00 00 00");
+    uint32_t plugins[1];
+    uint32_t count;
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
+                    qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count));
+}
+
+TEST_F(QueryPlugins, StopsOnACountBeyondWhatFits)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("0E 00 00 00 14 00 00 00 09 00*3 02 00 00 00 07 00 00 00");
+    uint32_t plugins[1];
+    uint32_t count;
+    EXPECT_STOPS_ON("msg->num_plugins <= plugin_max", sysmsg_unit,
+                    qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count));
+}
+
+TEST_F(QueryPlugins, StopsOnACountThatIsNegativeForSomebodyElse)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("0E 00 00 00 14 00 00 00 09 00*3 FF FF FF FF 07 00 00 00");
+    uint32_t plugins[1];
+    uint32_t count;
+    EXPECT_STOPS_ON("msg->num_plugins <= plugin_max", sysmsg_unit,
+                    qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count));
+}
+
+TEST_F(QueryPlugins, AcceptsNoPluginsInNoRoom)
+{
+    peer.answers("0E 00 00 00 10 00 00 00 09 00*3 00 00 00 00");
+    uint32_t plugins[1] = {1};
+    uint32_t count = 99;
+    EXPECT_EQ(qel_sysmsg_get_plugins(&peer.con, plugins, 0, &count), 1);
+    EXPECT_EQ(count, 0U);
+    EXPECT_EQ(plugins[0], 1U);
+}
+
+TEST_F(QueryPlugins, LeavesTheResultsAloneWithoutAnAnswer)
+{
+    peer.confirms();
+    uint32_t plugins[1] = {1};
+    uint32_t count = 99;
+    EXPECT_EQ(qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count), 0);
+    EXPECT_EQ(peer.now_ms(), 15000);
+    EXPECT_EQ(plugins[0], 1U);
+    EXPECT_EQ(count, 99U);
+}
+
+TEST_F(QueryPlugins, NeedsRoomForIdsAndCount)
+{
+    uint32_t word;
+    EXPECT_STOPS_ON("plugins", sysmsg_unit, qel_sysmsg_get_plugins(nullptr, nullptr, 1, nullptr));
+    EXPECT_STOPS_ON("plugin_count", sysmsg_unit, qel_sysmsg_get_plugins(nullptr, &word, 1, nullptr));
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_get_plugins(nullptr, &word, 1, &word));
+}
+
+// ---- Query 23 ----
+
+TEST_F(Query23, SendsNameTextsAndCountAndReturnsTheAnswersText)
+{
+    peer.answers("18 00 00 00 70 00 00 00 09 'answer' 00*97");
+    const char *const items[] = {"one", "two"};
+    const char *result = nullptr;
+    EXPECT_EQ(qel_sysmsg_query_23(&peer.con, "name", items, 2, &result), 1);
+    EXPECT_EQ(request_sent(), shown("17 00 00 00 5C 04 00 00 ## 'name' 00*96 'one' 00*97 'two' 00*97 00*800 "
+                                    "00*3 02 00 00 00"));
+    EXPECT_STREQ(result, "answer");
+}
+
+TEST_F(Query23, HasRoomForTenTextsOf99Characters)
+{
+    peer.answers("18 00 00 00 70 00 00 00 09 'answer' 00*97");
+    const std::string text(120, 't');
+    const char *const items[] = {text.c_str(), text.c_str(), text.c_str(), text.c_str(), text.c_str(),
+                                 text.c_str(), text.c_str(), text.c_str(), text.c_str(), text.c_str()};
+    const char *result;
+    EXPECT_EQ(qel_sysmsg_query_23(&peer.con, text.c_str(), items, 10, &result), 1);
+    EXPECT_EQ(request_sent(),
+              shown("17 00 00 00 5C 04 00 00 ## 74*99 00 74*99 00 74*99 00 74*99 00 74*99 00 "
+                    "74*99 00 74*99 00 74*99 00 74*99 00 74*99 00 74*99 00 00*3 0A 00 00 00"));
+}
+
+TEST_F(Query23, StopsAtTheEleventhText)
+{
+    const char *const items[] = {"", "", "", "", "", "", "", "", "", "", ""};
+    const char *result;
+    EXPECT_STOPS_ON("i < 10", sysmsg_unit, qel_sysmsg_query_23(&peer.con, "", items, 11, &result));
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(Query23, KeepsTheAnswerUntilTheNextOne)
+{
+    peer.answers("18 00 00 00 70 00 00 00 09 'first' 00*98");
+    const char *first;
+    const char *second;
+    EXPECT_EQ(qel_sysmsg_query_23(&peer.con, "", nullptr, 0, &first), 1);
+    EXPECT_STREQ(first, "first");
+    peer.answers("18 00 00 00 70 00 00 00 0A 'second' 00*97");
+    EXPECT_EQ(qel_sysmsg_query_23(&peer.con, "", nullptr, 0, &second), 1);
+    EXPECT_EQ(first, second);
+    EXPECT_STREQ(first, "second");
+}
+
+TEST_F(Query23, LeavesTheResultAloneWithoutAnAnswer)
+{
+    const char *result = "untouched";
+    EXPECT_EQ(qel_sysmsg_query_23(&peer.con, "", nullptr, 0, &result), 0);
+    EXPECT_STREQ(result, "untouched");
+}
+
+TEST_F(Query23, StopsOnALongerAnswer)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("18 00 00 00 71 00 00 00 09 00*104");
+    const char *result;
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
+                    qel_sysmsg_query_23(&peer.con, "", nullptr, 0, &result));
+}
+
+// ---- Path exists ----
+
+TEST_F(QueryPathExists, SendsThePathAndReturnsThePeersWord)
+{
+    peer.answers("1D 00 00 00 10 00 00 00 09 00*3 04 03 02 01");
+    uint32_t exists = 0;
+    EXPECT_EQ(qel_sysmsg_tolbrin_path_exists(&peer.con, "/a/b", &exists), 1);
+    EXPECT_EQ(request_sent(), shown("1C 00 00 00 70 00 00 00 ## '/a/b' 00*96 00*3"));
+    EXPECT_EQ(exists, 0x01020304U);
+}
+
+TEST_F(QueryPathExists, CutsThePathAt99Characters)
+{
+    peer.answers("1D 00 00 00 10 00 00 00 09 00*3 00*4");
+    uint32_t exists = 1;
+    EXPECT_EQ(qel_sysmsg_tolbrin_path_exists(&peer.con, ("/" + std::string(150, 'p')).c_str(), &exists), 1);
+    EXPECT_EQ(request_sent(), shown("1C 00 00 00 70 00 00 00 ## '/' 70*98 00 00*3"));
+    EXPECT_EQ(exists, 0U);
+}
+
+TEST_F(QueryPathExists, LeavesTheResultAloneWithoutAnAnswer)
+{
+    uint32_t exists = 99;
+    EXPECT_EQ(qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", &exists), 0);
+    EXPECT_EQ(exists, 99U);
+}
+
+TEST_F(QueryPathExists, StopsWithAMessageOnAPathThatIsNotAbsolute)
+{
+    uint32_t exists;
+    for (const std::string path : {"a/b", "", "/a/", "/a//b", "/a?"}) {
+        EXPECT_FATAL("Path is not absolute: \"" + path + "\"\n", "qel_sysmsg_tolbrin_path_exists",
+                     sysmsg_unit, any_line, qel_sysmsg_tolbrin_path_exists(&peer.con, path.c_str(), &exists));
+    }
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(QueryPathExists, ChecksConnectionThenPathThenResult)
+{
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_tolbrin_path_exists(nullptr, "a", nullptr));
+    EXPECT_STOPS_ON("0", sysmsg_unit, qel_sysmsg_tolbrin_path_exists(&peer.con, "a", nullptr));
+    EXPECT_STOPS_ON("exists", sysmsg_unit, qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", nullptr));
+}
+
+TEST_F(QueryPathExists, StopsOnALongerAnswer)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("1D 00 00 00 11 00 00 00 09 00*3 00*5");
+    uint32_t exists;
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
+                    qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", &exists));
+}
+
+// ---- Info ----
+
+TEST_F(QueryInfo, FillsAllButTheCallersOwnField)
+{
+    peer.answers("25 00 00 00 18 00 00 00 09 00*3 01 00 00 00 02 00 00 00 FF FF FF FF");
+    qel_sysmsg_info info = {4711, 0, 0, 0};
+    EXPECT_EQ(qel_sysmsg_get_info(&peer.con, &info), 1);
+    EXPECT_EQ(request_sent(), shown("24 00 00 00 0C 00 00 00 ## 00*3"));
+    EXPECT_EQ(info.own, 4711U);
+    EXPECT_EQ(info.a, 1U);
+    EXPECT_EQ(info.b, 2U);
+    EXPECT_EQ(info.c, 0xFFFFFFFFU);
+}
+
+TEST_F(QueryInfo, LeavesTheRecordAloneWithoutAnAnswer)
+{
+    qel_sysmsg_info info = {1, 2, 3, 4};
+    EXPECT_EQ(qel_sysmsg_get_info(&peer.con, &info), 0);
+    EXPECT_EQ(info.a, 2U);
+    EXPECT_EQ(info.c, 4U);
+}
+
+TEST_F(QueryInfo, NeedsARecord)
+{
+    EXPECT_STOPS_ON("info", sysmsg_unit, qel_sysmsg_get_info(nullptr, nullptr));
+}
+
+// ---- Item size ----
+
+TEST_F(QueryItemSize, SendsBothValuesAndTheName)
+{
+    peer.answers("28 00 00 00 40 00 00 00 09 00*3 01 00 00 00 'name' 00*28 02 00 00 00 00*4 "
+                 "08 07 06 05 04 03 02 01");
+    uint64_t size = 0;
+    EXPECT_EQ(qel_sysmsg_get_item_size(&peer.con, 1, "name", 2, &size), 1);
+    EXPECT_EQ(request_sent(),
+              shown("27 00 00 00 40 00 00 00 ## 00*3 01 00 00 00 'name' 00*28 02 00 00 00 00*12"));
+    EXPECT_EQ(size, 0x0102030405060708U);
+}
+
+TEST_F(QueryItemSize, SendsZerosForNoNameAndCutsALongOne)
+{
+    peer.answers("28 00 00 00 40 00 00 00 09 00*55");
+    uint64_t size = 1;
+    EXPECT_EQ(qel_sysmsg_get_item_size(&peer.con, 1, nullptr, 2, &size), 1);
+    EXPECT_EQ(request_sent(), shown("27 00 00 00 40 00 00 00 ## 00*3 01 00 00 00 00*32 02 00 00 00 00*12"));
+    EXPECT_EQ(size, 0U);
+
+    peer.transmissions.clear();
+    qel_sysmsg_forget_sequence();
+    EXPECT_EQ(qel_sysmsg_get_item_size(&peer.con, 1, std::string(40, 'n').c_str(), 2, &size), 1);
+    EXPECT_EQ(request_sent(),
+              shown("27 00 00 00 40 00 00 00 ## 00*3 01 00 00 00 6E*30 00*2 02 00 00 00 00*12"));
+}
+
+TEST_F(QueryItemSize, ReadsAShortAnswerOverItsRequest)
+{
+    peer.answers("28 00 00 00 0C 00 00 00 09 00*3");
+    uint64_t size = 99;
+    EXPECT_EQ(qel_sysmsg_get_item_size(&peer.con, 1, "name", 2, &size), 1);
+    EXPECT_EQ(size, 0U); // the request's zeros
+}
+
+TEST_F(QueryItemSize, LeavesTheResultAloneWithoutAnAnswer)
+{
+    uint64_t size = 99;
+    EXPECT_EQ(qel_sysmsg_get_item_size(&peer.con, 1, "name", 2, &size), 0);
+    EXPECT_EQ(size, 99U);
+}
+
+TEST_F(QueryItemSize, NeedsRoomForTheSize)
+{
+    EXPECT_STOPS_ON("item_size", sysmsg_unit, qel_sysmsg_get_item_size(nullptr, 1, "name", 2, nullptr));
+}
+
+TEST_F(QueryItemSize, StopsOnALongerAnswer)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("28 00 00 00 41 00 00 00 09 00*56");
+    uint64_t size;
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
+                    qel_sysmsg_get_item_size(&peer.con, 1, "name", 2, &size));
+}
+
+// ---- Query 41 ----
+
+TEST_F(Query41, ReturnsBothValues)
+{
+    peer.answers("2A 00 00 00 20 00 00 00 09 00*3 00*4 08 07 06 05 04 03 02 01 09 00*7");
+    uint64_t first = 0;
+    uint64_t second = 0;
+    EXPECT_EQ(qel_sysmsg_query_41(&peer.con, &first, &second), 1);
+    EXPECT_EQ(request_sent(), shown("29 00 00 00 0C 00 00 00 ## 00*3"));
+    EXPECT_EQ(first, 0x0102030405060708U);
+    EXPECT_EQ(second, 9U);
+}
+
+TEST_F(Query41, NeedsNeitherResult)
+{
+    peer.answers("2A 00 00 00 20 00 00 00 09 00*3 00*4 01 00*7 02 00*7");
+    uint64_t first = 0;
+    uint64_t second = 0;
+    EXPECT_EQ(qel_sysmsg_query_41(&peer.con, nullptr, &second), 1);
+    qel_sysmsg_forget_sequence();
+    EXPECT_EQ(qel_sysmsg_query_41(&peer.con, &first, nullptr), 1);
+    qel_sysmsg_forget_sequence();
+    EXPECT_EQ(qel_sysmsg_query_41(&peer.con, nullptr, nullptr), 1);
+    EXPECT_EQ(first, 1U);
+    EXPECT_EQ(second, 2U);
+}
+
+// ---- Plugin size ----
+
+TEST_F(QueryPluginSize, SendsTheIdAndReturnsTheSize)
+{
+    peer.answers("2C 00 00 00 18 00 00 00 09 00*3 07 00 00 00 08 07 06 05 04 03 02 01");
+    uint64_t size = 0;
+    EXPECT_EQ(qel_sysmsg_get_plugin_size(&peer.con, 7, &size), 1);
+    EXPECT_EQ(request_sent(), shown("2B 00 00 00 18 00 00 00 ## 00*3 07 00 00 00 00*8"));
+    EXPECT_EQ(size, 0x0102030405060708U);
+}
+
+TEST_F(QueryPluginSize, NeedsAnIdAndRoomForTheSize)
+{
+    uint64_t size;
+    EXPECT_STOPS_ON("plugin_id > 0", sysmsg_unit, qel_sysmsg_get_plugin_size(&peer.con, 0, &size));
+    EXPECT_STOPS_ON("plugin_id > 0", sysmsg_unit, qel_sysmsg_get_plugin_size(nullptr, 0, nullptr));
+    EXPECT_STOPS_ON("plugin_size", sysmsg_unit, qel_sysmsg_get_plugin_size(nullptr, 1, nullptr));
+}

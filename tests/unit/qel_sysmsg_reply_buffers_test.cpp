@@ -1,0 +1,169 @@
+// The queries that keep an answer of any length for their caller: a text, and deciphered bytes.
+
+#include "support/fresh_process.h"
+#include "support/sysmsg_fixture.h"
+
+#include <gmock/gmock.h>
+
+class QueryText : public Query
+{
+};
+class QueryDecipher : public Query
+{
+};
+
+// ---- Text ----
+
+TEST_F(QueryText, ReturnsThePeersText)
+{
+    peer.answers("2F 00 00 00 15 00 00 00 09 00*3 05 00 00 00 'text' 00");
+    EXPECT_STREQ(qel_sysmsg_get_text(&peer.con), "text");
+    EXPECT_EQ(request_sent(), shown("2E 00 00 00 0C 00 00 00 ## 00*3"));
+}
+
+TEST_F(QueryText, MayBeEmpty)
+{
+    peer.answers("2F 00 00 00 11 00 00 00 09 00*3 01 00 00 00 00");
+    EXPECT_STREQ(qel_sysmsg_get_text(&peer.con), "");
+}
+
+TEST_F(QueryText, MayFillTheBuffer)
+{
+    peer.answers("2F 00 00 00 10 02 00 00 09 00*3 00 02 00 00 74*511 00"); // 528 bytes
+    EXPECT_STREQ(qel_sysmsg_get_text(&peer.con), std::string(511, 't').c_str());
+}
+
+TEST_F(QueryText, StopsOnALongerAnswer)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("2F 00 00 00 11 02 00 00 09 00*3 01 02 00 00 74*512 00"); // 529 bytes
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit, qel_sysmsg_get_text(&peer.con));
+}
+
+TEST_F(QueryText, IsNoneWithoutAnAnswer)
+{
+    EXPECT_EQ(qel_sysmsg_get_text(&peer.con), nullptr);
+}
+
+TEST_F(QueryText, IsNoneWhenThePeerHasNone)
+{
+    peer.answers("2F 00 00 00 10 00 00 00 09 00*3 00 00 00 00");
+    EXPECT_EQ(qel_sysmsg_get_text(&peer.con), nullptr);
+}
+
+TEST_F(QueryText, IsNoneWhenItsNulIsMissing)
+{
+    peer.answers("2F 00 00 00 15 00 00 00 09 00*3 05 00 00 00 'textX'");
+    EXPECT_EQ(qel_sysmsg_get_text(&peer.con), nullptr);
+}
+
+TEST_F(QueryText, IsNoneWhenItWouldEndBehindTheBuffer)
+{
+    for (const char *length : {"02 02 00 00", "FF FF FF 7F", "F1 FF FF FF", "FF FF FF FF"}) {
+        qel_sysmsg_forget_sequence();
+        peer.answers("2F 00 00 00 11 00 00 00 09 00*3 " + std::string(length) + " 00");
+        EXPECT_EQ(qel_sysmsg_get_text(&peer.con), nullptr) << length;
+    }
+}
+
+TEST_F(QueryText, StaysUntilTheNextOne)
+{
+    peer.answers("2F 00 00 00 15 00 00 00 09 00*3 05 00 00 00 'text' 00");
+    const char *first = qel_sysmsg_get_text(&peer.con);
+    peer.answers("2F 00 00 00 15 00 00 00 0A 00*3 05 00 00 00 'next' 00");
+    EXPECT_EQ(qel_sysmsg_get_text(&peer.con), first);
+    EXPECT_STREQ(first, "next");
+}
+
+TEST_F(QueryText, NeedsAConnection)
+{
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_get_text(nullptr));
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_reply_text(nullptr, "text"));
+}
+
+// ---- Decipher ----
+
+TEST_F(QueryDecipher, SendsTheBytesAndReturnsTheAnswers)
+{
+    peer.answers("31 00 00 00 13 00 00 00 09 00*3 03 00 00 00 'abc'");
+    const void *plain = nullptr;
+    uint32_t length = 0;
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 1);
+    EXPECT_EQ(request_sent(), shown("30 00 00 00 13 00 00 00 ## 00*3 03 00 00 00 'XYZ'"));
+    EXPECT_EQ(hex_of(plain, length), hex("'abc'"));
+}
+
+TEST_F(QueryDecipher, FailsOnAnAnswerOfLength0)
+{
+    peer.answers("31 00 00 00 10 00 00 00 09 00*3 00 00 00 00");
+    const void *plain = "x";
+    uint32_t length = 99;
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 0);
+    EXPECT_EQ(plain, nullptr);
+    EXPECT_EQ(length, 0U);
+}
+
+TEST_F(QueryDecipher, EmptiesItsResultsEvenWithoutAnAnswer)
+{
+    const void *plain = "x";
+    uint32_t length = 99;
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 0);
+    EXPECT_EQ(plain, nullptr);
+    EXPECT_EQ(length, 0U);
+}
+
+TEST_F(QueryDecipher, DoesNotExamineTheLengthThatThePeerGives)
+{
+    peer.answers("31 00 00 00 13 00 00 00 09 00*3 FF 00 00 00 'abc'");
+    const void *plain;
+    uint32_t length;
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 1);
+    EXPECT_EQ(length, 255U);
+    EXPECT_EQ(hex_of(plain, 3), hex("'abc'"));
+}
+
+TEST_F(QueryDecipher, StopsOnAnAnswerLongerThanTheQuestion)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("31 00 00 00 14 00 00 00 09 00*3 04 00 00 00 'abcd'");
+    const void *plain;
+    uint32_t length;
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
+                    qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length));
+}
+
+TEST_F(QueryDecipher, TakesQuestionsOfAnyLengthInTurn)
+{
+    for (const int size : {1, 111, 112, 113, 240, 20000, 5}) {
+        qel_sysmsg_forget_sequence();
+        const Bytes cipher(static_cast<size_t>(size), 0x43);
+        peer.on_send = [&](int, const Bytes &sent) {
+            if (sent[0] != 48)
+                return;
+            peer.delivers(0, confirm_of(sent));
+            Bytes answer = sent;
+            answer[0] = 49;
+            peer.delivers(0, answer);
+        };
+        const void *plain;
+        uint32_t length;
+        EXPECT_EQ(qel_sysmsg_decipher(&peer.con, cipher.data(), size, &plain, &length), 1);
+        EXPECT_EQ(hex_of(plain, length), hex_of(cipher));
+    }
+}
+
+TEST_F(QueryDecipher, NeedsEverything)
+{
+    const void *plain = "untouched";
+    uint32_t length = 99;
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_decipher(nullptr, nullptr, 0, nullptr, nullptr));
+    EXPECT_STOPS_ON("cipher", sysmsg_unit, qel_sysmsg_decipher(&peer.con, nullptr, 0, nullptr, nullptr));
+    EXPECT_STOPS_ON("cipher_len > 0", sysmsg_unit, qel_sysmsg_decipher(&peer.con, "x", 0, nullptr, nullptr));
+    EXPECT_STOPS_ON("cipher_len > 0", sysmsg_unit, qel_sysmsg_decipher(&peer.con, "x", -1, &plain, &length));
+    EXPECT_STOPS_ON("plain", sysmsg_unit, qel_sysmsg_decipher(&peer.con, "x", 1, nullptr, &length));
+    EXPECT_STOPS_ON("plain_len", sysmsg_unit, qel_sysmsg_decipher(&peer.con, "x", 1, &plain, nullptr));
+    EXPECT_STREQ(static_cast<const char *>(plain), "untouched");
+    EXPECT_EQ(length, 99U);
+}
