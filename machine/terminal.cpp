@@ -12,7 +12,19 @@ namespace
 {
 
 const char switch_off_key = 0x1d; // Ctrl-]
-const double last_output_seconds = 2;
+const double quiet_seconds = 2;
+
+/// After the end of a script: the shell may still be at work on it.
+void wait_for_last_output(Cabinet &cabinet)
+{
+    auto on_terminal = [](const Event &event) { return event.kind == Event::terminal; };
+    size_t before = 0;
+    do {
+        before = cabinet.events.size();
+        pump_for(cabinet, quiet_seconds);
+    } while (
+        std::any_of(cabinet.events.begin() + static_cast<long>(before), cabinet.events.end(), on_terminal));
+}
 
 } // namespace
 
@@ -48,7 +60,7 @@ void pass_keys(Terminal &terminal, Cabinet &cabinet)
     ssize_t got = read(0, keys, sizeof keys);
     if (got <= 0 || (terminal.taken && keys[0] == switch_off_key)) {
         if (!terminal.taken)
-            pump_for(cabinet, last_output_seconds);
+            wait_for_last_output(cabinet);
         terminal.ended = true;
         return;
     }

@@ -1,0 +1,58 @@
+// A cabinet for the tests: small images made for each test, so that it starts within seconds, and a
+// recorder (recorder.cpp) in the place of the X server.
+#pragma once
+
+#include "cabinet/cabinet.h"
+#include "cabinet/images.h"
+#include "cabinet/monitor.h"
+
+#include <gtest/gtest.h>
+
+/// Long enough on a busy computer; a test that passes never waits for it.
+const double patience = 60;
+
+struct Machine {
+    Parts parts = find_parts();
+    ScratchFolder folder;
+    CabinetSetup setup;
+    std::vector<std::string> ram_disk = ram_disk_list(parts);
+    std::vector<FileAt> system;  ///< below /usr; the recorder as Xfake to begin with
+    std::vector<FileAt> storage; ///< empty to begin with
+    Cabinet cabinet;
+
+    Machine();
+};
+
+/// The recorder as a file of this computer.
+extern const char *const recorder;
+
+/// Makes the RAM disk and, unless the setup names one, the internal disk, and switches the power on.
+void start(Machine &machine);
+
+/// Pulls the plug, and starts again with the same disk in `next`, with no stick.
+void start_again(Machine &next, Machine &before);
+
+/// Puts a stick with these files in before power-on; the loader starts once the kernel has found it.
+void insert_stick(Machine &machine, const std::vector<FileAt> &files);
+
+/// A new file in the machine's scratch folder that holds `text`.
+std::string file_with(Machine &machine, const std::string &name, const std::string &text);
+
+/// The lines that the recorder wrote under this name, its name left out.
+std::vector<std::string> notes_of(const Machine &machine, const std::string &name);
+
+/// Pumps until the recorder has written all its lines under this name `times` times.
+bool wait_for_recorder(Machine &machine, const std::string &name, int times = 1);
+
+/// Pumps until a child of process 1 with these words has been started `times` times.
+bool wait_for_start(Machine &machine, const std::string &words, int times = 1);
+
+/// What mtools lists as plain names in the storage partition of the internal disk.
+std::vector<std::string> storage_names(const Machine &machine);
+
+/// A file of the internal disk's storage partition.
+std::string storage_file(const Machine &machine, const std::string &name);
+
+/// Pumps for a while and says whether process 1 did nothing but sleep: nothing on the console, no program
+/// started, no record to the board.
+bool stays_parked(Machine &machine);

@@ -1,0 +1,114 @@
+// The program behind ./run, and the whole cabinet with Debian's X server and the sample application.
+
+#include "machine_test.h"
+
+#include "cabinet/screen.h"
+
+#include <algorithm>
+
+namespace
+{
+
+const char *const run = MACHINE_TEST_RUN;
+
+/// Runs it and returns what it prints; `status` receives its exit status.
+std::string run_with(const std::vector<std::string> &options, int &status)
+{
+    std::vector<std::string> command = {"sh", "-c", "\"$0\" \"$@\"; echo status $?", run};
+    command.insert(command.end(), options.begin(), options.end());
+    std::string output = run_tool(command);
+    status = std::stoi(output.substr(output.rfind("status ") + 7));
+    return output;
+}
+
+} // namespace
+
+TEST(WholeCabinet, ShowsTheSampleApplicationOnItsScreen)
+{
+    Machine machine;
+    machine.storage = {{"qel_application_sample", machine.parts.sample_application}};
+    machine.setup.internal_disk = machine.folder.path + "/internal_disk.img";
+    make_internal_disk(machine.setup.internal_disk, usual_system_image(machine.parts), machine.storage);
+    start(machine);
+
+    ASSERT_TRUE(wait_for_start(machine, "/storage/qel_application_sample", 2));
+    Picture picture;
+    ASSERT_TRUE(wait_until(
+        machine.cabinet,
+        [&] {
+            picture = grab_screen(machine.cabinet);
+            return shows_something(picture);
+        },
+        patience));
+    EXPECT_EQ(picture.width, 800U);
+    EXPECT_EQ(picture.height, 600U);
+    // The window's background, 10243e, in the corner where nothing else is drawn.
+    std::vector<unsigned char> corner(picture.bytes.begin(), picture.bytes.begin() + 3);
+    EXPECT_EQ(corner, (std::vector<unsigned char>{0x10, 0x24, 0x3e}));
+}
+
+TEST(WholeCabinet, HasASystemImageThatFitsItsPartition)
+{
+    Parts parts = find_parts();
+    std::string image = usual_system_image(parts);
+    EXPECT_LT(read_file(image).size(), 28U * 1024 * 1024);
+}
+
+TEST(Run, EndsWithZeroWhenTheApplicationRan)
+{
+    int status = -1;
+    std::string output = run_with({"--seconds", "8"}, status);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("console  QEL Loader...\n"), std::string::npos);
+    EXPECT_NE(output.find("h8       get mode (5)\n"), std::string::npos);
+    EXPECT_NE(output.find("start    /storage/qel_application_sample"), std::string::npos);
+}
+
+TEST(Run, ShowsTheApplicationAlsoWhenTheConsoleIsSilent)
+{
+    int status = -1;
+    std::string output = run_with({"--seconds", "8", "--mode", "0"}, status);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_EQ(output.find("console  run: "), std::string::npos);
+    EXPECT_NE(output.find("start    /storage/qel_application_sample"), std::string::npos);
+}
+
+TEST(Run, EndsWithOneWhenTheApplicationDoesNotStart)
+{
+    Machine machine;
+    int status = -1;
+    std::string output =
+        run_with({"--seconds", "6", "--application", file_with(machine, "text", "no program\n")}, status);
+    EXPECT_EQ(status, 1) << output;
+    EXPECT_NE(output.find("console  exec failed: qel_application_text\n"), std::string::npos);
+}
+
+TEST(Run, PutsAFoldersFilesOnAStick)
+{
+    ScratchFolder stick;
+    std::string application = "#!/bin/sh\nexec /bin/busybox sleep 1\n";
+    write_file(stick.path + "/qel_application_zz", application);
+    int status = -1;
+    std::string output = run_with({"--seconds", "10", "--stick", stick.path}, status);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("console  copy: /disk/sda1/qel_application_zz -> /storage/qel_application_zz\n"),
+              std::string::npos);
+}
+
+TEST(Run, WritesAPictureOfTheScreen)
+{
+    ScratchFolder folder;
+    int status = -1;
+    std::string output = run_with({"--screenshot", folder.path + "/screen.png"}, status);
+    EXPECT_EQ(status, 0) << output;
+    std::string picture = read_file(folder.path + "/screen.png");
+    EXPECT_EQ(picture.substr(0, 8), "\x89PNG\r\n\x1a\n");
+    EXPECT_EQ(picture.substr(12, 12), std::string("IHDR\0\0\x03\x20\0\0\x02\x58", 12)); // 800 by 600
+}
+
+TEST(Run, RefusesAnOptionItDoesNotKnow)
+{
+    int status = -1;
+    run_with({"--nonsense"}, status);
+    EXPECT_EQ(status, 2);
+}
