@@ -3,7 +3,11 @@
 #include "sandbox/cabinet.h"
 #include "sandbox/settings.h"
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <filesystem>
+#include <stdexcept>
 
 static const char proc_devices[] = "Character devices:\n"
                                    "  1 mem\n"
@@ -34,6 +38,17 @@ Cabinet::Cabinet()
     format("cramfs", 22, 2);
     format("vfat", 22, 3);
     add_program(system("/xorg/bin/Xfake"));
+
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends))
+        throw std::runtime_error("cabinet: no socket pair");
+    host = ends[0];
+    for_the_inside = ends[1];
+}
+
+Cabinet::~Cabinet()
+{
+    close(host);
 }
 
 // ---- Equipment ----
@@ -106,4 +121,10 @@ std::vector<std::string> Cabinet::await_child(pid_t n)
         return !lines.empty() && begins_with(lines.back(), "prefix");
     });
     return transcript().of(pid);
+}
+
+void Cabinet::send(const std::string &packet) const
+{
+    if (write(host, packet.data(), packet.size()) != static_cast<ssize_t>(packet.size()))
+        throw std::runtime_error("cabinet: the loader does not take packets");
 }

@@ -8,6 +8,7 @@ class Cabinet : public Sandbox
 {
   public:
     Cabinet();
+    ~Cabinet();
 
     // ---- Equipment ----
 
@@ -55,6 +56,10 @@ class Cabinet : public Sandbox
     /// reported how it was started. Returns its report.
     std::vector<std::string> await_child(pid_t n);
 
+    /// Sends a packet as the host at the other end of the board's link.
+    void send(const std::string &packet) const;
+
   private:
     std::string failures;
+    int host = -1;
 };

@@ -1,20 +1,18 @@
-// Namespaces, the root, the console, and what the host knows about the processes inside. The root is made
-// and filled while it is mounted nowhere; PID 1 of the new namespaces moves it into its place.
+// The root of a sandbox, its console, and what the host knows about the processes inside. The root is made
+// and filled while it is mounted nowhere; PID 1 of the new namespaces moves it into its place (entry.cpp).
 
 #include "sandbox/sandbox.h"
+#include "sandbox/entry.h"
 #include "sandbox/settings.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
-#include <sched.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -59,8 +57,11 @@ Sandbox::Sandbox() : root(make_root())
     for (const char *folder : {"/bin", "/dev", "/lib", "/lib64", "/proc", "/machine"})
         make_folder(folder);
     make_file("/dev/null", "");
+    // Sanitizers report into a file, since there may be no console, and give freed memory back at once, so
+    // that growth can be told; leaks are of no interest in a process that never ends.
     for (const char *options : {"ASAN_OPTIONS", "UBSAN_OPTIONS"})
-        set(options, "detect_leaks=0:log_path=/machine/sanitizer");
+        set(options, "log_path=/machine/sanitizer:detect_leaks=0:quarantine_size_mb=0:"
+                     "thread_local_quarantine_size_kb=0");
 }
 
 Sandbox::~Sandbox()
@@ -156,67 +157,6 @@ std::vector<std::string> Sandbox::names(const std::string &path) const
 
 // ---- Starting ----
 
-/// What PID 1 needs before it is the program. It may not allocate: it is a copy of the test.
-struct Entry {
-    int root;
-    int console;
-    const char *program;
-    char *const *arguments;
-    char *const *environment;
-    const char *limited_folder;
-    const char *limit_options;
-};
-
-static void require(int result, const char *what)
-{
-    if (result < 0) {
-        dprintf(transcript_descriptor, "sandbox: %s: %s\n", what, strerror(errno));
-        _exit(98);
-    }
-}
-
-static void bind(const char *from, const char *to, unsigned long flags)
-{
-    require(mount(from, to, nullptr, MS_BIND, nullptr), from);
-    require(mount(nullptr, to, nullptr, MS_REMOUNT | MS_BIND | flags, nullptr), to);
-}
-
-/// Moves the root into its place, with what it needs of the host. Any folder of the host will do for the
-/// moment in between: it is hidden in this namespace only.
-static void enter_root(int root)
-{
-    require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), "private mounts");
-    require(move_mount(root, "", AT_FDCWD, "/tmp", MOVE_MOUNT_F_EMPTY_PATH), "move_mount");
-    bind("/lib", "/tmp/lib", MS_RDONLY);
-    bind("/lib64", "/tmp/lib64", MS_RDONLY);
-    bind("/dev/null", "/tmp/dev/null", 0);
-    require(chdir("/tmp"), "chdir");
-    require(static_cast<int>(syscall(SYS_pivot_root, ".", ".")), "pivot_root");
-    require(umount2(".", MNT_DETACH), "umount");
-    require(chdir("/"), "chdir");
-    // For a sanitizer, which looks into it before main; the stand-in kernel takes it away again.
-    require(mount("proc", "/proc", "proc", 0, nullptr), "proc");
-}
-
-[[noreturn]] static void become_program(const Entry &entry)
-{
-    require(dup2(entry.console, transcript_descriptor), "transcript");
-    require(prctl(PR_SET_PDEATHSIG, SIGKILL), "prctl");
-    enter_root(entry.root);
-    if (*entry.limited_folder)
-        require(mount("tmpfs", entry.limited_folder, "tmpfs", MS_NODEV, entry.limit_options), "limit");
-    for (int stream = 0; stream <= 2; stream++)
-        require(dup2(entry.console, stream), "console");
-    // The kernel starts its first program so: in a session of its own, with this mask.
-    setsid();
-    umask(022);
-    require(close_range(3, transcript_descriptor - 1, 0), "close_range");
-    require(close_range(transcript_descriptor + 1, ~0U, 0), "close_range");
-    execve(entry.program, entry.arguments, entry.environment);
-    require(-1, entry.program);
-    _exit(98);
-}
-
 /// Makes the console: a terminal that passes every byte as it is. Returns its inner end.
 static int make_console(int *outer)
 {
@@ -251,15 +191,12 @@ void Sandbox::start(const std::string &host_program, const std::vector<std::stri
         environment_texts.push_back(name + "=" + value);
     const std::vector<char *> argv = pointers(argument_texts), envp = pointers(environment_texts);
     const int inner = make_console(&console);
-    const Entry entry = {
-        root, inner, "/init", argv.data(), envp.data(), limited_folder.c_str(), limit_options.c_str()};
-
-    first_pid = static_cast<pid_t>(syscall(SYS_clone, CLONE_NEWNS | CLONE_NEWPID | SIGCHLD, 0, 0, 0, 0));
-    if (first_pid == 0)
-        become_program(entry);
+    first_pid = start_inside({root, inner, for_the_inside, "/init", argv.data(), envp.data(),
+                              limited_folder.c_str(), limit_options.c_str()});
     if (first_pid < 0)
         give_up("no namespaces");
     close(inner);
+    close(for_the_inside);
 }
 
 // ---- Watching ----
@@ -418,7 +355,7 @@ std::map<int, std::string> Sandbox::descriptors() const
     std::map<int, std::string> found;
     for (const auto &entry : fs::directory_iterator("/proc/" + std::to_string(first_pid) + "/fd")) {
         const int descriptor = std::stoi(entry.path().filename().string());
-        if (descriptor != transcript_descriptor)
+        if (descriptor != transcript_descriptor && descriptor != host_descriptor)
             found[descriptor] = fs::read_symlink(entry.path()).string();
     }
     return found;

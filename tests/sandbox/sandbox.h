@@ -49,6 +49,8 @@ class Sandbox
 
     /// Sets a variable in the environment of PID 1.
     void set(const std::string &name, const std::string &value);
+    /// A descriptor that PID 1 gets as host_descriptor; start() closes it. -1 for none.
+    int for_the_inside = -1;
     /// Starts a program of the host as PID 1, with `arguments` from argv[0] on.
     void start(const std::string &host_program, const std::vector<std::string> &arguments);
     /// How long a wait may take.
@@ -77,7 +79,7 @@ class Sandbox
     };
     Process first_process() const;
     std::vector<Process> children() const;
-    /// The open descriptors of PID 1 but for the transcript's, and where they lead.
+    /// The open descriptors of PID 1 but for the sandbox's own, and where they lead.
     std::map<int, std::string> descriptors() const;
     /// Its memory that is backed by no file, in kB.
     long anonymous_kb() const;

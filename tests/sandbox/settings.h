@@ -16,6 +16,8 @@
 #pragma once
 
 constexpr int transcript_descriptor = 100;
+/// Where the board's host-comms device leads: a socket that keeps packets apart.
+constexpr int host_descriptor = 101;
 constexpr char record_mark = '\x1e';
 
 /// The environment of PID 1 holds the rest.

@@ -47,9 +47,16 @@ PASSED(int, -1, chmod, (const char *path, mode_t mode), (path, mode), "chmod %s 
 PASSED(int, -1, symlink, (const char *content, const char *path), (content, path), "symlink %s %s", content,
        path)
 PASSED(int, -1, chdir, (const char *path), (path), "chdir %s", path)
-PASSED(int, -1, access, (const char *path, int mode), (path, mode), "access %s %s", path,
-       mode == R_OK ? "R_OK" : "other")
 PASSED(int, -1, stat64, (const char *path, struct stat *status), (path, status), "stat %s", path)
+
+extern "C" int libc_access(const char *, int) __asm__("__real_access");
+DECLARED(int, access, (const char *path, int mode))
+int wrap_access(const char *path, int mode)
+{
+    const int outcome = libc_access(path, mode);
+    record_poll(outcome != 0, "access %s %s", path, mode == R_OK ? "R_OK" : "other");
+    return outcome;
+}
 
 extern "C" void real_sync() __asm__("__real_sync");
 DECLARED(void, sync, ())
@@ -100,7 +107,8 @@ ssize_t wrap_read(int file, void *buffer, size_t size)
         return real_read(file, buffer, size);
     const ssize_t count = board_read(file, buffer, size);
     char text[300];
-    record("read %s %zu = %s", device, size, quoted(buffer, (size_t)count, text, sizeof text));
+    if (count >= 0)
+        record("read %s %zu = %s", device, size, quoted(buffer, (size_t)count, text, sizeof text));
     return count;
 }
 

@@ -17,6 +17,8 @@
 __attribute__((format(printf, 1, 2))) void record(const char *format, ...);
 /// The same for a call that is over: appends " = ERROR" when it failed.
 __attribute__((format(printf, 2, 3))) void record_call(int failed, const char *format, ...);
+/// The same, unless it would repeat the last record of this process: for calls that are made in a loop.
+__attribute__((format(printf, 2, 3))) void record_poll(int failed, const char *format, ...);
 /// Writes the bytes as a quoted text into `text`, and returns it.
 const char *quoted(const void *bytes, size_t count, char *text, size_t size);
 

@@ -15,43 +15,55 @@ enum { record_bytes = 2000 };
 
 // ---- Records ----
 
-__attribute__((format(printf, 2, 0))) static void write_record(const char *outcome, const char *format,
+/// The last record of this process.
+static char last_line[record_bytes];
+
+/// Writes a record, and the outcome with it when `error` is not 0. errno stays.
+__attribute__((format(printf, 3, 0))) static void write_record(int may_repeat, int error, const char *format,
                                                                va_list arguments)
 {
-    // One write, so that records of several processes do not mix.
+    const int errno_before = errno;
     char line[record_bytes];
     int length = snprintf(line, sizeof line, "%c%d ", record_mark, getpid());
     length += vsnprintf(line + length, sizeof line - (size_t)length, format, arguments);
+    if (length < record_bytes && error)
+        length += snprintf(line + length, sizeof line - (size_t)length, " = %s", strerrorname_np(error));
     if (length < record_bytes)
-        length += snprintf(line + length, sizeof line - (size_t)length, "%s\n", outcome);
+        length += snprintf(line + length, sizeof line - (size_t)length, "\n");
     if (length >= record_bytes) {
         fprintf(stderr, "sandbox: a record is too long: %.60s\n", line + 1);
         abort();
     }
-    real_write(transcript_descriptor, line, (size_t)length);
+    if (may_repeat || strcmp(line, last_line) != 0) {
+        strcpy(last_line, line);
+        // One write, so that records of several processes do not mix.
+        real_write(transcript_descriptor, line, (size_t)length);
+    }
+    errno = errno_before;
 }
 
 void record(const char *format, ...)
 {
-    const int error = errno;
     va_list arguments;
     va_start(arguments, format);
-    write_record("", format, arguments);
+    write_record(1, 0, format, arguments);
     va_end(arguments);
-    errno = error;
 }
 
 void record_call(int failed, const char *format, ...)
 {
-    const int error = errno;
-    char outcome[40] = "";
-    if (failed)
-        snprintf(outcome, sizeof outcome, " = %s", strerrorname_np(error));
     va_list arguments;
     va_start(arguments, format);
-    write_record(outcome, format, arguments);
+    write_record(1, failed ? errno : 0, format, arguments);
     va_end(arguments);
-    errno = error;
+}
+
+void record_poll(int failed, const char *format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    write_record(0, failed ? errno : 0, format, arguments);
+    va_end(arguments);
 }
 
 const char *quoted(const void *bytes, size_t count, char *text, size_t size)

@@ -1,0 +1,109 @@
+// The update mode in its place in the start: the display, the host at the other end of the link, an
+// updater that takes the loader's place, a stick that ends the wait.
+
+#include "sandbox/cabinet.h"
+
+#include <gmock/gmock.h>
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// Packets as they travel: length and CRC, big-endian, then the message, little-endian.
+static const std::string connect_packet("\x00\x00\x00\x0c\x66\x86"
+                                        "\x05\x00\x00\x00\x0c\x00\x00\x00\x78\x56\x34\x12",
+                                        18);
+static const char answer_line[] =
+    "write /dev/qellpc_host_comms \"\\x00\\x00\\x00\\x0c\\x0d\\xb9&\\x00\\x00\\x00"
+    "\\x0c\\x00\\x00\\x00xV4\\x12\"";
+static const char notice_line[] =
+    "write /dev/qellpc_host_comms \"\\x00\\x00\\x00\\x08\\xb2U\\x0b\\x00\\x00\\x00"
+    "\\x08\\x00\\x00\\x00\"";
+static const std::string script_updater_packet("\x00\x00\x00\x1b\xfe\xee"
+                                               "\x0a\x00\x00\x00\x1b\x00\x00\x00\x0f\x00\x00\x00"
+                                               "#!/bin/updater\n",
+                                               33);
+static const std::string bad_updater_packet("\x00\x00\x00\x16\xe1\xce"
+                                            "\x0a\x00\x00\x00\x16\x00\x00\x00\x0a\x00\x00\x00"
+                                            "no program",
+                                            28);
+
+static std::string row(const std::string &text)
+{
+    return "write /dev/qellpc_lcd \"" + text + "\\x00\"";
+}
+
+TEST(TheUpdateMode, ShowsItsBannerAndAnnouncesItselfWhileItWaits)
+{
+    Cabinet cabinet;
+    cabinet.mode = 3;
+    cabinet.start();
+    EXPECT_TRUE(cabinet.matches("update_wait.txt"));
+}
+
+TEST(TheUpdateMode, ShowsAndAnswersAHostThatConnects)
+{
+    Cabinet cabinet;
+    cabinet.mode = 2;
+    cabinet.start();
+    cabinet.await_lines(row("2"));
+    cabinet.send(connect_packet);
+    cabinet.await_lines(answer_line);
+    EXPECT_THAT(cabinet.transcript().lines("write /dev/qellpc_lcd"),
+                ElementsAre(row("0"), row("1TOLBRIN Update..."), row("2"), row("2*Connected*")));
+    // Then the host is silent: two whole seconds later the row is cleared, and the notices begin again.
+    cabinet.await_lines(row("2"), 2);
+    cabinet.await_lines(notice_line);
+    EXPECT_EQ(cabinet.transcript().lines("write /dev/qellpc_lcd").size(), 5U);
+}
+
+TEST(TheUpdateMode, GivesItsPlaceToAnUpdaterFromTheHost)
+{
+    Cabinet cabinet;
+    cabinet.mode = 3;
+    cabinet.add_program("/bin/updater", "exit 7");
+    cabinet.start();
+    cabinet.await_lines(row("2"));
+    cabinet.send(script_updater_packet);
+    EXPECT_EQ(cabinet.await_end(), 7);
+    EXPECT_TRUE(cabinet.matches("update_updater.txt"));
+    EXPECT_EQ(cabinet.content("/tmp/updater"), "#!/bin/updater\n");
+    EXPECT_EQ(cabinet.look("/tmp/updater"), "-rwxr-xr-x");
+}
+
+TEST(TheUpdateMode, EndsTheLoaderWhenTheUpdaterCannotBeExecuted)
+{
+    Cabinet cabinet;
+    cabinet.mode = 3;
+    cabinet.start();
+    cabinet.await_lines(row("2"));
+    cabinet.send(bad_updater_packet);
+    EXPECT_EQ(cabinet.await_end(), 1);
+    EXPECT_EQ(cabinet.transcript().lines().back(), "console \"exec failed: /tmp/updater\\n\"");
+    EXPECT_EQ(cabinet.content("/tmp/updater"), "no program");
+}
+
+TEST(TheUpdateMode, EndsFiveSecondsAfterAStickIsThereAndTheStartGoesOn)
+{
+    Cabinet cabinet;
+    cabinet.mode = 2;
+    cabinet.start();
+    cabinet.await_lines(row("2"));
+    cabinet.plug_in_stick();
+    cabinet.add_program(Cabinet::stick("/qel_application_1"));
+    EXPECT_TRUE(cabinet.matches("update_stick.txt"));
+    cabinet.await_child(2);
+}
+
+TEST(TheUpdateMode, IsNotEnteredWithoutItsBit)
+{
+    for (const int mode : {0, 1, 4, 0xFD}) {
+        Cabinet cabinet;
+        cabinet.mode = mode;
+        cabinet.add_program(Cabinet::storage("/qel_application_1"));
+        cabinet.start();
+        cabinet.await_child(2);
+        EXPECT_THAT(cabinet.transcript().lines("open /dev/qellpc_host_comms"), IsEmpty());
+        EXPECT_THAT(cabinet.transcript().lines("write /dev/qellpc_lcd"), IsEmpty());
+    }
+}
