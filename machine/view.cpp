@@ -8,7 +8,7 @@
 namespace
 {
 
-const double console_wait = 0.5, lcd_wait = 0.1;
+const double console_wait = 0.5, lcd_wait = 0.1, link_wait = 1;
 const size_t lcd_columns = 24;
 
 std::string printable(const std::string &bytes)
@@ -55,6 +55,26 @@ void show_lcd(View &view, const Board &board)
     view.lcd_changed = false;
 }
 
+void count_link_record(View &view, const Event &event)
+{
+    if (view.records_sent + view.records_received == 0)
+        view.link_at = event.seconds;
+    bool sent = event.kind == Event::link_from_loader;
+    (sent ? view.records_sent : view.records_received) += 1;
+    (sent ? view.bytes_sent : view.bytes_received) += event.text.size();
+}
+
+void show_link(View &view)
+{
+    auto records = [](size_t count, size_t bytes) {
+        return std::to_string(count) + " records (" + std::to_string(bytes) + " bytes)";
+    };
+    show_line(view, view.link_at, "link",
+              "loader sent " + records(view.records_sent, view.bytes_sent) + ", received " +
+                  records(view.records_received, view.bytes_received));
+    view.records_sent = view.bytes_sent = view.records_received = view.bytes_received = 0;
+}
+
 } // namespace
 
 void show_line(View &view, double seconds, const std::string &source, const std::string &text)
@@ -86,11 +106,8 @@ void show_event(View &view, const Event &event)
         view.lcd_at = event.seconds;
         break;
     case Event::link_from_loader:
-        show_line(view, event.seconds, "link",
-                  "loader sends " + std::to_string(event.text.size()) + " bytes");
-        break;
     case Event::link_to_loader:
-        show_line(view, event.seconds, "link", "host sends " + std::to_string(event.text.size()) + " bytes");
+        count_link_record(view, event);
         break;
     case Event::other_record:
         show_line(view, event.seconds, "board", "record of minor " + std::to_string(event.number));
@@ -108,6 +125,8 @@ void show_waiting(View &view, const Cabinet &cabinet)
     double now = uptime(cabinet);
     if (view.lcd_changed && now > view.lcd_at + lcd_wait)
         show_lcd(view, cabinet.board);
+    if (view.records_sent + view.records_received > 0 && now > view.link_at + link_wait)
+        show_link(view);
     if (!view.console_line.empty() && now > view.console_at + console_wait)
         show_console_line(view, " ...");
     fflush(view.out);

@@ -10,10 +10,14 @@ struct View {
     std::string console_line; ///< what the console shows of a line that has not ended
     double console_at = 0;    ///< when its first byte came
     bool lcd_changed = false;
-    double lcd_at = 0; ///< when the display changed last
+    double lcd_at = 0;                               ///< when the display changed last
+    double link_at = 0;                              ///< when the first of these host-comms records came
+    size_t records_sent = 0, bytes_sent = 0;         ///< by the loader and not shown yet
+    size_t records_received = 0, bytes_received = 0; ///< by the loader and not shown yet
 };
 
-/// Shows an event; a console line once it has ended, the display once it has settled.
+/// Shows an event; a console line once it has ended, the display once it has settled; the
+/// host link as a line a second.
 void show_event(View &view, const Event &event);
 
 /// Shows what has waited long enough. To be called regularly.

@@ -15,23 +15,52 @@ namespace fs = std::filesystem;
 
 // ---- RAM disk ----
 
+namespace
+{
+
+std::string file_line(const std::string &place, const std::string &source)
+{
+    return "file " + place + " " + fs::canonical(source).string() + " 755 0 0";
+}
+
+/// The tools that the installer starts by fixed names: today's ones, behind scripts where they have
+/// changed. Their libraries must not be below /usr, which the system image covers.
+void add_installer_tools(std::vector<std::string> &list, const Parts &parts)
+{
+    for (const char *name : {"sfdisk", "mkdosfs", "syslinux"})
+        list.push_back(file_line("/bin/" + std::string(name), parts.installer_scripts + "/" + name));
+    list.push_back(file_line("/bin/miniunz", find_tool("miniunzip")));
+    for (const char *name : {"sfdisk", "mkfs.fat", "extlinux"})
+        list.push_back(file_line("/lib/tools/" + std::string(name), find_tool(name)));
+    std::set<std::string> libraries;
+    for (const char *name : {"sfdisk", "mkfs.fat", "extlinux", "miniunzip"})
+        libraries.merge(libraries_of(find_tool(name)));
+    for (const std::string &library : libraries)
+        list.push_back(file_line("/lib/" + fs::path(library).filename().string(), library));
+}
+
+} // namespace
+
 std::vector<std::string> ram_disk_list(const Parts &parts)
 {
-    return {
+    std::vector<std::string> list = {
         "dir /dev 755 0 0",
         "nod /dev/console 600 0 0 c 5 1",
         "nod /dev/null 666 0 0 c 1 3",
         "dir /tmp 1777 0 0",
         "dir /bin 755 0 0",
         "dir /sbin 755 0 0",
+        "dir /lib 755 0 0",
+        "dir /lib/tools 755 0 0",
         "dir /lib64 755 0 0",
-        "file /init " + parts.first_program + " 755 0 0",
-        "file /sbin/qel_application_loader " + parts.loader + " 755 0 0",
-        "file /bin/busybox /bin/busybox 755 0 0",
+        file_line("/init", parts.first_program),
+        file_line("/sbin/qel_application_loader", parts.loader),
+        file_line("/bin/busybox", "/bin/busybox"),
         "slink /bin/sh busybox 777 0 0",
-        "file /lib64/ld-linux-x86-64.so.2 " + fs::canonical("/lib64/ld-linux-x86-64.so.2").string() +
-            " 755 0 0",
+        file_line("/lib64/ld-linux-x86-64.so.2", "/lib64/ld-linux-x86-64.so.2"),
     };
+    add_installer_tools(list, parts);
+    return list;
 }
 
 void make_ram_disk(const std::string &image, const Parts &parts, const std::vector<std::string> &list)

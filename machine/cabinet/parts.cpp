@@ -11,12 +11,13 @@
 Parts find_parts()
 {
     const char *other_loader = getenv("QEL_LOADER");
-    std::string build = std::string(CABINET_SOURCE_FOLDER) + "/build";
+    std::string source = CABINET_SOURCE_FOLDER, build = source + "/build";
     Parts parts;
     parts.loader =
         other_loader != nullptr ? other_loader : build + "/product/src/qel_application_loader.stripped";
     parts.work_folder = build + "/machine";
     parts.kernel_folder = parts.work_folder + "/kernel";
+    parts.installer_scripts = source + "/machine/inside/tools";
     parts.first_program = CABINET_INSIDE_FOLDER "/cabinet_init";
     parts.xfake = CABINET_INSIDE_FOLDER "/Xfake";
     parts.sample_application = CABINET_INSIDE_FOLDER "/qel_application_sample";

@@ -10,7 +10,8 @@ struct Parts {
     std::string first_program; ///< /init of the RAM disk
     std::string xfake;
     std::string sample_application;
-    std::string work_folder; ///< where images that can be used again are kept
+    std::string installer_scripts; ///< folder of the scripts sfdisk, mkdosfs and syslinux
+    std::string work_folder;       ///< where images that can be used again are kept
 };
 
 /// The parts of this source tree; QEL_LOADER in the environment names another loader. Throws

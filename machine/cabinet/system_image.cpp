@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <regex>
 #include <set>
 #include <stdexcept>
 
@@ -19,17 +18,6 @@ namespace
 {
 
 const char *const key_name = "/qel_usr.key";
-
-/// The shared libraries that a program needs, as files of this computer.
-std::set<std::string> libraries_of(const std::string &program)
-{
-    std::string listing = run_tool({"ldd", program});
-    std::regex library("=> (/[^ ]+) ");
-    std::set<std::string> found;
-    for (std::sregex_iterator match(listing.begin(), listing.end(), library), none; match != none; ++match)
-        found.insert((*match)[1]);
-    return found;
-}
 
 /// Changes whenever one of the files does.
 std::string key_of(const std::vector<FileAt> &files)

@@ -11,11 +11,19 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
 
 namespace
 {
+
+/// Debian keeps some of the file-system tools out of an ordinary user's PATH.
+std::string tool_path()
+{
+    const char *path = getenv("PATH");
+    return std::string(path == nullptr ? "/usr/bin:/bin" : path) + ":/usr/sbin:/sbin";
+}
 
 /// In the child: `input` as standard input, the file `output` for all that is printed.
 [[noreturn]] void become_tool(const std::vector<std::string> &command, const std::string &input,
@@ -30,11 +38,7 @@ namespace
     for (const std::string &word : command)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
-    // Debian keeps some of the file-system tools out of an ordinary user's PATH.
-    setenv("PATH",
-           (std::string(getenv("PATH") == nullptr ? "/usr/bin:/bin" : getenv("PATH")) + ":/usr/sbin:/sbin")
-               .c_str(),
-           1);
+    setenv("PATH", tool_path().c_str(), 1);
     execvp(arguments[0], arguments.data());
     dprintf(2, "%s: %s\n", arguments[0], strerror(errno));
     _exit(127);
@@ -57,6 +61,25 @@ std::string run_tool(const std::vector<std::string> &command, const std::string 
     if (status != 0)
         throw std::runtime_error("the tool " + command[0] + " failed:\n" + output);
     return output;
+}
+
+std::set<std::string> libraries_of(const std::string &program)
+{
+    std::string listing = run_tool({"ldd", program});
+    std::regex library("=> (/[^ ]+) ");
+    std::set<std::string> found;
+    for (std::sregex_iterator match(listing.begin(), listing.end(), library), none; match != none; ++match)
+        found.insert((*match)[1]);
+    return found;
+}
+
+std::string find_tool(const std::string &name)
+{
+    std::istringstream folders(tool_path());
+    for (std::string folder; std::getline(folders, folder, ':');)
+        if (access((folder + "/" + name).c_str(), X_OK) == 0)
+            return folder + "/" + name;
+    throw std::runtime_error(name + ": not found; run machine/set_up.sh");
 }
 
 std::string read_file(const std::string &path)

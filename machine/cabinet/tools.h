@@ -1,12 +1,19 @@
 // Small helpers of the host side: files, scratch folders, and other programs run to their end.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
 /// Runs a program found through PATH and returns what it prints, errors included. Throws
 /// std::runtime_error with that text when it cannot be started or does not end with 0.
 std::string run_tool(const std::vector<std::string> &command, const std::string &input = "");
+
+/// The shared libraries that a program of this computer needs, as paths; the dynamic loader is not one.
+std::set<std::string> libraries_of(const std::string &program);
+
+/// Where a program of this computer is, looked for in PATH and where Debian keeps root's tools.
+std::string find_tool(const std::string &name);
 
 std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &bytes);

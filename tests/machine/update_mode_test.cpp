@@ -1,0 +1,123 @@
+// The mode byte's second bit: the loader waits for an updater, and goes on once there is a stick.
+
+#include "machine_test.h"
+
+#include <algorithm>
+
+namespace
+{
+
+using Rows = std::vector<std::string>;
+
+/// Every change of the display, as "ROW TEXT".
+Rows display_changes(const Machine &machine)
+{
+    Rows changes;
+    for (const Event &event : machine.cabinet.events)
+        if (event.kind == Event::lcd_row)
+            changes.push_back(std::to_string(event.number) + " " + event.text);
+    return changes;
+}
+
+bool wait_for_display(Machine &machine, const std::string &change)
+{
+    auto changed = [&] {
+        Rows changes = display_changes(machine);
+        return std::find(changes.begin(), changes.end(), change) != changes.end();
+    };
+    return wait_until(machine.cabinet, changed, patience);
+}
+
+double seconds_of_display(const Machine &machine, const std::string &text)
+{
+    for (const Event &event : machine.cabinet.events)
+        if (event.kind == Event::lcd_row && event.text == text)
+            return event.seconds;
+    return -1;
+}
+
+void start_with_mode(Machine &machine, int mode)
+{
+    machine.setup.board.mode = mode;
+    machine.storage = {{"qel_application_1", recorder}};
+    start(machine);
+    ASSERT_TRUE(wait_for_display(machine, "1 TOLBRIN Update..."));
+}
+
+void plug_in_new_stick(Machine &machine)
+{
+    std::string image = machine.folder.path + "/stick.img";
+    make_stick(image, {{"readme.txt", recorder}});
+    plug_in_stick(machine.cabinet, image);
+}
+
+bool shows(const Machine &machine, const std::string &text)
+{
+    return machine.cabinet.console.find(text) != std::string::npos;
+}
+
+} // namespace
+
+TEST(UpdateMode, AnnouncesItselfOnceASecondWhileNobodyAnswers)
+{
+    Machine machine;
+    start_with_mode(machine, 3);
+
+    auto count_notices = [&] {
+        return std::count_if(machine.cabinet.events.begin(), machine.cabinet.events.end(),
+                             [](const Event &event) { return event.kind == Event::link_from_loader; });
+    };
+    long before = count_notices();
+    pump_for(machine.cabinet, 5);
+    EXPECT_GE(count_notices() - before, 4);
+    EXPECT_LE(count_notices() - before, 6);
+    EXPECT_EQ(display_changes(machine), (Rows{"0 ", "1 TOLBRIN Update...", "2 "}));
+    EXPECT_TRUE(machine.cabinet.console.ends_with("Want console...\n"));
+    EXPECT_EQ(count_starts(machine.cabinet, ""), 0);
+}
+
+TEST(UpdateMode, GoesOnFiveSecondsAfterAStickIsPluggedIn)
+{
+    Machine machine;
+    start_with_mode(machine, 3);
+    plug_in_new_stick(machine);
+
+    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
+    EXPECT_EQ(display_changes(machine),
+              (Rows{"0 ", "1 TOLBRIN Update...", "2 ", "2 *Found storage device*", "2 "}));
+    double found = seconds_of_display(machine, "*Found storage device*");
+    auto cleared = std::find_if(machine.cabinet.events.rbegin(), machine.cabinet.events.rend(),
+                                [](const Event &event) { return event.kind == Event::lcd_row; });
+    EXPECT_GE(cleared->seconds - found, 4.5);
+    EXPECT_LT(cleared->seconds - found, 20);
+    // Five seconds are enough for the stick's partition to be there.
+    EXPECT_TRUE(shows(machine, "mount:sda1 mounted\n"));
+    EXPECT_TRUE(wait_for_console(machine.cabinet, "run: /storage/qel_application_1\n", patience));
+}
+
+TEST(UpdateMode, WithoutTheConsoleBitSilencesTheStreamsAfterwards)
+{
+    Machine machine;
+    start_with_mode(machine, 2);
+    EXPECT_EQ(look_inside(machine.cabinet, "readlink /proc/1/fd/1"), "/cabinet/console\n");
+    plug_in_new_stick(machine);
+
+    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
+    EXPECT_EQ(look_inside(machine.cabinet, "readlink /proc/1/fd/1"), "/dev/null\n");
+    EXPECT_TRUE(machine.cabinet.console.ends_with(" qellpc_reserved2\n"));
+    EXPECT_FALSE(shows(machine, "Want console"));
+}
+
+TEST(UpdateMode, DoesNotWaitWhenAStickIsThereFromTheStart)
+{
+    Machine machine;
+    insert_stick(machine, {{"readme.txt", recorder}});
+    start_with_mode(machine, 3);
+
+    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
+    EXPECT_EQ(display_changes(machine),
+              (Rows{"0 ", "1 TOLBRIN Update...", "2 ", "2 *Found storage device*", "2 "}));
+    bool announced = std::any_of(machine.cabinet.events.begin(), machine.cabinet.events.end(),
+                                 [](const Event &event) { return event.kind == Event::link_from_loader; });
+    EXPECT_FALSE(announced);
+}
