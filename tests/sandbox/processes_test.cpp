@@ -195,6 +195,7 @@ TEST(WineExecCapture, WaitsForEverForTheOutputOfAChildThatEndedWithoutAny)
     Library library;
     library.add_program(wine, "exit 0");
     library.call({"qel_wine_exec_capture", "regedit.exe"});
+    library.await_lines("shutdown 4 2");
     library.await("the child's end", [&] {
         const auto children = library.children();
         return children.size() == 1 && children.front().state == 'Z';
