@@ -289,6 +289,35 @@ TEST_F(CommsReceive, TakesBackWhatItSentForEveryLength)
     }
 }
 
+TEST_F(CommsReceive, TakesMoreThan16MegabytesFromASenderThatFeedsItStraight)
+{
+    static Bytes buffer(35);
+    static Bytes first_packet;
+    static size_t received;
+    first_packet.clear();
+    qel_comms_set_sender(
+        comms, [](void *) -> void * { return buffer.data(); },
+        [](void *link, void *bytes, int len, int) {
+            if (first_packet.empty())
+                first_packet = buffer;
+            return qel_comms_receive_packet(link, bytes, len);
+        },
+        comms);
+    Bytes message(0x01020304);
+    for (size_t at = 0; at < message.size(); at += 1000)
+        message[at] = static_cast<uint8_t>(at / 1000);
+    qel_comms_set_receiver(
+        comms,
+        [](void *sent, const void *bytes, int len) {
+            received = static_cast<size_t>(len);
+            EXPECT_EQ(memcmp(bytes, static_cast<Bytes *>(sent)->data(), received), 0);
+        },
+        &message);
+    EXPECT_EQ(send(message), 0);
+    EXPECT_EQ(received, 0x01020304U);
+    EXPECT_EQ(hex_of(first_packet.data(), 4), "01 02 03 04");
+}
+
 TEST_F(CommsReceive, TakesAnyTopBitForAContinuation)
 {
     feed("00 00 00 24 DA 57 55*29");
