@@ -108,7 +108,7 @@ void Cabinet::start(const std::vector<std::string> &arguments)
 {
     set(mode_setting, std::to_string(mode));
     set(major_setting, std::to_string(board_major));
-    std::vector<std::string> all = {"/init"};
+    std::vector<std::string> all = {program_name};
     all.insert(all.end(), arguments.begin(), arguments.end());
     Sandbox::start(SANDBOX_LOADER, all);
 }

@@ -50,6 +50,7 @@ class Cabinet : public Sandbox
     /// How often the helper program of that name was started.
     size_t runs(const std::string &name) const;
 
+    std::string program_name = "/init";
     /// Starts the loader. `arguments` follow the program name.
     void start(const std::vector<std::string> &arguments = {});
     /// Waits until the helper program that was started as the `n`th process of the loader (from 1) has

@@ -107,6 +107,18 @@ TEST(AWindowsApplication, IsToldByItsNamesExeSoAnywhereInThePath)
     }
 }
 
+TEST(AWindowsApplication, IsNotToldByLess)
+{
+    for (const char *name :
+         {"qel_application_game.exe", "qel_application_game.so", "qel_application_game.EXE.SO"}) {
+        Cabinet cabinet;
+        cabinet.add_program(Cabinet::system("/wine/bin/wine"));
+        cabinet.add_program(Cabinet::storage("/") + name);
+        cabinet.start();
+        EXPECT_THAT(cabinet.await_child(2), Contains("arguments [/storage/" + std::string(name) + "]"));
+    }
+}
+
 TEST(AWindowsApplication, FromAStickRunsFromStorageToo)
 {
     Cabinet cabinet;

@@ -105,9 +105,11 @@ TEST(ModeByte, AsksForTheConsoleWithItsLowestBitAlone)
 // ---- Arguments ----
 
 /// 1 when a start with these arguments after the program name waits for a stick.
-static int selects_install_mode(const std::vector<std::string> &arguments)
+static int selects_install_mode(const std::vector<std::string> &arguments,
+                                const std::string &program_name = "/init")
 {
     Cabinet cabinet;
+    cabinet.program_name = program_name;
     cabinet.start(arguments);
     const auto after_mode = [&]() -> std::string {
         const std::vector<std::string> &lines = cabinet.transcript().lines();
@@ -136,6 +138,11 @@ TEST(Arguments, DoNotSelectInstallModeWithAnyOtherSpelling)
     EXPECT_FALSE(selects_install_mode({"QELINSTALL"}));
     EXPECT_FALSE(selects_install_mode({" qelinstall"}));
     EXPECT_FALSE(selects_install_mode({"-qelinstall", "qelinstall=1", ""}));
+}
+
+TEST(Arguments, DoNotSelectInstallModeWithTheProgramName)
+{
+    EXPECT_FALSE(selects_install_mode({}, "qelinstall"));
 }
 
 TEST(InstallMode, WaitsForTheStickWithADotASecond)
