@@ -13,7 +13,6 @@
 namespace
 {
 
-const size_t hex_bytes_max = 16;
 const size_t items_max = 10;
 const size_t item_bytes = 100;
 
@@ -138,13 +137,13 @@ std::string quoted(const std::string &characters)
     return quoted({reinterpret_cast<const uint8_t *>(characters.data()), characters.size()});
 }
 
-std::string hex_bytes(std::span<const uint8_t> bytes)
+std::string hex_bytes(std::span<const uint8_t> bytes, size_t shown)
 {
     std::string result = std::to_string(bytes.size()) + " bytes";
-    for (uint8_t byte : bytes.first(std::min(bytes.size(), hex_bytes_max))) {
+    for (uint8_t byte : bytes.first(std::min(bytes.size(), shown))) {
         char digits[8];
         snprintf(digits, sizeof digits, " %02x", byte);
         result += digits;
     }
-    return bytes.size() > hex_bytes_max ? result + " ..." : result;
+    return bytes.size() > shown ? result + " ..." : result;
 }

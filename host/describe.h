@@ -15,5 +15,5 @@ std::string describe_message(std::span<const uint8_t> message);
 std::string quoted(std::span<const uint8_t> characters);
 std::string quoted(const std::string &characters);
 
-/// The first bytes in hexadecimal, and how many there are: `40 bytes 00 01 02 ...`.
-std::string hex_bytes(std::span<const uint8_t> bytes);
+/// The first bytes, at most `shown`, in hexadecimal, and how many there are: `40 bytes 00 01 02 ...`.
+std::string hex_bytes(std::span<const uint8_t> bytes, size_t shown = 16);

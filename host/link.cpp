@@ -45,7 +45,7 @@ void *begin_packet(void *context)
 }
 
 /// Ends the command where it stands when there is nobody to talk to, or on behalf of the user.
-void check_end(Link &link)
+void check_end(const Link &link)
 {
     if (link.outlives_peer)
         return;
@@ -63,7 +63,8 @@ int end_packet(void *context, void *packet, int len, int)
     link.message_sent += static_cast<uint64_t>(len - (is_first ? 6 : 1));
     if (link.on_progress)
         link.on_progress(link.message_sent, link.message_bytes);
-    check_end(link);
+    if (!link.receiving)
+        check_end(link);
     return len;
 }
 
@@ -128,12 +129,20 @@ void handle_message(qel_sysmsg_con *, const void *message)
         link.on_message({static_cast<const uint8_t *>(message), qel_sysmsg_get32(message, 4)});
 }
 
+/// A peer that answers and hangs up at once has answered: its going counts when nothing more comes.
+bool take_in(Link &link, int wait_ms)
+{
+    link.receiving = true;
+    bool anything = transport_poll(link.transport, wait_ms);
+    link.receiving = false;
+    if (!anything || interrupted)
+        check_end(link);
+    return anything;
+}
+
 int poll_transport(void *context)
 {
-    auto &link = *static_cast<Link *>(context);
-    bool anything = transport_poll(link.transport, library_wait_ms);
-    check_end(link);
-    return anything;
+    return take_in(*static_cast<Link *>(context), library_wait_ms);
 }
 
 } // namespace
@@ -154,8 +163,7 @@ void link_start(Link &link)
 
 void link_poll(Link &link, int wait_ms)
 {
-    transport_poll(link.transport, wait_ms);
-    check_end(link);
+    take_in(link, wait_ms);
 }
 
 bool link_poll_for(Link &link, double seconds, const std::function<bool()> &enough)

@@ -39,7 +39,8 @@ struct Link {
     /// Whether the command goes on when the peer hangs up; otherwise that is thrown as LinkError.
     bool outlives_peer = false;
 
-    // For counting.
+    // The link's own.
+    bool receiving = false;     ///< input is being handed on
     uint64_t message_bytes = 0; ///< of the message that is being sent
     uint64_t message_sent = 0;  ///< and how much of it is on its way
     uint8_t last_sent = 0;      ///< number of the last sequenced message sent

@@ -27,7 +27,12 @@ enum : uint32_t {
     byte_order_magic = 0x1A2B3C4D,
     record_bytes_max = 64,
 };
-enum : uint16_t { end_of_options = 0, packet_flags_option = 2, time_resolution_option = 9 };
+enum : uint16_t {
+    end_of_options = 0,
+    interface_name_option = 2, // in an interface description
+    packet_flags_option = 2,   // in a packet block
+    time_resolution_option = 9,
+};
 
 const uint64_t us_per_second = 1000000;
 
@@ -45,6 +50,14 @@ template <typename Number> void put(Bytes &block, Number number)
     uint8_t bytes[sizeof number];
     memcpy(bytes, &number, sizeof number);
     block.insert(block.end(), bytes, bytes + sizeof bytes);
+}
+
+void put_option(Bytes &block, uint16_t code, std::span<const uint8_t> value)
+{
+    put(block, code);
+    put(block, static_cast<uint16_t>(value.size()));
+    block.insert(block.end(), value.begin(), value.end());
+    block.resize(padded(block.size()));
 }
 
 bool write_block(FILE *file, uint32_t type, const Bytes &body)
@@ -69,6 +82,9 @@ bool write_head(FILE *file)
     put<uint16_t>(link, recording_link_type);
     put<uint16_t>(link, 0);
     put<uint32_t>(link, record_bytes_max);
+    const char name[] = "host link";
+    put_option(link, interface_name_option, {reinterpret_cast<const uint8_t *>(name), sizeof name - 1});
+    put<uint32_t>(link, end_of_options);
     return write_block(file, section_block, section) && write_block(file, interface_block, link);
 }
 
@@ -240,9 +256,9 @@ bool recording_add(FILE *file, uint64_t time_us, Direction direction, std::span<
     put(body, static_cast<uint32_t>(record.size()));
     body.insert(body.end(), record.begin(), record.end());
     body.resize(padded(body.size()));
-    put<uint16_t>(body, packet_flags_option);
-    put<uint16_t>(body, 4);
-    put(body, static_cast<uint32_t>(direction));
+    Bytes flags;
+    put(flags, static_cast<uint32_t>(direction));
+    put_option(body, packet_flags_option, flags);
     put<uint32_t>(body, end_of_options);
     return write_block(file, packet_block, body);
 }

@@ -2,7 +2,8 @@
 /// apart) and `qel-host trace` prints. One enhanced packet block for each record of the transport, with
 /// its time in microseconds and its direction; the link type is the first user-defined one.
 ///
-/// The directions are those of the host end, whoever records: outbound goes from the host to the cabinet.
+/// The directions are those of the end that records: outbound is what it sends. What records for a cabinet
+/// stands at the host end too, so that outbound goes from the host to the cabinet.
 #pragma once
 
 #include <stddef.h>

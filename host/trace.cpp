@@ -107,7 +107,7 @@ std::string packet_text(const RecordedPacket &packet, const PacketReport &report
                  report.crc);
         text += head;
     }
-    text += ": " + hex_bytes(packet.bytes);
+    text += ": " + hex_bytes(packet.bytes, packet_bytes_max);
     if (report.interrupts)
         text += "; the message before was not complete";
     if (report.outcome == PacketOutcome::stray)

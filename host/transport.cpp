@@ -1,4 +1,4 @@
-// Opens both kinds of transport and moves records. The socket is read into a buffer whenever there is
+// Opens both kinds of transport and moves records. The socket is read into a queue whenever there is
 // something, also while a write waits for room, so that two ends that both send cannot block each other.
 
 #include "transport.h"
@@ -7,12 +7,13 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include "errors.h"
 #include "recording.h"
-#include "records.h"
+#include "reassembly.h"
 
 namespace
 {
@@ -21,8 +22,7 @@ const unsigned pause_before_record_us = 15000; // as qel_lpc_comms does it for t
 const unsigned retry_connect_us = 20000;
 const unsigned idle_us = 1000;
 const int write_wait_ms = 30000;
-const size_t input_bytes_max = 1 << 20; // what comes beyond this waits in the kernel
-const size_t read_bytes = 1 << 16;
+const size_t input_records_max = 10000; // what comes beyond this waits in the kernel
 
 std::string error_text(int error)
 {
@@ -44,7 +44,7 @@ sockaddr_un address_of(const std::string &path)
 
 int new_socket()
 {
-    int result = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    int result = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (result == -1)
         throw FileError("cannot make a socket: " + error_text(errno));
     return result;
@@ -63,9 +63,13 @@ int try_to_connect(const std::string &path)
     return -1;
 }
 
-/// Removes the socket that a listener which has ended left behind; a live one makes the later bind fail.
+/// Removes the socket that a listener which has ended left behind; a live one, or anything else of that
+/// name, stays and makes the later bind fail.
 void remove_stale_socket(const std::string &path)
 {
+    struct stat entry = {};
+    if (lstat(path.c_str(), &entry) != 0 || !S_ISSOCK(entry.st_mode))
+        return;
     int probe = try_to_connect(path);
     if (probe != -1)
         close(probe);
@@ -78,27 +82,28 @@ void start_with_peer(Transport &transport, int socket)
     transport.socket = socket;
     transport.gone.clear();
     transport.input.clear();
-    transport.input_taken = 0;
 }
 
 // ---- Input ----
 
-/// Reads what is there, up to the limit of the buffer. At the end of the stream the peer is gone.
+/// Reads what is there, as far as the queue goes. At the end the peer is gone.
 void read_socket(Transport &transport)
 {
-    transport.input.erase(transport.input.begin(),
-                          transport.input.begin() + static_cast<ptrdiff_t>(transport.input_taken));
-    transport.input_taken = 0;
-    while (transport.socket != -1 && transport.input.size() < input_bytes_max) {
-        uint8_t bytes[read_bytes];
-        ssize_t n = recv(transport.socket, bytes, sizeof bytes, 0);
-        if (n == -1 && errno == EINTR)
+    while (transport.socket != -1 && transport.input.size() < input_records_max) {
+        std::vector<uint8_t> record(record_bytes_max);
+        ssize_t n = recv(transport.socket, record.data(), record.size(), MSG_TRUNC);
+        // A reset is reported before the records that came ahead of it.
+        if (n == -1 && (errno == EINTR || errno == ECONNRESET))
             continue;
         if (n == -1 && errno == EAGAIN)
             return;
         if (n <= 0)
             return transport_hang_up(transport, "the other end has hung up");
-        transport.input.insert(transport.input.end(), bytes, bytes + n);
+        if (n > record_bytes_max)
+            return transport_hang_up(transport, "the other end has sent a record of more than 64 bytes; is "
+                                                "that a host-comms socket?");
+        record.resize(static_cast<size_t>(n));
+        transport.input.push_back(std::move(record));
     }
 }
 
@@ -117,26 +122,16 @@ void hand_on(Transport &transport, std::span<const uint8_t> record)
     transport.on_record(record);
 }
 
-/// Hands on the records of the buffer. The receiver may send meanwhile, which may add to the buffer, so
-/// nothing of it is held across the call.
+/// Hands on the records of the queue. The receiver may send meanwhile, which may add to the queue.
 bool hand_on_input(Transport &transport)
 {
-    bool anything = false;
-    for (;;) {
-        Frame frame = next_frame(std::span(transport.input).subspan(transport.input_taken));
-        if (frame.state == FrameState::broken) {
-            transport.input.clear();
-            transport.input_taken = 0;
-            transport_hang_up(transport, "the other end does not send records (a length byte, then 1 to 64 "
-                                         "bytes); look whether it is a host-comms socket");
-        }
-        if (frame.state != FrameState::complete)
-            return anything;
-        std::vector<uint8_t> record(frame.record.begin(), frame.record.end());
-        transport.input_taken += frame.stream_bytes;
+    bool anything = !transport.input.empty();
+    while (!transport.input.empty()) {
+        std::vector<uint8_t> record = std::move(transport.input.front());
+        transport.input.pop_front();
         hand_on(transport, record);
-        anything = true;
     }
+    return anything;
 }
 
 /// The receiver that is registered with the device.
@@ -152,7 +147,7 @@ int receive_from_device(void *context, const void *bytes, int len)
 /// Waits until the socket takes more, and reads what comes in the meantime.
 void wait_for_room(Transport &transport)
 {
-    bool read_too = transport.input.size() - transport.input_taken < input_bytes_max;
+    bool read_too = transport.input.size() < input_records_max;
     pollfd room = {transport.socket, static_cast<short>(read_too ? POLLOUT | POLLIN : POLLOUT), 0};
     int ready = poll(&room, 1, write_wait_ms);
     if (ready == 0)
@@ -162,13 +157,12 @@ void wait_for_room(Transport &transport)
         read_socket(transport);
 }
 
-void write_socket(Transport &transport, std::span<const uint8_t> bytes)
+void write_socket(Transport &transport, std::span<const uint8_t> record)
 {
-    while (!bytes.empty() && transport.socket != -1) {
-        ssize_t n = send(transport.socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n >= 0) {
-            bytes = bytes.subspan(static_cast<size_t>(n));
-        } else if (errno == EAGAIN) {
+    while (transport.socket != -1) {
+        if (send(transport.socket, record.data(), record.size(), MSG_NOSIGNAL) != -1)
+            return;
+        if (errno == EAGAIN) {
             wait_for_room(transport);
         } else if (errno != EINTR) {
             read_socket(transport); // what it said before it went
@@ -197,7 +191,8 @@ void transport_connect(Transport &transport, const std::string &path, double wai
     int connection;
     auto tries_left = static_cast<long>(wait_s * 1e6 / retry_connect_us);
     while ((connection = try_to_connect(path)) == -1) {
-        if ((errno != ENOENT && errno != ECONNREFUSED) || tries_left-- <= 0)
+        bool nobody_listens = errno == ENOENT || errno == ECONNREFUSED || errno == EAGAIN;
+        if (!nobody_listens || tries_left-- <= 0)
             throw FileError(
                 "socket " + path + ": " + error_text(errno) +
                 "; start the simulated cabinet, or another qel-host with --listen, and try again");
@@ -271,7 +266,7 @@ void transport_end_record(Transport &transport, int len)
             return;
         if (transport.paced)
             usleep(pause_before_record_us);
-        write_socket(transport, framed_record(record));
+        write_socket(transport, record);
     }
     transport.records_sent++;
     note(transport, Direction::outbound, record);

@@ -1,10 +1,14 @@
-/// Records to and from the other end: over the board driver's device node, or over a UNIX stream socket, on
-/// which the simulated cabinet or another qel-host answers. Every record can be recorded on its way.
+/// Records to and from the other end: over the board driver's device node, or over a UNIX socket, on which
+/// the simulated cabinet or another qel-host answers. Every record can be recorded on its way.
+///
+/// The socket is of the kind SOCK_SEQPACKET: one send is one record of 1 to 64 bytes and one receive gets
+/// one, just as on the device.
 #pragma once
 
 #include <stdint.h>
 #include <stdio.h>
 
+#include <deque>
 #include <functional>
 #include <span>
 #include <string>
@@ -13,14 +17,13 @@
 #include "qel_tolbrin/qel_lpc_comms.h"
 
 struct Transport {
-    qel_lpc *device = nullptr;  ///< or null when the other end is a socket
-    int socket = -1;            ///< or -1 when there is no peer
-    std::string gone;           ///< why there is no peer any more; "" while there is one
-    bool paced = true;          ///< 15 ms before each record, as the board's link needs
-    FILE *recording = nullptr;  ///< or null
-    std::vector<uint8_t> input; ///< read from the socket,
-    size_t input_taken = 0;     ///< of which so much is handed on
-    uint8_t output[64] = {};    ///< the packet being built
+    qel_lpc *device = nullptr;              ///< or null when the other end is a socket
+    int socket = -1;                        ///< or -1 when there is no peer
+    std::string gone;                       ///< why there is no peer any more; "" while there is one
+    bool paced = true;                      ///< 15 ms before each record, as the board's link needs
+    FILE *recording = nullptr;              ///< or null
+    std::deque<std::vector<uint8_t>> input; ///< records read from the socket and not handed on
+    uint8_t output[64] = {};                ///< the packet being built
     std::function<void(std::span<const uint8_t>)> on_record;
     uint64_t records_sent = 0;
     uint64_t records_received = 0;

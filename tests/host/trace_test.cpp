@@ -1,0 +1,77 @@
+// qel-host trace: recordings as text, and what it makes of files that are no recordings.
+
+#include <gmock/gmock.h>
+
+#include <random>
+
+#include "support.h"
+#include "trace.h"
+#include "trouble.h"
+
+using testing::EndsWith;
+using testing::HasSubstr;
+
+TEST(Trace, PrintsPacketsMessagesVerdictsAndTroubleAsExpected)
+{
+    ScratchFolder scratch;
+    record_trouble(scratch.at("r.pcapng"));
+    Ended trace = host({"trace", scratch.at("r.pcapng")});
+    EXPECT_EQ(trace.code, 0) << trace.err;
+    EXPECT_EQ(trace.out, content_of(EXPECTED_FOLDER "/trace.txt"));
+}
+
+TEST(Trace, PrintsMessagesAndTroubleAloneWhenAsked)
+{
+    ScratchFolder scratch;
+    record_trouble(scratch.at("r.pcapng"));
+    Ended trace = host({"trace", "--messages", scratch.at("r.pcapng")});
+    EXPECT_EQ(trace.code, 0) << trace.err;
+    EXPECT_EQ(trace.out, content_of(EXPECTED_FOLDER "/trace_messages.txt"));
+}
+
+TEST(Trace, ABrokenRecordingIsPrintedAsFarAsItGoes)
+{
+    ScratchFolder scratch;
+    record_trouble(scratch.at("whole"));
+    std::string whole = content_of(scratch.at("whole"));
+    put_file(scratch.at("cut"), whole.substr(0, whole.size() - 10));
+    Ended trace = host({"trace", scratch.at("cut")});
+    EXPECT_EQ(trace.code, 3);
+    EXPECT_THAT(trace.out, HasSubstr("connect_answer (38), 12 bytes: value=42 (CRC right)"));
+    EXPECT_THAT(trace.out,
+                EndsWith("the recording is broken: cut off in the middle of a block (at byte 1144)\n"));
+}
+
+TEST(Trace, AFileThatIsNoRecordingIsNamedSo)
+{
+    ScratchFolder scratch;
+    put_file(scratch.at("text"), "hello");
+    Ended trace = host({"trace", scratch.at("text")});
+    EXPECT_EQ(trace.code, 3);
+    EXPECT_THAT(trace.out, EndsWith("the recording is broken: not a pcapng file (at byte 0)\n"));
+}
+
+TEST(Trace, SurvivesDamagedRecordings)
+{
+    ScratchFolder scratch;
+    record_trouble(scratch.at("whole"));
+    const std::string whole = content_of(scratch.at("whole"));
+    std::mt19937 random(1);
+    int whole_after_all = 0, broken = 0;
+    for (int i = 0; i < 2000; i++) {
+        std::string damaged = whole;
+        for (int flips = 0; flips < 10; flips++)
+            damaged[28 + random() % (damaged.size() - 28)] = static_cast<char>(random());
+        char *text = nullptr;
+        size_t size = 0;
+        FILE *out = open_memstream(&text, &size);
+        (trace_recording({reinterpret_cast<const uint8_t *>(damaged.data()), damaged.size()}, {}, out)
+             ? whole_after_all
+             : broken)++;
+        fclose(out);
+        EXPECT_THAT(text, HasSubstr(" packets, ")) << "the counts come in any case";
+        free(text);
+    }
+    EXPECT_GT(whole_after_all, 0);
+    EXPECT_GT(broken, 0);
+}
