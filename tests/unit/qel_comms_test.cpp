@@ -50,7 +50,7 @@ class Comms : public testing::Test
         const Bytes bytes = bytes_of(packet);
         uint8_t buffer[64];
         memset(buffer, 0xEE, sizeof buffer);
-        memcpy(buffer, bytes.data(), bytes.size());
+        std::copy(bytes.begin(), bytes.end(), buffer);
         return qel_comms_receive_packet(comms, buffer, static_cast<int>(bytes.size()));
     }
 
