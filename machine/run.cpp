@@ -53,7 +53,8 @@ Options parse(int argc, char **argv)
                    "program to put on /storage in place of the sample application; static, a script for\n"
                    "/bin/sh, or using no other libraries than the sample (libX11)")
         ->check(CLI::ExistingFile);
-    app.add_option("--seconds", options.seconds, "end this long after power-on")->check(CLI::PositiveNumber);
+    app.add_option("--seconds", options.seconds, "end this long after the loader has started")
+        ->check(CLI::PositiveNumber);
     app.add_flag("--shell", options.shell, "a shell beside the loader on this terminal; Ctrl-] ends");
     app.add_option(
         "--screenshot", options.screenshot,
@@ -118,12 +119,12 @@ bool take_picture(Cabinet &cabinet, const std::string &path)
     return true;
 }
 
-bool is_over(const Options &options, const Cabinet &cabinet, bool picture_taken)
+bool is_over(const Options &options, const Cabinet &cabinet, double loader_started_at, bool picture_taken)
 {
     if (interrupted != 0)
         return true;
     if (options.seconds > 0)
-        return uptime(cabinet) >= options.seconds;
+        return loader_started_at >= 0 && uptime(cabinet) >= loader_started_at + options.seconds;
     return !options.screenshot.empty() && (picture_taken || uptime(cabinet) >= picture_seconds_max);
 }
 
@@ -133,16 +134,18 @@ bool run(const Options &options, const CabinetSetup &setup, View &view)
     Cabinet cabinet;
     Terminal terminal;
     bool picture_taken = false;
-    double next_picture = 0;
+    double next_picture = 0, loader_started_at = -1;
     cabinet.on_event = [&](const Event &event) {
         show_event(view, event);
+        if (event.kind == Event::loader_started)
+            loader_started_at = event.seconds;
         if (event.kind == Event::terminal)
             show_on_terminal(event.text);
     };
     power_on(cabinet, setup);
     if (options.shell)
         take_terminal(terminal);
-    while (!is_over(options, cabinet, picture_taken) && !terminal.ended) {
+    while (!is_over(options, cabinet, loader_started_at, picture_taken) && !terminal.ended) {
         pump(cabinet, 0.1);
         show_waiting(view, cabinet);
         if (options.shell)

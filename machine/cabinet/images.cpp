@@ -86,6 +86,8 @@ void make_empty_file(const std::string &path, unsigned long long size)
     fs::resize_file(path, size);
 }
 
+} // namespace
+
 void make_vfat(const std::string &image, int number, const std::vector<FileAt> &files)
 {
     Partition partition = find_partition(image, number);
@@ -112,19 +114,27 @@ void make_vfat(const std::string &image, int number, const std::vector<FileAt> &
         run_tool({"mcopy", "-Q", "-i", mtools, file.source, "::" + file.place});
 }
 
-} // namespace
-
 void make_blank_disk(const std::string &image, unsigned long long size)
 {
     make_empty_file(image, size);
+    write_boot_program(image);
+}
+
+void write_boot_program(const std::string &image)
+{
     write_file_at(image, "/usr/lib/SYSLINUX/mbr.bin", 0);
+}
+
+void make_partitions(const std::string &image)
+{
+    run_tool({"sfdisk", "--quiet", "--label", "dos", "--wipe", "never", image}, ",8M,4,*\n,28M,L\n,,6\n");
 }
 
 void make_internal_disk(const std::string &image, const std::string &system_image,
                         const std::vector<FileAt> &storage)
 {
     make_blank_disk(image);
-    run_tool({"sfdisk", "--quiet", "--label", "dos", "--wipe", "never", image}, ",8M,4,*\n,28M,L\n,,6\n");
+    make_partitions(image);
     make_vfat(image, 1, {});
     write_file_at(image, system_image, find_partition(image, 2).offset);
     make_vfat(image, 3, storage);

@@ -30,6 +30,10 @@ void make_ram_disk(const std::string &image, const Parts &parts, const std::vect
 /// Writes a cramfs with these files; `place` is relative to /usr. Throws when it outgrows its partition.
 void make_system_image(const std::string &image, const std::vector<FileAt> &files);
 
+/// The same from a whole folder, which is what /usr will be. Throws also when a file is too large for a
+/// cramfs.
+void pack_system_image(const std::string &image, const std::string &folder);
+
 /// Everything of the usual system image: Debian's Xvfb behind Xfake, what it needs, and the libraries of
 /// the sample application.
 std::vector<FileAt> system_files(const Parts &parts);
@@ -48,6 +52,15 @@ struct Partition {
 /// A blank internal disk: nothing but a boot record that starts the active partition. The installer writes
 /// none, the makers of the disk do.
 void make_blank_disk(const std::string &image, unsigned long long size = 128 * mebibyte);
+
+/// Writes the program into the boot record that starts the active partition; the partitions stay.
+void write_boot_program(const std::string &image);
+
+/// Partitions an internal disk as the installer does.
+void make_partitions(const std::string &image);
+
+/// Formats partition `number` as the cabinet's mkdosfs does and puts `files` there.
+void make_vfat(const std::string &image, int number, const std::vector<FileAt> &files);
 
 /// An internal disk as the installer leaves it, but with an empty boot partition: for cabinets whose kernel
 /// QEMU loads. The storage partition holds `storage`.

@@ -42,7 +42,15 @@ void make_system_image(const std::string &image, const std::vector<FileAt> &file
         fs::copy_file(file.source, target);
     }
     fs::permissions(scratch.path, fs::perms(0755));
-    run_tool({"mkfs.cramfs", scratch.path, image});
+    pack_system_image(image, scratch.path);
+}
+
+void pack_system_image(const std::string &image, const std::string &folder)
+{
+    std::string warnings = run_tool({"mkfs.cramfs", folder, image});
+    if (warnings.find("file sizes truncated") != std::string::npos)
+        throw std::runtime_error(image + ": a file in " + folder +
+                                 " is larger than 16 MB, the most that a cramfs holds; leave it out");
     if (fs::file_size(image) > system_image_bytes_max)
         throw std::runtime_error(image + ": " + std::to_string(fs::file_size(image)) +
                                  " bytes do not fit the 28 MB system partition; leave something out");

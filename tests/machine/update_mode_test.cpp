@@ -63,14 +63,17 @@ TEST(UpdateMode, AnnouncesItselfOnceASecondWhileNobodyAnswers)
     Machine machine;
     start_with_mode(machine, 3);
 
-    auto count_notices = [&] {
-        return std::count_if(machine.cabinet.events.begin(), machine.cabinet.events.end(),
-                             [](const Event &event) { return event.kind == Event::link_from_loader; });
+    auto notices = [&] {
+        std::vector<double> seconds;
+        for (const Event &event : machine.cabinet.events)
+            if (event.kind == Event::link_from_loader)
+                seconds.push_back(event.seconds);
+        return seconds;
     };
-    long before = count_notices();
-    pump_for(machine.cabinet, 5);
-    EXPECT_GE(count_notices() - before, 4);
-    EXPECT_LE(count_notices() - before, 6);
+    ASSERT_TRUE(wait_until(
+        machine.cabinet, [&] { return notices().size() >= 5; }, patience));
+    // The first one comes with the next second; a busy computer may swallow some, but adds none.
+    EXPECT_GT(notices()[4] - notices()[0], 3.5);
     EXPECT_EQ(display_changes(machine), (Rows{"0 ", "1 TOLBRIN Update...", "2 "}));
     EXPECT_TRUE(machine.cabinet.console.ends_with("Want console...\n"));
     EXPECT_EQ(count_starts(machine.cabinet, ""), 0);
@@ -88,7 +91,7 @@ TEST(UpdateMode, GoesOnFiveSecondsAfterAStickIsPluggedIn)
     double found = seconds_of_display(machine, "*Found storage device*");
     auto cleared = std::find_if(machine.cabinet.events.rbegin(), machine.cabinet.events.rend(),
                                 [](const Event &event) { return event.kind == Event::lcd_row; });
-    EXPECT_GE(cleared->seconds - found, 4.5);
+    EXPECT_GE(cleared->seconds - found, 4);
     EXPECT_LT(cleared->seconds - found, 20);
     // Five seconds are enough for the stick's partition to be there.
     EXPECT_TRUE(shows(machine, "mount:sda1 mounted\n"));
