@@ -33,13 +33,13 @@ local catalogue = {
         { name = "block", offset = 12, size = 4, kind = "block" },
     } },
     [9] = { name = "file_end", sequenced = true, size = 12, fields = {} },
-    [10] = { name = "send_updater", sequenced = false, size = 0, fields = {
+    [10] = { name = "updater", sequenced = false, size = 0, fields = {
         { name = "block", offset = 8, size = 4, kind = "block" },
     } },
     [11] = { name = "notify_11", sequenced = false, size = 8, fields = {} },
     [12] = { name = "notify_12", sequenced = false, size = 8, fields = {} },
     [13] = { name = "get_plugins", sequenced = true, size = 12, fields = {} },
-    [14] = { name = "reply_plugins", sequenced = true, size = 0, fields = {
+    [14] = { name = "plugins", sequenced = true, size = 0, fields = {
         { name = "plugins", offset = 12, size = 4, kind = "ids" },
     } },
     [15] = { name = "confirmed", sequenced = false, size = 12, fields = {
@@ -99,7 +99,7 @@ local catalogue = {
     [34] = { name = "post_34", sequenced = true, size = 12, fields = {} },
     [35] = { name = "unassigned_35", sequenced = true, size = 0, fields = {} },
     [36] = { name = "get_info", sequenced = true, size = 12, fields = {} },
-    [37] = { name = "reply_info", sequenced = true, size = 24, fields = {
+    [37] = { name = "info", sequenced = true, size = 24, fields = {
         { name = "a", offset = 12, size = 4, kind = "value32" },
         { name = "b", offset = 16, size = 4, kind = "value32" },
         { name = "c", offset = 20, size = 4, kind = "value32" },
@@ -112,7 +112,7 @@ local catalogue = {
         { name = "name", offset = 16, size = 31, kind = "text" },
         { name = "value2", offset = 48, size = 4, kind = "value32" },
     } },
-    [40] = { name = "reply_item_size", sequenced = true, size = 64, fields = {
+    [40] = { name = "item_size", sequenced = true, size = 64, fields = {
         { name = "value", offset = 12, size = 4, kind = "value32" },
         { name = "name", offset = 16, size = 31, kind = "text" },
         { name = "value2", offset = 48, size = 4, kind = "value32" },
@@ -126,7 +126,7 @@ local catalogue = {
     [43] = { name = "get_plugin_size", sequenced = true, size = 24, fields = {
         { name = "plugin_id", offset = 12, size = 4, kind = "value32" },
     } },
-    [44] = { name = "reply_plugin_size", sequenced = true, size = 24, fields = {
+    [44] = { name = "plugin_size", sequenced = true, size = 24, fields = {
         { name = "plugin_id", offset = 12, size = 4, kind = "value32" },
         { name = "plugin_size", offset = 16, size = 8, kind = "value64" },
     } },
@@ -134,13 +134,13 @@ local catalogue = {
         { name = "value", offset = 12, size = 4, kind = "value32" },
     } },
     [46] = { name = "get_text", sequenced = true, size = 12, fields = {} },
-    [47] = { name = "reply_text", sequenced = true, size = 0, fields = {
+    [47] = { name = "text", sequenced = true, size = 0, fields = {
         { name = "text", offset = 12, size = 4, kind = "text_block" },
     } },
     [48] = { name = "decipher", sequenced = true, size = 0, fields = {
         { name = "block", offset = 12, size = 4, kind = "block" },
     } },
-    [49] = { name = "reply_plain", sequenced = true, size = 0, fields = {
+    [49] = { name = "plain", sequenced = true, size = 0, fields = {
         { name = "block", offset = 12, size = 4, kind = "block" },
     } },
 }

@@ -3,6 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <regex>
+#include <sstream>
+
 #include "catalogue.h"
 #include "describe.h"
 #include "qel_tolbrin/qel_sysmsg.h"
@@ -83,11 +86,11 @@ TEST(Catalogue, HasTheLayoutOfEveryMessageThatTheLibrarySends)
               "file_data (8), 19 bytes: block=3 bytes 01 02 03");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_file_end(con); }), "file_end (9), 12 bytes");
     EXPECT_EQ(sent([&](auto *con) { qel_sysmsg_send_updater(con, block, 3); }),
-              "send_updater (10), 15 bytes: block=3 bytes 01 02 03");
+              "updater (10), 15 bytes: block=3 bytes 01 02 03");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_notify_11(con); }), "notify_11 (11), 8 bytes");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_notify_12(con); }), "notify_12 (12), 8 bytes");
     EXPECT_EQ(sent([&](auto *con) { qel_sysmsg_reply_plugins(con, ids, 2); }),
-              "reply_plugins (14), 24 bytes: plugins=[7,4000000000]");
+              "plugins (14), 24 bytes: plugins=[7,4000000000]");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_test_pattern(con); }),
               "test_pattern (16), 3120 bytes: counters=777 values 1..777");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_test_pattern_sequenced(con); }),
@@ -114,20 +117,18 @@ TEST(Catalogue, HasTheLayoutOfEveryMessageThatTheLibrarySends)
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_post_33(con, "n"); }), "post_33 (33), 40 bytes: name=\"n\"");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_post_34(con); }), "post_34 (34), 12 bytes");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_reply_info(con, 1, 2, 3); }),
-              "reply_info (37), 24 bytes: a=1 b=2 c=3");
+              "info (37), 24 bytes: a=1 b=2 c=3");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_reply_item_size(con, 1, "n", 2, 5000000000); }),
-              "reply_item_size (40), 64 bytes: value=1 name=\"n\" value2=2 item_size=5000000000");
+              "item_size (40), 64 bytes: value=1 name=\"n\" value2=2 item_size=5000000000");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_reply_42(con, 1, 5000000000); }),
               "reply_42 (42), 32 bytes: first=1 second=5000000000");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_reply_plugin_size(con, 3, 4); }),
-              "reply_plugin_size (44), 24 bytes: plugin_id=3 plugin_size=4");
+              "plugin_size (44), 24 bytes: plugin_id=3 plugin_size=4");
     EXPECT_EQ(sent([](auto *con) { qel_sysmsg_post_45(con, 3); }), "post_45 (45), 24 bytes: value=3");
-    EXPECT_EQ(sent([](auto *con) { qel_sysmsg_reply_text(con, "t"); }),
-              "reply_text (47), 18 bytes: text=\"t\"");
-    EXPECT_EQ(sent([](auto *con) { qel_sysmsg_reply_text(con, nullptr); }),
-              "reply_text (47), 16 bytes: text=\"\"");
+    EXPECT_EQ(sent([](auto *con) { qel_sysmsg_reply_text(con, "t"); }), "text (47), 18 bytes: text=\"t\"");
+    EXPECT_EQ(sent([](auto *con) { qel_sysmsg_reply_text(con, nullptr); }), "text (47), 16 bytes: text=\"\"");
     EXPECT_EQ(sent([&](auto *con) { qel_sysmsg_reply_plain(con, block, 3); }),
-              "reply_plain (49), 19 bytes: block=3 bytes 01 02 03");
+              "plain (49), 19 bytes: block=3 bytes 01 02 03");
 }
 
 TEST(Catalogue, HasTheLayoutOfAConfirmAndOfTheAnswerToConnect)
@@ -209,6 +210,26 @@ TEST(Describe, TellsWhereCountersLeaveTheirOrder)
     pattern.resize(3120);
     EXPECT_EQ(describe_message(span_of(pattern)),
               "test_pattern (16), 3120 bytes: counters=777 values 0..0, out of order from the 2. on");
+}
+
+TEST(Catalogue, HasTheNamesAndSizesOfTheWireDocument)
+{
+    std::istringstream document(content_of(WIRE_DOCUMENT));
+    static const std::regex row("\\| ([0-9]+) \\| ([a-z][a-z_0-9]*) \\| ([^|]+) \\|.*");
+    unsigned rows = 0;
+    for (std::string line; std::getline(document, line);) {
+        std::smatch parts;
+        if (!std::regex_match(line, parts, row))
+            continue;
+        rows++;
+        const CatalogueMessage *message = catalogue_find(static_cast<uint32_t>(std::stoul(parts[1])));
+        ASSERT_NE(message, nullptr) << line;
+        EXPECT_EQ(message->name, parts[2]);
+        std::string size = message->size == 0 ? parts[3].str() : std::to_string(message->size);
+        EXPECT_EQ(size, parts[3]) << line;
+        EXPECT_EQ(message->size == 0, size.find('n') != std::string::npos) << line;
+    }
+    EXPECT_EQ(rows, 45u);
 }
 
 TEST(Catalogue, IsTheTableOfTheDissector)

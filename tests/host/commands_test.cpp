@@ -384,7 +384,7 @@ TEST_F(Commands, EveryCommandCanRecordTheLink)
     EXPECT_THAT(trace.out,
                 ContainsRegex("out  = get_info \\(36\\) number 2, 12 bytes \\(CRC right\\)\n.*"
                               "in   = confirmed \\(15\\), 12 bytes: sequence=2 \\(CRC right\\)\n.*"
-                              "in   = reply_info \\(37\\) number 2, 24 bytes: a=0 b=0 c=0 \\(CRC right\\)\n.*"
+                              "in   = info \\(37\\) number 2, 24 bytes: a=0 b=0 c=0 \\(CRC right\\)\n.*"
                               "out  = confirmed \\(15\\), 12 bytes: sequence=2 \\(CRC right\\)\n"
                               "4 packets, 4 messages; 0 dropped"));
 }

@@ -133,8 +133,8 @@ TEST(Wireshark, ShowsEveryFieldOfEveryMessageAndNoComplaint)
     EXPECT_THAT(values["qel.file_begin.path"], ElementsAre("/sent/file"));
     EXPECT_THAT(values["qel.file_begin.path_length"], ElementsAre("11"));
     EXPECT_THAT(values["qel.file_data.block"], ElementsAre("63:6f:6e:74:65:6e:74"));
-    EXPECT_THAT(values["qel.send_updater.block_length"], ElementsAre("7"));
-    EXPECT_THAT(values["qel.reply_plugins.plugins"], ElementsAre("12", "3"));
+    EXPECT_THAT(values["qel.updater.block_length"], ElementsAre("7"));
+    EXPECT_THAT(values["qel.plugins.plugins"], ElementsAre("12", "3"));
     EXPECT_THAT(values["qel.post_19.name"], ElementsAre("name 19"));
     EXPECT_THAT(values["qel.post_19.record"],
                 ElementsAre("00:01:02:03:04:05:06:07:08:09:0a:0b:0c:0d:0e:0f:10:11:12:13"));
@@ -144,12 +144,12 @@ TEST(Wireshark, ShowsEveryFieldOfEveryMessageAndNoComplaint)
     EXPECT_THAT(values["qel.path_exists.path"], ElementsAre("/plugins/3"));
     EXPECT_THAT(values["qel.reply_path_exists.exists"], ElementsAre("1"));
     EXPECT_THAT(values["qel.post_32.value"], ElementsAre("45"));
-    EXPECT_THAT(values["qel.reply_info.c"], ElementsAre("23"));
+    EXPECT_THAT(values["qel.info.c"], ElementsAre("23"));
     EXPECT_THAT(values["qel.get_item_size.value2"], ElementsAre("32"));
-    EXPECT_THAT(values["qel.reply_item_size.item_size"], ElementsAre("5"));
+    EXPECT_THAT(values["qel.item_size.item_size"], ElementsAre("5"));
     EXPECT_THAT(values["qel.reply_42.second"], ElementsAre("5000000000"));
-    EXPECT_THAT(values["qel.reply_plugin_size.plugin_size"], ElementsAre("3"));
-    EXPECT_THAT(values["qel.reply_text.text"], ElementsAre("a text"));
+    EXPECT_THAT(values["qel.plugin_size.plugin_size"], ElementsAre("3"));
+    EXPECT_THAT(values["qel.text.text"], ElementsAre("a text"));
     EXPECT_THAT(values["qel.decipher.block"], ElementsAre("c0:ff:ee"));
 }
 
