@@ -1,0 +1,336 @@
+// What a well installed disk looks like, from its first sector to its last: boot record, partition table,
+// boot partition, system image, storage. The file systems are copied out and checked with Debian's tools,
+// so that the disk itself is only read.
+
+#include "disk_check.h"
+
+#include "disk_reader.h"
+
+#include "cabinet/images.h"
+#include "cabinet/tools.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+namespace
+{
+
+const char *const configuration = "DEFAULT vmlinux root=/dev/ram0 usb-storage.delay_use=1\n";
+const char *const application_prefix = "qel_application_";
+const size_t boot_program_bytes = 440;
+const unsigned long cramfs_magic = 0x28cd3d45;
+const size_t cramfs_size_at = 4, cramfs_head_bytes = 76;
+const size_t kernel_mark_at = 0x202;
+
+/// A check under way.
+struct Work {
+    const DiskCheck &check;
+    DiskReader disk;
+    ScratchFolder scratch;
+    std::array<TableEntry, 4> table = {};
+    std::vector<Finding> findings;
+
+    explicit Work(const DiskCheck &what) : check(what), disk(what.disk) {}
+};
+
+void good(Work &work, const std::string &text)
+{
+    work.findings.push_back({true, text});
+}
+
+void fault(Work &work, const std::string &text)
+{
+    work.findings.push_back({false, text});
+}
+
+std::string megabytes(unsigned long long sectors)
+{
+    char text[32];
+    snprintf(text, sizeof text, "%.4g MB",
+             static_cast<double>(sectors) * sector_bytes / static_cast<double>(mebibyte));
+    return text;
+}
+
+std::string hexadecimal(unsigned number)
+{
+    char text[16];
+    snprintf(text, sizeof text, "%x", number);
+    return text;
+}
+
+/// What a tool said that failed, as one line.
+std::string on_one_line(const Work &work, const std::runtime_error &error)
+{
+    std::string line = error.what();
+    while (line.ends_with('\n'))
+        line.pop_back();
+    for (size_t at; (at = line.find(work.scratch.path + "/")) != std::string::npos;)
+        line.erase(at, work.scratch.path.size() + 1);
+    for (size_t at; (at = line.find('\n')) != std::string::npos;)
+        line.replace(at, 1, line[at - 1] == ':' ? " " : "; ");
+    return line;
+}
+
+// ---- Boot record and partition table ----
+
+/// False when there is no table to go on with.
+bool check_boot_record(Work &work)
+{
+    std::string record = read_bytes(work.disk, 0, sector_bytes);
+    if (record.size() < sector_bytes || record.substr(sector_bytes - 2) != "\x55\xaa") {
+        fault(work, "boot record: no 55 aa at its end, so there is no partition table; install this disk");
+        return false;
+    }
+    if (record.substr(0, boot_program_bytes).find_first_not_of('\0') == std::string::npos)
+        fault(work, "boot record: no boot program, and the installer writes none; write one: dd "
+                    "if=/usr/lib/SYSLINUX/mbr.bin of=DISK bs=440 count=1 conv=notrunc");
+    else
+        good(work, "boot record: a boot program and a partition table");
+    work.table = partition_table(record);
+    return true;
+}
+
+struct Layout {
+    unsigned type;
+    bool active;
+    unsigned long long sectors; ///< 0: the rest of the disk
+};
+
+const Layout layout[] = {
+    {0x04, true, boot_partition_bytes / sector_bytes},
+    {0x83, false, system_image_bytes_max / sector_bytes},
+    {0x06, false, 0},
+};
+
+/// Every way in which an entry of the table differs from the layout.
+std::vector<std::string> faults_of(const Work &work, size_t index)
+{
+    const TableEntry &entry = work.table[index];
+    const Layout &wanted = layout[index];
+    std::vector<std::string> faults;
+    if (entry.type == 0)
+        return {"none"};
+    if (entry.type != wanted.type)
+        faults.push_back("type " + hexadecimal(entry.type) + " instead of " + hexadecimal(wanted.type));
+    if (entry.active != wanted.active)
+        faults.push_back(wanted.active ? "not active" : "active");
+    if (wanted.sectors != 0 && entry.size != wanted.sectors)
+        faults.push_back(megabytes(entry.size) + " instead of " + megabytes(wanted.sectors));
+    if (index > 0 && entry.start != work.table[index - 1].start + work.table[index - 1].size)
+        faults.push_back("not right behind partition " + std::to_string(index));
+    unsigned long long end = (entry.start + entry.size) * sector_bytes;
+    if (end > work.disk.size)
+        faults.push_back("ends behind the end of the disk");
+    else if (wanted.sectors == 0 && work.disk.size - end >= mebibyte)
+        faults.push_back("leaves " + megabytes((work.disk.size - end) / sector_bytes) +
+                         " of the disk unused");
+    return faults;
+}
+
+/// False when the partitions are not where they belong, so that nothing can be said about their content.
+bool check_partition_table(Work &work)
+{
+    bool right = true;
+    for (size_t i = 0; i < std::size(layout); ++i) {
+        std::string where = "partition " + std::to_string(i + 1) + ": ";
+        std::vector<std::string> faults = faults_of(work, i);
+        for (const std::string &text : faults)
+            fault(work, where + text);
+        if (faults.empty())
+            good(work, where + megabytes(work.table[i].size) + ", type " + hexadecimal(layout[i].type) +
+                           (layout[i].active ? ", active" : ""));
+        right = right && faults.empty();
+    }
+    if (work.table[3].type != 0)
+        fault(work, "partition 4: there must be none");
+    return right;
+}
+
+// ---- File systems ----
+
+/// Copies a partition out and has its file system checked; its file, or nothing when it is not sound.
+std::string check_file_system(Work &work, const std::string &where, size_t index)
+{
+    const TableEntry &entry = work.table[index];
+    std::string copy = work.scratch.path + "/partition" + std::to_string(index + 1);
+    copy_piece(work.disk, entry.start * sector_bytes, entry.size * sector_bytes, copy);
+    try {
+        run_tool({"fsck.fat", "-n", copy});
+    } catch (const std::runtime_error &error) {
+        fault(work, where + ": " + on_one_line(work, error));
+        return "";
+    }
+    good(work, where + ": a FAT file system without errors");
+    return copy;
+}
+
+/// The paths of all files, "/folder/name".
+std::vector<std::string> files_in(const std::string &partition)
+{
+    std::istringstream listing(run_tool({"mdir", "-/", "-b", "-a", "-i", partition, "::"}));
+    std::vector<std::string> files;
+    for (std::string line; std::getline(listing, line);)
+        if (line.starts_with("::") && !line.ends_with("/"))
+            files.push_back(line.substr(2));
+    return files;
+}
+
+/// The bytes of a file in the boot partition, or nothing after a fault.
+std::string boot_file(Work &work, const std::string &partition, const std::string &name)
+{
+    std::vector<std::string> files = files_in(partition);
+    auto has_name = [&](const std::string &file) {
+        return strcasecmp(file.c_str(), ("/" + name).c_str()) == 0;
+    };
+    if (std::none_of(files.begin(), files.end(), has_name)) {
+        fault(work, "boot partition: " + name + " is missing");
+        return "";
+    }
+    std::string copy = work.scratch.path + "/" + name;
+    run_tool({"mcopy", "-n", "-i", partition, "::" + name, copy});
+    std::string bytes = read_file(copy);
+    if (bytes.empty())
+        fault(work, "boot partition: " + name + " is empty");
+    return bytes;
+}
+
+// ---- Boot partition ----
+
+/// From version 5 on the boot loader has a second file.
+bool needs_second_file(const std::string &loader)
+{
+    size_t at = loader.find("SYSLINUX ");
+    return at == std::string::npos || atoi(loader.c_str() + at + strlen("SYSLINUX ")) >= 5;
+}
+
+void check_boot_loader(Work &work, const std::string &partition)
+{
+    std::string loader = boot_file(work, partition, "ldlinux.sys");
+    if (loader.empty() || (needs_second_file(loader) && boot_file(work, partition, "ldlinux.c32").empty()))
+        return;
+    if (read_bytes(work.disk, work.table[0].start * sector_bytes, sector_bytes).substr(3, 8) != "SYSLINUX")
+        fault(work, "boot partition: its first sector does not start ldlinux.sys; syslinux has not run");
+    else
+        good(work, "boot partition: the boot loader is installed");
+}
+
+void check_kernel(Work &work, const std::string &partition)
+{
+    std::string kernel = boot_file(work, partition, "vmlinux");
+    if (kernel.empty())
+        return;
+    std::string size = "vmlinux: " + std::to_string(kernel.size()) + " bytes";
+    if (work.check.kernel.empty()) {
+        if (kernel.size() < kernel_mark_at + 4 || kernel.substr(kernel_mark_at, 4) != "HdrS")
+            fault(work, size + ", but not a kernel that the boot loader can start");
+        else
+            good(work, size + ", a kernel (to compare it, name the original: --kernel)");
+    } else if (kernel != read_file(work.check.kernel)) {
+        fault(work, size + ", not the same as " + work.check.kernel);
+    } else {
+        good(work, size + ", the same as " + work.check.kernel);
+    }
+}
+
+void check_configuration(Work &work, const std::string &partition)
+{
+    std::string found = boot_file(work, partition, "syslinux.cfg");
+    if (found == configuration)
+        good(work, "syslinux.cfg: its 55 bytes");
+    else if (!found.empty())
+        fault(work, "syslinux.cfg: not the 55 bytes of: " + std::string(configuration, 54));
+}
+
+void check_boot_partition(Work &work)
+{
+    std::string partition = check_file_system(work, "boot partition", 0);
+    if (partition.empty())
+        return;
+    check_boot_loader(work, partition);
+    check_kernel(work, partition);
+    check_configuration(work, partition);
+}
+
+// ---- System image ----
+
+/// A cramfs carries a checksum of itself.
+void check_system_checksum(Work &work, unsigned long long offset)
+{
+    std::string head = read_bytes(work.disk, offset, cramfs_head_bytes);
+    if (head.size() < cramfs_head_bytes || number_at(head, 0) != cramfs_magic) {
+        fault(work, "system image: partition 2 does not begin with a cramfs");
+        return;
+    }
+    std::string copy = work.scratch.path + "/system_image";
+    unsigned long size = number_at(head, cramfs_size_at);
+    copy_piece(work.disk, offset, std::min<unsigned long long>(size, system_image_bytes_max), copy);
+    try {
+        run_tool({"fsck.cramfs", copy});
+        good(work, "system image: " + std::to_string(size) +
+                       " bytes, its checksum is right (to compare it, name the original: --system-image)");
+    } catch (const std::runtime_error &error) {
+        fault(work, "system image: " + on_one_line(work, error));
+    }
+}
+
+void check_system_image(Work &work)
+{
+    unsigned long long offset = work.table[1].start * sector_bytes;
+    const std::string &original = work.check.system_image;
+    if (original.empty())
+        return check_system_checksum(work, offset);
+    std::string size = std::to_string(fs::file_size(original)) + " bytes";
+    long long difference = first_difference(work.disk, offset, original);
+    if (difference < 0)
+        good(work, "system image: " + size + ", the same as " + original);
+    else
+        fault(work, "system image: differs from " + original + " at byte " + std::to_string(difference) +
+                        " of " + size);
+}
+
+// ---- Storage ----
+
+void check_storage(Work &work)
+{
+    std::string partition = check_file_system(work, "storage partition", 2);
+    if (partition.empty())
+        return;
+    std::string newest, where;
+    for (const std::string &file : files_in(partition)) {
+        std::string name = fs::path(file).filename();
+        if (name.starts_with(application_prefix) && name > newest) {
+            newest = name;
+            where = file;
+        }
+    }
+    if (newest.empty())
+        fault(work,
+              "application: no file on the storage partition has a name beginning with qel_application_");
+    else
+        good(work, "application: " + where);
+}
+
+} // namespace
+
+std::vector<Finding> check_disk(const DiskCheck &check)
+{
+    Work work(check);
+    if (check_boot_record(work) && check_partition_table(work)) {
+        check_boot_partition(work);
+        check_system_image(work);
+        check_storage(work);
+    }
+    return work.findings;
+}
+
+bool all_good(const std::vector<Finding> &findings)
+{
+    return std::all_of(findings.begin(), findings.end(), [](const Finding &finding) { return finding.good; });
+}

@@ -1,0 +1,9 @@
+// The whole way of a cabinet, in simulation: it starts from the factory stick, installs itself, and then
+// starts from its own disk.
+#pragma once
+
+#include "stick.h"
+
+/// Shows each stage; makes a stick of the delivery first when `stick` is empty. True when the disk passed
+/// the checker and its application ran from it.
+bool try_install(const std::string &stick, const Delivery &delivery, const Progress &progress);
