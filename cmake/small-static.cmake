@@ -1,0 +1,21 @@
+# What the product's toolchains share: g++ against musl, fully static, optimised for size. A toolchain file
+# sets libc_compile_flags and link_command, then includes this one.
+
+set(CMAKE_SYSTEM_NAME Linux)
+set(CMAKE_CXX_COMPILER g++)
+
+string(JOIN " " CMAKE_CXX_FLAGS_INIT
+  "${libc_compile_flags} -nostdinc++"
+  # No exception tables, no guards, no notes: nothing in the product unwinds or is shared.
+  "-fno-exceptions -fno-rtti -fno-threadsafe-statics"
+  "-fno-asynchronous-unwind-tables -fno-unwind-tables -fno-ident"
+  "-ffunction-sections -fdata-sections -fno-pie")
+set(CMAKE_CXX_FLAGS_MINSIZEREL_INIT "-g")
+
+string(JOIN " " CMAKE_EXE_LINKER_FLAGS_INIT
+  "-static -no-pie"
+  "-Wl,--gc-sections -Wl,--build-id=none -Wl,--hash-style=gnu"
+  # One page size and no padding between segments: the file and its memory stay small.
+  "-Wl,-z,noseparate-code -Wl,-z,max-page-size=4096 -Wl,-z,norelro")
+set(CMAKE_CXX_LINK_EXECUTABLE "${link_command}")
+set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
