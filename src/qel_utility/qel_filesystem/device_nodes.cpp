@@ -5,7 +5,6 @@
 #include "qel_utility/qel_filesystem/internal.h"
 #include "qel_utility/qel_log.h"
 
-#include <ctype.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -28,50 +27,6 @@ static void _make_node(const char *path, mode_t type, unsigned major, unsigned m
     printf(" %s", _qel_base_name(path));
 }
 
-// ---- Numbers ----
-
-/// Where a number is read from: the file, or the text when there is no file. scanf would do the same, but
-/// with its floating point it is a sixth of the whole program.
-struct _source {
-    FILE *file;
-    const char *text;
-    int next; ///< the character that comes next, EOF at the end
-};
-
-static void _advance(struct _source *source)
-{
-    if (source->file)
-        source->next = getc(source->file);
-    else
-        source->next = *source->text ? (unsigned char)*source->text++ : EOF;
-}
-
-/// Reads a number in the way of scanf's "%d": white space before it, a sign, digits; what is behind it comes
-/// next. Returns 1, or 0 when there is none, and then `*number` stays.
-static int _read_number(struct _source *source, int *number)
-{
-    while (isspace(source->next))
-        _advance(source);
-    int is_negative = source->next == '-';
-    if (is_negative || source->next == '+')
-        _advance(source);
-    if (!isdigit(source->next))
-        return 0;
-
-    unsigned value = 0;
-    for (; isdigit(source->next); _advance(source))
-        value = value * 10 + (unsigned)(source->next - '0');
-    *number = (int)(is_negative ? -value : value);
-    return 1;
-}
-
-static struct _source _open_source(FILE *file, const char *text)
-{
-    struct _source source = {.file = file, .text = text, .next = 0};
-    _advance(&source);
-    return source;
-}
-
 // ---- The board ----
 
 void qel_make_lpc_node(const char *path, unsigned major, unsigned minor)
@@ -86,10 +41,8 @@ static int _lpc_major()
     int major = 0;
     char line[1000];
     while (fgets(line, sizeof line, file)) {
-        if (!strstr(line, "qellpc"))
-            continue;
-        struct _source source = _open_source(nullptr, line);
-        _read_number(&source, &major);
+        if (strstr(line, "qellpc"))
+            sscanf(line, "%d", &major);
     }
     fclose(file);
     return major;
@@ -106,18 +59,6 @@ void qel_make_lpc_nodes(void)
 
 // ---- From sysfs ----
 
-/// Reads "MAJOR:MINOR" in the way of fscanf. Returns how many of the two there are.
-static int _read_device_number(FILE *file, int *major, int *minor)
-{
-    struct _source source = _open_source(file, nullptr);
-    if (!_read_number(&source, major))
-        return 0;
-    if (source.next != ':')
-        return 1;
-    _advance(&source);
-    return 1 + _read_number(&source, minor);
-}
-
 int qel_make_node_from_sysfs(const char *sysfs_folder, const char *dest_folder, mode_t type)
 {
     const char *name = _qel_base_name(sysfs_folder);
@@ -128,7 +69,7 @@ int qel_make_node_from_sysfs(const char *sysfs_folder, const char *dest_folder, 
 
     FILE *file = qel_fopen(path);
     int major, minor;
-    int num_matches = _read_device_number(file, &major, &minor);
+    int num_matches = fscanf(file, "%d:%d", &major, &minor);
     QEL_ASSERT_AT(1937, num_matches == 2);
     fclose(file);
 
