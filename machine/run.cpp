@@ -6,6 +6,8 @@
 #include "cabinet/images.h"
 #include "cabinet/screen.h"
 
+#include "recording.h"
+
 #include <CLI/CLI.hpp>
 
 #include <signal.h>
@@ -25,6 +27,7 @@ struct Options {
     bool shell = false;
     std::string screenshot;
     std::string link;
+    std::string record;
 };
 
 const char *const application_prefix = "qel_application_";
@@ -61,6 +64,7 @@ Options parse(int argc, char **argv)
         "write what the cabinet's screen shows as a PNG file; ends then, if --seconds is not given");
     app.add_option("--link", options.link,
                    "make a UNIX socket at this path for the host's end of the host link");
+    app.add_option("--record", options.record, "record the host link to this pcapng file");
     app.footer(
         "On the screen: seconds since power-on, where a line comes from, and the line. h8 = command that\n"
         "the board's microcontroller received, lcd = the board's display, start and end = programs that\n"
@@ -128,6 +132,25 @@ bool is_over(const Options &options, const Cabinet &cabinet, double loader_start
     return !options.screenshot.empty() && (picture_taken || uptime(cabinet) >= picture_seconds_max);
 }
 
+/// Adds a host-comms record to a recording; as everywhere, outbound is what the host sends.
+void record_link(FILE *recording, const Event &event)
+{
+    if (event.kind != Event::link_from_loader && event.kind != Event::link_to_loader)
+        return;
+    Direction direction = event.kind == Event::link_to_loader ? Direction::outbound : Direction::inbound;
+    std::vector<uint8_t> bytes(event.text.begin(), event.text.end());
+    if (!recording_add(recording, recording_now_us(), direction, bytes))
+        throw std::runtime_error("the recording cannot be written; is the disk full?");
+}
+
+FILE *create_recording(const std::string &path)
+{
+    FILE *recording = path.empty() ? nullptr : recording_create(path.c_str());
+    if (recording == nullptr && !path.empty())
+        throw std::runtime_error("cannot write " + path + "; name another file for --record");
+    return recording;
+}
+
 /// Runs the cabinet to its end; true when all that was asked for happened.
 bool run(const Options &options, const CabinetSetup &setup, View &view)
 {
@@ -135,8 +158,11 @@ bool run(const Options &options, const CabinetSetup &setup, View &view)
     Terminal terminal;
     bool picture_taken = false;
     double next_picture = 0, loader_started_at = -1;
+    FILE *recording = create_recording(options.record);
     cabinet.on_event = [&](const Event &event) {
         show_event(view, event);
+        if (recording != nullptr)
+            record_link(recording, event);
         if (event.kind == Event::loader_started)
             loader_started_at = event.seconds;
         if (event.kind == Event::terminal)
@@ -156,6 +182,8 @@ bool run(const Options &options, const CabinetSetup &setup, View &view)
         }
     }
     give_terminal_back(terminal);
+    if (recording != nullptr)
+        fclose(recording);
     int runs = count_starts(cabinet, "/storage/");
     show_line(view, uptime(cabinet), "machine",
               "off; the application was started " + std::to_string(runs) + " times");
