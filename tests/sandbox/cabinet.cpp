@@ -100,8 +100,9 @@ void Cabinet::add_program(const std::string &path, const std::string &runs)
 
 size_t Cabinet::runs(const std::string &name) const
 {
-    const std::string counter = "/machine/programs/" + name + ".runs";
-    return has(counter) ? content(counter).size() : 0;
+    std::error_code none_yet;
+    const auto runs_so_far = std::filesystem::file_size(at("/machine/programs/" + name + ".runs"), none_yet);
+    return none_yet ? 0 : runs_so_far;
 }
 
 void Cabinet::start(const std::vector<std::string> &arguments)

@@ -43,7 +43,7 @@ TEST(TheApplication, FindsAFreshWinePrefixInEveryRun)
     EXPECT_TRUE(cabinet.matches("restart_with_prefix.txt"));
 }
 
-TEST(TheApplication, RunsOnInAFolderThatStorageCannotBecome)
+TEST(TheApplication, RunsWhereTheLoaderStandsWhenStorageCannotBeEntered)
 {
     Cabinet cabinet;
     cabinet.add_program(Cabinet::storage(application));

@@ -14,26 +14,24 @@ int begins_with(const std::string &line, const std::string &beginning)
 
 // ---- Taking it apart ----
 
-static std::string quoted(const std::string &text)
+static std::string quotation(const std::string &text)
 {
-    std::ostringstream quotation;
-    quotation << '"';
+    std::string quoted_text = "\"";
     for (const char character : text) {
         if (character == '\n')
-            quotation << "\\n";
+            quoted_text += "\\n";
         else if (character == '"' || character == '\\')
-            quotation << '\\' << character;
+            quoted_text += std::string("\\") + character;
         else
-            quotation << character;
+            quoted_text += character;
     }
-    quotation << '"';
-    return quotation.str();
+    return quoted_text + '"';
 }
 
 void Transcript::end_console_line()
 {
     if (!console_line.empty())
-        first_process.push_back("console " + quoted(console_line));
+        first_process.push_back("console " + quotation(console_line));
     console_line.clear();
 }
 
@@ -98,7 +96,7 @@ std::string Transcript::text() const
     for (const std::string &line : first_process)
         all << line << '\n';
     if (!console_line.empty())
-        all << "console " << quoted(console_line) << " (no end yet)\n";
+        all << "console " << quotation(console_line) << " (no end yet)\n";
     for (const auto &[pid, lines] : others) {
         all << "-- process " << pid << '\n';
         for (const std::string &line : lines)
