@@ -26,7 +26,7 @@ static int received;          ///< bytes of it that are in the buffer
 static int remaining;         ///< bytes of it that are still to come
 static uint16_t expected_crc; ///< from its first packet
 
-static int smaller(int a, int b)
+static int _smaller(int a, int b)
 {
     return a < b ? a : b;
 }
@@ -68,17 +68,17 @@ void qel_comms_set_sender(struct qel_comms *comms, qel_comms_packet_send_begin_f
 // ---- Messages ----
 
 /// Gets a packet buffer, to be filled from offset 0.
-static uint8_t *begin_packet(const struct qel_comms *comms)
+static uint8_t *_begin_packet(const struct qel_comms *comms)
 {
     return (uint8_t *)comms->packet_send_begin(comms->send_ctx);
 }
 
 /// Adds as much of the message as the packet has room for behind its header, sends it, and moves `data`
 /// and `left` on.
-static int finish_packet(const struct qel_comms *comms, uint8_t *packet, int header_bytes,
-                         const uint8_t **data, int *left)
+static int _finish_packet(const struct qel_comms *comms, uint8_t *packet, int header_bytes,
+                          const uint8_t **data, int *left)
 {
-    int n = smaller(*left, comms->packet_size_max - header_bytes);
+    int n = _smaller(*left, comms->packet_size_max - header_bytes);
     memcpy(packet + header_bytes, *data, (size_t)n);
     *data += n;
     *left -= n;
@@ -98,7 +98,7 @@ int qel_comms_send(void *link, const void *message, int length)
     QEL_ASSERT(comms->packet_send_end);
 
     uint16_t crc = qel_crc16(data, length);
-    uint8_t *packet = begin_packet(comms);
+    uint8_t *packet = _begin_packet(comms);
     packet[0] = len >> 24 & 0x7F;
     packet[1] = len >> 16 & 0xFF;
     packet[2] = len >> 8 & 0xFF;
@@ -106,27 +106,27 @@ int qel_comms_send(void *link, const void *message, int length)
     packet[4] = (uint8_t)(crc >> 8);
     packet[5] = (uint8_t)crc;
     int left = length;
-    int result = finish_packet(comms, packet, first_header_bytes, &data, &left);
+    int result = _finish_packet(comms, packet, first_header_bytes, &data, &left);
     while (left > 0) {
-        packet = begin_packet(comms);
+        packet = _begin_packet(comms);
         packet[0] = continuation_mark;
-        result = finish_packet(comms, packet, continuation_header_bytes, &data, &left);
+        result = _finish_packet(comms, packet, continuation_header_bytes, &data, &left);
     }
     return result;
 }
 
 /// Stores what a packet of this link carries behind its header, as far as the message goes. The packet's
 /// own length is deliberately not asked: every packet but the last is full.
-static void store(const struct qel_comms *comms, const uint8_t *packet, int header_bytes)
+static void _store(const struct qel_comms *comms, const uint8_t *packet, int header_bytes)
 {
-    int n = smaller(comms->packet_size_max - header_bytes, remaining);
+    int n = _smaller(comms->packet_size_max - header_bytes, remaining);
     memcpy(buf + received, packet + header_bytes, (size_t)n);
     received += n;
     remaining -= n;
 }
 
 /// Starts a message, whatever was in progress.
-static void begin_message(const uint8_t *packet)
+static void _begin_message(const uint8_t *packet)
 {
     message_len = packet[0] << 24 | packet[1] << 16 | packet[2] << 8 | packet[3];
     expected_crc = (uint16_t)(packet[4] << 8 | packet[5]);
@@ -141,7 +141,7 @@ static void begin_message(const uint8_t *packet)
 }
 
 /// Hands the message on when it is whole and its CRC is right; whole, it is no longer in progress.
-static void deliver_if_whole(const struct qel_comms *comms)
+static void _deliver_if_whole(const struct qel_comms *comms)
 {
     if (message_len <= 0 || remaining > 0)
         return;
@@ -165,13 +165,13 @@ int qel_comms_receive_packet(void *link, const void *bytes, int len)
     int is_first = !(packet[0] & continuation_mark);
     if (is_first) {
         QEL_ASSERT(len > 6);
-        begin_message(packet);
-        store(comms, packet, first_header_bytes);
+        _begin_message(packet);
+        _store(comms, packet, first_header_bytes);
     } else if (message_len > 0) {
         QEL_ASSERT(remaining > 0);
-        store(comms, packet, continuation_header_bytes);
+        _store(comms, packet, continuation_header_bytes);
     }
-    deliver_if_whole(comms);
+    _deliver_if_whole(comms);
 
     reenter--;
     return message_len;

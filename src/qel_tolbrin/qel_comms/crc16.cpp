@@ -13,7 +13,7 @@ enum { polynomial = 0x1021, start_register = 0xFFFF, step_bytes = 16 };
 /// tables[d][b] is the byte b followed by d + 2 zero bytes, reduced. Made at first use.
 static uint16_t tables[step_bytes][256];
 
-static void make_tables(void)
+static void _make_tables(void)
 {
     for (int b = 0; b < 256; b++) {
         unsigned remainder = (unsigned)b << 8;
@@ -26,7 +26,7 @@ static void make_tables(void)
 }
 
 /// Shifts 16 bytes in.
-static inline uint16_t step(uint16_t crc, const uint8_t *b)
+static inline uint16_t _step(uint16_t crc, const uint8_t *b)
 {
     const auto &t = tables;
     return (uint16_t)(t[13][b[0]] ^ t[12][b[1]] ^ t[11][b[2]] ^ t[10][b[3]] ^ t[9][b[4]] ^ t[8][b[5]] ^
@@ -56,11 +56,11 @@ uint16_t qel_crc16_init(void)
 uint16_t qel_crc16_update(uint16_t crc, const void *bytes, int length)
 {
     if (!tables[0][1])
-        make_tables();
+        _make_tables();
 
     const auto *next = (const uint8_t *)bytes;
     for (; length >= step_bytes; length -= step_bytes, next += step_bytes)
-        crc = step(crc, next);
+        crc = _step(crc, next);
     if (length > 1)
         crc = short_step(crc, next, length);
     else if (length == 1)

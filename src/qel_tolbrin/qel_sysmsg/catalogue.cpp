@@ -12,14 +12,14 @@ enum { record_bytes = 20 };
 
 // ---- The shapes that most messages share ----
 
-static void send_empty(struct qel_sysmsg_con *con, uint32_t type)
+static void _send_empty(struct qel_sysmsg_con *con, uint32_t type)
 {
     uint8_t message[8];
     _qel_sysmsg_begin(message, type, sizeof message);
     qel_sysmsg_send(con, message);
 }
 
-static void send_value(struct qel_sysmsg_con *con, uint32_t type, uint32_t value)
+static void _send_value(struct qel_sysmsg_con *con, uint32_t type, uint32_t value)
 {
     uint8_t message[12];
     _qel_sysmsg_begin(message, type, sizeof message);
@@ -27,14 +27,14 @@ static void send_value(struct qel_sysmsg_con *con, uint32_t type, uint32_t value
     qel_sysmsg_send(con, message);
 }
 
-static int request_empty(struct qel_sysmsg_con *con, uint32_t type)
+static int _request_empty(struct qel_sysmsg_con *con, uint32_t type)
 {
     uint8_t message[12];
     _qel_sysmsg_begin(message, type, sizeof message);
     return qel_sysmsg_request(con, message);
 }
 
-static int request_value(struct qel_sysmsg_con *con, uint32_t type, uint32_t value)
+static int _request_value(struct qel_sysmsg_con *con, uint32_t type, uint32_t value)
 {
     uint8_t message[16];
     _qel_sysmsg_begin(message, type, sizeof message);
@@ -42,7 +42,7 @@ static int request_value(struct qel_sysmsg_con *con, uint32_t type, uint32_t val
     return qel_sysmsg_request(con, message);
 }
 
-static int request_name_100(struct qel_sysmsg_con *con, uint32_t type, const char *name)
+static int _request_name_100(struct qel_sysmsg_con *con, uint32_t type, const char *name)
 {
     uint8_t message[136];
     _qel_sysmsg_begin(message, type, sizeof message);
@@ -54,24 +54,24 @@ static int request_name_100(struct qel_sysmsg_con *con, uint32_t type, const cha
 
 void qel_sysmsg_connect(struct qel_sysmsg_con *con, uint32_t value)
 {
-    send_value(con, qel_sysmsg_type_connect, value);
+    _send_value(con, qel_sysmsg_type_connect, value);
 }
 
 void qel_sysmsg_connect_answer(struct qel_sysmsg_con *con, const void *message)
 {
-    send_value(con, qel_sysmsg_type_connect_answer, qel_sysmsg_get32(message, 8));
+    _send_value(con, qel_sysmsg_type_connect_answer, qel_sysmsg_get32(message, 8));
 }
 
 // ---- Notices ----
 
 void qel_sysmsg_notify_11(struct qel_sysmsg_con *con)
 {
-    send_empty(con, qel_sysmsg_type_notify_11);
+    _send_empty(con, qel_sysmsg_type_notify_11);
 }
 
 void qel_sysmsg_notify_12(struct qel_sysmsg_con *con)
 {
-    send_empty(con, qel_sysmsg_type_notify_12);
+    _send_empty(con, qel_sysmsg_type_notify_12);
 }
 
 void qel_sysmsg_notify_26(struct qel_sysmsg_con *con)
@@ -91,19 +91,19 @@ void qel_sysmsg_notify_27(struct qel_sysmsg_con *con, const void *record)
 
 void qel_sysmsg_notify_30(struct qel_sysmsg_con *con, uint32_t value)
 {
-    send_value(con, qel_sysmsg_type_notify_30, value);
+    _send_value(con, qel_sysmsg_type_notify_30, value);
 }
 
 void qel_sysmsg_notify_31(struct qel_sysmsg_con *con)
 {
-    send_empty(con, qel_sysmsg_type_notify_31);
+    _send_empty(con, qel_sysmsg_type_notify_31);
 }
 
 // ---- Posts ----
 
 int qel_sysmsg_post_18(struct qel_sysmsg_con *con, const char *name)
 {
-    return request_name_100(con, qel_sysmsg_type_post_18, name);
+    return _request_name_100(con, qel_sysmsg_type_post_18, name);
 }
 
 int qel_sysmsg_post_19(struct qel_sysmsg_con *con, const char *name, uint32_t value, const void *record)
@@ -118,17 +118,17 @@ int qel_sysmsg_post_19(struct qel_sysmsg_con *con, const char *name, uint32_t va
 
 int qel_sysmsg_post_20(struct qel_sysmsg_con *con, const char *name)
 {
-    return request_name_100(con, qel_sysmsg_type_post_20, name);
+    return _request_name_100(con, qel_sysmsg_type_post_20, name);
 }
 
 int qel_sysmsg_post_21(struct qel_sysmsg_con *con, uint32_t value)
 {
-    return request_value(con, qel_sysmsg_type_post_21, value);
+    return _request_value(con, qel_sysmsg_type_post_21, value);
 }
 
 int qel_sysmsg_post_22(struct qel_sysmsg_con *con)
 {
-    return request_empty(con, qel_sysmsg_type_post_22);
+    return _request_empty(con, qel_sysmsg_type_post_22);
 }
 
 int qel_sysmsg_post_32(struct qel_sysmsg_con *con, const char *name, uint32_t value)
@@ -150,7 +150,7 @@ int qel_sysmsg_post_33(struct qel_sysmsg_con *con, const char *name)
 
 int qel_sysmsg_post_34(struct qel_sysmsg_con *con)
 {
-    return request_empty(con, qel_sysmsg_type_post_34);
+    return _request_empty(con, qel_sysmsg_type_post_34);
 }
 
 int qel_sysmsg_post_45(struct qel_sysmsg_con *con, uint32_t value)
@@ -165,17 +165,17 @@ int qel_sysmsg_post_45(struct qel_sysmsg_con *con, uint32_t value)
 
 int qel_sysmsg_transfer_begin(struct qel_sysmsg_con *con, uint32_t value)
 {
-    return request_value(con, qel_sysmsg_type_transfer_begin, value);
+    return _request_value(con, qel_sysmsg_type_transfer_begin, value);
 }
 
 int qel_sysmsg_transfer_end(struct qel_sysmsg_con *con)
 {
-    return request_empty(con, qel_sysmsg_type_transfer_end);
+    return _request_empty(con, qel_sysmsg_type_transfer_end);
 }
 
 int qel_sysmsg_file_end(struct qel_sysmsg_con *con)
 {
-    return request_empty(con, qel_sysmsg_type_file_end);
+    return _request_empty(con, qel_sysmsg_type_file_end);
 }
 
 // ---- Answers ----
@@ -190,7 +190,7 @@ int qel_sysmsg_reply_24(struct qel_sysmsg_con *con, const char *text)
 
 int qel_sysmsg_reply_path_exists(struct qel_sysmsg_con *con, uint32_t exists)
 {
-    return request_value(con, qel_sysmsg_type_reply_path_exists, exists);
+    return _request_value(con, qel_sysmsg_type_reply_path_exists, exists);
 }
 
 int qel_sysmsg_reply_info(struct qel_sysmsg_con *con, uint32_t a, uint32_t b, uint32_t c)

@@ -54,7 +54,7 @@ static uint32_t flag;
 
 /// Reads the header of a message of which `len` bytes, at least 8, are there. Without a number it reads as
 /// not numbered.
-static struct qel_sysmsg_confirmed header_of(const void *message, uint32_t len)
+static struct qel_sysmsg_confirmed _header_of(const void *message, uint32_t len)
 {
     struct qel_sysmsg_confirmed header = {};
     header.msg_type = qel_sysmsg_get32(message, 0);
@@ -65,26 +65,26 @@ static struct qel_sysmsg_confirmed header_of(const void *message, uint32_t len)
 }
 
 /// The same for a message of our own, which is as long as it says.
-static struct qel_sysmsg_confirmed header_of(const void *message)
+static struct qel_sysmsg_confirmed _header_of(const void *message)
 {
-    return header_of(message, qel_sysmsg_get32(message, 4));
+    return _header_of(message, qel_sysmsg_get32(message, 4));
 }
 
 /// The same for what the peer sent. Where there is no room for a size, it reads as one that `len` is not.
-static struct qel_sysmsg_confirmed received_header(const void *message, uint32_t len)
+static struct qel_sysmsg_confirmed _received_header(const void *message, uint32_t len)
 {
-    return len >= 8 ? header_of(message, len) : qel_sysmsg_confirmed{0, ~len, 0, {}};
+    return len >= 8 ? _header_of(message, len) : qel_sysmsg_confirmed{0, ~len, 0, {}};
 }
 
 /// The clock of all time limits: wraps every 49 days, so only differences mean anything.
-static uint32_t now_ms(void)
+static uint32_t _now_ms(void)
 {
     struct timeval now;
     gettimeofday(&now, nullptr);
     return (uint32_t)now.tv_sec * 1000U + (uint32_t)now.tv_usec / 1000U;
 }
 
-static void transmit(const struct qel_sysmsg_con *con, const void *message, uint32_t size)
+static void _transmit(const struct qel_sysmsg_con *con, const void *message, uint32_t size)
 {
     con->send(con->send_ctx, message, (int)size);
     bytes_sent += size;
@@ -118,7 +118,7 @@ void qel_sysmsg_forget_sequence(void)
 // ---- Receiving ----
 
 /// Confirms a sequenced message. Returns 0 when it repeats the one before, else 1.
-static int confirm(struct qel_sysmsg_con *con, const struct qel_sysmsg_confirmed *confirmed)
+static int _confirm(struct qel_sysmsg_con *con, const struct qel_sysmsg_confirmed *confirmed)
 {
     uint8_t message[sizeof(struct qel_sysmsg_confirmed)] = {};
     qel_sysmsg_put32(message, 0, qel_sysmsg_type_confirmed);
@@ -133,8 +133,8 @@ static int confirm(struct qel_sysmsg_con *con, const struct qel_sysmsg_confirmed
 }
 
 /// Gives a message that passed the filters to whoever it is for.
-static void deliver(struct qel_sysmsg_con *con, const void *message,
-                    const struct qel_sysmsg_confirmed *sysmsg)
+static void _deliver(struct qel_sysmsg_con *con, const void *message,
+                     const struct qel_sysmsg_confirmed *sysmsg)
 {
     if (!pending_wait) {
         con->recv(con, message);
@@ -155,7 +155,7 @@ void qel_sysmsg_receive(void *connection, const void *message, int length)
     reenter++;
     QEL_ASSERT(con);
     QEL_ASSERT(con->recv);
-    const struct qel_sysmsg_confirmed header = received_header(message, len);
+    const struct qel_sysmsg_confirmed header = _received_header(message, len);
     const struct qel_sysmsg_confirmed *sysmsg = &header;
     const struct qel_sysmsg_confirmed *confirmed = &header;
     QEL_ASSERT(len == sysmsg->msg_size);
@@ -167,12 +167,12 @@ void qel_sysmsg_receive(void *connection, const void *message, int length)
             pending_ack = 0;
         }
     } else if (!qel_sysmsg_has_sequence(sysmsg->msg_type)) {
-        deliver(con, message, sysmsg);
+        _deliver(con, message, sysmsg);
     } else {
         QEL_ASSERT(sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed));
         QEL_ASSERT(confirmed->sequence);
-        if (confirm(con, confirmed))
-            deliver(con, message, sysmsg);
+        if (_confirm(con, confirmed))
+            _deliver(con, message, sysmsg);
     }
     reenter--;
 }
@@ -183,15 +183,15 @@ void qel_sysmsg_send(struct qel_sysmsg_con *con, const void *message)
 {
     QEL_ASSERT(con);
     QEL_ASSERT(con->send);
-    const struct qel_sysmsg_confirmed header = header_of(message);
+    const struct qel_sysmsg_confirmed header = _header_of(message);
     const struct qel_sysmsg_confirmed *sysmsg = &header;
     QEL_ASSERT(!qel_sysmsg_has_sequence(sysmsg->msg_type));
 
-    transmit(con, message, sysmsg->msg_size);
+    _transmit(con, message, sysmsg->msg_size);
 }
 
 /// Returns the number for the next message: 1 to 255, never 0.
-static uint8_t take_sequence(void)
+static uint8_t _take_sequence(void)
 {
     next_sequence++;
     if (next_sequence == 0)
@@ -200,28 +200,28 @@ static uint8_t take_sequence(void)
 }
 
 /// Transmits until the confirm is there, three times at most. Returns 1 when it came, else 0.
-static int send_until_confirmed(const struct qel_sysmsg_con *con, const void *message, uint32_t size)
+static int _send_until_confirmed(const struct qel_sysmsg_con *con, const void *message, uint32_t size)
 {
     for (int transmissions = 0; pending_ack && transmissions < transmissions_max; transmissions++) {
-        transmit(con, message, size);
-        uint32_t sent_at = now_ms();
+        _transmit(con, message, size);
+        uint32_t sent_at = _now_ms();
         do {
             con->poll(con->poll_ctx);
-        } while (now_ms() - sent_at <= confirm_wait_ms && pending_ack);
+        } while (_now_ms() - sent_at <= confirm_wait_ms && pending_ack);
     }
     int confirmed = !pending_ack;
     pending_ack = 0;
     return confirmed;
 }
 
-static void poll_for_reply(const struct qel_sysmsg_con *con, uint32_t first_sent_at)
+static void _poll_for_reply(const struct qel_sysmsg_con *con, uint32_t first_sent_at)
 {
-    while (pending_wait && now_ms() - first_sent_at < reply_wait_ms)
+    while (pending_wait && _now_ms() - first_sent_at < reply_wait_ms)
         con->poll(con->poll_ctx);
 }
 
 /// Ends the wait for a reply. Returns 1 when the reply has come, else 0.
-static int end_wait(void)
+static int _end_wait(void)
 {
     int answered = !pending_wait;
     pending_wait = 0;
@@ -237,7 +237,7 @@ int qel_sysmsg_send_sequenced(struct qel_sysmsg_con *con, void *message, int wai
     static int reenter;
     QEL_ASSERT(con);
     QEL_ASSERT(con->send);
-    const struct qel_sysmsg_confirmed header = header_of(message);
+    const struct qel_sysmsg_confirmed header = _header_of(message);
     const struct qel_sysmsg_confirmed *sysmsg = &header;
     QEL_ASSERT(qel_sysmsg_has_sequence(sysmsg->msg_type));
     QEL_ASSERT(sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed));
@@ -255,13 +255,13 @@ int qel_sysmsg_send_sequenced(struct qel_sysmsg_con *con, void *message, int wai
     }
     QEL_ASSERT(sysmsg->sequence == 0);
 
-    pending_ack = take_sequence();
+    pending_ack = _take_sequence();
     ((uint8_t *)message)[sequence_offset] = pending_ack;
-    uint32_t started_at = now_ms();
-    int result = send_until_confirmed(con, message, sysmsg->msg_size);
+    uint32_t started_at = _now_ms();
+    int result = _send_until_confirmed(con, message, sysmsg->msg_size);
     if (result)
-        poll_for_reply(con, started_at);
-    if (wait && !end_wait())
+        _poll_for_reply(con, started_at);
+    if (wait && !_end_wait())
         result = 0;
 
     reenter--;

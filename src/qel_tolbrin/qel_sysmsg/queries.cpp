@@ -15,20 +15,20 @@
 enum { text_answer_bytes_max = 528, text_block = 1, decipher_block = 128 };
 
 /// Keeps an answer for the caller until the next query of its kind. Grows in blocks, is never freed.
-struct reply_buffer {
+struct _reply_buffer {
     uint8_t *bytes;
     uint32_t size;
 };
 
 static uint8_t query_23_reply[112];
-static struct reply_buffer text_reply;
-static struct reply_buffer plain_reply;
+static struct _reply_buffer text_reply;
+static struct _reply_buffer plain_reply;
 
 // ---- Helpers ----
 
 /// Makes room for at least `_needed` bytes; the size becomes the next multiple of `block` above that. The
 /// reallocation is not checked here: without a buffer the core refuses to wait for an answer.
-static void grow(struct reply_buffer *buffer, uint32_t _needed, uint32_t block)
+static void _grow(struct _reply_buffer *buffer, uint32_t _needed, uint32_t block)
 {
     if (buffer->size >= _needed)
         return;
@@ -39,25 +39,25 @@ static void grow(struct reply_buffer *buffer, uint32_t _needed, uint32_t block)
 }
 
 /// Sends `request` and waits for an answer of type `answer` in `reply`.
-static int query(struct qel_sysmsg_con *con, void *request, uint32_t answer, void *reply, int32_t reply_size)
+static int _query(struct qel_sysmsg_con *con, void *request, uint32_t answer, void *reply, int32_t reply_size)
 {
     return qel_sysmsg_send_sequenced(con, request, 1, answer, reply, reply_size);
 }
 
 /// The same with a request that is a header alone.
-static int query_empty(struct qel_sysmsg_con *con, uint32_t type, uint32_t answer, void *reply,
-                       int32_t reply_size)
+static int _query_empty(struct qel_sysmsg_con *con, uint32_t type, uint32_t answer, void *reply,
+                        int32_t reply_size)
 {
     uint8_t request[12];
     _qel_sysmsg_begin(request, type, sizeof request);
-    return query(con, request, answer, reply, reply_size);
+    return _query(con, request, answer, reply, reply_size);
 }
 
 // ---- Queries ----
 
 /// Unpacks an answer of type 14.
-static void unpack_plugins(const uint8_t *reply, uint32_t *plugins, int32_t plugin_max,
-                           uint32_t *plugin_count)
+static void _unpack_plugins(const uint8_t *reply, uint32_t *plugins, int32_t plugin_max,
+                            uint32_t *plugin_count)
 {
     const struct {
         int64_t num_plugins;
@@ -76,9 +76,9 @@ int qel_sysmsg_get_plugins(struct qel_sysmsg_con *con, uint32_t *plugins, int32_
 
     int32_t reply_size = 4 * plugin_max + 16;
     auto *reply = (uint8_t *)calloc(1, (size_t)reply_size);
-    int result = query_empty(con, qel_sysmsg_type_get_plugins, qel_sysmsg_type_plugins, reply, reply_size);
+    int result = _query_empty(con, qel_sysmsg_type_get_plugins, qel_sysmsg_type_plugins, reply, reply_size);
     if (result)
-        unpack_plugins(reply, plugins, plugin_max, plugin_count);
+        _unpack_plugins(reply, plugins, plugin_max, plugin_count);
     free(reply);
     return result;
 }
@@ -94,7 +94,7 @@ int qel_sysmsg_query_23(struct qel_sysmsg_con *con, const char *name, const char
         QEL_ASSERT(i < 10);
         _qel_sysmsg_put_text(request, 109 + 100 * (int)i, 100, items[i]);
     }
-    if (!query(con, request, qel_sysmsg_type_reply_24, query_23_reply, sizeof query_23_reply))
+    if (!_query(con, request, qel_sysmsg_type_reply_24, query_23_reply, sizeof query_23_reply))
         return 0;
     *result = (const char *)query_23_reply + 9;
     return 1;
@@ -111,7 +111,7 @@ int qel_sysmsg_tolbrin_path_exists(struct qel_sysmsg_con *con, const char *path,
     uint8_t reply[16] = {};
     _qel_sysmsg_begin(request, qel_sysmsg_type_path_exists, sizeof request);
     _qel_sysmsg_put_text(request, 9, 100, path);
-    if (!query(con, request, qel_sysmsg_type_reply_path_exists, reply, sizeof reply))
+    if (!_query(con, request, qel_sysmsg_type_reply_path_exists, reply, sizeof reply))
         return 0;
     *exists = qel_sysmsg_get32(reply, 12);
     return 1;
@@ -122,7 +122,7 @@ int qel_sysmsg_get_info(struct qel_sysmsg_con *con, struct qel_sysmsg_info *info
     QEL_ASSERT(info);
 
     uint8_t reply[24] = {};
-    if (!query_empty(con, qel_sysmsg_type_get_info, qel_sysmsg_type_info, reply, sizeof reply))
+    if (!_query_empty(con, qel_sysmsg_type_get_info, qel_sysmsg_type_info, reply, sizeof reply))
         return 0;
     info->a = qel_sysmsg_get32(reply, 12);
     info->b = qel_sysmsg_get32(reply, 16);
@@ -141,7 +141,7 @@ int qel_sysmsg_get_item_size(struct qel_sysmsg_con *con, uint32_t value, const c
     if (name)
         _qel_sysmsg_put_text(message, 16, 31, name);
     qel_sysmsg_put32(message, 48, value2);
-    if (!query(con, message, qel_sysmsg_type_item_size, message, sizeof message))
+    if (!_query(con, message, qel_sysmsg_type_item_size, message, sizeof message))
         return 0;
     *item_size = qel_sysmsg_get64(message, 56);
     return 1;
@@ -150,7 +150,7 @@ int qel_sysmsg_get_item_size(struct qel_sysmsg_con *con, uint32_t value, const c
 int qel_sysmsg_query_41(struct qel_sysmsg_con *con, uint64_t *first, uint64_t *second)
 {
     uint8_t reply[32] = {};
-    if (!query_empty(con, qel_sysmsg_type_query_41, qel_sysmsg_type_reply_42, reply, sizeof reply))
+    if (!_query_empty(con, qel_sysmsg_type_query_41, qel_sysmsg_type_reply_42, reply, sizeof reply))
         return 0;
     if (first)
         *first = qel_sysmsg_get64(reply, 16);
@@ -167,7 +167,7 @@ int qel_sysmsg_get_plugin_size(struct qel_sysmsg_con *con, uint32_t plugin_id, u
     uint8_t message[24]; // the request, then the answer
     _qel_sysmsg_begin(message, qel_sysmsg_type_get_plugin_size, sizeof message);
     qel_sysmsg_put32(message, 12, plugin_id);
-    if (!query(con, message, qel_sysmsg_type_plugin_size, message, sizeof message))
+    if (!_query(con, message, qel_sysmsg_type_plugin_size, message, sizeof message))
         return 0;
     *plugin_size = qel_sysmsg_get64(message, 16);
     return 1;
@@ -177,10 +177,10 @@ const char *qel_sysmsg_get_text(struct qel_sysmsg_con *con)
 {
     QEL_ASSERT(con);
 
-    grow(&text_reply, text_answer_bytes_max, text_block);
+    _grow(&text_reply, text_answer_bytes_max, text_block);
     const uint8_t *reply = text_reply.bytes;
-    if (!query_empty(con, qel_sysmsg_type_get_text, qel_sysmsg_type_text, text_reply.bytes,
-                     text_answer_bytes_max))
+    if (!_query_empty(con, qel_sysmsg_type_get_text, qel_sysmsg_type_text, text_reply.bytes,
+                      text_answer_bytes_max))
         return nullptr;
     uint32_t n = qel_sysmsg_get32(reply, 12);
     // A text that would end behind the buffer has no NUL to show.
@@ -202,8 +202,8 @@ int qel_sysmsg_decipher(struct qel_sysmsg_con *con, const void *cipher, int ciph
 
     void *request = _qel_sysmsg_new_block(qel_sysmsg_type_decipher, cipher, cipher_len, 12);
     int32_t size = cipher_len + 16;
-    grow(&plain_reply, (uint32_t)size, decipher_block);
-    int result = query(con, request, qel_sysmsg_type_plain, plain_reply.bytes, size);
+    _grow(&plain_reply, (uint32_t)size, decipher_block);
+    int result = _query(con, request, qel_sysmsg_type_plain, plain_reply.bytes, size);
     free(request);
     if (!result)
         return 0;

@@ -77,7 +77,7 @@ int qel_sysmsg_send_file(struct qel_sysmsg_con *con, const char *local_path, con
 // ---- Test patterns ----
 
 /// Fills `pattern` (`pattern_bytes` bytes) with the next values of `counter`.
-static void next_pattern(uint8_t *pattern, uint32_t *counter)
+static void _next_pattern(uint8_t *pattern, uint32_t *counter)
 {
     for (int word = 0; word < pattern_words; word++)
         qel_sysmsg_put32(pattern, 4 * word, (*counter)++);
@@ -86,14 +86,14 @@ static void next_pattern(uint8_t *pattern, uint32_t *counter)
 void qel_sysmsg_test_pattern(struct qel_sysmsg_con *con)
 {
     uint8_t pattern[pattern_bytes];
-    next_pattern(pattern, &pattern_counter);
+    _next_pattern(pattern, &pattern_counter);
     qel_sysmsg_send_blob(con, qel_sysmsg_type_test_pattern, pattern, sizeof pattern);
 }
 
 int qel_sysmsg_test_pattern_sequenced(struct qel_sysmsg_con *con)
 {
     uint8_t pattern[pattern_bytes];
-    next_pattern(pattern, &pattern_counter_sequenced);
+    _next_pattern(pattern, &pattern_counter_sequenced);
     return qel_sysmsg_request_blob(con, qel_sysmsg_type_test_pattern_sequenced, pattern, sizeof pattern);
 }
 
@@ -114,7 +114,7 @@ int qel_sysmsg_reply_plugins(struct qel_sysmsg_con *con, const uint32_t *ids, ui
 }
 
 /// Sends a byte block that may be empty.
-static int reply_block(struct qel_sysmsg_con *con, uint32_t type, const void *block, int length)
+static int _reply_block(struct qel_sysmsg_con *con, uint32_t type, const void *block, int length)
 {
     void *message = _qel_sysmsg_new_block(type, block, length, 12);
     int result = qel_sysmsg_request(con, message);
@@ -126,10 +126,10 @@ int qel_sysmsg_reply_text(struct qel_sysmsg_con *con, const char *text)
 {
     QEL_ASSERT(con);
 
-    return reply_block(con, qel_sysmsg_type_text, text, text ? (int)strlen(text) + 1 : 0);
+    return _reply_block(con, qel_sysmsg_type_text, text, text ? (int)strlen(text) + 1 : 0);
 }
 
 int qel_sysmsg_reply_plain(struct qel_sysmsg_con *con, const void *bytes, int length)
 {
-    return reply_block(con, qel_sysmsg_type_plain, bytes, length);
+    return _reply_block(con, qel_sysmsg_type_plain, bytes, length);
 }
