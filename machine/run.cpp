@@ -1,5 +1,6 @@
 // The program behind ./run: builds the images of a cabinet, switches it on and shows what it does.
 
+#include "interrupt.h"
 #include "terminal.h"
 #include "view.h"
 
@@ -9,8 +10,6 @@
 #include "recording.h"
 
 #include <CLI/CLI.hpp>
-
-#include <signal.h>
 
 #include <filesystem>
 
@@ -32,13 +31,6 @@ struct Options {
 
 const char *const application_prefix = "qel_application_";
 const double picture_seconds_max = 120;
-
-volatile sig_atomic_t interrupted = 0;
-
-void interrupt(int)
-{
-    interrupted = 1;
-}
 
 Options parse(int argc, char **argv)
 {
@@ -125,7 +117,7 @@ bool take_picture(Cabinet &cabinet, const std::string &path)
 
 bool is_over(const Options &options, const Cabinet &cabinet, double loader_started_at, bool picture_taken)
 {
-    if (interrupted != 0)
+    if (interrupted())
         return true;
     if (options.seconds > 0)
         return loader_started_at >= 0 && uptime(cabinet) >= loader_started_at + options.seconds;
@@ -199,8 +191,7 @@ bool run(const Options &options, const CabinetSetup &setup, View &view)
 int main(int argc, char **argv)
 {
     Options options = parse(argc, argv);
-    signal(SIGINT, interrupt);
-    signal(SIGTERM, interrupt);
+    catch_interrupts();
     try {
         Parts parts = find_parts();
         ScratchFolder scratch;

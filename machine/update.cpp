@@ -1,6 +1,7 @@
 // The program behind ./run update: a cabinet in update mode, qel-host as its host, and an updater that
 // travels from one to the other and takes the loader's place.
 
+#include "interrupt.h"
 #include "view.h"
 
 #include "cabinet/images.h"
@@ -24,13 +25,6 @@ struct Options {
 
 const double banner_seconds_max = 60;
 const double start_seconds_max = 20;
-
-volatile sig_atomic_t interrupted = 0;
-
-void interrupt(int)
-{
-    interrupted = 1;
-}
 
 Options parse(int argc, char **argv)
 {
@@ -123,7 +117,7 @@ bool show_until(View &view, Cabinet &cabinet, const std::function<bool()> &condi
 {
     const double end = uptime(cabinet) + seconds;
     while (!condition()) {
-        if (interrupted != 0 || uptime(cabinet) >= end)
+        if (interrupted() || uptime(cabinet) >= end)
             return false;
         pump(cabinet, 0.1);
         show_waiting(view, cabinet);
@@ -156,7 +150,7 @@ bool update(const Options &options, const CabinetSetup &setup, View &view)
     int status = 0;
     waitpid(host.process, &status, 0);
     close(host.output);
-    if (interrupted != 0 || status != 0)
+    if (interrupted() || status != 0)
         throw std::runtime_error("qel-host did not deliver the updater");
 
     auto started = [&] { return display_shows(cabinet, "Starting updater..."); };
@@ -174,8 +168,7 @@ bool update(const Options &options, const CabinetSetup &setup, View &view)
 int main(int argc, char **argv)
 {
     Options options = parse(argc, argv);
-    signal(SIGINT, interrupt);
-    signal(SIGTERM, interrupt);
+    catch_interrupts();
     try {
         Parts parts = find_parts();
         ScratchFolder scratch;

@@ -1,0 +1,7 @@
+// Ctrl-C and SIGTERM as something that a loop can ask about, so that a machine is switched off in order.
+#pragma once
+
+/// From now on both only make interrupted() true.
+void catch_interrupts();
+
+bool interrupted();
