@@ -28,6 +28,11 @@ void wait_for_last_output(Cabinet &cabinet)
 
 } // namespace
 
+Terminal::~Terminal()
+{
+    give_terminal_back(*this);
+}
+
 void take_terminal(Terminal &terminal)
 {
     if (tcgetattr(0, &terminal.before) != 0)

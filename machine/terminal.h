@@ -10,6 +10,7 @@ struct Terminal {
     termios before = {};
     bool shell_ready = false; ///< the shell has shown its prompt, so that it hears what is typed
     bool ended = false;       ///< Ctrl-] was typed, or the input has ended
+    ~Terminal();
 };
 
 void take_terminal(Terminal &terminal);
