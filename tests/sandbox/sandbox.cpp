@@ -313,10 +313,13 @@ testing::AssertionResult Sandbox::matches(const std::string &file)
 
 // ---- Processes ----
 
+/// Returns "" when the process is gone, also when it goes meanwhile.
 static std::string read_proc(pid_t pid, const char *file)
 {
     std::ifstream input("/proc/" + std::to_string(pid) + "/" + file);
-    return {std::istreambuf_iterator<char>(input), std::istreambuf_iterator<char>()};
+    std::ostringstream text;
+    text << input.rdbuf();
+    return text.str();
 }
 
 /// Reads /proc/PID/stat: "PID (NAME) STATE PARENT ...". Returns the parent, -1 when there is no such process.
