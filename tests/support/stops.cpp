@@ -31,10 +31,21 @@ void wrap_assert_fail(const char *expression, const char *file, int line)
     throw Stop(expression, file, line);
 }
 
-StopResult stop_of(const std::function<void()> &statement)
+LeaksAllowed::LeaksAllowed()
 {
     if (__lsan_disable)
         __lsan_disable();
+}
+
+LeaksAllowed::~LeaksAllowed()
+{
+    if (__lsan_enable)
+        __lsan_enable();
+}
+
+StopResult stop_of(const std::function<void()> &statement)
+{
+    const LeaksAllowed in_hand;
     StopResult result;
     Output output;
     try {
@@ -46,8 +57,6 @@ StopResult stop_of(const std::function<void()> &statement)
         result.line = stop.line;
     }
     result.output = output.text();
-    if (__lsan_enable)
-        __lsan_enable();
     return result;
 }
 

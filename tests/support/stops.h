@@ -37,6 +37,17 @@ struct StopResult {
     std::string output;
 };
 
+/// While it exists, memory that is never freed counts as no leak: for what stops have in hand, and for
+/// objects that the product keeps for the life of the process.
+class LeaksAllowed
+{
+  public:
+    LeaksAllowed();
+    ~LeaksAllowed();
+    LeaksAllowed(const LeaksAllowed &) = delete;
+    LeaksAllowed &operator=(const LeaksAllowed &) = delete;
+};
+
 /// Runs `statement` and tells whether and where it stopped. Memory it had in hand counts as no leak.
 StopResult stop_of(const std::function<void()> &statement);
 

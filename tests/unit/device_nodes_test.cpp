@@ -107,6 +107,13 @@ TEST_F(LpcNodes, TakeTheNameAnywhereInALine)
     EXPECT_EQ(nodes().front(), "mknod /dev/qellpc_firmware 020666 9:0");
 }
 
+TEST_F(LpcNodes, TakeTheNumberThatALineBeginsWith)
+{
+    disk.make_file("/proc/devices", "\t 12qellpc 99\n");
+    output_of(qel_make_lpc_nodes);
+    EXPECT_EQ(nodes().front(), "mknod /dev/qellpc_firmware 020666 12:0");
+}
+
 TEST_F(LpcNodes, KeepTheEarlierNumberOverALineWithoutOne)
 {
     disk.make_file("/proc/devices", "9 qellpc\nqellpc\n");
@@ -186,9 +193,16 @@ TEST_F(NodeFromSysfs, WithoutADevFileIsNoneAndSaysNothing)
     EXPECT_THAT(nodes(), IsEmpty());
 }
 
+TEST_F(NodeFromSysfs, TakesWhiteSpaceAndASignBeforeANumberAndAnythingBehind)
+{
+    disk.make_file("/sys/block/sda/dev", "\n 8:\t+16x\n");
+    output_of([] { qel_make_node_from_sysfs("/sys/block/sda", "/dev", S_IFBLK); });
+    EXPECT_THAT(nodes(), ElementsAre("mknod /dev/sda 060666 8:16"));
+}
+
 TEST_F(NodeFromSysfs, StopsOnADevFileWithoutTwoNumbers)
 {
-    for (const char *content : {"", "8", "8:", "x:y", "8 0", ":0"}) {
+    for (const char *content : {"", "8", "8:", "x:y", "8 0", "8 :0", ":0", "8:x", "8:-"}) {
         disk.make_file("/sys/block/sda/dev", content);
         EXPECT_STOPS("num_matches == 2", filesystem_unit, 1937,
                      qel_make_node_from_sysfs("/sys/block/sda", "/dev", S_IFBLK));

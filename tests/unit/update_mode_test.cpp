@@ -90,6 +90,8 @@ class UpdateMode : public OnScratchDisk
         };
     }
 
+    const LeaksAllowed link_for_life;
+
     struct Timed {
         int at; ///< tenths of a second since the start
         std::string what;
