@@ -65,17 +65,19 @@ std::string hexadecimal(unsigned number)
     return text;
 }
 
-/// What a tool said that failed, as one line.
+/// What a tool said that failed, as one line that does not name the copy it looked at.
 std::string on_one_line(const Work &work, const std::runtime_error &error)
 {
-    std::string line = error.what();
-    while (line.ends_with('\n'))
-        line.pop_back();
-    for (size_t at; (at = line.find(work.scratch.path + "/")) != std::string::npos;)
-        line.erase(at, work.scratch.path.size() + 1);
-    for (size_t at; (at = line.find('\n')) != std::string::npos;)
-        line.replace(at, 1, line[at - 1] == ':' ? " " : "; ");
-    return line;
+    std::istringstream text(error.what());
+    std::string whole;
+    for (std::string line; std::getline(text, line);) {
+        line.erase(0, line.find_first_not_of(' '));
+        if (size_t at = line.find(work.scratch.path + "/"); at != std::string::npos)
+            line.erase(at, work.scratch.path.size() + 1);
+        if (!line.empty())
+            whole += (whole.empty() ? "" : whole.ends_with(':') ? " " : "; ") + line;
+    }
+    return whole;
 }
 
 // ---- Boot record and partition table ----
@@ -174,8 +176,11 @@ std::string check_file_system(Work &work, const std::string &where, size_t index
 /// The paths of all files, "/folder/name".
 std::vector<std::string> files_in(const std::string &partition)
 {
-    std::istringstream listing(run_tool({"mdir", "-/", "-b", "-a", "-i", partition, "::"}));
     std::vector<std::string> files;
+    // Through folders, mdir takes an empty file system for an error.
+    if (run_tool({"mdir", "-b", "-a", "-i", partition, "::"}).empty())
+        return files;
+    std::istringstream listing(run_tool({"mdir", "-/", "-b", "-a", "-i", partition, "::"}));
     for (std::string line; std::getline(listing, line);)
         if (line.starts_with("::") && !line.ends_with("/"))
             files.push_back(line.substr(2));

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <stdexcept>
 
 namespace
@@ -32,6 +33,16 @@ void add_boot(Words &words, const CabinetSetup &setup)
         add(words, {"-initrd", setup.ram_disk});
 }
 
+/// The geometry of an IDE disk. Left alone, QEMU guesses one from what is on the disk, and sfdisk would
+/// write another partition table onto a disk that had one.
+std::string geometry(const std::string &disk)
+{
+    const unsigned long long heads = 16, sectors = 63, sector_bytes = 512;
+    unsigned long long cylinders = std::filesystem::file_size(disk) / (heads * sectors * sector_bytes);
+    return ",cyls=" + std::to_string(cylinders) + ",heads=" + std::to_string(heads) +
+           ",secs=" + std::to_string(sectors);
+}
+
 void add_disks(Words &words, const CabinetSetup &setup)
 {
     const char *drive = "if=none,format=raw,cache=unsafe,id=";
@@ -39,7 +50,7 @@ void add_disks(Words &words, const CabinetSetup &setup)
                 disk_first = setup.start_from_stick ? "2" : "1";
     if (!setup.internal_disk.empty())
         add(words, {"-drive", drive + ("internal,file=" + setup.internal_disk), "-device",
-                    "virtio-blk-pci,drive=internal,bootindex=" + disk_first});
+                    "virtio-blk-pci,drive=internal,bootindex=" + disk_first + geometry(setup.internal_disk)});
     add(words, {"-device", "qemu-xhci,id=usb"});
     if (!setup.stick.empty())
         add(words, {"-drive", drive + ("stick,file=" + setup.stick), "-device",

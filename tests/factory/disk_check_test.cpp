@@ -302,10 +302,12 @@ TEST_F(DiskChecker, FindsAStorageThatWasNotUnmountedCleanly)
 
 TEST_F(DiskChecker, FindsAStorageWithoutAnApplication)
 {
+    const char *fault = "application: no file on the storage partition has a name beginning with "
+                        "qel_application_";
     mtools("mren", 3, {"::qel_application_1", "::qel_app"});
-    EXPECT_THAT(faults(),
-                ElementsAre("application: no file on the storage partition has a name beginning with "
-                            "qel_application_"));
+    EXPECT_THAT(faults(), ElementsAre(fault));
+    make_vfat(disk, 3, {});
+    EXPECT_THAT(faults(), ElementsAre(fault));
 }
 
 // ---- Wrong calls ----

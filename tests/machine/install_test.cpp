@@ -1,69 +1,194 @@
-// Installing onto a blank internal disk from a stick, with the real tools.
+// Installing onto the internal disk from a stick, with the real sfdisk, mkdosfs, syslinux and miniunz.
 
-#include "machine_test.h"
+#include "install_machine.h"
+
+#include "boot_file.h"
+#include "disk_check.h"
+#include "stick.h"
+
+#include <gmock/gmock.h>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::StartsWith;
 
 namespace
 {
 
-bool shows(const Machine &machine, const std::string &text)
+/// The boot record without the disk's identifier, which every sfdisk makes anew.
+std::string boot_record(const InstallMachine &machine)
 {
-    return machine.cabinet.console.find(text) != std::string::npos;
+    return read_file(machine.setup.internal_disk).substr(0, 512).replace(440, 4, "ID..");
 }
 
-/// A blank disk, and a stick with a system image, a stand-in for the kernel and, if named, an archive.
-void prepare(Machine &machine, const std::string &archive)
+/// The tools that process 1 has started, in order, each as it was called.
+std::vector<std::string> tools_of(const InstallMachine &machine)
 {
-    machine.setup.loader_words = "qelinstall";
-    machine.setup.internal_disk = machine.folder.path + "/internal_disk.img";
-    make_blank_disk(machine.setup.internal_disk);
-    make_system_image(machine.folder.path + "/qel_usr.cramfs", machine.system);
-    std::vector<FileAt> files = {{"qel_usr.cramfs", machine.folder.path + "/qel_usr.cramfs"},
-                                 {"vmlinux", machine.parts.kernel_folder + "/bzImage"}};
-    if (!archive.empty())
-        files.push_back({"storage.zip", archive});
-    insert_stick(machine, files);
-}
-
-std::string application_archive(Machine &machine)
-{
-    std::string archive = machine.folder.path + "/storage.zip";
-    std::string program = machine.folder.path + "/qel_application_1";
-    write_file(program, read_file(recorder));
-    run_tool({"sh", "-c", "cd \"$0\" && minizip -o storage.zip qel_application_1", machine.folder.path});
-    return archive;
+    std::vector<std::string> tools;
+    for (const Event &event : machine.cabinet.events)
+        for (const char *tool : {"/bin/sfdisk ", "/bin/mkdosfs ", "/bin/syslinux ", "/bin/miniunz "})
+            if (event.kind == Event::program_started && event.text.find(tool) != std::string::npos)
+                tools.push_back(event.text.substr(event.text.find(tool)));
+    return tools;
 }
 
 } // namespace
 
-TEST(Install, FillsABlankDiskAndGoesOnToTheApplication)
+// ---- The whole way ----
+
+TEST(Install, FromAFactoryStickLeavesADiskThatBootsByItself)
 {
-    Machine machine;
-    prepare(machine, application_archive(machine));
+    InstallMachine machine;
+    add_archive(machine);
+    Delivery delivery;
+    delivery.kernel = usual_boot_file(machine.parts);
+    delivery.system_image = machine.folder.path + "/qel_usr.cramfs";
+    delivery.storage = machine.folder.path + "/storage.zip";
+    machine.setup.kernel.clear(); // from here on there is only what is on the stick, and then on the disk
+    machine.setup.stick = machine.folder.path + "/stick.img";
+    machine.setup.start_from_stick = true;
+    make_factory_stick(machine.setup.stick, delivery, [](const std::string &) {});
     start(machine);
 
-    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
-    EXPECT_TRUE(shows(machine, "Found storage.zip\n"));
-    EXPECT_TRUE(shows(machine, "Install complete.\n"));
+    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1")) << machine.cabinet.console;
+    EXPECT_TRUE(shows(machine, "Install complete.\nmount: /usr /storage\n"));
     power_off(machine.cabinet);
+    for (const Finding &finding :
+         check_disk({machine.setup.internal_disk, delivery.kernel, delivery.system_image}))
+        EXPECT_TRUE(finding.good) << finding.text;
 
-    const std::string &disk = machine.setup.internal_disk;
-    EXPECT_EQ(storage_names(machine), std::vector<std::string>{"::/qel_application_1"});
-    EXPECT_EQ(run_tool({"mtype", "-i", mtools_name(disk, 1), "::syslinux.cfg"}),
-              "DEFAULT vmlinux root=/dev/ram0 usb-storage.delay_use=1\n");
-    EXPECT_EQ(find_partition(disk, 1).size, 8 * mebibyte);
-    EXPECT_EQ(find_partition(disk, 2).size, 28 * mebibyte);
+    Machine next;
+    next.setup.kernel.clear();
+    start_again(next, machine);
+    ASSERT_TRUE(wait_for_recorder(next, "qel_application_1")) << next.cabinet.console;
+    EXPECT_TRUE(next.cabinet.console.starts_with("QEL Loader...\n"));
+    EXPECT_EQ(next.cabinet.console.find("Installing"), std::string::npos);
+}
+
+TEST(Install, TellsItsProgress)
+{
+    InstallMachine machine;
+    add_archive(machine);
+    start_install(machine);
+
+    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
+    const std::string &console = machine.cabinet.console;
+    size_t begin = console.find("Installing...\n");
+    ASSERT_NE(begin, std::string::npos);
+    // The tools write to the console themselves; what the loader says stands between.
+    size_t at = begin;
+    for (const char *text : {"Installing...\n", "dev:  (hdc) hdc",
+                             "copy: /disk/sda1/qel_usr.cramfs -> /dev/disk/hdc2\n"
+                             "copy: /disk/sda1/vmlinux -> /boot/vmlinux\n"
+                             "Found storage.zip\n",
+                             "Install complete.\nmount: /usr /storage\n"}) {
+        at = console.find(text, at);
+        EXPECT_NE(at, std::string::npos) << text << "is missing or too early in:\n" << console;
+    }
+    EXPECT_THAT(tools_of(machine), ElementsAre("/bin/sfdisk -uM --quiet --Linux --force /dev/disk/hdc",
+                                               "/bin/mkdosfs /dev/disk/hdc1", "/bin/mkdosfs /dev/disk/hdc3",
+                                               "/bin/syslinux /dev/disk/hdc1",
+                                               "/bin/miniunz /disk/sda1/storage.zip -d /storage"));
+    EXPECT_EQ(look_inside(machine.cabinet, "grep -c ' /boot ' /proc/mounts"), "0\n");
+    EXPECT_EQ(look_inside(machine.cabinet, "grep -c '^/dev/disk/sda1 /disk/sda1 vfat ro,' /proc/mounts"),
+              "1\n");
+    power_off(machine.cabinet);
+    EXPECT_THAT(disk_faults(machine), IsEmpty());
 }
 
 TEST(Install, WithoutAnArchiveLeavesTheStorageEmpty)
 {
-    Machine machine;
-    prepare(machine, "");
-    start(machine);
+    InstallMachine machine;
+    take_telling_loader(machine);
+    start_install(machine);
 
-    ASSERT_TRUE(wait_for_console(machine.cabinet, "Install complete.\n", patience));
-    ASSERT_TRUE(wait_for_console(machine.cabinet, "mount: /usr /storage\n", patience));
-    EXPECT_TRUE(stays_parked(machine));
+    // There is no application then, and the start-up ends where one is needed.
+    EXPECT_EQ(wait_for_stop(machine), "qel_application_loader:189 *app_file");
+    EXPECT_TRUE(shows(machine, "Install complete.\nmount: /usr /storage\n"));
     EXPECT_FALSE(shows(machine, "Found storage.zip"));
+    EXPECT_THAT(tools_of(machine), testing::SizeIs(4));
     power_off(machine.cabinet);
-    EXPECT_EQ(storage_names(machine), std::vector<std::string>{});
+    EXPECT_THAT(storage_names(machine), IsEmpty());
+    EXPECT_THAT(disk_faults(machine), ElementsAre(StartsWith("application: no file")));
+}
+
+TEST(Install, WithoutAnArchiveTakesTheSticksApplication)
+{
+    InstallMachine machine;
+    machine.stick.push_back({"qel_application_2", recorder});
+    start_install(machine);
+
+    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_2"));
+    EXPECT_TRUE(shows(machine, "copy: /disk/sda1/qel_application_2 -> /storage/qel_application_2\n"));
+    power_off(machine.cabinet);
+    EXPECT_THAT(disk_faults(machine), IsEmpty());
+}
+
+// ---- Disks that are not blank ----
+
+TEST(Install, TwiceInARowMakesTheSameDisk)
+{
+    InstallMachine machine;
+    add_archive(machine);
+    start_install(machine);
+    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
+    power_off(machine.cabinet);
+    std::string first = boot_record(machine);
+    EXPECT_THAT(disk_faults(machine), IsEmpty());
+
+    InstallMachine again;
+    add_archive(again);
+    again.setup.internal_disk = machine.setup.internal_disk;
+    start_install(again);
+    ASSERT_TRUE(wait_for_recorder(again, "qel_application_1"));
+    EXPECT_TRUE(shows(again, "dev:  (hdc)\n")); // the nodes of the partitions were there already
+    power_off(again.cabinet);
+    EXPECT_EQ(boot_record(again), first);
+    EXPECT_THAT(disk_faults(again), IsEmpty());
+}
+
+TEST(Install, OntoADiskThatHeldOtherPartitionsReplacesThem)
+{
+    InstallMachine machine;
+    add_archive(machine);
+    const std::string &disk = machine.setup.internal_disk;
+    run_tool({"sfdisk", "--quiet", "--label", "dos", disk}, ",20M,83\n,30M,82,*\n,5M,7\n,,c\n");
+    make_vfat(disk, 1, {{"old/qel_application_9", recorder}});
+    make_vfat(disk, 4, {{"old/qel_application_9", recorder}});
+    start_install(machine);
+
+    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
+    EXPECT_FALSE(shows(machine, "qel_application_9"));
+    power_off(machine.cabinet);
+    EXPECT_THAT(disk_faults(machine), IsEmpty());
+    EXPECT_THAT(storage_names(machine), ElementsAre("::/qel_application_1"));
+}
+
+// ---- The stick ----
+
+TEST(Install, WaitsForAStickThatIsPluggedInLater)
+{
+    InstallMachine machine;
+    add_archive(machine);
+    std::string image = machine.folder.path + "/late.img";
+    make_stick(image, machine.stick);
+    machine.stick.clear();
+    start_install(machine);
+
+    ASSERT_TRUE(wait_for_console(machine.cabinet, "Waiting for external media...", patience));
+    plug_in_stick(machine.cabinet, image);
+    ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
+    EXPECT_THAT(machine.cabinet.console, testing::ContainsRegex("\nWaiting for external media\\.+\ndev: "));
+    EXPECT_TRUE(shows(machine, "Install complete.\n"));
+    power_off(machine.cabinet);
+    EXPECT_THAT(disk_faults(machine), IsEmpty());
+}
+
+TEST(Install, DoesNotWaitForAStickThatIsThere)
+{
+    InstallMachine machine;
+    add_archive(machine);
+    start_install(machine);
+    EXPECT_TRUE(wait_for_console(machine.cabinet, "Waiting for external media\ndev: ", patience))
+        << machine.cabinet.console;
 }

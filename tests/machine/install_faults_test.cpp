@@ -1,0 +1,163 @@
+// Installs that go wrong: where the loader stops for good, and what it does not notice.
+
+#include "install_machine.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+
+using testing::Contains;
+using testing::StartsWith;
+
+namespace
+{
+
+const char *const signalled =
+    "qel_utility/qel_filesystem:2116 ((((__extension__ (((union { __typeof(status) __in; int __i; }) { .__in "
+    "= (status) }).__i))) & 0x7f) == 0)";
+const char *const failed =
+    "qel_utility/qel_filesystem:2117 ((((__extension__ (((union { __typeof(status) __in; int __i; }) { .__in "
+    "= (status) }).__i))) & 0xff00) >> 8) == 0";
+
+/// A tool, and what starts only after it.
+struct Tool {
+    const char *path;
+    const char *next;
+};
+
+class FailingTool : public testing::TestWithParam<Tool>
+{
+  protected:
+    FailingTool()
+    {
+        take_telling_loader(machine);
+        add_archive(machine);
+    }
+
+    std::string stop_with(const std::string &script)
+    {
+        replace_tool(machine, GetParam().path, script);
+        start_install(machine);
+        return wait_for_stop(machine);
+    }
+
+    InstallMachine machine;
+};
+
+std::string name_of(const testing::TestParamInfo<Tool> &tool)
+{
+    return std::string(tool.param.path).substr(5);
+}
+
+void leave_out(InstallMachine &machine, const std::string &name)
+{
+    std::erase_if(machine.stick, [&](const FileAt &file) { return file.place == name; });
+}
+
+void slow_stick_down(InstallMachine &machine, int bytes_per_second)
+{
+    monitor(machine.cabinet, "block_set_io_throttle",
+            {{"device", "stick"},
+             {"bps", bytes_per_second},
+             {"bps_rd", 0},
+             {"bps_wr", 0},
+             {"iops", 0},
+             {"iops_rd", 0},
+             {"iops_wr", 0}});
+}
+
+} // namespace
+
+// ---- Tools ----
+
+TEST_P(FailingTool, ThatExitsWith1StopsTheLoaderAt2117)
+{
+    EXPECT_EQ(stop_with("exit 1\n"), failed);
+    EXPECT_EQ(count_starts(machine.cabinet, GetParam().path), 1);
+    EXPECT_EQ(count_starts(machine.cabinet, GetParam().next), 0);
+    EXPECT_FALSE(shows(machine, "Install complete.\n"));
+}
+
+TEST_P(FailingTool, ThatIsKilledStopsTheLoaderAt2116)
+{
+    EXPECT_EQ(stop_with("kill -9 $$\n"), signalled);
+    EXPECT_EQ(count_starts(machine.cabinet, GetParam().path), 1);
+    EXPECT_EQ(count_starts(machine.cabinet, GetParam().next), 0);
+    EXPECT_FALSE(shows(machine, "Install complete.\n"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, FailingTool,
+                         testing::Values(Tool{"/bin/sfdisk", "/bin/mkdosfs"},
+                                         Tool{"/bin/mkdosfs", "/bin/syslinux"},
+                                         Tool{"/bin/syslinux", "/bin/miniunz"},
+                                         Tool{"/bin/miniunz", "/storage/"}),
+                         name_of);
+
+TEST(InstallFault, AToolThatIsMissingStopsInItsChildAt2101)
+{
+    InstallMachine machine;
+    take_telling_loader(machine);
+    std::erase_if(machine.ram_disk,
+                  [](const std::string &line) { return line.find(" /bin/sfdisk ") != std::string::npos; });
+    start_install(machine);
+    EXPECT_EQ(wait_for_stop(machine), "qel_utility/qel_filesystem:2101 0");
+}
+
+// ---- The stick ----
+
+TEST(InstallFault, AStickWithoutTheSystemImageStopsAt144)
+{
+    InstallMachine machine;
+    take_telling_loader(machine);
+    leave_out(machine, "qel_usr.cramfs");
+    start_install(machine);
+    EXPECT_EQ(wait_for_stop(machine),
+              "qel_application_loader:144 qel_copy_file(\"/dev/disk/hdc2\", \"/disk/sda1/qel_usr.cramfs\")");
+    EXPECT_EQ(count_starts(machine.cabinet, "/bin/mkdosfs /dev/disk/hdc1"), 1);
+    EXPECT_EQ(count_starts(machine.cabinet, "/bin/mkdosfs /dev/disk/hdc3"), 0);
+}
+
+TEST(InstallFault, AStickWithoutTheKernelStopsAt150)
+{
+    InstallMachine machine;
+    take_telling_loader(machine);
+    leave_out(machine, "vmlinux");
+    start_install(machine);
+    EXPECT_EQ(wait_for_stop(machine),
+              "qel_application_loader:150 qel_copy_file(\"/boot/vmlinux\", \"/disk/sda1/vmlinux\")");
+    EXPECT_EQ(count_starts(machine.cabinet, "/bin/syslinux"), 0);
+}
+
+TEST(InstallFault, ASystemImageLargerThanItsPartitionStopsAt144)
+{
+    InstallMachine machine;
+    take_telling_loader(machine);
+    std::filesystem::resize_file(machine.folder.path + "/qel_usr.cramfs", 28 * mebibyte + 4096);
+    start_install(machine);
+    EXPECT_THAT(wait_for_stop(machine), StartsWith("qel_application_loader:144 "));
+}
+
+TEST(InstallFault, AStickPulledDuringTheCopyIsNoticedOnlyAtTheNextFile)
+{
+    InstallMachine machine;
+    take_telling_loader(machine);
+    std::string large = machine.folder.path + "/large";
+    run_tool({"sh", "-c", "head -c 15000000 /dev/urandom >\"$0\"", large});
+    machine.system.push_back({"share/large", large});
+    make_system_image(machine.folder.path + "/qel_usr.cramfs", machine.system);
+    start_install(machine);
+
+    // The copy of the image comes between the two mkdosfs; a slow stick makes it last.
+    ASSERT_TRUE(wait_for_start(machine, "/bin/mkdosfs /dev/disk/hdc1"));
+    slow_stick_down(machine, 2000000);
+    pump_for(machine.cabinet, 2);
+    EXPECT_EQ(count_starts(machine.cabinet, "/bin/mkdosfs /dev/disk/hdc3"), 0);
+    pull_out_stick(machine.cabinet);
+
+    // What could not be read counts as the image's end. Then the kernel cannot even be opened.
+    EXPECT_EQ(wait_for_stop(machine),
+              "qel_application_loader:150 qel_copy_file(\"/boot/vmlinux\", \"/disk/sda1/vmlinux\")");
+    EXPECT_EQ(count_starts(machine.cabinet, "/bin/mkdosfs /dev/disk/hdc3"), 1);
+    power_off(machine.cabinet);
+    EXPECT_THAT(disk_faults(machine), Contains(StartsWith("system image: differs from ")));
+}
