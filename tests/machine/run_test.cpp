@@ -12,9 +12,9 @@ namespace
 const char *const run = MACHINE_TEST_RUN;
 
 /// Runs it and returns what it prints; `status` receives its exit status.
-std::string run_with(const std::vector<std::string> &options, int &status)
+std::string run_with(const std::vector<std::string> &options, int &status, const char *program = run)
 {
-    std::vector<std::string> command = {"sh", "-c", "\"$0\" \"$@\"; echo status $?", run};
+    std::vector<std::string> command = {"sh", "-c", "\"$0\" \"$@\"; echo status $?", program};
     command.insert(command.end(), options.begin(), options.end());
     std::string output = run_tool(command);
     status = std::stoi(output.substr(output.rfind("status ") + 7));
@@ -109,4 +109,31 @@ TEST(Run, RefusesAnOptionItDoesNotKnow)
     int status = -1;
     run_with({"--nonsense"}, status);
     EXPECT_EQ(status, 2);
+}
+
+// ---- ./run update ----
+
+TEST(RunUpdate, ShowsTheExchangeAndTheUpdaterAsProcess1)
+{
+    ScratchFolder folder;
+    std::string recording = folder.path + "/link.pcapng";
+    int status = -1;
+    std::string output = run_with({"--seconds", "4", "--record", recording}, status, MACHINE_TEST_RUN_UPDATE);
+    EXPECT_EQ(status, 0) << output;
+    // In this order: the display's three texts, what the updater prints, and what process 1 then is.
+    size_t at = 0;
+    for (const char *text :
+         {"|TOLBRIN Update...", "|*Connected*", "host     updater: 100 %", "|Starting updater...",
+          "console  updater: step 1\n", "machine  process 1 is now: /bin/sh /tmp/updater"}) {
+        at = output.find(text, at);
+        ASSERT_NE(at, std::string::npos) << text << " is missing or late in:\n" << output;
+    }
+    EXPECT_EQ(read_file(recording).substr(0, 4), "\x0a\x0d\x0d\x0a"); // a section header block
+}
+
+TEST(RunUpdate, RefusesAnUpdaterThatIsNotThere)
+{
+    int status = -1;
+    std::string output = run_with({"/nonexistent"}, status, MACHINE_TEST_RUN_UPDATE);
+    EXPECT_EQ(status, 2) << output;
 }
