@@ -60,7 +60,8 @@ Options parse(int argc, char **argv)
     app.footer(
         "On the screen: seconds since power-on, where a line comes from, and the line. h8 = command that\n"
         "the board's microcontroller received, lcd = the board's display, start and end = programs that\n"
-        "the loader runs.");
+        "the loader runs.\n"
+        "Other commands, each with a --help of its own: update, install, make-stick, make-disk, check-disk.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

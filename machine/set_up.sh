@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 need_packages g++ cmake ninja-build musl-tools libcli11-dev nlohmann-json3-dev libpng-dev libx11-dev \
     qemu-system-x86 busybox-static xvfb x11-xkb-utils xkb-data \
-    syslinux extlinux mtools dosfstools fdisk minizip util-linux
+    syslinux extlinux mtools dosfstools fdisk minizip zip util-linux
 [ "${1:-}" != --packages ] || exit 0
 
 mkdir -p build/machine
