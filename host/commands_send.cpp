@@ -105,6 +105,8 @@ bool loader_answers(Link &link, double seconds, uint32_t value)
     for (uint32_t next = value; !settled() && seconds_now() < end; next++) {
         qel_sysmsg_connect(link.con, next);
         link_poll_for(link, std::min(1.0, end - seconds_now()), settled);
+        if (was_interrupted())
+            throw CommandError(exit_interrupted, "interrupted");
     }
     return answered;
 }

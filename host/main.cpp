@@ -69,7 +69,7 @@ void open_link(Link &link, const LinkOptions &options)
 
 int run_on_link(const LinkOptions &options, const Command &command, bool listens_itself)
 {
-    Link link;
+    static Link link; // for the life of the process, as the libraries keep it
     check_other_end(options);
     open_link(link, options);
     if (!options.listen.empty() && !listens_itself)
@@ -275,8 +275,12 @@ int main(int argc, char **argv)
         catch_interrupts();
         return line.run();
     } catch (const CommandError &error) {
-        fflush(stdout);
         fprintf(stderr, "error: %s\n", error.what());
-        return error.code;
+        // At once: the libraries may have been left in the middle of something.
+        fflush(stdout);
+        _exit(error.code);
+    } catch (const std::exception &error) { // no memory, for instance
+        fprintf(stderr, "error: %s\n", error.what());
+        return exit_file_error;
     }
 }

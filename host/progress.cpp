@@ -2,6 +2,7 @@
 
 #include "progress.h"
 
+#include <math.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -37,7 +38,7 @@ void progress_show(Progress &progress, uint64_t done)
     double left = done == 0 ? 0
                             : elapsed * static_cast<double>(progress.total - std::min(done, progress.total)) /
                                   static_cast<double>(done);
-    auto left_s = static_cast<unsigned long>(left + 0.5);
+    auto left_s = static_cast<unsigned long>(lround(left));
     std::string bar;
     if (is_terminal) {
         uint64_t filled =

@@ -35,10 +35,16 @@ std::string text_of(std::span<const uint8_t> characters)
     return {characters.begin(), characters.end()};
 }
 
-RecordingContents contents_of(const std::string &file)
-{
-    return recording_read(span_of(file));
-}
+/// What the reader makes of a file, with the bytes that it refers to.
+struct Read : RecordingContents {
+    explicit Read(const std::string &content) : file(content)
+    {
+        static_cast<RecordingContents &>(*this) = recording_read(span_of(file));
+    }
+    Read(const Read &) = delete;
+    Read &operator=(const Read &) = delete;
+    std::string file;
+};
 
 } // namespace
 
@@ -61,7 +67,7 @@ TEST(RecordingWriter, TellsThatAFileCannotBeMade)
 
 TEST(RecordingReader, ReadsWhatTheWriterWrites)
 {
-    RecordingContents contents = contents_of(section + interface + packet + packet);
+    Read contents(section + interface + packet + packet);
     ASSERT_THAT(contents.packets, SizeIs(2));
     EXPECT_EQ(contents.packets[0].time_us, packet_time_us);
     EXPECT_EQ(contents.packets[0].direction, Direction::outbound);
@@ -71,7 +77,7 @@ TEST(RecordingReader, ReadsWhatTheWriterWrites)
 
 TEST(RecordingReader, ReadsTheOtherByteOrder)
 {
-    RecordingContents contents = contents_of(
+    Read contents(
         bytes("0a 0d 0d 0a  00 00 00 1c  1a 2b 3c 4d  00 01 00 00  ff ff ff ff ff ff ff ff  00 00 00 1c"
               "00 00 00 01  00 00 00 14  00 93 00 00  00 00 00 40  00 00 00 14"
               "00 00 00 06  00 00 00 30  00 00 00 00  00 00 00 00  00 00 00 09  00 00 00 02  00 00 00 02"
@@ -93,10 +99,10 @@ TEST(RecordingReader, FollowsTheResolutionOfTheInterface)
     // 2048 ticks.
     const std::string at_2048 = bytes("06 00 00 00  24 00 00 00  00 00 00 00  00 00 00 00  00 08 00 00"
                                       "01 00 00 00  01 00 00 00  80 00 00 00  24 00 00 00");
-    ASSERT_THAT(contents_of(section + nanoseconds + at_2048).packets, SizeIs(1));
-    EXPECT_EQ(contents_of(section + nanoseconds + at_2048).packets[0].time_us, 2u);
-    EXPECT_EQ(contents_of(section + binary + at_2048).packets.at(0).time_us, 2000000u);
-    EXPECT_EQ(contents_of(section + binary + at_2048).packets.at(0).direction, Direction::unknown);
+    ASSERT_THAT(Read(section + nanoseconds + at_2048).packets, SizeIs(1));
+    EXPECT_EQ(Read(section + nanoseconds + at_2048).packets[0].time_us, 2u);
+    EXPECT_EQ(Read(section + binary + at_2048).packets.at(0).time_us, 2000000u);
+    EXPECT_EQ(Read(section + binary + at_2048).packets.at(0).direction, Direction::unknown);
 }
 
 TEST(RecordingReader, LeavesOutOtherLinkTypesAndUnknownBlocks)
@@ -104,7 +110,7 @@ TEST(RecordingReader, LeavesOutOtherLinkTypesAndUnknownBlocks)
     const std::string ethernet = bytes("01 00 00 00  14 00 00 00  01 00 00 00  40 00 00 00  14 00 00 00");
     const std::string statistics = bytes("05 00 00 00  10 00 00 00  00 00 00 00  10 00 00 00");
     const std::string simple = bytes("03 00 00 00  14 00 00 00  01 00 00 00  61 00 00 00  14 00 00 00");
-    RecordingContents contents = contents_of(section + ethernet + statistics + packet + simple);
+    Read contents(section + ethernet + statistics + packet + simple);
     EXPECT_THAT(contents.packets, IsEmpty());
     EXPECT_EQ(contents.foreign, 2u);
     EXPECT_EQ(contents.problem, "");
@@ -112,7 +118,7 @@ TEST(RecordingReader, LeavesOutOtherLinkTypesAndUnknownBlocks)
 
 TEST(RecordingReader, ANewSectionForgetsTheInterfaces)
 {
-    EXPECT_EQ(contents_of(section + interface + section + packet).problem,
+    EXPECT_EQ(Read(section + interface + section + packet).problem,
               "packet of an interface that was not described (at byte 96)");
 }
 
@@ -170,7 +176,7 @@ TEST(RecordingReader, NamesTheProblemOfABrokenFileAndKeepsWhatCameBefore)
          "packet longer than its block (at byte 120)"},
     };
     for (const BrokenFile &file : broken) {
-        RecordingContents contents = contents_of(file.content);
+        Read contents(file.content);
         EXPECT_EQ(contents.problem, file.problem) << file.what;
         EXPECT_EQ(contents.packets.size(), file.content.starts_with(good) ? 1u : 0u) << file.what;
     }
@@ -182,7 +188,7 @@ TEST(RecordingReader, TakesBrokenOptionsAsNone)
     std::string file = section + interface + packet;
     file[file.size() - 14] = '\x60';
     file[file.size() - 13] = '\xea';
-    RecordingContents contents = contents_of(file);
+    Read contents(file);
     EXPECT_EQ(contents.problem, "");
     ASSERT_THAT(contents.packets, SizeIs(1));
     EXPECT_EQ(contents.packets[0].direction, Direction::unknown);
@@ -192,7 +198,7 @@ TEST(RecordingReader, SurvivesEveryCutAndEveryFlippedBit)
 {
     const std::string good = section + interface + packet + packet;
     for (size_t size = 0; size < good.size(); size++) {
-        RecordingContents contents = contents_of(good.substr(0, size));
+        Read contents(good.substr(0, size));
         EXPECT_LE(contents.packets.size(), 1u) << size;
         bool between_blocks = size == 28 || size == 68 || size == 120;
         EXPECT_EQ(contents.problem.empty(), between_blocks) << size;
@@ -200,7 +206,7 @@ TEST(RecordingReader, SurvivesEveryCutAndEveryFlippedBit)
     for (size_t bit = 0; bit < good.size() * 8; bit++) {
         std::string damaged = good;
         damaged[bit / 8] ^= static_cast<char>(1 << bit % 8);
-        for (const RecordedPacket &read : contents_of(damaged).packets)
+        for (const RecordedPacket &read : Read(damaged).packets)
             EXPECT_LE(read.bytes.size(), 20u) << "bit " << bit;
     }
 }
