@@ -115,6 +115,9 @@ std::vector<std::string> take_link_records(Cabinet &cabinet)
         ssize_t got = recv(cabinet.link_peer, bytes, sizeof bytes, MSG_DONTWAIT);
         if (got < 0 && errno == EAGAIN)
             break;
+        // A peer that left with records unread is reported once, before the last that it sent itself.
+        if (got < 0 && errno == ECONNRESET)
+            continue;
         if (got <= 0) {
             close_descriptor(cabinet.link_peer);
             break;
