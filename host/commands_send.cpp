@@ -108,6 +108,7 @@ bool loader_answers(Link &link, double seconds, uint32_t value)
         if (was_interrupted())
             throw CommandError(exit_interrupted, "interrupted");
     }
+    link.on_message = nullptr; // it would refer to what ends here
     return answered;
 }
 

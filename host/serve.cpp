@@ -232,7 +232,7 @@ void handle(Server &server, const Message &message)
 
 void answer_requests(Server &server)
 {
-    while (!server.requests.empty() && server.link.transport.gone.empty()) {
+    while (!server.requests.empty() && server.link.transport.gone.empty() && !was_interrupted()) {
         Message request = std::move(server.requests.front());
         server.requests.pop_front();
         if (find_answer(value_at(request, 0))->send(server, request) == 0)

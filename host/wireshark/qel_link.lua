@@ -282,6 +282,9 @@ local function follow(packet, direction)
         info.stray = progress[direction] == nil
     end
     info.bad_packet = #packet > qel.prefs.packet_size
+    if info.bad_packet and info.header_size == 6 then
+        progress[direction] = nil
+    end
     local state = progress[direction]
     if not info.bad_packet and state then
         info.short = store(state, packet, info.header_size)

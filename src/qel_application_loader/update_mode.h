@@ -15,5 +15,6 @@ void qel_run_update_mode(void);
 /// updater to /tmp/updater and executes it in place of the program; when that fails, prints
 /// "exec failed: /tmp/updater" and exits with status 1. Everything else is ignored.
 /// Deliberate: the number of bytes to write is the message's length field as it stands, the file is not
-/// truncated first, and neither its opening nor the write is checked.
+/// truncated first, and neither its opening nor the write is checked. Nor is either message's own length:
+/// one cut short is read as it lies in memory.
 void qel_update_handler(struct qel_sysmsg_con *con, const void *message);

@@ -35,7 +35,7 @@ static inline uint16_t _step(uint16_t crc, const uint8_t *b)
 }
 
 /// Shifts 2 to 15 bytes in: the same, for any number.
-static inline uint16_t short_step(uint16_t crc, const uint8_t *b, int count)
+static inline uint16_t _short_step(uint16_t crc, const uint8_t *b, int count)
 {
     int reduced = b[count - 2] << 8 ^ b[count - 1];
     for (int i = 0; i < count - 2; i++)
@@ -62,7 +62,7 @@ uint16_t qel_crc16_update(uint16_t crc, const void *bytes, int length)
     for (; length >= step_bytes; length -= step_bytes, next += step_bytes)
         crc = _step(crc, next);
     if (length > 1)
-        crc = short_step(crc, next, length);
+        crc = _short_step(crc, next, length);
     else if (length == 1)
         crc = (uint16_t)((crc << 8 | *next) ^ tables[0][crc >> 8]);
     return crc;

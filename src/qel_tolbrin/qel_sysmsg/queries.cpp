@@ -26,16 +26,19 @@ static struct _reply_buffer plain_reply;
 
 // ---- Helpers ----
 
-/// Makes room for at least `_needed` bytes; the size becomes the next multiple of `block` above that. The
-/// reallocation is not checked here: without a buffer the core refuses to wait for an answer.
+/// Makes room for at least `_needed` bytes; the size becomes the next multiple of `block` above that, and
+/// what is new is zero. The reallocation is not checked: without a buffer the core refuses to wait for an
+/// answer.
 static void _grow(struct _reply_buffer *buffer, uint32_t _needed, uint32_t block)
 {
     if (buffer->size >= _needed)
         return;
     uint32_t _replybuf_size = _needed / block * block + block;
     QEL_ASSERT(_replybuf_size >= (_needed));
+    buffer->bytes = (uint8_t *)realloc(buffer->bytes, _replybuf_size);
+    if (buffer->bytes)
+        memset(buffer->bytes + buffer->size, 0, _replybuf_size - buffer->size);
     buffer->size = _replybuf_size;
-    buffer->bytes = (uint8_t *)realloc(buffer->bytes, buffer->size);
 }
 
 /// Sends `request` and waits for an answer of type `answer` in `reply`.
