@@ -206,7 +206,7 @@ void catch_interrupts()
 {
     struct sigaction action = {};
     action.sa_handler = interrupt;
-    action.sa_flags = SA_RESETHAND; // a second one ends the program, whatever it waits for
+    action.sa_flags = static_cast<int>(SA_RESETHAND); // a second one ends the program, whatever it waits for
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
 }
