@@ -173,24 +173,24 @@ std::string check_file_system(Work &work, const std::string &where, size_t index
     return copy;
 }
 
-/// The paths of all files, "/folder/name".
-std::vector<std::string> files_in(const std::string &partition)
+/// The paths of everything, "/name", "/folder/" and "/folder/name".
+std::vector<std::string> entries_of(const std::string &partition)
 {
-    std::vector<std::string> files;
+    std::vector<std::string> entries;
     // Through folders, mdir takes an empty file system for an error.
     if (run_tool({"mdir", "-b", "-a", "-i", partition, "::"}).empty())
-        return files;
+        return entries;
     std::istringstream listing(run_tool({"mdir", "-/", "-b", "-a", "-i", partition, "::"}));
     for (std::string line; std::getline(listing, line);)
-        if (line.starts_with("::") && !line.ends_with("/"))
-            files.push_back(line.substr(2));
-    return files;
+        if (line.starts_with("::"))
+            entries.push_back(line.substr(2));
+    return entries;
 }
 
 /// The bytes of a file in the boot partition, or nothing after a fault.
 std::string boot_file(Work &work, const std::string &partition, const std::string &name)
 {
-    std::vector<std::string> files = files_in(partition);
+    std::vector<std::string> files = entries_of(partition);
     auto has_name = [&](const std::string &file) {
         return strcasecmp(file.c_str(), ("/" + name).c_str()) == 0;
     };
@@ -302,24 +302,32 @@ void check_system_image(Work &work)
 
 // ---- Storage ----
 
-void check_storage(Work &work)
+/// The loader takes the entry with the greatest name, whatever it is.
+void check_application(Work &work, const std::string &partition)
 {
-    std::string partition = check_file_system(work, "storage partition", 2);
-    if (partition.empty())
-        return;
     std::string newest, where;
-    for (const std::string &file : files_in(partition)) {
-        std::string name = fs::path(file).filename();
+    for (const std::string &entry : entries_of(partition)) {
+        bool is_folder = entry.ends_with('/');
+        std::string name = fs::path(is_folder ? entry.substr(0, entry.size() - 1) : entry).filename();
         if (name.starts_with(application_prefix) && name > newest) {
             newest = name;
-            where = file;
+            where = entry;
         }
     }
     if (newest.empty())
         fault(work,
-              "application: no file on the storage partition has a name beginning with qel_application_");
+              "application: nothing on the storage partition has a name beginning with qel_application_");
+    else if (where.ends_with('/'))
+        fault(work, "application: the loader would take the folder " + where + " for it; rename that folder");
     else
         good(work, "application: " + where);
+}
+
+void check_storage(Work &work)
+{
+    std::string partition = check_file_system(work, "storage partition", 2);
+    if (!partition.empty())
+        check_application(work, partition);
 }
 
 } // namespace

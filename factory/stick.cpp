@@ -114,6 +114,15 @@ bool is_application(const std::string &path)
     return fs::path(path).filename().string().starts_with(application_prefix);
 }
 
+/// The loader takes the greatest name, and a folder for an application too.
+void check_folders(const std::string &storage)
+{
+    for (const auto &entry : fs::recursive_directory_iterator(storage))
+        if (entry.is_directory() && is_application(entry.path()))
+            refuse("the storage archive holds a folder " + entry.path().filename().string() +
+                   ", which the loader would take for an application; rename it");
+}
+
 void check_application(const Delivery &delivery, const std::vector<FileAt> &storage)
 {
     if (!delivery.application.empty()) {
@@ -151,7 +160,9 @@ Prepared prepare(const Delivery &delivery, const std::string &scratch, const Pro
     if (!delivery.storage.empty()) {
         progress("unpacking the storage archive");
         prepared.archive = storage_archive(delivery, scratch);
-        prepared.storage = files_of_folder(unpack(prepared.archive, scratch));
+        std::string folder = unpack(prepared.archive, scratch);
+        check_folders(folder);
+        prepared.storage = files_of_folder(folder);
     }
     check_application(delivery, prepared.storage);
     return prepared;

@@ -302,12 +302,21 @@ TEST_F(DiskChecker, FindsAStorageThatWasNotUnmountedCleanly)
 
 TEST_F(DiskChecker, FindsAStorageWithoutAnApplication)
 {
-    const char *fault = "application: no file on the storage partition has a name beginning with "
+    const char *fault = "application: nothing on the storage partition has a name beginning with "
                         "qel_application_";
     mtools("mren", 3, {"::qel_application_1", "::qel_app"});
     EXPECT_THAT(faults(), ElementsAre(fault));
     make_vfat(disk, 3, {});
     EXPECT_THAT(faults(), ElementsAre(fault));
+}
+
+TEST_F(DiskChecker, FindsAFolderThatTheLoaderWouldTakeForTheApplication)
+{
+    mtools("mmd", 3, {"::data/qel_application_0"});
+    EXPECT_THAT(faults(), IsEmpty()); // the real one has the greater name
+    mtools("mmd", 3, {"::data/qel_application_2"});
+    EXPECT_THAT(faults(), ElementsAre("application: the loader would take the folder "
+                                      "/data/qel_application_2/ for it; rename that folder"));
 }
 
 // ---- Wrong calls ----

@@ -218,6 +218,15 @@ TEST(Delivery, MayHaveItsApplicationInAFolder)
     EXPECT_EQ(line.refusal(), "");
 }
 
+TEST(Delivery, WithAFolderNamedLikeAnApplicationIsRefused)
+{
+    Line line;
+    fs::create_directory(line.at("storage/data/qel_application_data"));
+    EXPECT_EQ(line.refusal(),
+              "the storage archive holds a folder qel_application_data, which the loader would "
+              "take for an application; rename it");
+}
+
 TEST(Delivery, WithAnApplicationOfAnotherNameIsRefused)
 {
     Line line;

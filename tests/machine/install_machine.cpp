@@ -4,8 +4,26 @@
 
 #include "disk_check.h"
 
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+/// The real tool gets another name, and a script its own.
+static void let_tools_tell(InstallMachine &machine)
+{
+    const std::string scripts = machine.parts.installer_scripts;
+    for (const auto &[name, real] :
+         {std::pair("sfdisk", scripts + "/sfdisk"), std::pair("mkdosfs", scripts + "/mkdosfs"),
+          std::pair("syslinux", scripts + "/syslinux"), std::pair("miniunz", find_tool("miniunzip"))}) {
+        const std::string moved = "/lib/tools/real_" + std::string(name);
+        machine.ram_disk.push_back("file " + moved + " " + real + " 755 0 0");
+        replace_tool(machine, "/bin/" + std::string(name), "exec " + moved + " \"$@\"");
+    }
+}
+
 InstallMachine::InstallMachine()
 {
+    let_tools_tell(*this);
     setup.loader_words = "qelinstall";
     setup.internal_disk = folder.path + "/internal_disk.img";
     make_blank_disk(setup.internal_disk);
@@ -28,14 +46,14 @@ void add_archive(InstallMachine &machine)
 
 void take_telling_loader(InstallMachine &machine)
 {
-    machine.parts.loader = MACHINE_TEST_TELLING_LOADER;
-    machine.ram_disk = ram_disk_list(machine.parts);
+    machine.ram_disk.push_back("file /sbin/qel_application_loader " MACHINE_TEST_TELLING_LOADER " 755 0 0");
 }
 
-void replace_tool(InstallMachine &machine, const std::string &tool, const std::string &script)
+void replace_tool(InstallMachine &machine, const std::string &tool, const std::string &line)
 {
-    machine.ram_disk.push_back("file " + tool + " " + file_with(machine, "tool", "#!/bin/sh\n" + script) +
-                               " 755 0 0");
+    std::string script = file_with(machine, "tool_" + fs::path(tool).filename().string(),
+                                   "#!/bin/sh\necho tool $0 \"$@\" >/cabinet/note\n" + line + "\n");
+    machine.ram_disk.push_back("file " + tool + " " + script + " 755 0 0");
 }
 
 void start_install(InstallMachine &machine)
@@ -68,6 +86,25 @@ std::vector<std::string> disk_faults(const InstallMachine &machine)
         if (!finding.good)
             faults.push_back(finding.text);
     return faults;
+}
+
+std::vector<std::string> tools_of(const InstallMachine &machine)
+{
+    const std::string mark = "tool ";
+    std::vector<std::string> tools;
+    for (const Event &event : machine.cabinet.events)
+        if (event.kind == Event::note && event.text.starts_with(mark))
+            tools.push_back(event.text.substr(mark.size()));
+    return tools;
+}
+
+bool wait_for_tool(InstallMachine &machine, const std::string &call)
+{
+    auto started = [&] {
+        std::vector<std::string> tools = tools_of(machine);
+        return !tools.empty() && tools.back() == call;
+    };
+    return wait_until(machine.cabinet, started, patience);
 }
 
 bool shows(const InstallMachine &machine, const std::string &text)

@@ -3,7 +3,8 @@
 
 #include "machine_test.h"
 
-/// A machine with a blank internal disk, told to install.
+/// A machine with a blank internal disk, told to install. Its tools are the real ones, behind scripts that
+/// say how they were called: a tool may end before anybody has seen its name from outside.
 struct InstallMachine : Machine {
     std::vector<FileAt> stick; ///< the system image, a stand-in for the kernel, and no archive, to begin with
 
@@ -16,8 +17,8 @@ void add_archive(InstallMachine &machine);
 /// Takes the loader that tells at which check it stops.
 void take_telling_loader(InstallMachine &machine);
 
-/// Puts a script in the place of one of the installer's tools.
-void replace_tool(InstallMachine &machine, const std::string &tool, const std::string &script);
+/// Lets a tool do no more than say how it was called and run a line of shell.
+void replace_tool(InstallMachine &machine, const std::string &tool, const std::string &line);
 
 /// Makes the stick, unless `stick` is empty, and switches the power on.
 void start_install(InstallMachine &machine);
@@ -25,6 +26,12 @@ void start_install(InstallMachine &machine);
 /// Waits for the stop of the telling loader and returns it, "UNIT:LINE TEXT"; empty when there was none, or
 /// when the loader did not stand still after it.
 std::string wait_for_stop(InstallMachine &machine);
+
+/// The tools started so far, in order, as they were called: "/bin/mkdosfs /dev/disk/hdc1".
+std::vector<std::string> tools_of(const InstallMachine &machine);
+
+/// Pumps until the last tool started is this one.
+bool wait_for_tool(InstallMachine &machine, const std::string &call);
 
 /// The faults that the disk checker finds.
 std::vector<std::string> disk_faults(const InstallMachine &machine);

@@ -21,22 +21,11 @@ std::string boot_record(const InstallMachine &machine)
     return read_file(machine.setup.internal_disk).substr(0, 512).replace(440, 4, "ID..");
 }
 
-/// The tools that process 1 has started, in order, each as it was called.
-std::vector<std::string> tools_of(const InstallMachine &machine)
-{
-    std::vector<std::string> tools;
-    for (const Event &event : machine.cabinet.events)
-        for (const char *tool : {"/bin/sfdisk ", "/bin/mkdosfs ", "/bin/syslinux ", "/bin/miniunz "})
-            if (event.kind == Event::program_started && event.text.find(tool) != std::string::npos)
-                tools.push_back(event.text.substr(event.text.find(tool)));
-    return tools;
-}
-
 } // namespace
 
 // ---- The whole way ----
 
-TEST(Install, FromAFactoryStickLeavesADiskThatBootsByItself)
+TEST(CabinetInstall, FromAFactoryStickLeavesADiskThatBootsByItself)
 {
     InstallMachine machine;
     add_archive(machine);
@@ -65,7 +54,7 @@ TEST(Install, FromAFactoryStickLeavesADiskThatBootsByItself)
     EXPECT_EQ(next.cabinet.console.find("Installing"), std::string::npos);
 }
 
-TEST(Install, TellsItsProgress)
+TEST(CabinetInstall, TellsItsProgress)
 {
     InstallMachine machine;
     add_archive(machine);
@@ -96,7 +85,7 @@ TEST(Install, TellsItsProgress)
     EXPECT_THAT(disk_faults(machine), IsEmpty());
 }
 
-TEST(Install, WithoutAnArchiveLeavesTheStorageEmpty)
+TEST(CabinetInstall, WithoutAnArchiveLeavesTheStorageEmpty)
 {
     InstallMachine machine;
     take_telling_loader(machine);
@@ -109,10 +98,10 @@ TEST(Install, WithoutAnArchiveLeavesTheStorageEmpty)
     EXPECT_THAT(tools_of(machine), testing::SizeIs(4));
     power_off(machine.cabinet);
     EXPECT_THAT(storage_names(machine), IsEmpty());
-    EXPECT_THAT(disk_faults(machine), ElementsAre(StartsWith("application: no file")));
+    EXPECT_THAT(disk_faults(machine), ElementsAre(StartsWith("application: nothing")));
 }
 
-TEST(Install, WithoutAnArchiveTakesTheSticksApplication)
+TEST(CabinetInstall, WithoutAnArchiveTakesTheSticksApplication)
 {
     InstallMachine machine;
     machine.stick.push_back({"qel_application_2", recorder});
@@ -126,7 +115,7 @@ TEST(Install, WithoutAnArchiveTakesTheSticksApplication)
 
 // ---- Disks that are not blank ----
 
-TEST(Install, TwiceInARowMakesTheSameDisk)
+TEST(CabinetInstall, TwiceInARowMakesTheSameDisk)
 {
     InstallMachine machine;
     add_archive(machine);
@@ -147,7 +136,7 @@ TEST(Install, TwiceInARowMakesTheSameDisk)
     EXPECT_THAT(disk_faults(again), IsEmpty());
 }
 
-TEST(Install, OntoADiskThatHeldOtherPartitionsReplacesThem)
+TEST(CabinetInstall, OntoADiskThatHeldOtherPartitionsReplacesThem)
 {
     InstallMachine machine;
     add_archive(machine);
@@ -166,7 +155,7 @@ TEST(Install, OntoADiskThatHeldOtherPartitionsReplacesThem)
 
 // ---- The stick ----
 
-TEST(Install, WaitsForAStickThatIsPluggedInLater)
+TEST(CabinetInstall, WaitsForAStickThatIsPluggedInLater)
 {
     InstallMachine machine;
     add_archive(machine);
@@ -184,7 +173,7 @@ TEST(Install, WaitsForAStickThatIsPluggedInLater)
     EXPECT_THAT(disk_faults(machine), IsEmpty());
 }
 
-TEST(Install, DoesNotWaitForAStickThatIsThere)
+TEST(CabinetInstall, DoesNotWaitForAStickThatIsThere)
 {
     InstallMachine machine;
     add_archive(machine);

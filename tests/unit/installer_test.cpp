@@ -285,6 +285,11 @@ struct Tool {
     std::vector<std::string> runs;
 };
 
+[[maybe_unused]] static void PrintTo(const Tool &tool, std::ostream *out)
+{
+    *out << tool.command;
+}
+
 static const Tool tools[] = {
     {"/bin/sfdisk -uM --quiet --Linux --force /dev/disk/hdc", {sfdisk_run}},
     {"/bin/mkdosfs /dev/disk/hdc1", {sfdisk_run, mkdosfs_boot_run}},
