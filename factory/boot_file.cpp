@@ -43,25 +43,26 @@ std::string key_of(const Parts &parts, const std::vector<std::string> &list)
     return key;
 }
 
-} // namespace
-
-void make_boot_file(const std::string &output, const Parts &parts)
+/// Links the kernel with the RAM disk inside.
+void make_boot_file(const std::string &output, const std::vector<std::string> &list)
 {
     ScratchFolder scratch;
-    write_file(scratch.path + "/list", as_text(ram_disk_list(parts)));
-    run_tool({FACTORY_SOURCE_FOLDER "/machine/kernel/build.sh", "embed", scratch.path + "/list",
-              fs::absolute(output).string()});
+    write_file(scratch.path + "/list", as_text(list));
+    run_tool({FACTORY_SOURCE_FOLDER "/machine/kernel/build.sh", "embed", scratch.path + "/list", output});
 }
+
+} // namespace
 
 std::string usual_boot_file(const Parts &parts)
 {
     std::string file = FACTORY_BUILD_FOLDER "/vmlinux", key_file = FACTORY_BUILD_FOLDER "/vmlinux.key";
-    std::string key = key_of(parts, ram_disk_list(parts));
+    std::vector<std::string> list = ram_disk_list(parts);
+    std::string key = key_of(parts, list);
     int lock = open(FACTORY_BUILD_FOLDER "/vmlinux.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     flock(lock, LOCK_EX);
     if (!fs::exists(file) || !fs::exists(key_file) || read_file(key_file) != key) {
         fs::remove(key_file);
-        make_boot_file(file, parts);
+        make_boot_file(file, list);
         write_file(key_file, key);
     }
     close(lock);

@@ -6,10 +6,8 @@
 
 #include <string>
 
-/// Links the kernel with the RAM disk of `parts` (10 to 20 seconds) into the file `output`.
-void make_boot_file(const std::string &output, const Parts &parts);
-
-/// The path of the boot file of this source tree, made anew only when something in it has changed.
+/// The path of the boot file of this source tree. It is linked anew (10 to 20 seconds) only when something in
+/// it has changed; no two links give the same bytes.
 std::string usual_boot_file(const Parts &parts);
 
 /// A folder that holds the sample application.
