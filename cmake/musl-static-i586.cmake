@@ -3,6 +3,7 @@
 # Its files stand where no compiler looks by itself, so the headers and everything that is linked are named;
 # nothing of the 64-bit libc can slip in.
 
+set(QEL_I586 ON)
 set(sysroot ${CMAKE_CURRENT_LIST_DIR}/../build/i586-sysroot/usr)
 get_filename_component(sysroot ${sysroot} ABSOLUTE)
 set(libc ${sysroot}/lib/i386-linux-musl)

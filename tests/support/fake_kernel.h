@@ -157,6 +157,9 @@ class FakeKernel
 /// libc's own functions, for test code that must not be recorded or moved: real_open(...) and so on.
 #define KERNEL_CALL(result, failure, name, parameters, ...)                                                  \
     extern "C" result real_##name parameters __asm__("__real_" #name);
+#undef KERNEL_CALL_64
+#define KERNEL_CALL_64(result, failure, name, parameters, ...)                                               \
+    extern "C" result real_##name parameters __asm__("__real_" #name "64");
 #include "support/kernel_calls.def"
 #undef KERNEL_CALL
 #undef KERNEL_CALL_64

@@ -110,7 +110,7 @@ TEST(HostLinkEndsInRealTime, ConfirmAMessagePacedPacketByPacket)
     EXPECT_EQ(qel_sysmsg_transfer_data(con, block.data(), 300), 1);
     real_gettimeofday(&end, nullptr);
 
-    const long elapsed_ms = (end.tv_sec - start.tv_sec) * 1000 + (end.tv_usec - start.tv_usec) / 1000;
+    const auto elapsed_ms = (end.tv_sec - start.tv_sec) * 1000 + (end.tv_usec - start.tv_usec) / 1000;
     EXPECT_GE(elapsed_ms, 165); // ten packets and one for the confirm, 15 ms each
     kill(peer, SIGKILL);
     real_waitpid(peer, nullptr, 0);
