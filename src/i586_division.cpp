@@ -2,6 +2,10 @@
 // instruction (endbr32) that the processors of the cabinet's age refuse; musl divides when it tells the date.
 
 #include <stdint.h>
+#include <sys/types.h>
+
+// Dates after 2038 and files over 2 GB are none of the 32-bit product's limits.
+static_assert(sizeof(time_t) == 8 && sizeof(off_t) == 8);
 
 extern "C" {
 uint64_t __udivmoddi4(uint64_t dividend, uint64_t divisor, uint64_t *remainder);
