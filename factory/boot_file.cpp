@@ -55,10 +55,10 @@ void make_boot_file(const std::string &output, const std::vector<std::string> &l
 
 std::string usual_boot_file(const Parts &parts)
 {
-    std::string file = FACTORY_BUILD_FOLDER "/vmlinux", key_file = FACTORY_BUILD_FOLDER "/vmlinux.key";
+    std::string file = FACTORY_BUILD_FOLDER "/vmlinux-" + parts.target, key_file = file + ".key";
     std::vector<std::string> list = ram_disk_list(parts);
     std::string key = key_of(parts, list);
-    int lock = open(FACTORY_BUILD_FOLDER "/vmlinux.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    int lock = open((file + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     flock(lock, LOCK_EX);
     if (!fs::exists(file) || !fs::exists(key_file) || read_file(key_file) != key) {
         fs::remove(key_file);

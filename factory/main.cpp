@@ -8,6 +8,7 @@
 
 #include "cabinet/images.h"
 #include "cabinet/tools.h"
+#include "target_option.h"
 
 #include <CLI/CLI.hpp>
 
@@ -24,6 +25,7 @@ struct Options {
     std::string stick;
     Delivery delivery;
     DiskCheck check;
+    std::string target = targets.front(); ///< of the boot file
 };
 
 void show_progress(const std::string &step)
@@ -35,12 +37,13 @@ void show_progress(const std::string &step)
 // ---- What each command does ----
 
 /// Pieces that were not named are those of this source tree.
-void complete(Delivery &delivery)
+void complete(Options &options)
 {
+    Delivery &delivery = options.delivery;
     bool no_application = delivery.storage.empty() && delivery.application.empty();
     if (!delivery.kernel.empty() && !delivery.system_image.empty() && !no_application)
         return;
-    Parts parts = find_parts();
+    Parts parts = find_parts(options.target);
     if (delivery.kernel.empty()) {
         show_progress("making the boot file (half a minute when something has changed)");
         delivery.kernel = usual_boot_file(parts);
@@ -60,7 +63,7 @@ void tell_file(const std::string &file)
 
 int make_stick_image(Options &options)
 {
-    complete(options.delivery);
+    complete(options);
     make_factory_stick(options.output, options.delivery, show_progress);
     tell_file(options.output);
     printf("Copy it to a stick, which loses all it held:\n"
@@ -72,7 +75,7 @@ int make_stick_image(Options &options)
 
 int make_disk_image(Options &options)
 {
-    complete(options.delivery);
+    complete(options);
     make_installed_disk(options.output, options.delivery, show_progress);
     tell_file(options.output);
     return 0;
@@ -81,7 +84,8 @@ int make_disk_image(Options &options)
 int make_kernel(const Options &options)
 {
     show_progress("making the boot file (half a minute when something has changed)");
-    fs::copy_file(usual_boot_file(find_parts()), options.output, fs::copy_options::overwrite_existing);
+    fs::copy_file(usual_boot_file(find_parts(options.target)), options.output,
+                  fs::copy_options::overwrite_existing);
     tell_file(options.output);
     return 0;
 }
@@ -115,7 +119,7 @@ int check(const Options &options)
 int try_it(Options &options)
 {
     if (options.stick.empty())
-        complete(options.delivery);
+        complete(options);
     return try_install(options.stick, options.delivery, show_progress) ? 0 : 1;
 }
 
@@ -125,6 +129,7 @@ void add_delivery(CLI::App &command, Options &options)
 {
     command.add_option("--kernel", options.delivery.kernel,
                        "boot file, kernel and RAM disk in one; without it that of this source tree");
+    add_target(command, options.target);
     command.add_option("--system-image", options.delivery.system_image,
                        "cramfs for /usr; without it that of this source tree");
     command.add_option("--storage", options.delivery.storage,
@@ -161,6 +166,7 @@ void add_commands(CLI::App &app, Options &options)
     CLI::App *kernel =
         app.add_subcommand("make-kernel", "make the boot file \"vmlinux\" of this source tree");
     add_output(*kernel, options, "file");
+    add_target(*kernel, options.target);
 
     CLI::App *system = app.add_subcommand("make-system-image", "make the system image \"qel_usr.cramfs\"");
     add_output(*system, options, "file");

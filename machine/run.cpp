@@ -1,6 +1,7 @@
 // The program behind ./run: builds the images of a cabinet, switches it on and shows what it does.
 
 #include "interrupt.h"
+#include "target_option.h"
 #include "terminal.h"
 #include "view.h"
 
@@ -27,6 +28,7 @@ struct Options {
     std::string screenshot;
     std::string link;
     std::string record;
+    std::string target = targets.front();
 };
 
 const char *const application_prefix = "qel_application_";
@@ -50,6 +52,7 @@ Options parse(int argc, char **argv)
         ->check(CLI::ExistingFile);
     app.add_option("--seconds", options.seconds, "end this long after the loader has started")
         ->check(CLI::PositiveNumber);
+    add_target(app, options.target);
     app.add_flag("--shell", options.shell, "a shell beside the loader on this terminal; Ctrl-] ends");
     app.add_option(
         "--screenshot", options.screenshot,
@@ -194,7 +197,7 @@ int main(int argc, char **argv)
     Options options = parse(argc, argv);
     catch_interrupts();
     try {
-        Parts parts = find_parts();
+        Parts parts = find_parts(options.target);
         ScratchFolder scratch;
         View view;
         if (options.shell) {

@@ -2,6 +2,7 @@
 // travels from one to the other and takes the loader's place.
 
 #include "interrupt.h"
+#include "target_option.h"
 #include "view.h"
 
 #include "cabinet/images.h"
@@ -21,6 +22,7 @@ struct Options {
     int mode = 3;
     double seconds = 10;
     std::string record;
+    std::string target = targets.front();
 };
 
 const double banner_seconds_max = 60;
@@ -41,6 +43,7 @@ Options parse(int argc, char **argv)
     app.add_option("--seconds", options.seconds, "go on this long after the updater has started")
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
+    add_target(app, options.target);
     app.add_option("--record", options.record, "record the link to this pcapng file");
     app.footer("The link takes about 2 kB a second: an updater of 100 kB is under way for 45 seconds.");
     try {
@@ -170,7 +173,7 @@ int main(int argc, char **argv)
     Options options = parse(argc, argv);
     catch_interrupts();
     try {
-        Parts parts = find_parts();
+        Parts parts = find_parts(options.target);
         ScratchFolder scratch;
         View view;
         printf("preparing the cabinet: RAM disk, blank internal disk ...\n");
