@@ -39,6 +39,8 @@ TEST(FactoryTool, EndsWith2ForAWrongCall)
     EXPECT_THAT(run({"check-disk"}), EndsWith("exit 2\n"));
     EXPECT_THAT(run({"check-disk", "disk", "--kernel", "/missing"}), EndsWith("exit 2\n"));
     EXPECT_THAT(run({"make-stick", "stick", "--disk-size", "many"}), EndsWith("exit 2\n"));
+    EXPECT_THAT(run({"make-kernel", "kernel", "--target", "mips"}),
+                "--target: mips not in {x86-64,i586}\nRun with --help for more information.\nexit 2\n");
 }
 
 TEST(FactoryTool, MakesAStickAndWarnsOfIt)

@@ -21,7 +21,7 @@ static void let_tools_tell(InstallMachine &machine)
     }
 }
 
-InstallMachine::InstallMachine()
+InstallMachine::InstallMachine(const std::string &target) : Machine(target)
 {
     let_tools_tell(*this);
     setup.loader_words = "qelinstall";

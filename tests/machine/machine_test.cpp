@@ -7,7 +7,7 @@
 
 const char *const recorder = MACHINE_TEST_RECORDER;
 
-Machine::Machine()
+Machine::Machine(const std::string &target) : parts(find_parts(target))
 {
     system = {{"xorg/bin/Xfake", recorder}};
     setup.kernel = parts.kernel_folder + "/vmlinux";

@@ -12,7 +12,7 @@
 const double patience = 60;
 
 struct Machine {
-    Parts parts = find_parts();
+    Parts parts;
     ScratchFolder folder;
     CabinetSetup setup;
     std::vector<std::string> ram_disk = ram_disk_list(parts);
@@ -20,7 +20,7 @@ struct Machine {
     std::vector<FileAt> storage; ///< empty to begin with
     Cabinet cabinet;
 
-    Machine();
+    explicit Machine(const std::string &target = targets.front());
 };
 
 /// The recorder as a file of this computer.

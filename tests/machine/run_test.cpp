@@ -111,14 +111,31 @@ TEST(Run, RefusesAnOptionItDoesNotKnow)
     EXPECT_EQ(status, 2);
 }
 
+TEST(Run, RefusesATargetItDoesNotKnowAndNamesThoseItDoes)
+{
+    for (const char *program : {run, MACHINE_TEST_RUN_UPDATE}) {
+        int status = -1;
+        std::string output = run_with({"--target", "mips"}, status, program);
+        EXPECT_EQ(status, 2);
+        EXPECT_NE(output.find("mips not in {x86-64,i586}\n"), std::string::npos) << output;
+    }
+}
+
 // ---- ./run update ----
 
-TEST(RunUpdate, ShowsTheExchangeAndTheUpdaterAsProcess1)
+class RunUpdateOfTarget : public testing::TestWithParam<std::string>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, RunUpdateOfTarget, testing::ValuesIn(targets));
+
+TEST_P(RunUpdateOfTarget, ShowsTheExchangeAndTheUpdaterAsProcess1)
 {
     ScratchFolder folder;
     std::string recording = folder.path + "/link.pcapng";
     int status = -1;
-    std::string output = run_with({"--seconds", "4", "--record", recording}, status, MACHINE_TEST_RUN_UPDATE);
+    std::string output = run_with({"--seconds", "4", "--record", recording, "--target", GetParam()}, status,
+                                  MACHINE_TEST_RUN_UPDATE);
     EXPECT_EQ(status, 0) << output;
     // In this order: the display's three texts, what the updater prints, and what process 1 then is.
     size_t at = 0;
