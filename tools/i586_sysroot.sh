@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Puts the 32-bit musl (headers, libc.a, start files) into build/i586-sysroot for the preset product-i586.
-# Its packages cannot be installed beside the 64-bit ones; apt fetches them through lists of its own, so
+# Its package cannot be installed beside the 64-bit one; apt fetches it through lists of its own, so
 # that this machine's list of architectures stays as it is. Quick when it is all there; needs no root but
 # for installing g++-multilib.
 set -euo pipefail
@@ -27,9 +27,9 @@ options=(-o APT::Architecture=i386 -o APT::Architectures=i386 -o Acquire::Langua
     -o "APT::Sandbox::User=$(id -un)")
 # One list that cannot be had, of some other suite, does no harm: the download tells.
 (cd "$work" && { apt-get "${options[@]}" update || true; } &&
-    apt-get "${options[@]}" download musl musl-dev) >"$work/log" 2>&1 || {
+    apt-get "${options[@]}" download musl-dev) >"$work/log" 2>&1 || {
     cat "$work/log" >&2
-    echo "error: apt-get cannot fetch musl:i386; it needs a Debian mirror that has i386" >&2
+    echo "error: apt-get cannot fetch musl-dev:i386; it needs a Debian mirror that has i386" >&2
     exit 1
 }
 for package in "$work"/*.deb; do
