@@ -13,8 +13,10 @@ enum { polynomial = 0x1021, start_register = 0xFFFF, step_bytes = 16 };
 /// tables[d][b] is the byte b followed by d + 2 zero bytes, reduced. Made at first use.
 static uint16_t tables[step_bytes][256];
 
-static void _make_tables(void)
+static void _need_tables(void)
 {
+    if (tables[0][1])
+        return;
     for (int b = 0; b < 256; b++) {
         unsigned remainder = (unsigned)b << 8;
         for (auto &table : tables) {
@@ -26,21 +28,22 @@ static void _make_tables(void)
 }
 
 /// Shifts 16 bytes in.
-static inline uint16_t _step(uint16_t crc, const uint8_t *b)
+static inline unsigned _step(unsigned crc, const uint8_t *b)
 {
     const auto &t = tables;
-    return (uint16_t)(t[13][b[0]] ^ t[12][b[1]] ^ t[11][b[2]] ^ t[10][b[3]] ^ t[9][b[4]] ^ t[8][b[5]] ^
+    return (unsigned)(t[13][b[0]] ^ t[12][b[1]] ^ t[11][b[2]] ^ t[10][b[3]] ^ t[9][b[4]] ^ t[8][b[5]] ^
                       t[7][b[6]] ^ t[6][b[7]] ^ t[5][b[8]] ^ t[4][b[9]] ^ t[3][b[10]] ^ t[2][b[11]] ^
                       t[1][b[12]] ^ t[0][b[13]] ^ b[14] << 8 ^ b[15] ^ t[15][crc >> 8] ^ t[14][crc & 0xFF]);
 }
 
 /// Shifts 2 to 15 bytes in: the same, for any number.
-static inline uint16_t _short_step(uint16_t crc, const uint8_t *b, int count)
+static inline unsigned _short_step(unsigned crc, const uint8_t *b, int count)
 {
-    int reduced = b[count - 2] << 8 ^ b[count - 1];
-    for (int i = 0; i < count - 2; i++)
-        reduced ^= tables[count - 3 - i][b[i]];
-    return (uint16_t)(reduced ^ tables[count - 1][crc >> 8] ^ tables[count - 2][crc & 0xFF]);
+    const auto *table = &tables[count - 2];
+    auto reduced = (unsigned)(table[1][crc >> 8] ^ table[0][crc & 0xFF]);
+    while (table != tables)
+        reduced ^= (*--table)[*b++];
+    return reduced ^ (unsigned)(b[0] << 8 ^ b[1]);
 }
 
 uint16_t qel_crc16(const void *bytes, int length)
@@ -55,23 +58,24 @@ uint16_t qel_crc16_init(void)
 
 uint16_t qel_crc16_update(uint16_t crc, const void *bytes, int length)
 {
-    if (!tables[0][1])
-        _make_tables();
+    _need_tables();
 
+    unsigned sum = crc;
     const auto *next = (const uint8_t *)bytes;
     for (; length >= step_bytes; length -= step_bytes, next += step_bytes)
-        crc = _step(crc, next);
+        sum = _step(sum, next);
     if (length > 1)
-        crc = _short_step(crc, next, length);
+        sum = _short_step(sum, next, length);
     else if (length == 1)
-        crc = (uint16_t)((crc << 8 | *next) ^ tables[0][crc >> 8]);
-    return crc;
+        sum = (sum << 8 & 0xFF00) ^ *next ^ tables[0][sum >> 8];
+    return (uint16_t)sum;
 }
 
 uint16_t qel_crc16_final(uint16_t crc)
 {
-    const uint8_t zeros[2] = {};
-    return qel_crc16_update(crc, zeros, sizeof zeros);
+    _need_tables();
+
+    return tables[1][crc >> 8] ^ tables[0][crc & 0xFF];
 }
 
 uint16_t qel_crc16_update_final(uint16_t crc, const void *bytes, int length)

@@ -1,0 +1,163 @@
+// Files and trees: the product's library as a command beside the usual commands and the least that could be
+// done.
+
+#include "contests.h"
+#include "process.h"
+#include "trees.h"
+
+#include <filesystem>
+
+namespace fs = std::filesystem;
+
+using Command = std::vector<std::string>;
+
+// ---- Copying one file ----
+
+static constexpr size_t large_file_bytes = 64 << 20;
+
+static double time_copy(const Command &command)
+{
+    if (!fs::exists(scratch("tmpfs/large")))
+        make_file(scratch("tmpfs/large"), large_file_bytes);
+    const double seconds = time_command(command);
+    fs::remove(scratch("tmpfs/copy"));
+    return seconds * 1e3;
+}
+
+static Contest copy_contest()
+{
+    const std::string from = scratch("tmpfs/large"), to = scratch("tmpfs/copy");
+    const auto copies = [](const Command &command) { return [command] { return time_copy(command); }; };
+    return {"copy a file of 64 MiB",
+            "ms",
+            {{"product", copies({subject("bench_library"), "copy", from, to})},
+             {"raw loop of 4096 bytes", copies({subject("bench_minimal"), "copy", from, to}), 1.03},
+             {"dd bs=4k", copies({"dd", "if=" + from, "of=" + to, "bs=4k", "status=none"}), 1.03}}};
+}
+
+/// How often a copy asks the kernel for memory.
+static double memory_calls_of_copy()
+{
+    const std::string log = scratch("calls"), from = scratch("tmpfs/small");
+    make_file(from, 100000);
+    run_command({"strace", "-o", log, "-e", "trace=brk,mmap,mremap", "-e", "signal=none",
+                 subject("bench_library"), "copy", from, scratch("tmpfs/copy")});
+    fs::remove(scratch("tmpfs/copy"));
+    // The last line tells of the end.
+    return static_cast<double>(lines_of(log).size()) - 1;
+}
+
+// ---- Removing trees ----
+
+struct Tree {
+    std::string name;
+    void (*make)(const std::string &path);
+};
+
+static const Tree trees[] = {
+    {"100 x 100 files", [](const std::string &path) { make_tree(path, 100, 100); }},
+    {"10,000 files in one folder", [](const std::string &path) { make_tree(path, 0, 10000); }},
+    {"a Wine prefix", make_wine_prefix},
+};
+
+static double time_removal(const std::string &type, const Tree &tree, const Command &command)
+{
+    const std::string path = scratch(type + "/tree");
+    tree.make(path);
+    settle(path);
+    Command full = command;
+    full.push_back(path);
+    return time_command(full) * 1e3;
+}
+
+static void add_removals(std::vector<Contest> &contests, const std::string &type, double rm_ratio_max)
+{
+    const std::string unavailable = type == "tmpfs" ? "" : make_file_system(type);
+    for (const Tree &tree : trees) {
+        const auto removes = [type, tree](const Command &command) {
+            return [type, tree, command] { return time_removal(type, tree, command); };
+        };
+        contests.push_back(
+            {"remove " + tree.name + ", " + type,
+             "ms",
+             {{"product", removes({subject("bench_library"), "remove"})},
+              {"minimal loop, same calls", removes({subject("bench_minimal"), "remove"}), 1.03},
+              {"rm -rf", removes({"rm", "-rf"}), rm_ratio_max, "no chmod, no batches of 20"}}});
+        contests.back().unavailable = unavailable;
+    }
+}
+
+static Contest growth_contest()
+{
+    const auto time_a_file = [](int files) {
+        return [files] {
+            const std::string path = scratch("tmpfs/tree");
+            make_tree(path, 0, files);
+            return time_command({subject("bench_library"), "remove", path}) / files * 1e6;
+        };
+    };
+    return {"remove a file of 100,000 in one folder, tmpfs",
+            "us",
+            {{"product", time_a_file(100000)}, {"product, of 10,000", time_a_file(10000), 1.2}},
+            0,
+            3};
+}
+
+// ---- Copying trees ----
+
+static double time_tree_copy(const Command &command)
+{
+    if (!fs::exists(scratch("tmpfs/source")))
+        make_tree(scratch("tmpfs/source"), 100, 100);
+    const double seconds = time_command(command);
+    run_command({"rm", "-rf", scratch("tmpfs/target")});
+    return seconds * 1e3;
+}
+
+static Contest tree_copy_contest()
+{
+    const std::string from = scratch("tmpfs/source"), to = scratch("tmpfs/target");
+    const auto copies = [](const Command &command) { return [command] { return time_tree_copy(command); }; };
+    return {"copy a tree of 10,000 small files",
+            "ms",
+            {{"product", copies({subject("bench_library"), "copy-tree", from, to})},
+             {"cp -a", copies({"cp", "-a", from, to}), 1.0},
+             {"rsync -a", copies({"rsync", "-a", from + "/", to}), 0.6},
+             {"busybox cp -r", copies({"busybox", "cp", "-r", from, to}), 1.1}}};
+}
+
+// ---- Searching ----
+
+static double time_search(const Command &command)
+{
+    const std::string tree = scratch("tmpfs/searched");
+    if (!fs::exists(tree)) {
+        make_tree(tree, 100, 100);
+        make_file(tree + "/folder_7/qel_application_1", 1);
+        make_file(tree + "/folder_70/qel_application_2", 1);
+    }
+    return time_command(command) * 1e3;
+}
+
+static Contest search_contest()
+{
+    const std::string tree = scratch("tmpfs/searched"), prefix = "qel_application_";
+    const auto searches = [](const Command &command) { return [command] { return time_search(command); }; };
+    return {"search 10,000 entries by prefix",
+            "ms",
+            {{"product", searches({subject("bench_library"), "search", tree, prefix})},
+             {"find -name", searches({"find", tree, "-name", prefix + "*"}), 0.6},
+             {"busybox find", searches({"busybox", "find", tree, "-name", prefix + "*"}), 0.25}}};
+}
+
+void add_file_contests(std::vector<Contest> &contests)
+{
+    contests.push_back(copy_contest());
+    contests.push_back(
+        {"calls for memory while copying a file", "calls", {{"product", memory_calls_of_copy}}, -1, once});
+    add_removals(contests, "tmpfs", 1.4);
+    add_removals(contests, "ext4", 0);
+    contests.push_back(growth_contest());
+    contests.push_back(tree_copy_contest());
+    contests.push_back(search_contest());
+}

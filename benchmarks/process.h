@@ -1,0 +1,45 @@
+/// Whole processes: commands that are timed from start to end, and programs that are process 1 of namespaces
+/// of their own. What fails is thrown as std::runtime_error.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+/// Seconds of a clock that is never set.
+double now();
+
+/// Runs a command, found in PATH, whose output goes nowhere. Returns its seconds; throws what it said on
+/// standard error unless it ends with 0.
+double time_command(const std::vector<std::string> &command);
+
+/// The same for a command whose time is of no interest.
+void run_command(const std::vector<std::string> &command);
+
+/// The lines of a file, without their ends.
+std::vector<std::string> lines_of(const std::string &path);
+
+/// Process 1 of new mount and process namespaces, with `root` as its root, descriptor 9 as the way to tell
+/// (beats), and nothing on its console. It waits for go() before it becomes the program.
+class FirstProcess
+{
+  public:
+    FirstProcess(const std::string &root, const std::vector<std::string> &command);
+    /// Ends it with all it started.
+    ~FirstProcess();
+    FirstProcess(const FirstProcess &) = delete;
+    FirstProcess &operator=(const FirstProcess &) = delete;
+
+    void go() const;
+    /// Waits until so many bytes have come through the descriptor.
+    void await_beats(size_t count) const;
+    /// Waits until it sleeps for good and returns its peak resident memory in kB.
+    double peak_memory_kb() const;
+
+    pid_t pid;
+
+  private:
+    int go_pipe;
+    int beat_pipe;
+};

@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# Installs the peers, builds what is measured and measures it, on a bare Debian 12. All options go to
+# qel_bench: benchmarks/run.sh --help.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. tools/packages.sh
+
+need_packages g++ cmake ninja-build make musl-tools libcli11-dev nlohmann-json3-dev libbenchmark-dev \
+    libboost-dev busybox-static tini runit s6 rsync strace e2fsprogs dosfstools findutils
+tools/i586_sysroot.sh
+machine/set_up.sh
+
+mkdir -p build
+for preset in product product-i586 bench-subjects bench; do
+    log=build/$preset.log
+    echo "building $preset ..." >&2
+    if ! { cmake --preset "$preset" && cmake --build --preset "$preset"; } >"$log" 2>&1; then
+        tail -n 60 "$log" >&2
+        exit 1
+    fi
+done
+exec build/bench/benchmarks/qel_bench "$@"

@@ -1,0 +1,59 @@
+#!/bin/sh
+# What the loader does before it starts the application, by a shell and its tools: the same mounts, nodes,
+# search and X server, in the same order.
+echo "QEL Loader..."
+echo "mount: /sys /proc"
+for mount in "sysfs /sys" "proc /proc" "usbfs /proc/bus/usb"; do
+    set -- $mount
+    [ -d "$2" ] || mkdir "$2"
+    mount -o bind "/machine/$1" "$2"
+done
+
+while read -r number name; do
+    case $name in *qellpc*) major=$number ;; esac
+done </proc/devices
+minor=0
+for name in firmware midi lcd command button test console host_comms reserved1 reserved2; do
+    mknod -m 666 "/dev/qellpc_$name" c "$major" "$minor"
+    minor=$((minor + 1))
+done
+printf '\005' >/dev/qellpc_command
+read -r mode </dev/qellpc_command
+exec </dev/null >/dev/null 2>&1
+
+# make_node FOLDER-IN-SYSFS FOLDER-OF-NODES TYPE
+make_node() {
+    [ -e "$1/dev" ] || return
+    IFS=: read -r node_major node_minor <"$1/dev"
+    mknod -m 666 "$2/${1##*/}" "$3" "$node_major" "$node_minor"
+}
+mkdir /dev/snd
+for entry in /sys/class/sound/*; do
+    make_node "$entry" /dev/snd c
+done
+mkdir /dev/disk
+for disk in /sys/block/hd* /sys/block/sd*; do
+    make_node "$disk" /dev/disk b
+    for partition in "$disk/${disk##*/}"*; do
+        make_node "$partition" /dev/disk b
+    done
+done
+
+mkdir /disk
+for node in /dev/disk/sd*; do
+    [ -e "$node" ] || continue
+    mkdir "/disk/${node##*/}"
+    mount -o bind /machine/vfat "/disk/${node##*/}"
+done
+mkdir /usr
+mount -o bind /machine/cramfs /usr
+mkdir /storage
+mount -o bind /machine/vfat /storage
+ln -sf /tmp /qel_home
+
+application=$(find /storage /disk -name 'qel_application_*' | sort | tail -n 1)
+/usr/xorg/bin/Xfake -nolisten tcp -kb &
+rm -rf /qel_home/.wine
+echo "run: $application"
+cd /storage
+"$application"

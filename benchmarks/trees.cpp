@@ -1,0 +1,121 @@
+// Trees, made with plain calls: they are made anew for every measurement.
+
+#include "trees.h"
+#include "process.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <stdexcept>
+
+namespace fs = std::filesystem;
+
+static constexpr size_t small_file_bytes = 1000;
+static constexpr const char *scratch_root = "/tmp/qel_bench";
+
+static void require(int is_fine, const std::string &what)
+{
+    if (!is_fine)
+        throw std::runtime_error(what + ": " + strerror(errno));
+}
+
+// ---- File systems ----
+
+std::string scratch(const std::string &name)
+{
+    return std::string(scratch_root) + "/" + name;
+}
+
+void make_scratch()
+{
+    require(unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
+            "no mount namespace (the benchmarks need root)");
+    fs::create_directories(scratch_root);
+    require(mount("tmpfs", scratch_root, "tmpfs", 0, "mode=0755,nr_inodes=0") == 0, scratch_root);
+    fs::create_directories(scratch("tmpfs"));
+}
+
+std::string make_file_system(const std::string &type)
+{
+    const std::string image = scratch(type + ".image");
+    make_file(image, 0);
+    require(truncate(image.c_str(), 512 << 20) == 0, image);
+    try {
+        run_command(type == "ext4" ? std::vector<std::string>{"mkfs.ext4", "-q", "-N", "150000", image}
+                                   : std::vector<std::string>{"mkfs.fat", "-F", "32", image});
+        fs::create_directories(scratch(type));
+        run_command({"mount", "-t", type, "-o", "loop", image, scratch(type)});
+    } catch (const std::runtime_error &) {
+        return "this computer cannot mount a " + type + " image";
+    }
+    return "";
+}
+
+void settle(const std::string &path)
+{
+    const int file = open(path.c_str(), O_RDONLY);
+    syncfs(file);
+    close(file);
+}
+
+// ---- Trees ----
+
+void make_file(const std::string &path, size_t bytes)
+{
+    const std::string content(std::min<size_t>(bytes, 1 << 20), 'x');
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    require(file >= 0, path);
+    for (size_t left = bytes; left > 0;) {
+        const ssize_t written = write(file, content.data(), std::min(left, content.size()));
+        require(written > 0, path);
+        left -= static_cast<size_t>(written);
+    }
+    close(file);
+}
+
+static void make_files(const std::string &folder, const std::string &name, int count, size_t bytes)
+{
+    require(mkdir(folder.c_str(), 0755) == 0 || errno == EEXIST, folder);
+    for (int i = 0; i < count; i++)
+        make_file(folder + "/" + name + std::to_string(i), bytes);
+}
+
+void make_tree(const std::string &path, int folders, int files)
+{
+    if (folders == 0)
+        make_files(path, "file_", files, small_file_bytes);
+    else
+        require(mkdir(path.c_str(), 0755) == 0, path);
+    for (int i = 0; i < folders; i++)
+        make_files(path + "/folder_" + std::to_string(i), "file_", files, small_file_bytes);
+}
+
+void make_wine_prefix(const std::string &path)
+{
+    const std::string windows = path + "/drive_c/windows", users = path + "/drive_c/users/root";
+    fs::create_directories(path + "/dosdevices");
+    fs::create_directories(path + "/drive_c/Program Files/Common Files/System/ADO");
+    make_file(path + "/system.reg", 1500000);
+    make_file(path + "/user.reg", 40000);
+    make_file(path + "/userdef.reg", 4000);
+    fs::create_directories(windows);
+    make_files(windows + "/system32", "library_", 750, 1500);
+    make_files(windows + "/system32/drivers", "driver_", 30, 1500);
+    make_files(windows + "/Fonts", "font_", 40, 60000);
+    make_files(windows + "/inf", "device_", 10, 5000);
+    for (int i = 0; i < 60; i++)
+        make_files(windows + "/assembly_" + std::to_string(i), "part_", 5, 3000);
+    fs::create_directories(users + "/Local Settings/Application Data/Microsoft");
+    make_files(users + "/Temp", "temporary_", 17, 200);
+    // FAT has no links; there, plain files take their places.
+    for (const char *link : {"c", "z"}) {
+        if (symlink("/", (path + "/dosdevices/" + link).c_str()))
+            make_file(path + "/dosdevices/" + link, 0);
+    }
+}
