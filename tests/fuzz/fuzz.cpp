@@ -1,0 +1,171 @@
+// A fresh product for each input, its heap, and how findings are told.
+
+#include "fuzz/fuzz.h"
+#include "support/stops.h"
+
+#include "qel_tolbrin/qel_comms.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <set>
+#include <vector>
+
+// ---- The product's variables ----
+
+// The linker's; a section that nothing went to has neither.
+extern uint64_t bss_begin[] __asm__("__start_product_bss") __attribute__((weak));
+extern uint64_t bss_end[] __asm__("__stop_product_bss") __attribute__((weak));
+extern uint64_t data_begin[] __asm__("__start_product_data") __attribute__((weak));
+extern uint64_t data_end[] __asm__("__stop_product_data") __attribute__((weak));
+
+/// Copies words, also those between the variables, at which the sanitizer would object.
+__attribute__((no_sanitize("address", "undefined", "coverage"))) static void
+copy_words(volatile uint64_t *to, const volatile uint64_t *from, size_t count)
+{
+    for (size_t i = 0; i < count; i++)
+        to[i] = from[i];
+}
+
+/// A section as it was at the start.
+struct Section {
+    Section(uint64_t *section_begin, uint64_t *section_end) : begin(section_begin)
+    {
+        words.resize(static_cast<size_t>(section_end - section_begin));
+        copy_words(words.data(), begin, words.size());
+    }
+    void restore() const
+    {
+        copy_words(begin, words.data(), words.size());
+    }
+    uint64_t *begin;
+    std::vector<uint64_t> words;
+};
+
+/// The first call, before anything has happened, takes note of them.
+static void restore_variables()
+{
+    static const uint16_t crc_tables_are_made = qel_crc16("", 0);
+    static const Section sections[] = {{bss_begin, bss_end}, {data_begin, data_end}};
+    require(crc_tables_are_made == 0x1D0F, "the CRC of nothing");
+    for (const Section &section : sections)
+        section.restore();
+}
+
+// ---- The product's heap; product_state.h leads it here ----
+
+void *product_malloc(size_t size);
+void *product_calloc(size_t count, size_t size);
+void *product_realloc(void *block, size_t size);
+void product_free(void *block);
+
+static std::set<void *> blocks;
+static bool is_running; ///< what is had outside `run` stays
+
+static void *keep(void *block)
+{
+    if (is_running)
+        blocks.insert(block);
+    return block;
+}
+
+static size_t at_least(size_t size)
+{
+    return size < heap_block_bytes_min ? heap_block_bytes_min : size;
+}
+
+void *product_malloc(size_t size)
+{
+    return size > heap_block_bytes_max ? nullptr : keep(malloc(at_least(size)));
+}
+
+void *product_calloc(size_t count, size_t size)
+{
+    return count * size > heap_block_bytes_max ? nullptr : keep(calloc(1, at_least(count * size)));
+}
+
+void *product_realloc(void *block, size_t size)
+{
+    if (size > heap_block_bytes_max)
+        return nullptr;
+    blocks.erase(block);
+    return keep(realloc(block, at_least(size)));
+}
+
+void product_free(void *block)
+{
+    blocks.erase(block);
+    free(block);
+}
+
+// ---- Running ----
+
+Outcome run(const std::function<void()> &statement)
+{
+    restore_variables();
+    Outcome outcome;
+    is_running = true;
+    try {
+        statement();
+    } catch (const Stop &stop) {
+        outcome = {true, stop.unit, stop.line, stop.text};
+    }
+    is_running = false;
+    for (void *block : blocks)
+        free(block);
+    blocks.clear();
+    return outcome;
+}
+
+// ---- Findings ----
+
+static int findings = STDERR_FILENO;
+
+void require(bool holds, const char *what, const std::string &found, const std::string &expected)
+{
+    if (holds)
+        return;
+    dprintf(findings, "FINDING: %s\n   found: %s\nexpected: %s\n", what, found.c_str(), expected.c_str());
+    abort();
+}
+
+void require_documented(const Outcome &outcome, const char *unit, std::initializer_list<const char *> texts)
+{
+    if (!outcome.stopped)
+        return;
+    bool known = false;
+    for (const char *text : texts)
+        known = known || outcome.text == text;
+    require(known && outcome.unit == unit, "a stop that is not documented",
+            outcome.unit + ":" + std::to_string(outcome.line) + " " + outcome.text);
+}
+
+// ---- The fuzzer ----
+
+/// What the product prints is no part of the findings, and there is much of it. The fuzzer's own thread,
+/// which would watch the memory, sleeps by the fake kernel's clock as everybody here does, so it must not
+/// run; what the product holds for life is freed after each input, and no leak.
+extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
+{
+    static std::vector<char *> words(*argv, *argv + *argc);
+    static char no_memory_watch[] = "-rss_limit_mb=0", no_output[] = "-close_fd_mask=3";
+    words.insert(words.begin() + 1, {no_memory_watch, no_output});
+    *argc = static_cast<int>(words.size());
+    words.push_back(nullptr);
+    *argv = words.data();
+    findings = dup(STDERR_FILENO);
+    restore_variables();
+    return 0;
+}
+
+/// What the product has in hand when it stops is no leak.
+extern "C" const char *__asan_default_options()
+{
+    return "detect_leaks=0";
+}
+
+extern "C" const char *__ubsan_default_options()
+{
+    return "print_stacktrace=1";
+}

@@ -1,0 +1,173 @@
+// Receiving on a link of any packet size: packets of any bytes and lengths, messages in packets as they
+// should be, and such with a fault. What is delivered, returned and stopped on must be what the rules say.
+
+#include "fuzz/fuzz.h"
+#include "support/link_referee.h"
+
+#include "qel_tolbrin/qel_comms.h"
+
+#include <deque>
+
+namespace
+{
+
+/// The rules of the receiving side, written down once more, as plainly as possible.
+struct Rules {
+    explicit Rules(size_t link_packet_size) : packet_size(link_packet_size) {}
+    size_t packet_size;
+    size_t length = 0, room = 0;
+    bool has_buffer = false;
+    unsigned crc = 0;
+    Bytes message;
+    std::deque<Bytes> delivered;
+
+    /// Returns the check that stops, or "".
+    std::string take(const Bytes &packet, size_t len)
+    {
+        if (len == 0)
+            return "len > 0";
+        if (len > packet_size)
+            return "len <= comms->packet_size_max";
+        size_t header = 1;
+        if (packet[0] < 128) {
+            if (len < 7)
+                return "len > 6";
+            header = 6;
+            length = size_t{packet[0]} << 24 | size_t{packet[1]} << 16 | size_t{packet[2]} << 8 | packet[3];
+            crc = unsigned{packet[4]} * 256 + packet[5];
+            message.clear();
+            if (length > room) {
+                room = length;
+                has_buffer = length <= heap_block_bytes_max;
+            }
+            if (!has_buffer)
+                return "buf";
+        }
+        for (size_t at = header; at < packet_size && message.size() < length; at++)
+            message.push_back(packet[at]);
+        if (length > 0 && message.size() == length) {
+            if (LinkReferee::crc16(message) == crc)
+                delivered.push_back(message);
+            length = 0;
+        }
+        return "";
+    }
+};
+
+struct Receiver {
+    explicit Receiver(size_t packet_size)
+        : rules(packet_size),
+          comms(qel_comms_create(static_cast<int>(packet_size), begin, end, this, nullptr, nullptr)),
+          tx_buffer(packet_size)
+    {
+        qel_comms_set_receiver(comms, receive, this);
+    }
+
+    /// Feeds a packet of `len` bytes, in a block of exactly a packet's size.
+    void feed(Bytes packet, size_t len)
+    {
+        packet.resize(rules.packet_size);
+        expected_stop = rules.take(packet, len);
+        const Exactly<uint8_t> block(packet.data(), packet.size());
+        const int result = qel_comms_receive_packet(comms, block.get(), static_cast<int>(len));
+        require(expected_stop.empty(), "no stop", "", expected_stop);
+        require(result == static_cast<int>(rules.length), "length in progress", std::to_string(result),
+                std::to_string(rules.length));
+        require(rules.delivered.empty(), "not delivered");
+    }
+
+    static void receive(void *context, const void *message, int len)
+    {
+        auto *self = static_cast<Receiver *>(context);
+        const std::string found = hex_of(message, static_cast<size_t>(len));
+        require(!self->rules.delivered.empty(), "delivered without reason", found);
+        require(found == hex_of(self->rules.delivered.front()), "delivered", found,
+                hex_of(self->rules.delivered.front()));
+        self->rules.delivered.pop_front();
+    }
+
+    static void *begin(void *context)
+    {
+        return static_cast<Receiver *>(context)->tx_buffer.get();
+    }
+    static int end(void *context, void *packet, int len, int)
+    {
+        const auto *bytes = static_cast<const uint8_t *>(packet);
+        static_cast<Receiver *>(context)->sent.emplace_back(bytes, bytes + len);
+        return len;
+    }
+
+    Rules rules;
+    qel_comms *comms;
+    Exactly<uint8_t> tx_buffer;
+    std::vector<Bytes> sent;
+    std::string expected_stop;
+};
+
+/// The packets of a message by the rules of the sending side.
+std::vector<Bytes> packets_of(const Bytes &message, size_t packet_size)
+{
+    const unsigned crc = LinkReferee::crc16(message);
+    const auto size = static_cast<uint32_t>(message.size());
+    std::vector<Bytes> packets = {{static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
+                                   static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size),
+                                   static_cast<uint8_t>(crc >> 8), static_cast<uint8_t>(crc)}};
+    for (const uint8_t byte : message) {
+        if (packets.back().size() == packet_size)
+            packets.push_back({0x80});
+        packets.back().push_back(byte);
+    }
+    return packets;
+}
+
+/// Has the link send a message, with a fault on its way if there is one, and receives it.
+void send_and_receive(Receiver &receiver, FuzzedDataProvider &input)
+{
+    Bytes message = input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(1, 300));
+    if (message.empty())
+        return;
+    receiver.sent.clear();
+    const Exactly<uint8_t> block(message.data(), message.size());
+    qel_comms_send(receiver.comms, block.get(), static_cast<int>(message.size()));
+    require(receiver.sent == packets_of(message, receiver.rules.packet_size), "the packets that are sent");
+
+    const size_t lost = input.ConsumeIntegralInRange<size_t>(0, 8);
+    const size_t damaged = input.ConsumeIntegralInRange<size_t>(0, 8);
+    for (size_t i = 0; i < receiver.sent.size(); i++) {
+        Bytes packet = receiver.sent[i];
+        if (i + 1 == damaged)
+            packet[input.ConsumeIntegral<uint8_t>() % packet.size()] ^= input.ConsumeIntegral<uint8_t>();
+        if (i + 1 != lost)
+            receiver.feed(packet, packet.size());
+    }
+}
+
+void feed_anything(Receiver &receiver, FuzzedDataProvider &input)
+{
+    const size_t len = input.ConsumeIntegralInRange<size_t>(0, receiver.rules.packet_size + 1);
+    Bytes packet = input.ConsumeBytes<uint8_t>(len);
+    if (!packet.empty() && input.ConsumeBool())
+        packet[0] |= 0x80;
+    receiver.feed(packet, len);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    FuzzedDataProvider input(data, size);
+    std::string expected_stop;
+    const Outcome outcome = run([&] {
+        Receiver receiver(input.ConsumeIntegralInRange<size_t>(7, 80));
+        try {
+            while (input.remaining_bytes() > 0)
+                input.ConsumeBool() ? send_and_receive(receiver, input) : feed_anything(receiver, input);
+        } catch (...) {
+            expected_stop = receiver.expected_stop;
+            throw;
+        }
+    });
+    require(outcome.text == expected_stop, "the stop", outcome.text, expected_stop);
+    require(!outcome.stopped || outcome.unit == "qel_tolbrin/qel_comms", "its unit", outcome.unit);
+    return 0;
+}
