@@ -27,6 +27,7 @@ struct CabinetSetup {
     std::string kernel_words;  ///< added to the boot line ("qellpc.absent=1"), with `kernel` only
     std::string loader_words;  ///< the loader's arguments ("qelinstall"), with `kernel` only
     std::string internal_disk; ///< raw image of hdc; written to
+    std::string write_log;     ///< file that gets every write to the internal disk (write_log.h); empty: none
     std::string stick;         ///< raw image of a USB stick that is present at power-on; written to
     bool start_from_stick = false;     ///< BIOS start: the stick comes before the internal disk
     std::vector<std::string> wait_for; ///< paths in the machine that must exist before the loader starts
@@ -69,7 +70,7 @@ struct Cabinet {
     std::chrono::steady_clock::time_point power_on;
     double seconds_max = 0;
     bool monitor_ready = false;
-    ScratchFolder scratch; ///< kernel.log is what the kernel says
+    ScratchFolder scratch; ///< kernel.log is what BIOS and kernel say
     struct Port {
         int descriptor = -1;
         std::string in;

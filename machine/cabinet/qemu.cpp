@@ -43,13 +43,29 @@ std::string geometry(const std::string &disk)
            ",secs=" + std::to_string(sectors);
 }
 
+/// The internal disk with every write and every flush noted in a log.
+void add_logged_disk(Words &words, const CabinetSetup &setup)
+{
+    // The log's own file need not outlive a crash of this computer.
+    add(words,
+        {"-blockdev", "driver=file,node-name=disk-file,cache.no-flush=on,filename=" + setup.internal_disk,
+         "-blockdev", "driver=file,node-name=log-file,cache.no-flush=on,filename=" + setup.write_log,
+         "-blockdev",
+         "driver=blklogwrites,node-name=internal,file=disk-file,log=log-file,"
+         "log-super-update-interval=1"});
+}
+
 void add_disks(Words &words, const CabinetSetup &setup)
 {
     const char *drive = "if=none,format=raw,cache=unsafe,id=";
     std::string stick_first = setup.start_from_stick ? "1" : "2",
                 disk_first = setup.start_from_stick ? "2" : "1";
+    if (!setup.write_log.empty())
+        add_logged_disk(words, setup);
+    else if (!setup.internal_disk.empty())
+        add(words, {"-drive", drive + ("internal,file=" + setup.internal_disk)});
     if (!setup.internal_disk.empty())
-        add(words, {"-drive", drive + ("internal,file=" + setup.internal_disk), "-device",
+        add(words, {"-device",
                     "virtio-blk-pci,drive=internal,bootindex=" + disk_first + geometry(setup.internal_disk)});
     add(words, {"-device", "qemu-xhci,id=usb"});
     if (!setup.stick.empty())
@@ -124,6 +140,8 @@ void start_qemu(Cabinet &cabinet, const CabinetSetup &setup)
                    "-display",
                    "none",
                    "-no-reboot",
+                   "-machine",
+                   "graphics=off", // the BIOS writes to the serial line
                    "-serial",
                    "file:" + cabinet.scratch.path + "/kernel.log"};
     std::vector<int> inherited;

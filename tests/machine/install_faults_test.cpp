@@ -59,18 +59,6 @@ void leave_out(InstallMachine &machine, const std::string &name)
     std::erase_if(machine.stick, [&](const FileAt &file) { return file.place == name; });
 }
 
-void slow_stick_down(InstallMachine &machine, int bytes_per_second)
-{
-    monitor(machine.cabinet, "block_set_io_throttle",
-            {{"device", "stick"},
-             {"bps", bytes_per_second},
-             {"bps_rd", 0},
-             {"bps_wr", 0},
-             {"iops", 0},
-             {"iops_rd", 0},
-             {"iops_wr", 0}});
-}
-
 } // namespace
 
 // ---- Tools ----

@@ -2,6 +2,7 @@
 
 #include "install_machine.h"
 
+#include "boot_file.h"
 #include "disk_check.h"
 
 #include <filesystem>
@@ -42,6 +43,20 @@ void add_archive(InstallMachine &machine)
     write_file(program, read_file(recorder));
     run_tool({"sh", "-c", "cd \"$0\" && zip -q storage.zip qel_application_1", machine.folder.path});
     machine.stick.push_back({"storage.zip", machine.folder.path + "/storage.zip"});
+}
+
+Delivery take_factory_stick(InstallMachine &machine)
+{
+    add_archive(machine);
+    Delivery delivery;
+    delivery.kernel = usual_boot_file(machine.parts);
+    delivery.system_image = machine.folder.path + "/qel_usr.cramfs";
+    delivery.storage = machine.folder.path + "/storage.zip";
+    machine.setup.kernel.clear(); // from here on there is only what is on the stick, and then on the disk
+    machine.setup.stick = machine.folder.path + "/stick.img";
+    machine.setup.start_from_stick = true;
+    make_factory_stick(machine.setup.stick, delivery, [](const std::string &) {});
+    return delivery;
 }
 
 void take_telling_loader(InstallMachine &machine)

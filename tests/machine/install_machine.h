@@ -3,6 +3,8 @@
 
 #include "machine_test.h"
 
+#include "stick.h"
+
 /// A machine with a blank internal disk, told to install. Its tools are the real ones, behind scripts that
 /// say how they were called: a tool may end before anybody has seen its name from outside.
 struct InstallMachine : Machine {
@@ -13,6 +15,10 @@ struct InstallMachine : Machine {
 
 /// Puts an archive on the stick whose one file is the recorder as qel_application_1.
 void add_archive(InstallMachine &machine);
+
+/// Puts a whole factory stick in, from which the machine starts by itself; the archive holds the recorder as
+/// qel_application_1. Returns what is on the stick.
+Delivery take_factory_stick(InstallMachine &machine);
 
 /// Takes the loader that tells at which check it stops.
 void take_telling_loader(InstallMachine &machine);

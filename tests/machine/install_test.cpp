@@ -2,9 +2,7 @@
 
 #include "install_machine.h"
 
-#include "boot_file.h"
 #include "disk_check.h"
-#include "stick.h"
 
 #include <gmock/gmock.h>
 
@@ -28,15 +26,7 @@ std::string boot_record(const InstallMachine &machine)
 TEST(CabinetInstall, FromAFactoryStickLeavesADiskThatBootsByItself)
 {
     InstallMachine machine;
-    add_archive(machine);
-    Delivery delivery;
-    delivery.kernel = usual_boot_file(machine.parts);
-    delivery.system_image = machine.folder.path + "/qel_usr.cramfs";
-    delivery.storage = machine.folder.path + "/storage.zip";
-    machine.setup.kernel.clear(); // from here on there is only what is on the stick, and then on the disk
-    machine.setup.stick = machine.folder.path + "/stick.img";
-    machine.setup.start_from_stick = true;
-    make_factory_stick(machine.setup.stick, delivery, [](const std::string &) {});
+    Delivery delivery = take_factory_stick(machine);
     start(machine);
 
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1")) << machine.cabinet.console;

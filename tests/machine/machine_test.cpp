@@ -14,15 +14,20 @@ Machine::Machine(const std::string &target) : parts(find_parts(target))
     setup.ram_disk = folder.path + "/ram_disk.img";
 }
 
+void make_disk(Machine &machine)
+{
+    if (!machine.setup.internal_disk.empty())
+        return;
+    std::string system_image = machine.folder.path + "/system.img";
+    make_system_image(system_image, machine.system);
+    machine.setup.internal_disk = machine.folder.path + "/internal_disk.img";
+    make_internal_disk(machine.setup.internal_disk, system_image, machine.storage);
+}
+
 void start(Machine &machine)
 {
+    make_disk(machine);
     make_ram_disk(machine.setup.ram_disk, machine.parts, machine.ram_disk);
-    if (machine.setup.internal_disk.empty()) {
-        std::string system_image = machine.folder.path + "/system.img";
-        make_system_image(system_image, machine.system);
-        machine.setup.internal_disk = machine.folder.path + "/internal_disk.img";
-        make_internal_disk(machine.setup.internal_disk, system_image, machine.storage);
-    }
     power_on(machine.cabinet, machine.setup);
 }
 
@@ -38,6 +43,18 @@ void insert_stick(Machine &machine, const std::vector<FileAt> &files)
     machine.setup.stick = machine.folder.path + "/stick.img";
     make_stick(machine.setup.stick, files);
     machine.setup.wait_for = {"/sys/block/sda/sda1"};
+}
+
+void slow_stick_down(Machine &machine, int bytes_per_second)
+{
+    monitor(machine.cabinet, "block_set_io_throttle",
+            {{"device", "stick"},
+             {"bps", bytes_per_second},
+             {"bps_rd", 0},
+             {"bps_wr", 0},
+             {"iops", 0},
+             {"iops_rd", 0},
+             {"iops_wr", 0}});
 }
 
 std::string file_with(Machine &machine, const std::string &name, const std::string &text)

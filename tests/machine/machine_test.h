@@ -26,7 +26,10 @@ struct Machine {
 /// The recorder as a file of this computer.
 extern const char *const recorder;
 
-/// Makes the RAM disk and, unless the setup names one, the internal disk, and switches the power on.
+/// Makes the internal disk, unless the setup names one.
+void make_disk(Machine &machine);
+
+/// Makes the RAM disk and the internal disk, and switches the power on.
 void start(Machine &machine);
 
 /// Pulls the plug, and starts again with the same disk in `next`, with no stick.
@@ -34,6 +37,9 @@ void start_again(Machine &next, Machine &before);
 
 /// Puts a stick with these files in before power-on; the loader starts once the kernel has found it.
 void insert_stick(Machine &machine, const std::vector<FileAt> &files);
+
+/// Lets the stick of a machine that is on bring no more than this.
+void slow_stick_down(Machine &machine, int bytes_per_second);
 
 /// A new file in the machine's scratch folder that holds `text`.
 std::string file_with(Machine &machine, const std::string &name, const std::string &text);
