@@ -1,11 +1,17 @@
 # What the product's toolchains share: g++ against musl, fully static, optimised for size. A toolchain file
 # sets libc_compile_flags and link_command, then includes this one.
 
+get_filename_component(sources ${CMAKE_CURRENT_LIST_DIR}/.. ABSOLUTE)
+
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_CXX_COMPILER g++)
 
 string(JOIN " " CMAKE_CXX_FLAGS_INIT
   "${libc_compile_flags} -nostdinc++"
+  # A buffer that is written beyond its end, or a stack that grows into something else, ends the program.
+  "-fstack-protector-strong -fstack-clash-protection"
+  # The same bytes wherever the sources stand.
+  "-fdebug-prefix-map=${sources}=."
   # No exception tables, no guards, no notes: nothing in the product unwinds or is shared.
   "-fno-exceptions -fno-rtti -fno-threadsafe-statics"
   "-fno-asynchronous-unwind-tables -fno-unwind-tables -fno-ident"
