@@ -23,9 +23,9 @@ for preset in "${@:-product}"; do
     if nm --defined-only "$unstripped" | c++filt | grep -E ' (std::|__cxa_|_Unwind_|operator (new|delete))'; then
         fail "$preset holds parts of the C++ run-time library"
     fi
-    readelf -lW "$stripped" | grep -q 'GNU_STACK.* RW ' || fail "the stack of $preset is executable"
-    ! readelf -lW "$stripped" | grep -q ' RWE ' || fail "$preset has memory that is writable and executable"
-    objdump -d "$unstripped" | grep -q 'call.*<__stack_chk_fail' || fail "$preset has no stack protector"
+    readelf -lW "$stripped" | grep 'GNU_STACK.* RW ' >/dev/null || fail "the stack of $preset is executable"
+    ! readelf -lW "$stripped" | grep ' RWE ' || fail "$preset has memory that is writable and executable"
+    objdump -d "$unstripped" | grep 'call.*<__stack_chk_fail' >/dev/null || fail "$preset has no stack protector"
     if [[ $preset = *i586 ]]; then
         file "$stripped" | grep -q 'ELF 32-bit' || fail "$stripped is no 32-bit program"
         only_i586_instructions "$unstripped" || fail "$preset holds instructions of later processors"
