@@ -1,0 +1,148 @@
+#!/usr/bin/env python3
+"""What `cmake --install` puts somewhere: libraries that the examples build against, as their page says, and
+talk over; tools that run there; manual pages that have the options that the programs have.
+
+The environment names the build folder: QEL_BUILD.
+"""
+import os
+import pathlib
+import re
+import subprocess
+import tempfile
+import time
+import unittest
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+BUILD = pathlib.Path(os.environ["QEL_BUILD"])
+
+
+def run(command, **options):
+    """The finished process; what it printed is shown when it failed."""
+    result = subprocess.run(command, capture_output=True, text=True, timeout=60, **options)
+    if result.returncode != 0:
+        raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}{result.stderr}")
+    return result.stdout
+
+
+def block(page, lead):
+    """The first indented lines of a page behind the line `lead`."""
+    text = (ROOT / page).read_text().split(f"\n{lead}\n", 1)[1]
+    return re.search(r"^(?:    .*\n)+", text, re.M)[0].replace("\n    ", "\n")[4:].splitlines()
+
+
+class Installed(unittest.TestCase):
+    """Installs once, into a folder of its own."""
+
+    @classmethod
+    def setUpClass(cls):
+        scratch = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(scratch.cleanup)
+        cls.prefix = pathlib.Path(scratch.name) / "installed"
+        cls.out = pathlib.Path(scratch.name) / "out"
+        cls.out.mkdir()
+        for component in ("development", "host"):
+            run(["cmake", "--install", BUILD, "--prefix", cls.prefix, "--component", component])
+        environment = dict(os.environ, PREFIX=str(cls.prefix), OUT=str(cls.out))
+        run(["bash", "-euc", "\n".join(block("examples/README.md", "## Build"))], cwd=ROOT / "examples",
+            env=environment)
+
+    def start(self, *command):
+        process = subprocess.Popen([str(word) for word in command], stdout=subprocess.DEVNULL)
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def ask(self, link, path):
+        while not link.exists():
+            time.sleep(0.01)
+        return run([self.out / "qel_application_asks", link, path])
+
+    def test_the_examples_talk_to_each_other(self):
+        link = self.out / "both"
+        self.start(self.out / "host_answers", "good morning", link, "--listen")
+        self.assertEqual(self.ask(link, "/dev/null"),
+                         "the host says: good morning\nthe host has /dev/null: yes\n")
+
+    def test_the_cabinets_example_talks_to_qel_host(self):
+        root, link = self.out / "root", self.out / "served"
+        root.mkdir()
+        self.start(self.prefix / "bin/qel-host", "serve", root, "--listen", link, "--text", "here I am")
+        self.assertEqual(self.ask(link, "/missing"),
+                         "the host says: here I am\nthe host has /missing: no\n")
+
+    def test_qel_host_talks_to_the_hosts_example(self):
+        link = self.out / "asked"
+        self.start(self.out / "host_answers", "good evening", link, "--listen")
+        answer = run([self.prefix / "bin/qel-host", "query", "text", "--socket", link])
+        self.assertEqual(answer, '"good evening"\n')
+
+    def test_the_first_try_of_qel_host_works_as_written(self):
+        environment = dict(os.environ, PATH=f"{self.prefix}/bin:{os.environ['PATH']}")
+        lines = [line.replace("/tmp/", f"{self.out}/try/")
+                 for line in block("host/README.md", "A first try, with two terminals and no cabinet:")]
+        self.assertEqual(len(lines), 5)
+        server = subprocess.Popen(["bash", "-c", lines[0].replace("&& ", "&& exec ")], env=environment,
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.terminate)
+        answers, sent, exists, trace = [run(["bash", "-euc", line], cwd=ROOT, env=environment)
+                                        for line in lines[1:]]
+        self.assertRegex(answers, r"announced \d+ times, answered [1-9]\d* times")
+        self.assertRegex(sent, r"sent README.md: \d+ bytes")
+        self.assertEqual(exists, "1\n")
+        self.assertEqual((self.out / "try/root/docs/README.md").read_bytes(), (ROOT / "README.md").read_bytes())
+        self.assertIn("file_end", trace)
+
+    def test_the_cabinets_example_is_static(self):
+        self.assertIn("not a dynamic executable", subprocess.run(
+            ["ldd", self.out / "qel_application_asks"], capture_output=True, text=True).stderr)
+
+    def test_every_installed_header_compiles_by_itself(self):
+        headers = sorted((self.prefix / "include/qel_loader").rglob("*.h"))
+        self.assertGreater(len(headers), 15)
+        flags = run(["pkg-config", "--cflags", "qel_tolbrin"],
+                    env=dict(os.environ, PKG_CONFIG_PATH=str(self.prefix / "lib/pkgconfig"))).split()
+        for header in headers:
+            run(["g++", "-std=c++17", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", *flags, "-include", header,
+                 "-x", "c++", "/dev/null"])
+
+    def test_internal_headers_stay_at_home(self):
+        names = {header.name for header in (self.prefix / "include").rglob("*.h")}
+        self.assertIn("qel_comms.h", names)
+        self.assertFalse(names & {"internal.h", "build.h"})
+
+    def test_qel_where_knows_the_places_without_the_source_tree(self):
+        where = run([self.prefix / "bin/qel-where", "KCW1964"], cwd="/")
+        self.assertEqual(where, run([ROOT / "tools/qel-where", "KCW1964"]))
+
+
+class ManualPages(unittest.TestCase):
+    PAGES = {
+        "qel-host.1": [["host/qel-host"]],
+        "qel-factory.1": [["factory/qel-factory"]],
+        "cabinet_run.1": [["machine/cabinet_run"], ["machine/cabinet_update"]],
+    }
+
+    def options_of(self, command):
+        """The long options in a program's help, and in that of its commands."""
+        text = run([BUILD / command[0], *command[1:], "--help"])
+        options = set(re.findall(r"^ +(?:-\w,)?(--[a-z][a-z-]+)", text, re.M))
+        commands = text.split("Subcommands:")[1:]
+        for name in re.findall(r"^  ([a-z][a-z-]+) ", commands[0], re.M) if commands else []:
+            options |= self.options_of([*command, name])
+        return options
+
+    def test_have_exactly_the_options_of_the_programs(self):
+        for page, commands in self.PAGES.items():
+            text = (ROOT / "docs/man" / page).read_text()
+            described = {"-" + option for option in re.findall(r"Fl (-[a-z-]+)", text)} | {"--help"}
+            self.assertEqual(described, set().union(*map(self.options_of, commands)), page)
+
+    def test_pass_the_checker(self):
+        pages = sorted((ROOT / "docs/man").iterdir())
+        self.assertEqual(len(pages), 5)
+        run(["mandoc", "-T", "lint", "-W", "warning", *pages])
+
+
+if __name__ == "__main__":
+    unittest.main()
