@@ -35,16 +35,48 @@ static Contest copy_contest()
              {"dd bs=4k", copies({"dd", "if=" + from, "of=" + to, "bs=4k", "status=none"}), 1.03}}};
 }
 
-/// How often a copy asks the kernel for memory.
-static double memory_calls_of_copy()
+// ---- System calls ----
+
+/// How often a command makes one of the calls, in strace's words; it must not fail.
+static double calls_of(const Command &command, const std::string &calls)
 {
-    const std::string log = scratch("calls"), from = scratch("tmpfs/small");
-    make_file(from, 100000);
-    run_command({"strace", "-o", log, "-e", "trace=brk,mmap,mremap", "-e", "signal=none",
-                 subject("bench_library"), "copy", from, scratch("tmpfs/copy")});
-    fs::remove(scratch("tmpfs/copy"));
+    const std::string log = scratch("calls");
+    Command traced = {"strace", "-f", "-o", log, "-e", "trace=" + calls, "-e", "signal=none"};
+    traced.insert(traced.end(), command.begin(), command.end());
+    run_command(traced);
     // The last line tells of the end.
     return static_cast<double>(lines_of(log).size()) - 1;
+}
+
+static double memory_calls_of_copy()
+{
+    make_file(scratch("tmpfs/small"), 100000);
+    return calls_of({subject("bench_library"), "copy", scratch("tmpfs/small"), scratch("tmpfs/copy")},
+                    "brk,mmap,mremap");
+}
+
+/// Of a removal of 1,000 files; unlike its time, the same however busy the computer is.
+static Contender removal_calls(const std::string &name, const Command &command, double ratio_max)
+{
+    const auto measure = [command] {
+        const std::string path = scratch("tmpfs/tree");
+        make_tree(path, 10, 100);
+        Command full = command;
+        full.push_back(path);
+        return calls_of(full, "all");
+    };
+    return {name, measure, ratio_max};
+}
+
+static Contest removal_calls_contest()
+{
+    return {"system calls to remove 10 x 100 files",
+            "calls",
+            {removal_calls("product", {subject("bench_library"), "remove"}, 0),
+             removal_calls("minimal loop, same calls", {subject("bench_minimal"), "remove"}, 1.03),
+             removal_calls("rm -rf", {"rm", "-rf"}, 0)},
+            0,
+            once};
 }
 
 // ---- Removing trees ----
@@ -155,6 +187,7 @@ void add_file_contests(std::vector<Contest> &contests)
     contests.push_back(copy_contest());
     contests.push_back(
         {"calls for memory while copying a file", "calls", {{"product", memory_calls_of_copy}}, -1, once});
+    contests.push_back(removal_calls_contest());
     add_removals(contests, "tmpfs", 1.4);
     add_removals(contests, "ext4", 0);
     contests.push_back(growth_contest());

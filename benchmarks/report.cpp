@@ -22,8 +22,10 @@ static std::string value_in(const std::string &path, const std::string &key)
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {
         const size_t sign = line.find_first_of(":=");
-        if (line.rfind(key, 0) == 0 && sign != std::string::npos)
-            return line.substr(line.find_first_not_of(" \t\"", sign + 1), line.find_last_not_of('"') - sign);
+        if (line.rfind(key, 0) != 0 || sign == std::string::npos)
+            continue;
+        const size_t begin = line.find_first_not_of(" \t\"", sign + 1);
+        return line.substr(begin, line.find_last_not_of('"') + 1 - begin);
     }
     return "unknown";
 }
@@ -47,11 +49,13 @@ std::string machine_description()
 {
     struct utsname system;
     uname(&system);
+    const std::string release = system.release;
     std::ostringstream text;
     text << "Date: " << today() << "\nProcessor: " << std::thread::hardware_concurrency() << " x "
          << value_in("/proc/cpuinfo", "model name") << "\nMemory: " << value_in("/proc/meminfo", "MemTotal")
-         << "\nSystem: " << value_in("/etc/os-release", "PRETTY_NAME") << ", Linux " << system.release
-         << "\nCompiler: g++ " << __VERSION__ << "\nLoad average at the end: " << load() << "\n";
+         << "\nSystem: " << value_in("/etc/os-release", "PRETTY_NAME") << ", Linux "
+         << release.substr(0, release.find('.', release.find('.') + 1)) << "\nCompiler: g++ " << __VERSION__
+         << "\nLoad average at the end: " << load() << "\n";
     return text.str();
 }
 
