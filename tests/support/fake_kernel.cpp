@@ -12,47 +12,6 @@
 
 static FakeKernel *active;
 
-// ---- What a sweep can break ----
-
-const std::vector<KernelCall> &kernel_calls()
-{
-    static const std::vector<KernelCall> calls = {
-        {"mount",
-         {EACCES, EBUSY, EINVAL, EIO, ENODEV, ENOENT, ENOMEM, ENOTBLK, ENOTDIR, ENXIO, EPERM, EROFS},
-         0},
-        {"umount", {EBUSY, EINVAL, ENOENT, EPERM}, 0},
-        {"mknod", {EACCES, EEXIST, EIO, ENOENT, ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS}, 0},
-        {"mkdir", {EACCES, EEXIST, EIO, ENOENT, ENOMEM, ENOSPC, ENOTDIR, EPERM, EROFS}, 0},
-        {"rmdir", {EACCES, EBUSY, EIO, ENOENT, ENOTDIR, ENOTEMPTY, EPERM, EROFS}, 0},
-        {"unlink", {EACCES, EBUSY, EIO, EISDIR, ENOENT, ENOTDIR, EPERM, EROFS}, 0},
-        {"chmod", {EACCES, EIO, ENOENT, EPERM, EROFS}, 0},
-        {"symlink", {EACCES, EEXIST, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOSPC, ENOTDIR, EPERM, EROFS}, 0},
-        {"chdir", {EACCES, EIO, ENOENT, ENOTDIR}, 0},
-        {"getcwd", {EACCES, ENOENT, ERANGE}, 0},
-        {"access", {EACCES, EIO, ENOENT, ENOTDIR, EROFS}, 0},
-        {"stat", {EACCES, EIO, ELOOP, ENAMETOOLONG, ENOENT, ENOTDIR}, 0},
-        {"statfs", {EACCES, EIO, ENOENT, ENOSYS}, 0},
-        {"open", {EACCES, EBUSY, EIO, EISDIR, EMFILE, ENFILE, ENODEV, ENOENT, ENOSPC, ENXIO, EROFS}, 0},
-        {"read", {EAGAIN, EBADF, EINTR, EIO, EISDIR}, 1},
-        {"write", {EAGAIN, EBADF, EINTR, EIO, ENOSPC, EPIPE}, 1},
-        {"close", {EBADF, EINTR, EIO, ENOSPC}, 0},
-        {"dup2", {EBADF, EBUSY, EINTR}, 0},
-        {"opendir", {EACCES, EMFILE, ENFILE, ENOENT, ENOMEM, ENOTDIR}, 0},
-        {"readdir", {EIO, ENOENT}, 0},
-        {"closedir", {EBADF}, 0},
-        {"fopen", {EACCES, EIO, EISDIR, EMFILE, ENOENT, ENOMEM, ENOSPC, EROFS}, 0},
-        {"fread", {EIO, EISDIR}, 1},
-        {"fwrite", {EIO, ENOSPC}, 1},
-        {"fgets", {EIO, EISDIR}, 0},
-        {"fclose", {EIO, ENOSPC}, 0},
-        {"socketpair", {EMFILE, ENFILE, ENOMEM}, 0},
-        {"shutdown", {ENOTCONN}, 0},
-        {"fork", {EAGAIN, ENOMEM}, 0},
-        {"waitpid", {ECHILD, EINTR}, 0},
-    };
-    return calls;
-}
-
 // ---- Construction, paths ----
 
 FakeKernel::FakeKernel() : outer(active)
@@ -231,6 +190,12 @@ struct at {
     const char *original;
 };
 
+/// A close that fails has closed all the same.
+static int gives_back(const std::string &name)
+{
+    return name == "close" || name == "fclose" || name == "closedir";
+}
+
 #define WRAPPER(result, failure, symbol, name, parameters, arguments, libc_arguments, text)                  \
     extern "C" result libc_##symbol parameters __asm__("__real_" #symbol);                                   \
     extern "C" result wrap_##symbol parameters __asm__("__wrap_" #symbol);                                   \
@@ -239,6 +204,8 @@ struct at {
         if (active) {                                                                                        \
             const int error = active->next(#symbol, #name, spelled text).error;                              \
             if (error) {                                                                                     \
+                if (gives_back(#name))                                                                       \
+                    active->on_##name ? active->on_##name arguments : libc_##symbol libc_arguments;          \
                 errno = error;                                                                               \
                 return failure;                                                                              \
             }                                                                                                \
@@ -301,6 +268,37 @@ void wrap__exit(int status)
             throw ChildExit(status);
     }
     real__exit(status);
+}
+
+// ---- Memory ----
+
+/// 1 when an allocation is to fail.
+static int is_refused(const char *name, size_t size)
+{
+    if (!active || !active->watches_memory)
+        return 0;
+    const int error = active->next(name, name, spelled(size)).error;
+    if (error)
+        errno = error;
+    return error != 0;
+}
+
+extern "C" void *wrap_malloc(size_t size) __asm__("__wrap_malloc");
+void *wrap_malloc(size_t size)
+{
+    return is_refused("malloc", size) ? nullptr : real_malloc(size);
+}
+
+extern "C" void *wrap_calloc(size_t count, size_t size) __asm__("__wrap_calloc");
+void *wrap_calloc(size_t count, size_t size)
+{
+    return is_refused("calloc", count * size) ? nullptr : real_calloc(count, size);
+}
+
+extern "C" void *wrap_realloc(void *block, size_t size) __asm__("__wrap_realloc");
+void *wrap_realloc(void *block, size_t size)
+{
+    return is_refused("realloc", size) ? nullptr : real_realloc(block, size);
 }
 
 // ---- The clock ----

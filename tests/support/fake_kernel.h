@@ -30,18 +30,6 @@
 #include <string>
 #include <vector>
 
-/// A call that the product can make, under the name that all its spellings share.
-struct KernelCall {
-    const char *name;
-    /// The error numbers with which the call can be made to fail in a sweep.
-    std::vector<int> errors;
-    /// 1 when the call can also move fewer bytes than asked for.
-    int can_fall_short;
-};
-
-/// The calls a sweep can break, each once, with every error that a real kernel could plausibly give.
-const std::vector<KernelCall> &kernel_calls();
-
 /// Thrown through the product where a test wanted to leave it (FakeKernel::leave_at).
 struct LeftProduct : std::exception {
     const char *what() const noexcept override
@@ -97,7 +85,8 @@ class FakeKernel
 
     // ---- Outcomes ----
 
-    /// Lets every call of `name` fail with `error`, without doing anything.
+    /// Lets every call of `name` fail with `error`, without doing anything; only what a call gives back is
+    /// gone even so, as with a real kernel: close, fclose and closedir.
     void fail(const std::string &name, int error);
     /// Lets the call number `n` of `name` fail, counted from 1 since construction or forget_calls().
     void fail_nth(const std::string &name, int n, int error);
@@ -115,6 +104,9 @@ class FakeKernel
     /// Asked before the clock goes on; may throw to end an endless loop.
     std::function<void(unsigned seconds)> on_sleep;
     std::function<void(unsigned microseconds)> on_usleep;
+
+    /// Set, malloc, calloc and realloc are calls like all others: recorded, and made to fail.
+    int watches_memory = 0;
 
     // ---- Clock ----
 
@@ -164,6 +156,9 @@ class FakeKernel
 #undef KERNEL_CALL
 #undef KERNEL_CALL_64
 #undef KERNEL_TRANSFER
+extern "C" void *real_malloc(size_t size) __asm__("__real_malloc");
+extern "C" void *real_calloc(size_t count, size_t size) __asm__("__real_calloc");
+extern "C" void *real_realloc(void *block, size_t size) __asm__("__real_realloc");
 extern "C" void real_sync() __asm__("__real_sync");
 extern "C" [[noreturn]] void real__exit(int status) __asm__("__real__exit");
 extern "C" unsigned real_sleep(unsigned seconds) __asm__("__real_sleep");

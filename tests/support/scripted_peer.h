@@ -106,7 +106,7 @@ class ScriptedPeer
     /// Hands a message to the core, from a block of exactly its size.
     void receive(const Bytes &message)
     {
-        auto *block = static_cast<uint8_t *>(malloc(message.size()));
+        auto *block = static_cast<uint8_t *>(real_malloc(message.size()));
         memcpy(block, message.data(), message.size());
         qel_sysmsg_receive(&con, block, static_cast<int>(message.size()));
         free(block);

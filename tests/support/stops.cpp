@@ -13,7 +13,12 @@ extern "C" __attribute__((weak)) void __lsan_disable();
 extern "C" __attribute__((weak)) void __lsan_enable();
 
 /// Where tests run. A child that the product forked must not run the rest of the test.
-static const pid_t test_process = getpid();
+static pid_t test_process = getpid();
+
+void tests_run_here()
+{
+    test_process = getpid();
+}
 
 Stop::Stop(const char *expression, const char *file, int at_line)
     : text(expression), unit(file), line(at_line),

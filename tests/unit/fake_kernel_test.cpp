@@ -2,6 +2,7 @@
 // clock and captured output do what the other tests rely on.
 
 #include "support/fake_kernel.h"
+#include "support/fault_sweep.h"
 #include "support/output.h"
 #include "support/scratch.h"
 #include "support/stops.h"
@@ -76,6 +77,8 @@ static void call_everything()
     EXPECT_EQ(execve(nowhere, nothing, nothing), -1);
     EXPECT_EQ(waitpid(4711, nullptr, 0), -1);
     EXPECT_THROW(_exit(3), ChildExit);
+    free(realloc(malloc(1), 2));
+    free(calloc(1, 1));
     sleep(1);
     usleep(1);
     EXPECT_EQ(time(nullptr), 1001);
@@ -91,6 +94,7 @@ TEST(FakeKernel, IsReachedThroughEverySpellingTheLinkerWraps)
     disk.make_file("/dev/null");
     FakeKernel kernel(disk.path());
     kernel.set_time(1000);
+    kernel.watches_memory = 1;
     kernel.on_sync = [] {};
     kernel.on_fork = [] { return 4711; };
     kernel.on_waitpid = [](auto...) { return -1; };
@@ -105,7 +109,7 @@ TEST(FakeKernel, IsReachedThroughEverySpellingTheLinkerWraps)
         else
             EXPECT_TRUE(kernel.was_reached(symbol)) << symbol;
     }
-    EXPECT_EQ(count, 44);
+    EXPECT_EQ(count, 47);
 }
 
 TEST(FakeKernel, RecordsTheProductsArgumentsAndMovesItsPathsIntoTheScratchFolder)
@@ -149,6 +153,29 @@ TEST(FakeKernel, LetsTheNthCallFailWithoutDoingIt)
     EXPECT_EQ(errno, ENOSPC);
     EXPECT_EQ(mkdir("/c", 0755), 0);
     EXPECT_THAT(disk.tree("/"), ElementsAre("a/", "c/"));
+}
+
+TEST(FakeKernel, LetsACloseFailThatClosesAllTheSame)
+{
+    FakeKernel kernel;
+    const int file = open("/", O_RDONLY);
+    kernel.fail("close", EIO);
+    errno = 0;
+    EXPECT_EQ(close(file), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(fcntl(file, F_GETFD), -1);
+}
+
+TEST(FakeKernel, LetsMemoryRunOutWhereATestWatchesIt)
+{
+    FakeKernel kernel;
+    kernel.fail("malloc", ENOMEM);
+    void *block = malloc(1);
+    EXPECT_NE(block, nullptr);
+    free(block);
+    kernel.watches_memory = 1;
+    EXPECT_EQ(malloc(7), nullptr);
+    EXPECT_THAT(kernel.calls(), ElementsAre("malloc 7"));
 }
 
 TEST(FakeKernel, LetsEveryCallOfANameFail)
