@@ -15,6 +15,9 @@
 
 #include <set>
 
+namespace
+{
+
 /// The world of one row: a scratch disk, and a kernel that mounts, makes nodes and has children.
 struct Ground {
     Ground()
@@ -62,6 +65,8 @@ struct Row {
     const char *unit = filesystem_unit;
     const char *cannot_be_provoked = nullptr; ///< why
 };
+
+} // namespace
 
 static constexpr Row assertion(const char *function, const char *text, int line, void (*provoke)(Ground &))
 {
