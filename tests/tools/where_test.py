@@ -39,6 +39,11 @@ class Where(unittest.TestCase):
         self.assertIn("in this release only", where(moving).stdout)
         self.assertNotIn("in this release only", where("KCW400", "VYS189").stdout)
 
+    def test_prints_links_and_names_as_plain_text(self):
+        told = where("KCW2117", "VYS197").stdout
+        self.assertIn("Which one, the console tells: docs/installing.md#for-the-field-technician.", told)
+        self.assertIn("A partial file may be left on /storage, which", told)
+
     def test_finds_lines_that_come_from_outside_the_checking_function(self):
         functions = {"KCW2101": "qel_exec_wait_checked", "KCW1731": "qel_wine_exec_capture",
                      "KCW2017": "_mount_usb_disk", "KCW1914": "qel_make_lpc_node"}
