@@ -8,7 +8,6 @@ cd "$(dirname "$0")/.."
 need_packages g++ cmake ninja-build make musl-tools libcli11-dev nlohmann-json3-dev libbenchmark-dev \
     libboost-dev busybox-static tini runit s6 rsync strace e2fsprogs dosfstools findutils
 tools/i586_sysroot.sh
-machine/set_up.sh
 
 mkdir -p build
 for preset in product product-i586 bench-subjects bench; do
