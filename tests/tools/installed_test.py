@@ -132,11 +132,17 @@ class ManualPages(unittest.TestCase):
             options |= self.options_of([*command, name])
         return options
 
+    def described_in(self, page):
+        text = (ROOT / "docs/man" / page).read_text()
+        return {"-" + option for option in re.findall(r"(?:Fl|\|) (-[a-z-]+)", text)} | {"--help"}
+
     def test_have_exactly_the_options_of_the_programs(self):
         for page, commands in self.PAGES.items():
-            text = (ROOT / "docs/man" / page).read_text()
-            described = {"-" + option for option in re.findall(r"Fl (-[a-z-]+)", text)} | {"--help"}
-            self.assertEqual(described, set().union(*map(self.options_of, commands)), page)
+            self.assertEqual(self.described_in(page), set().union(*map(self.options_of, commands)), page)
+
+    def test_have_exactly_the_options_of_qel_where(self):
+        options = re.findall(r"--[a-z]+", run([ROOT / "tools/qel-where", "--help"]))
+        self.assertEqual(self.described_in("qel-where.1"), {*options, "--help"})
 
     def test_pass_the_checker(self):
         pages = sorted((ROOT / "docs/man").iterdir())
