@@ -45,6 +45,12 @@ static const char errno_text[] = "(*__errno_location ()) == 17";
 
 // ---- The board ----
 
+TEST_F(LpcNode, IsAnnouncedByItsWholePathWhenThatHasNoSlash)
+{
+    kernel.on_mknod = [](auto...) { return 0; };
+    EXPECT_EQ(output_of([] { qel_make_lpc_node("qellpc_lcd", 254, 2); }), " qellpc_lcd");
+}
+
 TEST_F(LpcNode, IsACharacterDeviceForEveryone)
 {
     EXPECT_EQ(output_of([] { qel_make_lpc_node("/dev/qellpc_lcd", 253, 2); }), " qellpc_lcd");

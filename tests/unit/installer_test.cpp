@@ -106,6 +106,23 @@ TEST_F(Install, RunTwiceDoesTheSameAgain)
     EXPECT_EQ(programs.runs(), twice);
 }
 
+TEST_F(Install, LeavesNothingOpen)
+{
+    const auto open_files = [] {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = open_files();
+    qel_install();
+    EXPECT_EQ(open_files(), before);
+}
+
+TEST_F(Install, LeavesTheBootConfigurationReadableForAll)
+{
+    qel_install();
+    EXPECT_EQ(disk.mode("/boot/syslinux.cfg"), 0644U);
+}
+
 // ---- The tools alone ----
 
 TEST_F(Install, PartitionsAnyDiskByAnyScriptAndSyncs)

@@ -331,6 +331,14 @@ TEST_F(Query41, ReturnsBothValues)
     EXPECT_EQ(second, 9U);
 }
 
+TEST_F(Query41, LeavesTheResultsAloneWithoutAnAnswer)
+{
+    uint64_t first = 1, second = 2;
+    EXPECT_EQ(qel_sysmsg_query_41(&peer.con, &first, &second), 0);
+    EXPECT_EQ(first, 1U);
+    EXPECT_EQ(second, 2U);
+}
+
 TEST_F(Query41, NeedsNeitherResult)
 {
     peer.answers("2A 00 00 00 20 00 00 00 09 00*3 00*4 01 00*7 02 00*7");
@@ -354,6 +362,13 @@ TEST_F(QueryPluginSize, SendsTheIdAndReturnsTheSize)
     EXPECT_EQ(qel_sysmsg_get_plugin_size(&peer.con, 7, &size), 1);
     EXPECT_EQ(request_sent(), shown("2B 00 00 00 18 00 00 00 ## 00*3 07 00 00 00 00*8"));
     EXPECT_EQ(size, 0x0102030405060708U);
+}
+
+TEST_F(QueryPluginSize, LeavesTheResultAloneWithoutAnAnswer)
+{
+    uint64_t size = 1;
+    EXPECT_EQ(qel_sysmsg_get_plugin_size(&peer.con, 5, &size), 0);
+    EXPECT_EQ(size, 1U);
 }
 
 TEST_F(QueryPluginSize, NeedsAnIdAndRoomForTheSize)

@@ -3,6 +3,7 @@
 #include "support/fresh_process.h"
 #include "support/sysmsg_fixture.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
 
 class QueryText : public Query
@@ -39,6 +40,16 @@ TEST_F(QueryText, StopsOnALongerAnswer)
         return;
     peer.answers("2F 00 00 00 11 02 00 00 09 00*3 01 02 00 00 74*512 00"); // 529 bytes
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit, qel_sysmsg_get_text(&peer.con));
+}
+
+TEST_F(QueryText, StopsInTheSendWithoutMemoryForTheAnswer)
+{
+    if (!in_fresh_process())
+        return;
+    peer.kernel.watches_memory = 1;
+    peer.kernel.fail("realloc", ENOMEM);
+    EXPECT_STOPS_ON("buf", sysmsg_unit, qel_sysmsg_get_text(&peer.con));
+    EXPECT_TRUE(peer.sent.empty());
 }
 
 TEST_F(QueryText, IsNoneWithoutAnAnswer)
