@@ -232,3 +232,94 @@ TEST_F(HostilePeer, ServeSurvivesManyQueriesThatAreNeverConfirmed)
     Ended ended = serve.end(8);
     EXPECT_EQ(ended.code, 0);
 }
+
+TEST_F(HostilePeer, HalfMessagesOfAnyLengthThatCanBeTakenAreForgottenWithTheNext)
+{
+    Process connect(call({"connect", "--seconds", "1"}));
+    peer.accept();
+    for (const char *length : {"0f ff ff ff", "00 ff ff ff", "00 00 01 00"})
+        peer.send(bytes(length) + bytes("12 34") + std::string(29, 'x'));
+    send_message(bytes("0b 00 00 00 08 00 00 00"));
+    Ended ended = connect.end();
+    EXPECT_EQ(ended.code, 1) << "nothing was answered";
+    EXPECT_THAT(ended.out, HasSubstr("notify_11"));
+    EXPECT_THAT(ended.err, HasSubstr("3 incomplete"));
+    EXPECT_THAT(ended.err, HasSubstr("0 refused"));
+}
+
+TEST_F(HostilePeer, RepeatedMessagesAreConfirmedEachTimeAndCountOnce)
+{
+    std::filesystem::create_directory(scratch.at("root"));
+    Process serve(call({"serve", scratch.at("root"), "--seconds", "10"}));
+    peer.accept();
+    for (int i = 0; i < 100; i++)
+        send_message(numbered(34, 12, ""));
+    for (int i = 0; i < 100; i++)
+        EXPECT_EQ(peer.receive().substr(6), bytes("0f 00 00 00 0c 00 00 00 09 00 00 00"));
+    peer.hang_up();
+    Ended ended = serve.end();
+    EXPECT_EQ(ended.code, 0);
+    EXPECT_THAT(ended.err, HasSubstr("99 duplicates"));
+}
+
+namespace
+{
+
+/// The peer of a qel-host that serves, as it sends files.
+struct HostileNames : HostilePeer {
+    uint8_t number = 1;
+
+    void send_block(uint32_t type, const std::string &block)
+    {
+        const auto size = static_cast<uint32_t>(block.size());
+        send_message(number32(type) + number32(size + 16) + static_cast<char>(number++) + bytes("00 00 00") +
+                     number32(size) + block);
+        peer.receive(); // its confirm
+    }
+    void send_file(const std::string &path)
+    {
+        send_block(7, path + '\0');
+        send_block(8, "content");
+        send_message(number32(9) + number32(12) + static_cast<char>(number++) + bytes("00 00 00"));
+        peer.receive();
+    }
+};
+
+} // namespace
+
+TEST_F(HostileNames, OfFilesLeadNowhereElseAndUpsetNoTerminal)
+{
+    std::filesystem::create_directory(scratch.at("root"));
+    std::filesystem::create_directory_symlink(scratch.path, scratch.at("root/link"));
+    Process serve(call({"serve", scratch.at("root"), "--seconds", "20"}));
+    peer.accept();
+    for (const std::string &path :
+         {std::string("../outside"), std::string("/../outside"), std::string("a/../../outside"),
+          std::string("link/outside"), std::string(""), std::string("."), std::string(300, 'n'),
+          std::string(5000, 'p'), "bell\x07" + std::string("\x1b[2J"), std::string("good")})
+        send_file(path);
+    peer.hang_up();
+    Ended ended = serve.end();
+    EXPECT_EQ(ended.code, 0);
+    EXPECT_FALSE(std::filesystem::exists(scratch.at("outside")));
+    EXPECT_EQ(content_of(scratch.at("root/good")), "content");
+    EXPECT_EQ(content_of(scratch.at("root/bell\x07\x1b[2J")), "content");
+    EXPECT_EQ((ended.out + ended.err).find_first_of("\x07\x1b"), std::string::npos);
+    for (const char *problem :
+         {"\"..\" is refused", "Not a directory", "no name", "File name too long", "too long"})
+        EXPECT_THAT(ended.err, HasSubstr(problem));
+}
+
+TEST_F(HostileNames, InAFolderThatTakesNoFilesAreReportedAndServingGoesOn)
+{
+    Process serve(call({"serve", "/proc", "--seconds", "20"}));
+    peer.accept();
+    send_file("file");
+    send_message(bytes("05 00 00 00 0c 00 00 00 2a 00 00 00"));
+    EXPECT_EQ(peer.receive().substr(6), bytes("26 00 00 00 0c 00 00 00 2a 00 00 00"));
+    peer.hang_up();
+    Ended ended = serve.end();
+    EXPECT_EQ(ended.code, 0);
+    EXPECT_THAT(ended.err, HasSubstr("error: file \"file\": "));
+    EXPECT_THAT(ended.err, HasSubstr("no file has begun"));
+}
