@@ -103,8 +103,9 @@ int confirm_last(void *con);
 
 /// A peer that confirms and does not answer.
 qel_sysmsg_con con = {[](qel_sysmsg_con *, const void *) {},
-                      [](void *number, const void *message, int) {
-                          *static_cast<uint8_t *>(number) = static_cast<const uint8_t *>(message)[8];
+                      [](void *number, const void *message, int size) {
+                          if (size > 8)
+                              *static_cast<uint8_t *>(number) = static_cast<const uint8_t *>(message)[8];
                           return 0;
                       },
                       nullptr, confirm_last, nullptr};

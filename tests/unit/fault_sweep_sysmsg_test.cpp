@@ -160,15 +160,15 @@ std::string send_everything_else(qel_sysmsg_con *con)
     qel_sysmsg_notify_27(con, record);
     qel_sysmsg_notify_30(con, 1);
     qel_sysmsg_notify_31(con);
-    return std::to_string(qel_sysmsg_transfer_begin(con, 1) + qel_sysmsg_transfer_end(con) +
-                          qel_sysmsg_file_end(con) + qel_sysmsg_post_18(con, "x") +
-                          qel_sysmsg_post_19(con, "x", 1, record) + qel_sysmsg_post_20(con, "x") +
-                          qel_sysmsg_post_21(con, 1) + qel_sysmsg_post_22(con) +
-                          qel_sysmsg_reply_24(con, "x") + qel_sysmsg_reply_path_exists(con, 1) +
-                          qel_sysmsg_post_32(con, "x", 1) + qel_sysmsg_post_33(con, "x") +
-                          qel_sysmsg_post_34(con) + qel_sysmsg_reply_info(con, 1, 2, 3) +
-                          qel_sysmsg_reply_item_size(con, 1, "x", 2, 3) + qel_sysmsg_reply_42(con, 1, 2) +
-                          qel_sysmsg_reply_plugin_size(con, 1, 2) + qel_sysmsg_post_45(con, 1));
+    return std::to_string(
+        qel_sysmsg_transfer_begin(con, 1) + qel_sysmsg_transfer_end(con) + qel_sysmsg_file_end(con) +
+        qel_sysmsg_post_18(con, "x") + qel_sysmsg_post_19(con, "x", 1, record) +
+        qel_sysmsg_post_20(con, "x") + qel_sysmsg_post_21(con, 1) + qel_sysmsg_post_22(con) +
+        qel_sysmsg_reply_24(con, reinterpret_cast<const char *>(record)) +
+        qel_sysmsg_reply_path_exists(con, 1) + qel_sysmsg_post_32(con, "x", 1) +
+        qel_sysmsg_post_33(con, "x") + qel_sysmsg_post_34(con) + qel_sysmsg_reply_info(con, 1, 2, 3) +
+        qel_sysmsg_reply_item_size(con, 1, "x", 2, 3) + qel_sysmsg_reply_42(con, 1, 2) +
+        qel_sysmsg_reply_plugin_size(con, 1, 2) + qel_sysmsg_post_45(con, 1));
 }
 
 const std::vector<Scenario> without_calls = {

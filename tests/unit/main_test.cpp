@@ -4,6 +4,7 @@
 #include "support/fresh_process.h"
 #include "support/output.h"
 #include "support/scratch_disk.h"
+#include "support/stops.h"
 
 #include <errno.h>
 #include <gmock/gmock.h>
@@ -77,6 +78,7 @@ class Main : public OnScratchDisk
         return all;
     }
 
+    const LeaksAllowed link_for_life;
     static constexpr int board = 5001;
     int mode_byte = 0;
 };

@@ -115,6 +115,17 @@ TEST_F(QueryDecipher, FailsOnAnAnswerOfLength0)
     EXPECT_EQ(length, 0U);
 }
 
+TEST_F(QueryDecipher, FailsOnAFirstAnswerWithoutALength)
+{
+    if (!in_fresh_process())
+        return;
+    // What the answer does not fill of a new buffer is zero.
+    peer.answers("31 00 00 00 0C 00 00 00 09 00*3");
+    const void *plain;
+    uint32_t length;
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 0);
+}
+
 TEST_F(QueryDecipher, EmptiesItsResultsEvenWithoutAnAnswer)
 {
     const void *plain = "x";
