@@ -63,7 +63,8 @@ void add_disks(Words &words, const CabinetSetup &setup)
     if (!setup.write_log.empty())
         add_logged_disk(words, setup);
     else if (!setup.internal_disk.empty())
-        add(words, {"-drive", drive + ("internal,file=" + setup.internal_disk)});
+        add(words, {"-drive", drive + ("internal,file=" + setup.internal_disk) +
+                                  (setup.internal_disk_read_only ? ",readonly=on" : "")});
     if (!setup.internal_disk.empty())
         add(words, {"-device",
                     "virtio-blk-pci,drive=internal,bootindex=" + disk_first + geometry(setup.internal_disk)});

@@ -59,12 +59,12 @@ Delivery take_factory_stick(InstallMachine &machine)
     return delivery;
 }
 
-void take_telling_loader(InstallMachine &machine)
+void take_telling_loader(Machine &machine)
 {
     machine.ram_disk.push_back("file /sbin/qel_application_loader " MACHINE_TEST_TELLING_LOADER " 755 0 0");
 }
 
-void replace_tool(InstallMachine &machine, const std::string &tool, const std::string &line)
+void replace_tool(Machine &machine, const std::string &tool, const std::string &line)
 {
     std::string script = file_with(machine, "tool_" + fs::path(tool).filename().string(),
                                    "#!/bin/sh\necho tool $0 \"$@\" >/cabinet/note\n" + line + "\n");
@@ -78,7 +78,7 @@ void start_install(InstallMachine &machine)
     start(machine);
 }
 
-std::string wait_for_stop(InstallMachine &machine)
+std::string wait_for_stop(Machine &machine)
 {
     const std::string mark = "stopped ";
     std::string stop;
@@ -122,7 +122,7 @@ bool wait_for_tool(InstallMachine &machine, const std::string &call)
     return wait_until(machine.cabinet, started, patience);
 }
 
-bool shows(const InstallMachine &machine, const std::string &text)
+bool shows(const Machine &machine, const std::string &text)
 {
     return machine.cabinet.console.find(text) != std::string::npos;
 }

@@ -21,17 +21,17 @@ void add_archive(InstallMachine &machine);
 Delivery take_factory_stick(InstallMachine &machine);
 
 /// Takes the loader that tells at which check it stops.
-void take_telling_loader(InstallMachine &machine);
+void take_telling_loader(Machine &machine);
 
 /// Lets a tool do no more than say how it was called and run a line of shell.
-void replace_tool(InstallMachine &machine, const std::string &tool, const std::string &line);
+void replace_tool(Machine &machine, const std::string &tool, const std::string &line);
 
 /// Makes the stick, unless `stick` is empty, and switches the power on.
 void start_install(InstallMachine &machine);
 
 /// Waits for the stop of the telling loader and returns it, "UNIT:LINE TEXT"; empty when there was none, or
 /// when the loader did not stand still after it.
-std::string wait_for_stop(InstallMachine &machine);
+std::string wait_for_stop(Machine &machine);
 
 /// The tools started so far, in order, as they were called: "/bin/mkdosfs /dev/disk/hdc1".
 std::vector<std::string> tools_of(const InstallMachine &machine);
@@ -45,4 +45,4 @@ std::vector<std::string> disk_faults(const InstallMachine &machine);
 /// What stands for a kernel.
 std::string kernel_stand_in(const InstallMachine &machine);
 
-bool shows(const InstallMachine &machine, const std::string &text);
+bool shows(const Machine &machine, const std::string &text);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <sstream>
 
 size_t cuts_wanted(const char *variable, size_t usual)
 {
@@ -64,6 +65,15 @@ std::string describe(const Cut &cut, const WriteLog &log)
 namespace
 {
 
+/// What is said last by BIOS, boot program, boot loader and kernel.
+const char *const early_ends[] = {"No bootable device",
+                                  "press any key to try again",
+                                  "Missing operating system",
+                                  "Operating system load error",
+                                  "boot:",
+                                  "System halted",
+                                  "Kernel panic"};
+
 bool contains(const std::string &text, const std::string &part)
 {
     return text.find(part) != std::string::npos;
@@ -84,16 +94,25 @@ std::string early_text(const Machine &machine)
     return text;
 }
 
-/// The text with which the machine gave up before there was a loader; empty when there is none yet.
-std::string early_end(const Machine &machine)
+/// The last lines of that.
+std::string last_words(const Machine &machine)
 {
-    std::string text = early_text(machine);
-    for (const char *end : {"No bootable device", "This is not a bootable disk", "Missing operating system",
-                            "Operating system load error", "Could not find kernel image", "No DEFAULT or UI",
-                            "boot:", "System halted", "Kernel panic"})
-        if (contains(text, end))
-            return end;
-    return "";
+    std::istringstream text(early_text(machine));
+    std::string before, last;
+    for (std::string line; std::getline(text, line);)
+        if (line.find_first_not_of(" ") != std::string::npos) {
+            before = last;
+            last = line;
+        }
+    return before + " / " + last;
+}
+
+/// The machine gave up before there was a loader, or it waits for somebody at a keyboard.
+bool ended_early(const Machine &machine)
+{
+    const std::string text = early_text(machine);
+    return std::any_of(std::begin(early_ends), std::end(early_ends),
+                       [&](const char *end) { return contains(text, end); });
 }
 
 /// The application that runs or fails again and again, in words; empty when there is none yet.
@@ -124,7 +143,7 @@ std::string where_it_stands(Machine &machine)
 {
     const std::string &console = machine.cabinet.console;
     if (!console.starts_with("QEL Loader..."))
-        return "no loader; last words: " + early_text(machine);
+        return "hangs after: " + last_words(machine);
     if (console.ends_with("mount: /usr"))
         return "stops mounting /usr";
     if (!console.ends_with("mount: /usr /storage\n"))
@@ -137,14 +156,14 @@ std::string where_it_stands(Machine &machine)
 
 std::string outcome_of_start(Machine &machine)
 {
-    const double long_silence = 12; // whoever is at work says something sooner
+    const double long_silence = 30; // whoever is at work says something sooner
     std::string outcome;
     size_t said = 0;
     double last = uptime(machine.cabinet);
     auto clear = [&] {
         outcome = application_outcome(machine);
-        if (outcome.empty() && !early_end(machine).empty())
-            outcome = "does not start: " + early_end(machine);
+        if (outcome.empty() && ended_early(machine))
+            outcome = "does not start: " + last_words(machine);
         size_t says =
             machine.cabinet.console.size() + machine.cabinet.events.size() + early_text(machine).size();
         if (says != said)

@@ -8,16 +8,37 @@
 namespace
 {
 
-/// Starts from the stick alone, on a disk as a cut left it, or without the stick from the disk alone.
-std::string start_from(const std::string &disk, const std::string &stick)
+/// Starts the machine by itself: from the stick, or without one from the disk.
+void start_from(Machine &machine, const std::string &disk, const std::string &stick)
 {
-    Machine machine;
     machine.setup.kernel.clear();
     machine.setup.internal_disk = disk;
     machine.setup.stick = stick;
     machine.setup.start_from_stick = !stick.empty();
     start(machine);
+}
+
+bool runs_from(const std::string &disk, const std::string &stick)
+{
+    Machine machine;
+    start_from(machine, disk, stick);
+    return wait_for_recorder(machine, "qel_application_1");
+}
+
+std::string outcome_from_disk(const std::string &disk)
+{
+    Machine machine;
+    start_from(machine, disk, "");
     return outcome_of_start(machine);
+}
+
+/// The log must tell all, or the cuts made from it prove nothing.
+void expect_log_tells_all(const Machine &machine, const WriteLog &log, const std::string &before)
+{
+    const std::string again = machine.folder.path + "/written_again";
+    run_tool({"cp", "--sparse=always", before, again});
+    write_again(again, log, 0, log.entries.size());
+    EXPECT_EQ(run_tool({"cmp", again, machine.setup.internal_disk}), "");
 }
 
 } // namespace
@@ -30,20 +51,21 @@ TEST(PowerCut, DuringAnInstallIsMendedByInstallingAgain)
     factory.setup.write_log = factory.folder.path + "/write_log";
     write_file(factory.setup.write_log, "");
     start(factory);
-    ASSERT_EQ(outcome_of_start(factory), "runs qel_application_1");
+    ASSERT_TRUE(wait_for_recorder(factory, "qel_application_1"));
     power_off(factory.cabinet);
 
     const std::string disk = factory.folder.path + "/cut_disk", blank = factory.folder.path + "/blank_disk";
     make_blank_disk(blank);
     const WriteLog log = read_write_log(factory.setup.write_log);
+    expect_log_tells_all(factory, log, blank);
     Outcomes alone;
     for (const Cut &cut : choose_cuts(log, cuts_wanted("QEL_INSTALL_CUTS", 2), chance)) {
         make_cut_disk(disk, blank, log, cut, chance);
-        note_outcome(alone, describe(cut, log), start_from(disk, ""));
-        EXPECT_EQ(start_from(disk, factory.setup.stick), "runs qel_application_1");
+        note_outcome(alone, describe(cut, log), outcome_from_disk(disk));
+        ASSERT_TRUE(runs_from(disk, factory.setup.stick)) << describe(cut, log);
         for (const Finding &finding : check_disk({disk, delivery.kernel, delivery.system_image}))
             EXPECT_TRUE(finding.good) << describe(cut, log) << ": " << finding.text;
-        EXPECT_EQ(start_from(disk, ""), "runs qel_application_1");
+        EXPECT_TRUE(runs_from(disk, "")) << describe(cut, log);
     }
     print_outcomes(alone, "cuts during an install; each disk then started without the stick");
 }
@@ -82,6 +104,7 @@ void record_copy(CopyRun &run, bool slow_stick)
     ASSERT_TRUE(wait_for_recorder(machine, new_name));
     power_off(machine.cabinet);
     run.log = read_write_log(machine.setup.write_log);
+    expect_log_tells_all(machine, run.log, run.before);
 }
 
 /// What a disk holds under the new application's name.
