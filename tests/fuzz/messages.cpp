@@ -97,7 +97,8 @@ struct Peer {
         const uint32_t type = input.PickValueInArray({0u, 1u, 2u, 3u}) == 0
                                   ? input.ConsumeIntegral<uint32_t>()
                                   : input.PickValueInArray<uint32_t>({15, rules.wanted, 22, 29, 5, 11, 49});
-        Bytes message(input.ConsumeIntegralInRange<size_t>(0, 40));
+        const size_t any_size = input.ConsumeIntegralInRange<size_t>(0, 40);
+        Bytes message(input.PickValueInArray<size_t>({any_size, any_size, 12, rules.room, rules.room + 1}));
         put_word(message, 0, type);
         put_word(message, 4, static_cast<uint32_t>(message.size()));
         if (message.size() > 8) {

@@ -158,7 +158,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FuzzedDataProvider input(data, size);
     std::string expected_stop;
     const Outcome outcome = run([&] {
-        Receiver receiver(input.ConsumeIntegralInRange<size_t>(7, 80));
+        const size_t any_size = input.ConsumeIntegralInRange<size_t>(7, 80);
+        Receiver receiver(input.PickValueInArray<size_t>({any_size, any_size, 35}));
         try {
             while (input.remaining_bytes() > 0)
                 input.ConsumeBool() ? send_and_receive(receiver, input) : feed_anything(receiver, input);

@@ -51,7 +51,8 @@ struct Peer {
 
     Bytes next_answer()
     {
-        Bytes message(input.ConsumeIntegralInRange<size_t>(12, 600));
+        const size_t any_size = input.ConsumeIntegralInRange<size_t>(12, 600);
+        Bytes message(input.PickValueInArray<size_t>({any_size, any_size, 527, 528}));
         const uint32_t type =
             input.ConsumeIntegral<uint8_t>() < 16 ? input.ConsumeIntegral<uint32_t>() : wanted;
         const uint32_t size = input.ConsumeIntegral<uint8_t>() < 4 ? input.ConsumeIntegral<uint32_t>()
@@ -61,6 +62,10 @@ struct Peer {
         message[8] = input.ConsumeIntegralInRange<uint8_t>(0, 9);
         const Bytes body = input.ConsumeBytes<uint8_t>(message.size() - 9);
         std::copy(body.begin(), body.end(), message.begin() + 9);
+        if (message.size() >= 16 && input.ConsumeBool()) // the length of what follows, or nearly
+            qel_sysmsg_put32(message.data(), 12,
+                             static_cast<uint32_t>(message.size()) - 16 +
+                                 input.ConsumeIntegralInRange<uint32_t>(0, 8) - 4);
         return message;
     }
     void deliver(const Bytes &message)

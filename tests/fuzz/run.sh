@@ -15,8 +15,8 @@ that file alone to see it again.
 
 Options:
   --seconds N   how long each target runs (60)
-  --merge       afterwards make the committed corpus of each target, tests/fuzz/corpus/TARGET, the smallest
-                set of inputs that reaches every edge found
+  --merge       afterwards make the committed corpus of each target, tests/fuzz/corpus/TARGET, a smallest
+                set of inputs that reaches every edge found, about as often as found
   --build DIR   where to build (build/fuzz)
   --list        list the targets
   --help        this text
@@ -78,7 +78,7 @@ merge() {
     local name=$1 target=$build/tests/fuzz/fuzz_$1 merged=$build/merged/$1
     rm -rf "$merged"
     mkdir -p "$merged"
-    "$target" -set_cover_merge=1 -use_counters=0 "$merged" "$build/corpus/$name" $sources/corpus/"$name" \
+    "$target" -set_cover_merge=1 "$merged" "$build/corpus/$name" $sources/corpus/"$name" \
         >"$build/merged/$name.log" 2>&1
     rm -rf $sources/corpus/"$name"
     cp -r "$merged" $sources/corpus/"$name"
