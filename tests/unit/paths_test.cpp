@@ -261,6 +261,13 @@ TEST(Normalize, LeavesTheEmptyTextAndTheRootAlone)
     EXPECT_EQ(changed(qel_path_normalize, "\\"), "/");
 }
 
+TEST(Normalize, LooksAtNothingBeforeTheText)
+{
+    char text[] = "/";
+    qel_path_normalize(text + 1); // empty
+    EXPECT_STREQ(text, "/");
+}
+
 TEST(Normalize, MakesTheRootOfADoubledSlash)
 {
     EXPECT_EQ(changed(qel_path_normalize, "//"), "/");

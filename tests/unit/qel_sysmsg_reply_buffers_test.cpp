@@ -34,6 +34,13 @@ TEST_F(QueryText, MayFillTheBuffer)
     EXPECT_STREQ(qel_sysmsg_get_text(&peer.con), std::string(511, 't').c_str());
 }
 
+TEST_F(QueryText, MayEndWithTheBuffersOwnLastByte)
+{
+    // The answer fills its 528 bytes with text; the NUL that it counts is the buffer's byte behind it.
+    peer.answers("2F 00 00 00 10 02 00 00 09 00*3 01 02 00 00 74*512");
+    EXPECT_STREQ(qel_sysmsg_get_text(&peer.con), std::string(512, 't').c_str());
+}
+
 TEST_F(QueryText, StopsOnALongerAnswer)
 {
     if (!in_fresh_process())
