@@ -20,6 +20,7 @@ void catch_interrupts()
 {
     signal(SIGINT, catch_signal);
     signal(SIGTERM, catch_signal);
+    signal(SIGHUP, catch_signal);
 }
 
 bool interrupted()

@@ -29,6 +29,7 @@ struct Options {
     std::string link;
     std::string record;
     std::string target = targets.front();
+    bool plain = false;
 };
 
 const char *const application_prefix = "qel_application_";
@@ -60,8 +61,9 @@ Options parse(int argc, char **argv)
     app.add_option("--link", options.link,
                    "make a UNIX socket at this path for the host's end of the host link");
     app.add_option("--record", options.record, "record the host link to this pcapng file");
+    app.add_flag("--plain", options.plain, plain_help);
     app.footer(
-        "On the screen: seconds since power-on, where a line comes from, and the line. h8 = command that\n"
+        "Lines show: seconds since power-on, where a line comes from, and the line. h8 = command that\n"
         "the board's microcontroller received, lcd = the board's display, start and end = programs that\n"
         "the loader runs.\n"
         "Other commands, each with a --help of its own: update, install, make-stick, make-disk, check-disk.");
@@ -164,6 +166,8 @@ bool run(const Options &options, const CabinetSetup &setup, View &view)
         if (event.kind == Event::terminal)
             show_on_terminal(event.text);
     };
+    if (!options.shell && !options.plain)
+        open_panel(view, "Simulated cabinet, " + options.target + ".  Ctrl-C switches it off.", options.mode);
     power_on(cabinet, setup);
     if (options.shell)
         take_terminal(terminal);
@@ -178,6 +182,7 @@ bool run(const Options &options, const CabinetSetup &setup, View &view)
         }
     }
     give_terminal_back(terminal);
+    close_panel(view);
     if (recording != nullptr)
         fclose(recording);
     int runs = count_starts(cabinet, "/storage/");

@@ -23,6 +23,7 @@ struct Options {
     double seconds = 10;
     std::string record;
     std::string target = targets.front();
+    bool plain = false;
 };
 
 const double banner_seconds_max = 60;
@@ -45,6 +46,7 @@ Options parse(int argc, char **argv)
         ->capture_default_str();
     add_target(app, options.target);
     app.add_option("--record", options.record, "record the link to this pcapng file");
+    app.add_flag("--plain", options.plain, plain_help);
     app.footer("The link takes about 2 kB a second: an updater of 100 kB is under way for 45 seconds.");
     try {
         app.parse(argc, argv);
@@ -141,6 +143,8 @@ bool update(const Options &options, const CabinetSetup &setup, View &view)
 {
     Cabinet cabinet;
     cabinet.on_event = [&](const Event &event) { show_event(view, event); };
+    if (!options.plain)
+        open_panel(view, "Simulated cabinet, " + options.target + ".  Ctrl-C ends the update.", options.mode);
     power_on(cabinet, setup);
     auto banner = [&] { return display_shows(cabinet, "TOLBRIN Update..."); };
     if (!show_until(view, cabinet, banner, banner_seconds_max))
@@ -162,6 +166,7 @@ bool update(const Options &options, const CabinetSetup &setup, View &view)
     show_until(
         view, cabinet, [] { return false; }, options.seconds);
     std::string words = look_inside(cabinet, "tr '\\0' ' ' </proc/1/cmdline");
+    close_panel(view);
     show_line(view, uptime(cabinet), "machine", "process 1 is now: " + words);
     return words.find("/tmp/updater") != std::string::npos;
 }

@@ -3,27 +3,12 @@
 
 #include "view.h"
 
-#include <ctype.h>
+#include "panel_screen.h"
 
 namespace
 {
 
 const double console_wait = 0.5, lcd_wait = 0.1, link_wait = 1;
-const size_t lcd_columns = 24;
-
-std::string printable(const std::string &bytes)
-{
-    std::string text;
-    for (char byte : bytes)
-        if (isprint(static_cast<unsigned char>(byte)) != 0 || byte == '\t')
-            text += byte;
-        else if (byte != '\r') {
-            char code[8];
-            snprintf(code, sizeof code, "<%02x>", static_cast<unsigned char>(byte));
-            text += code;
-        }
-    return text;
-}
 
 void show_console_line(View &view, const std::string &ending)
 {
@@ -45,10 +30,11 @@ void take_console_bytes(View &view, const Event &event)
 
 void show_lcd(View &view, const Board &board)
 {
-    std::string edge = "+" + std::string(lcd_columns, '-') + "+";
+    const size_t columns = lcd_columns;
+    std::string edge = "+" + std::string(columns, '-') + "+";
     show_line(view, view.lcd_at, "lcd", edge);
     for (std::string row : board.lcd) {
-        row.resize(lcd_columns, ' ');
+        row.resize(columns, ' ');
         fprintf(view.out, "%19s|%s|\n", "", printable(row).c_str());
     }
     fprintf(view.out, "%19s%s\n", "", edge.c_str());
@@ -77,13 +63,36 @@ void show_link(View &view)
 
 } // namespace
 
+View::~View()
+{
+    close_panel(*this);
+}
+
+void open_panel(View &view, const std::string &title, int mode)
+{
+    view.panel.title = title;
+    view.panel.update_mode = (mode & 2) != 0;
+    view.on_panel = take_screen();
+}
+
+void close_panel(View &view)
+{
+    if (view.on_panel)
+        give_screen_back();
+    view.on_panel = false;
+}
+
 void show_line(View &view, double seconds, const std::string &source, const std::string &text)
 {
-    fprintf(view.out, "%8.2f  %-8s %s\n", seconds, source.c_str(), text.c_str());
+    if (view.on_panel)
+        note_line(view.panel, seconds, source, text);
+    else
+        fprintf(view.out, "%8.2f  %-8s %s\n", seconds, source.c_str(), text.c_str());
 }
 
 void show_event(View &view, const Event &event)
 {
+    note_event(view.panel, event);
     std::string process = " (process " + std::to_string(event.number) + ")";
     switch (event.kind) {
     case Event::console:
@@ -123,11 +132,14 @@ void show_event(View &view, const Event &event)
 void show_waiting(View &view, const Cabinet &cabinet)
 {
     double now = uptime(cabinet);
-    if (view.lcd_changed && now > view.lcd_at + lcd_wait)
+    if (view.lcd_changed && !view.on_panel && now > view.lcd_at + lcd_wait)
         show_lcd(view, cabinet.board);
     if (view.records_sent + view.records_received > 0 && now > view.link_at + link_wait)
         show_link(view);
     if (!view.console_line.empty() && now > view.console_at + console_wait)
         show_console_line(view, " ...");
-    fflush(view.out);
+    if (view.on_panel)
+        show_on_screen(view.panel, cabinet.board, now);
+    else
+        fflush(view.out);
 }

@@ -10,6 +10,8 @@
 
 const int minor_lcd = 2, minor_command = 3, minor_host_comms = 7;
 
+const int lcd_columns = 24; ///< what the simulated display shows of a row
+
 struct Board {
     int mode = 1;                   ///< the answer to command 5; bit 0 = console, bit 1 = update mode
     std::string number = "1234";    ///< the answer to command 14, as text
