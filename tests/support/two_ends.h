@@ -135,7 +135,7 @@ class TwoEnds
         int is_done = 0;
         int wanted = 0;
         // Counts of what happened.
-        int sent = 0, succeeded = 0, failed = 0, handed_on = 0, transmissions = 0;
+        int sent = 0, succeeded = 0, failed = 0, handed_on = 0, transmissions = 0, messages = 0;
     };
     Side sides[2];
 
@@ -207,6 +207,7 @@ class TwoEnds
             ASSERT_EQ(packet.size(), 35U) << "a packet in the middle is not full";
             return;
         }
+        side.messages++;
         if (LinkReferee::is_sequenced(side.message[0]))
             side.transmissions++;
         side.books.sends(side.message);

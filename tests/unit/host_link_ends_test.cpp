@@ -1,10 +1,12 @@
 // Two real ends of the host link over a bad line, thousands of exchanges, every message accounted for; and
-// over a good one in real time.
+// over a good one in real time. QEL_LINK_EXCHANGES sets the number of exchanges on the bad line for longer
+// runs.
 
 #include "support/fresh_process.h"
 #include "support/two_ends.h"
 
 #include <signal.h>
+#include <stdlib.h>
 
 /// Everything that can go wrong must have gone wrong, and most must have gone well.
 static void expect_a_telling_run(const TwoEnds &ends)
@@ -24,6 +26,7 @@ static void expect_a_telling_run(const TwoEnds &ends)
 
 static void show(const TwoEnds &ends)
 {
+    printf("    %d messages on the line\n", ends.sides[0].messages + ends.sides[1].messages);
     for (const TwoEnds::Side &side : ends.sides) {
         printf("    %s end: %d sends (%d good, %d failed), %d transmissions, %d messages handed on; dropped: "
                "%d by CRC, %d repeats, %d while a confirm was awaited, %d while a reply was\n",
@@ -31,6 +34,12 @@ static void show(const TwoEnds &ends)
                side.transmissions, side.handed_on, side.books.dropped_by_crc, side.books.dropped_as_repeat,
                side.books.dropped_while_unconfirmed, side.books.dropped_while_waiting);
     }
+}
+
+static int exchanges_wanted(int usual)
+{
+    const char *text = getenv("QEL_LINK_EXCHANGES");
+    return text ? atoi(text) : usual;
 }
 
 static constexpr Faults bad_line = {20, 20, 20, 30, 15};
@@ -43,7 +52,7 @@ TEST_P(HostLinkEnds, AccountForEveryMessageOnABadLine)
 {
     if (!in_fresh_process())
         return;
-    TwoEnds ends(bad_line, GetParam(), 1500, 0);
+    TwoEnds ends(bad_line, GetParam(), exchanges_wanted(1500), 0);
     ends.run();
     show(ends);
     expect_a_telling_run(ends);
@@ -53,7 +62,7 @@ TEST_P(HostLinkEnds, AccountForEveryMessageWhenBothAskAtOnce)
 {
     if (!in_fresh_process())
         return;
-    TwoEnds ends(bad_line, GetParam(), 500, 1);
+    TwoEnds ends(bad_line, GetParam(), exchanges_wanted(500), 1);
     ends.run();
     show(ends);
     expect_a_telling_run(ends);
