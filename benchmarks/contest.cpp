@@ -36,7 +36,7 @@ Spread ratios(const Contest &contest, const Contender &peer)
 int is_met(const Contest &contest)
 {
     const Contender &product = contest.contenders.front();
-    if (product.samples.empty())
+    if (!contest.unavailable.empty())
         return 1;
     if (contest.limit != 0 && spread_of(product.samples).median > std::max(contest.limit, 0.0))
         return 0;
@@ -68,7 +68,11 @@ void run_rounds(std::vector<Contest> &contests, int rounds)
                 continue;
             if (on_terminal)
                 fprintf(stderr, "\r\033[Kround %d of %d: %s", round + 1, rounds, contest.name.c_str());
-            run_once(contest, round / contest.every);
+            try {
+                run_once(contest, round / contest.every);
+            } catch (const Unavailable &reason) {
+                contest.unavailable = reason.what();
+            }
         }
     }
     if (on_terminal)

@@ -3,8 +3,14 @@
 #pragma once
 
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <vector>
+
+/// Thrown by a contender that this computer cannot have.
+struct Unavailable : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 struct Contender {
     std::string name;

@@ -94,6 +94,12 @@ static const Tree trees[] = {
 
 static double time_removal(const std::string &type, const Tree &tree, const Command &command)
 {
+    try {
+        if (type == "ext4")
+            need_ext4();
+    } catch (const std::runtime_error &reason) {
+        throw Unavailable(reason.what());
+    }
     const std::string path = scratch(type + "/tree");
     tree.make(path);
     settle(path);
@@ -104,18 +110,16 @@ static double time_removal(const std::string &type, const Tree &tree, const Comm
 
 static void add_removals(std::vector<Contest> &contests, const std::string &type, double rm_ratio_max)
 {
-    const std::string unavailable = type == "tmpfs" ? "" : make_file_system(type);
     for (const Tree &tree : trees) {
         const auto removes = [type, tree](const Command &command) {
             return [type, tree, command] { return time_removal(type, tree, command); };
         };
         contests.push_back(
-            {"remove " + tree.name + ", " + type,
+            {"remove " + tree.name + ", " + (type == "ext4" ? "ext4 in memory" : type),
              "ms",
              {{"product", removes({subject("bench_library"), "remove"})},
               {"minimal loop, same calls", removes({subject("bench_minimal"), "remove"}), 1.03},
               {"rm -rf", removes({"rm", "-rf"}), rm_ratio_max, "no chmod, no batches of 20"}}});
-        contests.back().unavailable = unavailable;
     }
 }
 
@@ -153,8 +157,8 @@ static Contest tree_copy_contest()
     return {"copy a tree of 10,000 small files",
             "ms",
             {{"product", copies({subject("bench_library"), "copy-tree", from, to})},
-             {"cp -a", copies({"cp", "-a", from, to}), 1.0},
-             {"rsync -a", copies({"rsync", "-a", from + "/", to}), 0.6},
+             {"cp -a", copies({"cp", "-a", from, to}), 1.0, "keeps owners and times"},
+             {"rsync -a", copies({"rsync", "-a", from + "/", to}), 0.6, "keeps owners and times"},
              {"busybox cp -r", copies({"busybox", "cp", "-r", from, to}), 1.1}}};
 }
 
@@ -182,8 +186,35 @@ static Contest search_contest()
              {"busybox find", searches({"busybox", "find", tree, "-name", prefix + "*"}), 0.25}}};
 }
 
+// ---- Nothing ----
+
+static std::function<double()> starts(const Command &command)
+{
+    return [command] {
+        fs::create_directories(scratch("tmpfs/empty"));
+        return time_command(command) * 1e3;
+    };
+}
+
+/// What a process costs before it works: it is in every other figure of a command.
+static Contest start_of_commands_contest()
+{
+    const std::string empty = scratch("tmpfs/empty"), target = scratch("tmpfs/empty_too");
+    return {"an empty job, for what the start of a command costs",
+            "ms",
+            {{"product", starts({subject("bench_library"), "remove", empty})},
+             {"minimal loop", starts({subject("bench_minimal"), "remove", empty})},
+             {"rm -rf", starts({"rm", "-rf", empty})},
+             {"dd", starts({"dd", "if=/dev/null", "of=" + target, "status=none"})},
+             {"cp -a", starts({"cp", "-a", empty, target})},
+             {"rsync -a", starts({"rsync", "-a", empty + "/", target})},
+             {"find", starts({"find", empty})},
+             {"busybox find", starts({"busybox", "find", empty})}}};
+}
+
 void add_file_contests(std::vector<Contest> &contests)
 {
+    contests.push_back(start_of_commands_contest());
     contests.push_back(copy_contest());
     contests.push_back(
         {"calls for memory while copying a file", "calls", {{"product", memory_calls_of_copy}}, -1, once});

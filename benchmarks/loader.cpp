@@ -53,6 +53,7 @@ static double waiting_memory(const std::string &program, const Command &command)
     root.add_program(program, "/init");
     const FirstProcess process(root.path, command);
     process.go();
+    process.await_beats(1);
     return process.peak_memory_kb();
 }
 
@@ -159,8 +160,7 @@ static double time_supervised_restarts(const std::string &supervisor, const Comm
     const Root root;
     equip(root);
     root.add_program(supervisor, "/init");
-    for (const std::string library : {"/lib64/ld-linux-x86-64.so.2", "/lib/x86_64-linux-gnu/libc.so.6",
-                                      "/lib/x86_64-linux-gnu/libskarnet.so.2.13"})
+    for (const std::string &library : libraries_of(supervisor))
         root.add_program(fs::canonical(library), library);
     root.add_program(subject("bench_application"), "/service/run");
     root.add_file("/etc/inittab", std::string("::respawn:") + application + "\n");

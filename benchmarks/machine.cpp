@@ -18,18 +18,23 @@
 
 namespace fs = std::filesystem;
 
-/// The cabinet, with what it shows.
+/// The cabinet, with what it shows; switched off at the end.
 struct Run {
+    explicit Run(const std::string &stick);
+    ~Run();
+    Run(const Run &) = delete;
+    Run &operator=(const Run &) = delete;
+
     pid_t pid;
     FILE *view;
 };
 
-static Run start_cabinet(const std::string &stick)
+Run::Run(const std::string &stick)
 {
     int ends[2];
     if (pipe(ends))
         throw std::runtime_error("no pipe");
-    const pid_t pid = fork();
+    pid = fork();
     if (pid == 0) {
         dup2(ends[1], STDOUT_FILENO);
         close(ends[0]);
@@ -39,7 +44,14 @@ static Run start_cabinet(const std::string &stick)
         _exit(1);
     }
     close(ends[1]);
-    return {pid, fdopen(ends[0], "r")};
+    view = fdopen(ends[0], "r");
+}
+
+Run::~Run()
+{
+    kill(pid, SIGINT);
+    waitpid(pid, nullptr, 0);
+    fclose(view);
 }
 
 static std::string make_bench_stick(int rounds)
@@ -83,11 +95,8 @@ static Samples read_samples(FILE *view)
 
 std::vector<Contest> machine_contests(int rounds)
 {
-    const Run cabinet = start_cabinet(make_bench_stick(rounds));
+    const Run cabinet(make_bench_stick(rounds));
     Samples samples = read_samples(cabinet.view);
-    kill(cabinet.pid, SIGINT);
-    waitpid(cabinet.pid, nullptr, 0);
-    fclose(cabinet.view);
 
     std::vector<Contest> contests;
     for (auto &[tree, of] : samples) {

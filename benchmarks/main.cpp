@@ -54,12 +54,17 @@ static int compete(const std::string &choice, int rounds, const std::string &jso
     std::vector<Contest> contests = chosen_contests(wanted);
     run_rounds(contests, rounds);
     if (std::regex_search(machine_name, wanted)) {
-        for (const Contest &contest : machine_contests(std::min(rounds, machine_rounds_max)))
-            contests.push_back(contest);
+        try {
+            for (const Contest &contest : machine_contests(std::min(rounds, machine_rounds_max)))
+                contests.push_back(contest);
+        } catch (const std::exception &error) {
+            contests.push_back({"removing from vfat, in the cabinet", "ms", {{"product", nullptr}}});
+            contests.back().unavailable = error.what();
+        }
     }
     if (contests.empty())
         throw std::runtime_error("nothing is called " + choice);
-    std::cout << machine_description() << "Rounds: " << rounds << "\n\n" << table(contests);
+    std::cout << machine_description() << "\n" << table(contests);
     if (!json.empty()) {
         std::ofstream file(json);
         file << json_report(contests, rounds);

@@ -9,6 +9,7 @@
 #include <sched.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdio.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
@@ -17,6 +18,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 
@@ -88,6 +90,20 @@ std::vector<std::string> lines_of(const std::string &path)
     return lines;
 }
 
+std::vector<std::string> libraries_of(const std::string &program)
+{
+    std::vector<std::string> libraries;
+    FILE *list = popen(("ldd " + program + " 2>/dev/null").c_str(), "r");
+    char word[1000];
+    while (list && fscanf(list, "%999s", word) == 1) {
+        if (word[0] == '/')
+            libraries.push_back(word);
+    }
+    if (list)
+        pclose(list);
+    return libraries;
+}
+
 // ---- Process 1 ----
 
 /// In the child. Nothing here allocates.
@@ -156,17 +172,31 @@ void FirstProcess::await_beats(size_t count) const
     }
 }
 
+/// A number in a file of /proc/PID, behind "key:".
+static long number_in(pid_t pid, const std::string &name, const std::string &key)
+{
+    std::ifstream file("/proc/" + std::to_string(pid) + "/" + name);
+    long number = 0;
+    for (std::string word; file >> word;) {
+        if (word == key + ":")
+            file >> number;
+    }
+    return number;
+}
+
+long FirstProcess::status(const std::string &key) const
+{
+    return number_in(pid, "status", key);
+}
+
 double FirstProcess::peak_memory_kb() const
 {
     double peak = 0, before = -1;
     while (peak != before) {
         before = peak;
         usleep(200000);
-        std::ifstream file("/proc/" + std::to_string(pid) + "/status");
-        for (std::string name; file >> name;) {
-            if (name == "VmHWM:")
-                file >> peak;
-        }
+        // Some kernels count the peak roughly, but all count exactly what is there now.
+        peak = static_cast<double>(std::max(status("VmHWM"), number_in(pid, "smaps_rollup", "Rss")));
     }
     if (peak == 0)
         throw std::runtime_error("process 1 has ended");

@@ -17,6 +17,9 @@ double time_command(const std::vector<std::string> &command);
 /// The same for a command whose time is of no interest.
 void run_command(const std::vector<std::string> &command);
 
+/// The paths of the shared libraries that a program needs; none for a static one.
+std::vector<std::string> libraries_of(const std::string &program);
+
 /// The lines of a file, without their ends.
 std::vector<std::string> lines_of(const std::string &path);
 
@@ -34,6 +37,8 @@ class FirstProcess
     void go() const;
     /// Waits until so many bytes have come through the descriptor.
     void await_beats(size_t count) const;
+    /// A number in its /proc/PID/status, 0 when that is gone.
+    long status(const std::string &key) const;
     /// Waits until it sleeps for good and returns its peak resident memory in kB.
     double peak_memory_kb() const;
 

@@ -88,13 +88,14 @@ static Row peer_row(const Contest &contest, const Contender &peer)
                "",
                peer.name,
                number(spread_of(peer.samples).median) + " " + contest.unit,
+               std::to_string(peer.samples.size()),
                number(ratio.median),
                range,
                "",
                peer.remark};
     if (peer.ratio_max != 0) {
-        row[6] = "at most " + number(peer.ratio_max);
-        row[7] = verdict(ratio.median <= peer.ratio_max) + (peer.remark.empty() ? "" : "; " + peer.remark);
+        row[7] = "at most " + number(peer.ratio_max);
+        row[8] = verdict(ratio.median <= peer.ratio_max) + (peer.remark.empty() ? "" : "; " + peer.remark);
     }
     return row;
 }
@@ -102,16 +103,16 @@ static Row peer_row(const Contest &contest, const Contender &peer)
 static void add_rows(std::vector<Row> &rows, const Contest &contest)
 {
     const Contender &product = contest.contenders.front();
-    if (product.samples.empty()) {
-        rows.push_back({contest.name, "not measured", "", "", "", "", "", contest.unavailable});
+    if (!contest.unavailable.empty()) {
+        rows.push_back({contest.name, "not measured", "", "", "", "", "", "", contest.unavailable});
         return;
     }
     const double median = spread_of(product.samples).median;
-    Row own = {contest.name, number(median) + " " + contest.unit, "", "", "", "", "", ""};
+    Row own = {contest.name, number(median) + " " + contest.unit, "", "", "", "", "", "", ""};
     if (contest.limit != 0) {
         const double limit = std::max(contest.limit, 0.0);
-        own[6] = "at most " + number(limit) + " " + contest.unit;
-        own[7] = verdict(median <= limit);
+        own[7] = "at most " + number(limit) + " " + contest.unit;
+        own[8] = verdict(median <= limit);
     }
     rows.push_back(own);
     for (size_t i = 1; i < contest.contenders.size(); i++)
@@ -138,8 +139,9 @@ static std::string aligned(const std::vector<Row> &rows)
 
 std::string table(const std::vector<Contest> &contests)
 {
-    std::vector<Row> rows = {{"what", "product", "beside", "its figure", "ratio", "middle half", "goal", ""},
-                             Row(8, "-")};
+    std::vector<Row> rows = {
+        {"what", "product", "beside", "its figure", "samples", "ratio", "middle half", "goal", ""},
+        Row(9, "-")};
     for (const Contest &contest : contests)
         add_rows(rows, contest);
     return aligned(rows);
@@ -166,7 +168,7 @@ std::string json_report(const std::vector<Contest> &contests, int rounds)
     nlohmann::json all = {{"machine", machine_description()}, {"rounds", rounds}, {"contests", {}}};
     for (const Contest &contest : contests) {
         nlohmann::json entry = {{"name", contest.name}, {"unit", contest.unit}, {"contenders", {}}};
-        if (contest.contenders.front().samples.empty()) {
+        if (!contest.unavailable.empty()) {
             entry["not_measured"] = contest.unavailable;
         } else {
             for (const Contender &contender : contest.contenders)

@@ -5,7 +5,7 @@
 
 constexpr const char *application = "/machine/vfat/qel_application_1";
 /// One that stays.
-constexpr const char *lasting_application = "/machine/vfat/qel_application_Xfake";
+constexpr const char *lasting_application = "/machine/vfat/qel_application_lasting";
 
 /// A root for one process 1, removed with it. What is copied into it lies on the same file system: it is
 /// linked.

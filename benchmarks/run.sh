@@ -3,6 +3,23 @@
 # qel_bench: benchmarks/run.sh --help.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+if [ "$*" = --help ]; then
+    cat <<'USAGE'
+usage: benchmarks/run.sh [--rounds N] [--only REGEX] [--json FILE]
+       benchmarks/run.sh --calls | --limits
+
+Measures the loader and its library beside the best peers, in turns, in one run, and prints a table of
+medians and ratios. Needs root. Goals: docs/performance.md.
+
+  --rounds N    how often everything is measured (21)
+  --only REGEX  only what has a name that this regular expression finds
+  --json FILE   a file for every sample
+  --calls       instead, print the system calls of a start-up and compare them with their list
+  --limits      instead, check what is the same at every speed: size, memory, system calls
+USAGE
+    exit
+fi
 . tools/packages.sh
 
 need_packages g++ cmake ninja-build make musl-tools libcli11-dev nlohmann-json3-dev libbenchmark-dev \

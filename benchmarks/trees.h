@@ -9,9 +9,9 @@ void make_scratch();
 /// A path in there.
 std::string scratch(const std::string &name);
 
-/// Makes a file system of that type in a file of the scratch space and mounts it as scratch(type). Returns ""
-/// or why that cannot be done here.
-std::string make_file_system(const std::string &type);
+/// Makes an ext4 in a file of the scratch space and mounts it as scratch("ext4"), once. Throws
+/// std::runtime_error where that cannot be done.
+void need_ext4();
 
 /// Makes `folders` folders with `files` files of 1000 bytes each; with 0 folders the files are in the top
 /// one.
