@@ -17,15 +17,14 @@ int64_t __moddi3(int64_t dividend, int64_t divisor);
 }
 
 /// By hand, a bit a step: the dividend moves into the rest at its top, the quotient takes its place from
-/// below.
+/// below. No bit of the rest is lost: it never has more bits than steps were done.
 uint64_t __udivmoddi4(uint64_t dividend, uint64_t divisor, uint64_t *remainder)
 {
     uint64_t rest = 0;
     for (int bit = 0; bit < 64; bit++) {
-        int carry = (int)(rest >> 63);
         rest = rest << 1 | dividend >> 63;
         dividend <<= 1;
-        if (carry || rest >= divisor) {
+        if (rest >= divisor) {
             rest -= divisor;
             dividend |= 1;
         }
