@@ -64,6 +64,17 @@ TEST_F(QueryPlugins, StopsOnOneMoreThanFit)
                     qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count));
 }
 
+TEST_F(QueryPlugins, StopsOnAnAnswerOneByteTooLong)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("0E 00 00 00 15 00 00 00 09 00*3 01 00 00 00 07 00 00 00 00");
+    uint32_t plugins[1];
+    uint32_t count;
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
+                    qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count));
+}
+
 TEST_F(QueryPlugins, StopsOnACountBeyondWhatFits)
 {
     if (!in_fresh_process())
