@@ -61,7 +61,10 @@ static qel_lpc *open_transport(const char *path, bool listens)
     if (!listens && S_ISCHR(status.st_mode))
         return qel_lpc_open(path);
     qel_lpc_set_pacing(0); // a socket takes packets faster than the board
-    return new qel_lpc{.fd = open_socket(path, listens), .recv = nullptr, .recv_ctx = nullptr};
+    // Not from `new`: for 32-bit cabinets, programs are linked without the C++ library.
+    static qel_lpc transport;
+    transport.fd = open_socket(path, listens);
+    return &transport;
 }
 
 ExampleLink open_example_link(const char *path, bool listen, qel_sysmsg_recv_function *handler)
