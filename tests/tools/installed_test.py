@@ -16,9 +16,9 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 BUILD = pathlib.Path(os.environ["QEL_BUILD"])
 
 
-def run(command, **options):
+def run(command, timeout=60, **options):
     """The finished process; what it printed is shown when it failed."""
-    result = subprocess.run(command, capture_output=True, text=True, timeout=60, **options)
+    result = subprocess.run(command, capture_output=True, text=True, timeout=timeout, **options)
     if result.returncode != 0:
         raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}{result.stderr}")
     return result.stdout
@@ -114,6 +114,45 @@ class Installed(unittest.TestCase):
     def test_qel_where_knows_the_places_without_the_source_tree(self):
         where = run([self.prefix / "bin/qel-where", "KCW1964"], cwd="/")
         self.assertEqual(where, run([ROOT / "tools/qel-where", "KCW1964"]))
+
+
+class For32BitCabinets(unittest.TestCase):
+    """Builds the product's libraries, if need be, and the application on them, as the page says."""
+
+    @classmethod
+    def setUpClass(cls):
+        scratch = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(scratch.cleanup)
+        cls.out = pathlib.Path(scratch.name) / "out"
+        page = block("examples/README.md", "## Build for a 32-bit cabinet")
+        assert "product_facts" in page[-1]
+        cls.build, cls.checking = "\n".join(page[:-1]), page[-1]
+        cls.environment = dict(os.environ, PREFIX=f"{scratch.name}/installed", OUT=str(cls.out))
+        run(["bash", "-euc", cls.build], cwd=ROOT, env=cls.environment, timeout=300)
+        cls.application = cls.out / "qel_application_asks"
+
+    def test_the_cabinets_example_has_the_instructions_of_an_i586_only(self):
+        told = run(["bash", "-euc", self.checking], cwd=ROOT, env=self.environment)
+        self.assertRegex(told, r"qel_application_asks: \d{4,} instructions, none of them later than the i586")
+
+    def test_later_instructions_are_found(self):
+        program = self.out / "later"
+        run(["gcc", "-m32", "-nostdlib", "-static", "-x", "assembler", "-", "-o", program],
+            input=".globl _start\n_start: cmovne %eax, %ebx\n")
+        result = subprocess.run([ROOT / "tools/product_facts.sh", "--i586", program], capture_output=True, text=True)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("`cmovne' is not supported on `i586'", result.stderr)
+
+    def test_the_cabinets_example_talks_to_qel_host(self):
+        link = self.out / "link"
+        server = subprocess.Popen([BUILD / "host/qel-host", "serve", self.out, "--listen", link, "--text", "32 bits"],
+                                  stdout=subprocess.DEVNULL)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.kill)
+        while not link.exists():
+            time.sleep(0.01)
+        self.assertEqual(run([self.application, link, "/missing"]),
+                         "the host says: 32 bits\nthe host has /missing: no\n")
 
 
 class ManualPages(unittest.TestCase):
