@@ -29,7 +29,7 @@ while [ $# -gt 0 ]; do
     shift
 done
 
-need_packages clang llvm cmake ninja-build libgtest-dev libgmock-dev python3
+need_packages clang libclang-rt-14-dev llvm cmake ninja-build libgtest-dev libgmock-dev python3
 
 if [ $run -eq 1 ]; then
     echo "building the unit tests with clang ..."
