@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Checks the documents: links lead somewhere, and every command in them is known to work.
+"""Checks the documents: links lead somewhere, and all commands are listed with what is known of them.
 
 usage: tools/docs_check.py             check; exit code 0 when all is well, 1 when not, 2 for a wrong call
        tools/docs_check.py --commands  print the commands of the documents

@@ -6,9 +6,12 @@ usage: tools/failures_table.py --check    compare both, and the numbered places 
        tools/failures_table.py --places   print all places as tab-separated lines, for qel-where
 
 A place is a check in src/: QEL_ASSERT, QEL_FATAL_ERROR and their forms with a fixed line or text. Every
-place has exactly one row in a table of docs/failures.md whose first four columns are
+place has a row in a table of docs/failures.md whose first four columns are
 
     | code | place | text | function |
+
+and no two rows have the same four. Places that have them in common, checks of the same text in one function,
+share a row.
 
 A fixed line stands in code and place; a check without one reports its line in the source, which moves with
 the code, so its row has only the letters and the unit. The other columns of a row are written by hand.
@@ -234,8 +237,9 @@ def check():
     for fault in faults:
         print(f"error: {fault}", file=sys.stderr)
     numbered = sum(place.fixed for place in places)
+    shared = sum(count > 1 for count in collections.Counter(map(key_of_place, places)).values())
     print(f"{len(places)} places that stop the loader, {numbered} of them numbered; "
-          f"{len(rows)} rows in docs/failures.md; {len(faults)} faults")
+          f"{len(rows)} rows in docs/failures.md, {shared} of them for more than one place; {len(faults)} faults")
     return 1 if faults else 0
 
 

@@ -1,7 +1,13 @@
 #!/usr/bin/env bash
-# Style and compiler checks: formatting, warnings as errors with both compilers, clang-tidy.
+# Style and compiler checks. See tools/style.sh --help.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+if [ $# -gt 0 ]; then
+    echo "usage: tools/style.sh"
+    echo "Checks all sources: clang-format, warnings of clang++ as errors, and for src/ clang-tidy."
+    [ "$*" = --help ] && exit 0 || exit 2
+fi
 
 mapfile -t sources < <(git ls-files '*.cpp' '*.h')
 
