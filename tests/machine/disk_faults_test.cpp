@@ -122,7 +122,7 @@ TEST(PulledDisk, WhileTheSystemImageIsCopiedIsNoticedByTheNextTool)
 {
     InstallMachine machine;
     take_telling_loader(machine);
-    machine.system.push_back({"share/large", noise_file(machine, "large", 8 * mebibyte)});
+    machine.system.push_back({"share/large", noise_file(machine, "large", 4 * mebibyte)});
     make_system_image(machine.folder.path + "/qel_usr.cramfs", machine.system);
     start_install(machine);
     ASSERT_TRUE(wait_for_tool(machine, "/bin/mkdosfs /dev/disk/hdc1"));

@@ -102,7 +102,7 @@ std::string last_words(const Machine &machine)
     for (std::string line; std::getline(text, line);)
         if (line.find_first_not_of(" ") != std::string::npos) {
             before = last;
-            last = line;
+            last = line.substr(0, line.find_last_not_of(" .") + 1);
         }
     return before + " / " + last;
 }
