@@ -60,6 +60,8 @@ void *product_calloc(size_t count, size_t size);
 void *product_realloc(void *block, size_t size);
 void product_free(void *block);
 
+size_t heap_block_bytes_min = 1;
+
 static std::set<void *> blocks;
 static bool is_running; ///< what is had outside `run` stays
 

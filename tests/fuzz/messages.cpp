@@ -2,78 +2,15 @@
 // broken messages. What is sent, confirmed, handed on, returned and stopped on must be what the rules say.
 
 #include "fuzz/fuzz.h"
+#include "fuzz/rules.h"
 #include "support/fake_kernel.h"
-#include "support/link_referee.h"
 
 #include "qel_tolbrin/qel_sysmsg.h"
-
-#include <deque>
 
 namespace
 {
 
 constexpr const char *unit = "qel_tolbrin/qel_sysmsg";
-
-void put_word(Bytes &message, size_t offset, uint32_t value)
-{
-    for (size_t i = 0; i < 4 && offset + i < message.size(); i++)
-        message[offset + i] = static_cast<uint8_t>(value >> 8 * i);
-}
-
-uint32_t word(const Bytes &message, size_t offset)
-{
-    uint32_t value = 0;
-    for (size_t i = 4; i-- > 0;)
-        value = value << 8 | message[offset + i];
-    return value;
-}
-
-bool is_sequenced(uint32_t type)
-{
-    return type < 50 && LinkReferee::is_sequenced(static_cast<int>(type));
-}
-
-/// The rules of the receiving side, written down once more.
-struct Rules {
-    uint8_t awaited = 0, last = 0;
-    bool waits = false;
-    uint32_t wanted = 0, room = 0;
-    std::deque<Bytes> to_confirm, to_hand_on;
-    Bytes reply;
-
-    /// Returns the check that stops, or "".
-    std::string receive(const Bytes &message)
-    {
-        if (message.size() < 8 || word(message, 4) != message.size())
-            return "len == sysmsg->msg_size";
-        const uint32_t type = word(message, 0);
-        const uint8_t number = message.size() > 8 ? message[8] : 0;
-        if (awaited) {
-            if (type == 15 && number == awaited)
-                awaited = 0;
-            return "";
-        }
-        if (is_sequenced(type)) {
-            if (message.size() < 12)
-                return "sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)";
-            if (number == 0)
-                return "confirmed->sequence";
-            to_confirm.push_back({15, 0, 0, 0, 12, 0, 0, 0, number, 0, 0, 0});
-            if (number == last)
-                return "";
-            last = number;
-        }
-        if (!waits) {
-            to_hand_on.push_back(message);
-        } else if (type == wanted) {
-            if (message.size() > room)
-                return "sysmsg->msg_size <= wait_buf_size";
-            reply = message;
-            waits = false;
-        }
-        return "";
-    }
-};
 
 struct Peer {
     explicit Peer(FuzzedDataProvider &fuzz_input) : input(fuzz_input)
@@ -84,7 +21,7 @@ struct Peer {
     FuzzedDataProvider &input;
     FakeKernel kernel;
     qel_sysmsg_con con = {handle, take, this, poll, this};
-    Rules rules;
+    MessageRules rules;
     uint8_t next_number = 2;
     Bytes request; ///< being sent
     std::vector<long long> sent_at;

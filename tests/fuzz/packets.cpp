@@ -2,57 +2,12 @@
 // should be, and such with a fault. What is delivered, returned and stopped on must be what the rules say.
 
 #include "fuzz/fuzz.h"
-#include "support/link_referee.h"
+#include "fuzz/rules.h"
 
 #include "qel_tolbrin/qel_comms.h"
 
-#include <deque>
-
 namespace
 {
-
-/// The rules of the receiving side, written down once more, as plainly as possible.
-struct Rules {
-    explicit Rules(size_t link_packet_size) : packet_size(link_packet_size) {}
-    size_t packet_size;
-    size_t length = 0, room = 0;
-    bool has_buffer = false;
-    unsigned crc = 0;
-    Bytes message;
-    std::deque<Bytes> delivered;
-
-    /// Returns the check that stops, or "".
-    std::string take(const Bytes &packet, size_t len)
-    {
-        if (len == 0)
-            return "len > 0";
-        if (len > packet_size)
-            return "len <= comms->packet_size_max";
-        size_t header = 1;
-        if (packet[0] < 128) {
-            if (len < 7)
-                return "len > 6";
-            header = 6;
-            length = size_t{packet[0]} << 24 | size_t{packet[1]} << 16 | size_t{packet[2]} << 8 | packet[3];
-            crc = unsigned{packet[4]} * 256 + packet[5];
-            message.clear();
-            if (length > room) {
-                room = length;
-                has_buffer = length <= heap_block_bytes_max;
-            }
-            if (!has_buffer)
-                return "buf";
-        }
-        for (size_t at = header; at < packet_size && message.size() < length; at++)
-            message.push_back(packet[at]);
-        if (length > 0 && message.size() == length) {
-            if (LinkReferee::crc16(message) == crc)
-                delivered.push_back(message);
-            length = 0;
-        }
-        return "";
-    }
-};
 
 struct Receiver {
     explicit Receiver(size_t packet_size)
@@ -97,28 +52,12 @@ struct Receiver {
         return len;
     }
 
-    Rules rules;
+    PacketRules rules;
     qel_comms *comms;
     Exactly<uint8_t> tx_buffer;
     std::vector<Bytes> sent;
     std::string expected_stop;
 };
-
-/// The packets of a message by the rules of the sending side.
-std::vector<Bytes> packets_of(const Bytes &message, size_t packet_size)
-{
-    const unsigned crc = LinkReferee::crc16(message);
-    const auto size = static_cast<uint32_t>(message.size());
-    std::vector<Bytes> packets = {{static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
-                                   static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size),
-                                   static_cast<uint8_t>(crc >> 8), static_cast<uint8_t>(crc)}};
-    for (const uint8_t byte : message) {
-        if (packets.back().size() == packet_size)
-            packets.push_back({0x80});
-        packets.back().push_back(byte);
-    }
-    return packets;
-}
 
 /// Has the link send a message, with a fault on its way if there is one, and receives it.
 void send_and_receive(Receiver &receiver, FuzzedDataProvider &input)

@@ -2,6 +2,7 @@
 // the line that it says.
 
 #include "fuzz/fuzz.h"
+#include "fuzz/rules.h"
 
 #include "qel_utility/qel_filesystem/paths.h"
 
@@ -14,13 +15,6 @@ namespace
 constexpr const char *unit = "qel_utility/qel_filesystem";
 
 // ---- The model ----
-
-bool is_allowed(char c)
-{
-    const auto byte = static_cast<unsigned char>(c);
-    return byte >= 128 ||
-           (byte >= ' ' && byte <= '~' && std::string("\\:*?\"<>|").find(c) == std::string::npos);
-}
 
 size_t root_of(const std::string &s, int flavour)
 {

@@ -48,7 +48,7 @@ done
 [ ${#targets[@]} -gt 0 ] || mapfile -t targets < <(all_targets)
 
 need_packages clang libclang-rt-14-dev cmake ninja-build libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev \
-    libpng-dev libx11-dev
+    libpng-dev libx11-dev libncurses-dev libfreetype-dev
 mkdir -p "$build/findings"
 echo "building ..."
 if ! { cmake --preset fuzz -B "$build" && cmake --build "$build" --target fuzz -j "$(nproc)"; } \

@@ -1,28 +1,33 @@
 // qel-host's trace of packets: a recording that is whole, of packets that are not. Nothing in it may stop the
-// libraries, and every packet must be accounted for in the closing line.
+// libraries; the closing line must count as the rules do, and every packet and message must have its line.
 
 #include "fuzz/fuzz.h"
-#include "support/link_referee.h"
+#include "fuzz/rules.h"
 
-#include "describe.h"
 #include "recording.h"
 #include "trace.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace
 {
 
-using File = std::vector<uint8_t>;
+struct Recorded {
+    uint32_t direction;
+    Bytes packet;
+};
 
-void put(File &file, std::initializer_list<uint32_t> words)
+// ---- The recording ----
+
+void put(Bytes &file, std::initializer_list<uint32_t> words)
 {
     for (uint32_t word : words)
         for (int i = 0; i < 4; i++, word >>= 8)
             file.push_back(static_cast<uint8_t>(word));
 }
 
-void put_packet(File &file, uint32_t direction, const Bytes &packet)
+void put_packet(Bytes &file, uint32_t direction, const Bytes &packet)
 {
     const auto kept = static_cast<uint32_t>(packet.size());
     const uint32_t length = 44 + (kept + 3) / 4 * 4;
@@ -32,25 +37,82 @@ void put_packet(File &file, uint32_t direction, const Bytes &packet)
     put(file, {0x00040002, direction, 0, length});
 }
 
-/// A message in proper packets.
-void put_message(File &file, uint32_t direction, const Bytes &message)
+Bytes file_of(const std::vector<Recorded> &packets)
 {
-    const unsigned crc = LinkReferee::crc16(message);
-    const auto size = static_cast<uint16_t>(message.size());
-    Bytes packet = {0,
-                    0,
-                    static_cast<uint8_t>(size >> 8),
-                    static_cast<uint8_t>(size),
-                    static_cast<uint8_t>(crc >> 8),
-                    static_cast<uint8_t>(crc)};
-    for (const uint8_t byte : message) {
-        if (packet.size() == 35) {
-            put_packet(file, direction, packet);
-            packet = {0x80};
+    Bytes file;
+    put(file,
+        {0x0A0D0D0A, 28, 0x1A2B3C4D, 1, 0xFFFFFFFF, 0xFFFFFFFF, 28, 1, 20, recording_link_type, 64, 20});
+    for (const Recorded &recorded : packets)
+        put_packet(file, recorded.direction, recorded.packet);
+    return file;
+}
+
+std::vector<Recorded> any_packets(FuzzedDataProvider &input)
+{
+    std::vector<Recorded> packets;
+    while (input.remaining_bytes() > 0) {
+        const auto direction = input.ConsumeIntegralInRange<uint32_t>(0, 3);
+        if (input.ConsumeBool()) {
+            packets.push_back(
+                {direction, input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(0, 64))});
+            continue;
         }
-        packet.push_back(byte);
+        Bytes message = input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(1, 1200));
+        if (message.size() >= 8 && input.ConsumeBool()) { // of the size that it says
+            message[1] = message[2] = message[3] = 0;
+            put_word(message, 4, static_cast<uint32_t>(message.size()));
+        }
+        if (!message.empty())
+            for (const Bytes &packet : packets_of(message))
+                packets.push_back({direction, packet});
     }
-    put_packet(file, direction, packet);
+    return packets;
+}
+
+// ---- What must be printed ----
+
+struct Expected {
+    std::string closing;
+    unsigned lines;
+};
+
+Expected expected_of(const std::vector<Recorded> &packets)
+{
+    size_t bytes = 0;
+    for (const Recorded &recorded : packets)
+        bytes += recorded.packet.size();
+    GuardedPacketRules sum, directions[3]; // neither of the two, and unknown, are one
+    for (const Recorded &recorded : packets) {
+        GuardedPacketRules &direction = directions[recorded.direction % 3];
+        direction.message_bytes_max = bytes;
+        direction.take(recorded.packet);
+    }
+    for (const GuardedPacketRules &direction : directions) {
+        sum.messages += direction.messages;
+        sum.crc_wrong += direction.crc_wrong;
+        sum.interrupted += direction.interrupted + (direction.packets.length > 0);
+        sum.stray += direction.stray;
+        sum.refused += direction.refused;
+    }
+    return {std::to_string(packets.size()) + " packets, " + std::to_string(sum.messages) + " messages; " +
+                std::to_string(sum.crc_wrong) + " dropped by CRC, " + std::to_string(sum.interrupted) +
+                " not complete, " + std::to_string(sum.stray) + " packets without a message, " +
+                std::to_string(sum.refused) + " refused\n",
+            static_cast<unsigned>(packets.size()) + sum.messages + sum.crc_wrong + 1};
+}
+
+std::string trace_of(const Bytes &file)
+{
+    char *text = nullptr;
+    size_t size = 0;
+    FILE *out = open_memstream(&text, &size);
+    const Outcome outcome =
+        run([&] { require(trace_recording(file, {}, out), "a recording that is whole"); });
+    require(!outcome.stopped, "a stop", outcome.text);
+    fclose(out);
+    std::string traced(text, size);
+    free(text);
+    return traced;
 }
 
 } // namespace
@@ -61,27 +123,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static const bool nothing_is_no_recording = !trace_recording({}, {}, stdout);
     require(nothing_is_no_recording, "an empty file");
     FuzzedDataProvider input(data, size);
-    File file;
-    put(file,
-        {0x0A0D0D0A, 28, 0x1A2B3C4D, 1, 0xFFFFFFFF, 0xFFFFFFFF, 28, 1, 20, recording_link_type, 64, 20});
-    while (input.remaining_bytes() > 0) {
-        const auto direction = input.ConsumeIntegralInRange<uint32_t>(0, 3);
-        if (input.ConsumeBool()) {
-            put_packet(file, direction,
-                       input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(0, 64)));
-            continue;
-        }
-        Bytes message = input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(1, 1200));
-        if (message.size() >= 8 && input.ConsumeBool()) { // of the size that it says
-            message[1] = message[2] = message[3] = message[6] = message[7] = 0;
-            message[4] = static_cast<uint8_t>(message.size());
-            message[5] = static_cast<uint8_t>(message.size() >> 8);
-        }
-        if (!message.empty())
-            put_message(file, direction, message);
-    }
-    const Outcome outcome =
-        run([&] { require(trace_recording(file, {}, stdout), "a recording that is whole"); });
-    require(!outcome.stopped, "a stop", outcome.text);
+    const std::vector<Recorded> packets = any_packets(input);
+    const std::string traced = trace_of(file_of(packets));
+    const Expected expected = expected_of(packets);
+    const size_t end = traced.rfind('\n', traced.size() - 2) + 1; // npos + 1 is 0
+    require(traced.substr(end) == expected.closing, "the closing line", traced.substr(end), expected.closing);
+    const auto lines = static_cast<unsigned>(std::count(traced.begin(), traced.end(), '\n'));
+    require(lines == expected.lines, "lines", std::to_string(lines), std::to_string(expected.lines));
     return 0;
 }

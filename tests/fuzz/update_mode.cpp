@@ -1,15 +1,17 @@
 // The whole stack of the update mode, from the device to the handler, and a host that sends anything:
 // records of 1 to 64 bytes as they are, messages in proper packets, and such with a lost or damaged packet.
-// Only the stops that a peer can cause may happen; an updater is written as its message says, and tried.
+// Stops must come where the rules of packets and messages say, and no others; an updater is written as its
+// message says, and tried, and nothing else is.
 
 #include "fuzz/fuzz.h"
+#include "fuzz/rules.h"
 #include "support/fake_kernel.h"
-#include "support/link_referee.h"
 
 #include "qel_application_loader/update_mode.h"
 #include "qel_tolbrin/qel_sysmsg.h"
 
 #include <errno.h>
+#include <fcntl.h>
 
 #include <deque>
 
@@ -18,14 +20,23 @@ namespace
 
 enum { link_file = 500, lcd_file = 501, updater_file = 502 };
 
+/// What the records that were read so far must lead to.
+struct Expected {
+    const char *unit = "";
+    std::string stop; ///< the check, or ""
+    Bytes updater;    ///< the message, or nothing
+};
+
 /// The board's devices, and a clock that goes on with each look for a stick.
 struct Board {
-    explicit Board(FuzzedDataProvider &fuzz_input) : input(fuzz_input)
+    Board(FuzzedDataProvider &fuzz_input, Expected &to_expect) : input(fuzz_input), expected(to_expect)
     {
         kernel.set_time(1000);
-        kernel.on_open = [](const char *path, int, mode_t) {
+        kernel.on_open = [](const char *path, int flags, mode_t mode) {
             const std::string name = path;
-            return name == "/tmp/updater" ? updater_file : name == "/dev/qellpc_lcd" ? lcd_file : link_file;
+            const bool is_updater = name == "/tmp/updater";
+            require(!is_updater || (flags == (O_WRONLY | O_CREAT) && mode == 0755), "how it is opened");
+            return is_updater ? updater_file : name == "/dev/qellpc_lcd" ? lcd_file : link_file;
         };
         kernel.on_close = [](int) { return 0; };
         kernel.on_access = [this](const char *, int) { return look_for_stick(); };
@@ -33,14 +44,19 @@ struct Board {
         kernel.on_write = [this](int file, const void *bytes, size_t size) {
             return take(file, static_cast<const uint8_t *>(bytes), size);
         };
-        kernel.on_execve = [this](auto...) -> int {
+        kernel.on_execve = [this](const char *path, auto...) -> int {
             require(wrote_updater, "an updater that was not written");
+            require(path == std::string("/tmp/updater"), "what is executed", path);
             throw LeftProduct();
         };
     }
 
     FuzzedDataProvider &input;
+    Expected &expected;
     FakeKernel kernel;
+    PacketRules packets{35};
+    MessageRules messages;
+    Bytes buffer = Bytes(64);  ///< that of the transport, which is empty when it begins to read
     std::deque<Bytes> records; ///< under way to the loader
     bool wrote_updater = false;
 
@@ -66,18 +82,9 @@ struct Board {
             qel_sysmsg_put32(message.data(), 0, input.PickValueInArray<uint32_t>({5, 5, 10, 15, 22, 30}));
             qel_sysmsg_put32(message.data(), 4, static_cast<uint32_t>(message.size()));
         }
-        const unsigned crc = LinkReferee::crc16(message);
-        const auto size = static_cast<uint8_t>(message.size());
-        Bytes packet = {0, 0, 0, size, static_cast<uint8_t>(crc >> 8), static_cast<uint8_t>(crc)};
         const uint8_t fault = input.ConsumeIntegral<uint8_t>();
-        for (const uint8_t byte : message) {
-            if (packet.size() == 35) {
-                records.push_back(packet);
-                packet = {0x80};
-            }
-            packet.push_back(byte);
-        }
-        records.push_back(packet);
+        for (const Bytes &packet : packets_of(message))
+            records.push_back(packet);
         if (fault < 16)
             records[fault % records.size()][0] ^= 0x80;
         else if (fault < 32)
@@ -87,20 +94,58 @@ struct Board {
     ssize_t read_record(void *bytes, size_t size)
     {
         require(size == 64, "room for a record", std::to_string(size));
+        require(expected.stop.empty(), "no stop", "", expected.stop);
+        require(expected.updater.empty(), "not tried", "", hex_of(expected.updater));
         if (records.empty()) {
+            buffer.assign(64, 0);
             errno = EAGAIN;
             return -1;
         }
         const Bytes record = records.front();
         records.pop_front();
         std::copy(record.begin(), record.end(), static_cast<uint8_t *>(bytes));
+        expect(record);
         return static_cast<ssize_t>(record.size());
+    }
+
+    void expect(const Bytes &record)
+    {
+        if (record.empty()) { // ends the reading
+            buffer.assign(64, 0);
+            return;
+        }
+        std::copy(record.begin(), record.end(), buffer.begin());
+        expected.unit = "qel_tolbrin/qel_comms";
+        expected.stop = packets.take(buffer, record.size());
+        if (packets.delivered.empty())
+            return;
+        expected.unit = "qel_tolbrin/qel_sysmsg";
+        expected.stop = messages.receive(packets.delivered.front());
+        packets.delivered.clear();
+        if (!messages.to_hand_on.empty() && word(messages.to_hand_on.front(), 0) == 10)
+            expected.updater = messages.to_hand_on.front();
+        messages.to_hand_on.clear();
+    }
+
+    /// As many bytes as the message says; of those, the ones that it has. One that ends before its length
+    /// says what lies in memory.
+    void take_updater(const uint8_t *bytes, size_t size)
+    {
+        const Bytes &message = expected.updater;
+        require(!message.empty() && !wrote_updater, "an updater without a message", std::to_string(size));
+        wrote_updater = true;
+        if (message.size() < 12)
+            return;
+        require(size == word(message, 8), "its length", std::to_string(size), hex_of(message));
+        const size_t count = std::min(size, message.size() - 12);
+        require(std::equal(bytes, bytes + count, message.begin() + 12), "its bytes", hex_of(bytes, count),
+                hex_of(message));
     }
 
     ssize_t take(int file, const uint8_t *bytes, size_t size)
     {
-        // What an updater's length claims may not be there; the kernel would look before it reads.
-        wrote_updater = wrote_updater || file == updater_file;
+        if (file == updater_file)
+            take_updater(bytes, size);
         if (file == link_file) {
             const Bytes packet(bytes, bytes + size);
             require(size > 6 && size <= 35, "the size of a packet", hex_of(packet));
@@ -117,17 +162,20 @@ struct Board {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    heap_block_bytes_min = 12; // the handler reads a message's value also where the message ends before it
     FuzzedDataProvider input(data, size);
+    Expected expected;
+    bool has_left = false;
     const Outcome outcome = run([&] {
-        Board board(input);
+        Board board(input, expected);
         try {
             qel_run_update_mode();
         } catch (const LeftProduct &) {
-            // the updater has taken over
+            has_left = true; // the updater has taken over
         }
     });
-    require_documented(outcome, outcome.unit.c_str(),
-                       {"len > 6", "len <= comms->packet_size_max", "buf", "len == sysmsg->msg_size",
-                        "sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)", "confirmed->sequence"});
+    require(outcome.text == expected.stop, "the stop", outcome.text, expected.stop);
+    require(!outcome.stopped || outcome.unit == expected.unit, "its unit", outcome.unit, expected.unit);
+    require(has_left == !expected.updater.empty(), "the updater's turn", "", hex_of(expected.updater));
     return 0;
 }
