@@ -6,6 +6,7 @@
 #include "view.h"
 
 #include "cabinet/images.h"
+#include "cabinet/lcd.h"
 #include "cabinet/screen.h"
 
 #include "recording.h"
@@ -26,6 +27,7 @@ struct Options {
     double seconds = 0; ///< 0: until Ctrl-C
     bool shell = false;
     std::string screenshot;
+    std::string lcd_screenshot;
     std::string link;
     std::string record;
     std::string target = targets.front();
@@ -58,6 +60,7 @@ Options parse(int argc, char **argv)
     app.add_option(
         "--screenshot", options.screenshot,
         "write what the cabinet's screen shows as a PNG file; ends then, if --seconds is not given");
+    app.add_option("--lcd-screenshot", options.lcd_screenshot, lcd_screenshot_help);
     app.add_option("--link", options.link,
                    "make a UNIX socket at this path for the host's end of the host link");
     app.add_option("--record", options.record, "record the host link to this pcapng file");
@@ -183,6 +186,8 @@ bool run(const Options &options, const CabinetSetup &setup, View &view)
     }
     give_terminal_back(terminal);
     close_panel(view);
+    if (!options.lcd_screenshot.empty())
+        write_png(draw_lcd(lcd_dots(cabinet.board)), options.lcd_screenshot);
     if (recording != nullptr)
         fclose(recording);
     int runs = count_starts(cabinet, "/storage/");

@@ -6,6 +6,7 @@
 #include "view.h"
 
 #include "cabinet/images.h"
+#include "cabinet/lcd.h"
 
 #include <CLI/CLI.hpp>
 
@@ -21,6 +22,7 @@ struct Options {
     std::string updater = SAMPLE_UPDATER;
     int mode = 3;
     double seconds = 10;
+    std::string lcd_screenshot;
     std::string record;
     std::string target = targets.front();
     bool plain = false;
@@ -45,6 +47,7 @@ Options parse(int argc, char **argv)
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
     add_target(app, options.target);
+    app.add_option("--lcd-screenshot", options.lcd_screenshot, lcd_screenshot_help);
     app.add_option("--record", options.record, "record the link to this pcapng file");
     app.add_flag("--plain", options.plain, plain_help);
     app.footer("The link takes about 2 kB a second: an updater of 100 kB is under way for 45 seconds.");
@@ -167,6 +170,8 @@ bool update(const Options &options, const CabinetSetup &setup, View &view)
         view, cabinet, [] { return false; }, options.seconds);
     std::string words = look_inside(cabinet, "tr '\\0' ' ' </proc/1/cmdline");
     close_panel(view);
+    if (!options.lcd_screenshot.empty())
+        write_png(draw_lcd(lcd_dots(cabinet.board)), options.lcd_screenshot);
     show_line(view, uptime(cabinet), "machine", "process 1 is now: " + words);
     return words.find("/tmp/updater") != std::string::npos;
 }

@@ -8,6 +8,7 @@
 
 const char *const plain_help =
     "show lines also on a terminal, where otherwise a panel is drawn if there is room";
+const char *const lcd_screenshot_help = "write what the board's display shows at the end as a PNG file";
 
 struct View {
     FILE *out = stdout;

@@ -8,7 +8,8 @@
 namespace
 {
 
-const unsigned char continuation = 20, read_block = 4, get_mode = 5, read_number = 14;
+const unsigned char continuation = 20, read_block = 4, get_mode = 5, read_number = 14, graphics_address = 11,
+                    graphics_data = 12;
 const size_t block_bytes = 64;
 
 unsigned char byte_at(const std::string &bytes, size_t index)
@@ -36,6 +37,28 @@ std::optional<std::string> answer_to(const Board &board, const std::string &comm
     }
 }
 
+/// A byte is a column of 8 dots, its bit 0 on top. What does not fit beside column 127 or below row 63 is
+/// lost.
+void draw_column(Board &board, unsigned char byte)
+{
+    const unsigned band_rows = 8;
+    if (board.column < bitmap_columns && board.band < bitmap_rows / band_rows)
+        for (unsigned bit = 0; bit < band_rows; ++bit)
+            set_dot(board.picture, board.column, board.band * band_rows + bit, (byte >> bit & 1) != 0);
+    ++board.column;
+}
+
+void take_graphics(Board &board, const std::string &command)
+{
+    if (byte_at(command, 0) == graphics_address && command.size() == 3) {
+        board.band = byte_at(command, 1);
+        board.column = byte_at(command, 2);
+    }
+    if (byte_at(command, 0) == graphics_data)
+        for (size_t i = 1; i < command.size(); ++i)
+            draw_column(board, byte_at(command, i));
+}
+
 const char *name_of(unsigned char number)
 {
     switch (number) {
@@ -50,9 +73,9 @@ const char *name_of(unsigned char number)
         return "send text";
     case 9:
         return "set values";
-    case 11:
+    case graphics_address:
         return "graphics address";
-    case 12:
+    case graphics_data:
         return "graphics data";
     case read_number:
         return "read number";
@@ -72,6 +95,7 @@ bool take_command_record(Board &board, const std::string &record, std::string &c
     }
     command = record.substr(0, 1) + board.continued + record.substr(1);
     board.continued.clear();
+    take_graphics(board, command);
     answer = answer_to(board, command);
     return true;
 }

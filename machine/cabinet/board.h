@@ -3,6 +3,8 @@
 // the machine is started from.
 #pragma once
 
+#include "bitmap.h"
+
 #include <array>
 #include <functional>
 #include <optional>
@@ -16,6 +18,10 @@ struct Board {
     int mode = 1;                   ///< the answer to command 5; bit 0 = console, bit 1 = update mode
     std::string number = "1234";    ///< the answer to command 14, as text
     std::array<std::string, 4> lcd; ///< the rows of the display as last written
+
+    Bitmap picture = {}; ///< the dots behind the text, as commands 11 and 12 have set them
+    unsigned band = 0;   ///< where the next bytes of command 12 go
+    unsigned column = 0;
 
     /// Answers in place of the board when set; an empty result leaves the command unanswered.
     std::function<std::optional<std::string>(const std::string &command)> answer_instead;

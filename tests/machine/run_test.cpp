@@ -93,15 +93,19 @@ TEST(Run, PutsAFoldersFilesOnAStick)
               std::string::npos);
 }
 
-TEST(Run, WritesAPictureOfTheScreen)
+TEST(Run, WritesPicturesOfTheScreenAndOfTheDisplay)
 {
     ScratchFolder folder;
     int status = -1;
-    std::string output = run_with({"--screenshot", folder.path + "/screen.png"}, status);
+    std::string output = run_with(
+        {"--screenshot", folder.path + "/screen.png", "--lcd-screenshot", folder.path + "/lcd.png"}, status);
     EXPECT_EQ(status, 0) << output;
     std::string picture = read_file(folder.path + "/screen.png");
     EXPECT_EQ(picture.substr(0, 8), "\x89PNG\r\n\x1a\n");
     EXPECT_EQ(picture.substr(12, 12), std::string("IHDR\0\0\x03\x20\0\0\x02\x58", 12)); // 800 by 600
+    picture = read_file(folder.path + "/lcd.png");
+    EXPECT_EQ(picture.substr(0, 8), "\x89PNG\r\n\x1a\n");
+    EXPECT_EQ(picture.substr(12, 12), std::string("IHDR\0\0\x02\xe8\0\0\x01\x58", 12)); // 744 by 344
 }
 
 TEST(Run, RefusesAnOptionItDoesNotKnow)
