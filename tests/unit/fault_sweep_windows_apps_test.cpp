@@ -171,13 +171,16 @@ std::string install_apps(Ground &ground)
 #define APP_LINKED   "/storage/win_apps/app/reg_keys/s.reg -> /qel_home/.wine/reg_keys/s.reg\n"
 #define KEY_IMPORTED "Attemping to import registry file: /qel_home/.wine/reg_keys/s.reg\n"
 
-/// The folders of a walk that ends before its file, from `ends` open ones on, then the empty reg_keys.
+/// The rest of a walk that ends before its file, with `ends` open folders to be read to their ends; the
+/// outermost stays open until the empty reg_keys has been read.
 std::vector<std::string> nothing_linked(int ends)
 {
     std::vector<std::string> calls;
-    for (int i = 0; i < ends; i++)
+    for (int i = 1; i < ends; i++)
         calls.insert(calls.end(), {"readdir", "closedir"});
-    calls.insert(calls.end(), {"opendir /qel_home/.wine/reg_keys", "readdir", "closedir"});
+    if (ends > 0)
+        calls.push_back("readdir");
+    calls.insert(calls.end(), {"opendir /qel_home/.wine/reg_keys", "readdir", "closedir", "closedir"});
     return calls;
 }
 
@@ -203,35 +206,36 @@ Rule hidden_folder(const std::string &folder)
 
 const std::vector<Scenario> wholes = {
     {"InstallWindowsApps", NO_LINK " reg_keys/s.reg", install_apps,
-     rules_of({tool_rules(START APP_FOLDER APP_FILE APP_LINKED KEY_IMPORTED WINE_EXIT FINISHED),
-               {// There are none in the first place.
-                {"opendir /storage/archives", any_fault, ignored()},
-                {"opendir /storage/win_apps", any_fault, gives(NO_LINK).prints(START FINISHED)},
-                {"opendir /storage/win_apps/app", any_fault,
-                 gives(NO_LINK).then(nothing_linked(1)).prints(START FINISHED)},
-                {"opendir /storage/win_apps/app/reg_keys", any_fault,
-                 gives(NO_LINK).then(nothing_linked(2)).prints(START APP_FOLDER FINISHED)},
-                {"opendir /qel_home/.wine/reg_keys", any_fault, ignored().then({}).unprinted(KEY_IMPORTED)},
-                // The applications, the application, its folder; then their ends; then the imports.
-                {"readdir #1", any_fault,
-                 gives(NO_LINK).then(closed_and(nothing_linked(0))).prints(START FINISHED)},
-                {"readdir #2", any_fault,
-                 gives(NO_LINK).then(closed_and(nothing_linked(1))).prints(START FINISHED)},
-                {"readdir #3", any_fault,
-                 gives(NO_LINK).then(closed_and(nothing_linked(2))).prints(START APP_FOLDER FINISHED)},
-                {"readdir #7", any_fault, ignored().then({"closedir"}).unprinted(KEY_IMPORTED)},
-                {"readdir", any_fault, ignored()},
-                {"closedir", any_fault, ignored()},
-                hidden_folder("/qel_home"),
-                hidden_folder("/qel_home/.wine"),
-                hidden_folder("/qel_home/.wine/reg_keys"),
-                {"unlink *", any_fault, ignored()},
-                {"symlink *", error({EEXIST}),
-                 gives(NO_LINK)
-                     .then(nothing_linked(3))
-                     .prints(START APP_FOLDER APP_FILE APP_LINKED
-                             "symlink error : EEXIST\nerror code : 17\n" FINISHED)},
-                {"symlink *", any_fault, stops(not_eexist, filesystem_unit, 1892).whatever_follows()}}})},
+     rules_of(
+         {tool_rules(START APP_FOLDER APP_FILE APP_LINKED KEY_IMPORTED WINE_EXIT FINISHED),
+          {// There are none in the first place.
+           {"opendir /storage/archives", any_fault, ignored()},
+           {"opendir /storage/win_apps", any_fault, gives(NO_LINK).prints(START FINISHED)},
+           {"opendir /storage/win_apps/app", any_fault,
+            gives(NO_LINK).then(nothing_linked(1)).prints(START FINISHED)},
+           {"opendir /storage/win_apps/app/reg_keys", any_fault,
+            gives(NO_LINK).then(nothing_linked(2)).prints(START APP_FOLDER FINISHED)},
+           {"opendir /qel_home/.wine/reg_keys", any_fault,
+            ignored().then({"closedir"}).unprinted(KEY_IMPORTED)},
+           // The applications, the application, its folder; then their ends, but for the first; the imports.
+           {"readdir #1", any_fault, gives(NO_LINK).then(nothing_linked(0)).prints(START FINISHED)},
+           {"readdir #2", any_fault,
+            gives(NO_LINK).then(closed_and(nothing_linked(1))).prints(START FINISHED)},
+           {"readdir #3", any_fault,
+            gives(NO_LINK).then(closed_and(nothing_linked(2))).prints(START APP_FOLDER FINISHED)},
+           {"readdir #7", any_fault, ignored().then({"closedir", "closedir"}).unprinted(KEY_IMPORTED)},
+           {"readdir", any_fault, ignored()},
+           {"closedir", any_fault, ignored()},
+           hidden_folder("/qel_home"),
+           hidden_folder("/qel_home/.wine"),
+           hidden_folder("/qel_home/.wine/reg_keys"),
+           {"unlink *", any_fault, ignored()},
+           {"symlink *", error({EEXIST}),
+            gives(NO_LINK)
+                .then(nothing_linked(3))
+                .prints(START APP_FOLDER APP_FILE APP_LINKED
+                        "symlink error : EEXIST\nerror code : 17\n" FINISHED)},
+           {"symlink *", any_fault, stops(not_eexist, filesystem_unit, 1892).whatever_follows()}}})},
 };
 
 } // namespace

@@ -13,24 +13,28 @@
 #define WIN_APPS    "/storage/win_apps"
 #define WINE_PREFIX "/qel_home/.wine"
 
-/// Calls `visit(path, name, is_folder, context)` for each entry of `folder` but "." and "..". Returns 0
-/// when the folder cannot be opened, else 1.
-static int _for_each_entry(const char *folder,
-                           void (*visit)(const char *path, const char *name, int is_folder,
-                                         const char *context),
-                           const char *context)
+/// What is done with an entry of a folder.
+typedef void _visit_function(const char *path, const char *name, int is_folder, const char *context);
+
+/// Calls `visit(path, name, is_folder, context)` for each entry of an open folder but "." and "..".
+static void _visit_entries(DIR *dir, const char *folder, _visit_function *visit, const char *context)
 {
-    DIR *dir = opendir(folder);
-    if (!dir)
-        return 0;
     const struct dirent *entry;
     while ((entry = _qel_next_entry(dir))) {
         char path[tree_path_bytes];
         _qel_join_path(path, sizeof path, folder, entry->d_name);
         visit(path, entry->d_name, entry->d_type == DT_DIR, context);
     }
+}
+
+/// The same for a folder by its path. One that cannot be opened has no entries.
+static void _for_each_entry(const char *folder, _visit_function *visit, const char *context)
+{
+    DIR *dir = opendir(folder);
+    if (!dir)
+        return;
+    _visit_entries(dir, folder, visit, context);
     closedir(dir);
-    return 1;
 }
 
 // ---- Unpacking ----
@@ -105,7 +109,11 @@ int qel_install_windows_apps(void)
     _for_each_entry(ARCHIVES, _unpack_archive, nullptr);
 
     puts("Installing Windows application files and registry keys...");
-    if (_for_each_entry(WIN_APPS, _install_app, WINE_PREFIX))
+    DIR *win_apps = opendir(WIN_APPS);
+    if (win_apps) {
+        _visit_entries(win_apps, WIN_APPS, _install_app, WINE_PREFIX);
         qel_import_reg_files(WINE_PREFIX "/reg_keys");
+        closedir(win_apps);
+    }
     return puts("...Finished installing Windows applications.");
 }
