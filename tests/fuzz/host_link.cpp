@@ -1,12 +1,11 @@
 // qel-host's end of the link and a peer that sends anything while qel-host asks, sends and listens. Whatever
-// comes, no check of the libraries may stop it, and what reaches a command is the message that came last, as
-// long as its type is.
+// comes, no check of the libraries may stop it; what breaks the rules is refused, nothing else is, and what
+// reaches a command is the message that came last.
 
 #include "fuzz/fuzz.h"
 #include "fuzz/rules.h"
 #include "support/fake_kernel.h"
 
-#include "catalogue.h"
 #include "link.h"
 
 #include <map>
@@ -26,9 +25,11 @@ const std::map<uint32_t, size_t> sizes = {
 const std::map<uint32_t, size_t> blocks = {{2, 12}, {7, 12},  {8, 12},  {10, 8},  {14, 12},
                                            {16, 8}, {17, 12}, {47, 12}, {48, 12}, {49, 12}};
 
-/// Whether a message of 8 bytes or more may reach a command.
+/// Whether a message may reach a command.
 bool is_proper(const Bytes &message)
 {
+    if (message.size() < 8)
+        return false;
     const uint32_t type = word(message, 0);
     const auto size = sizes.find(type);
     const auto block = blocks.find(type);
@@ -49,18 +50,30 @@ void add_message(std::deque<std::vector<uint8_t>> &records, const Bytes &message
         records.push_back(packet);
 }
 
-/// A message of type `likely`, or of another; half of them are as long as they say.
+/// A message of type `likely`, or of another; most have the size and the length of their block that they
+/// should have, or nearly.
 Bytes any_message(FuzzedDataProvider &input, uint32_t likely)
 {
     Bytes message = input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(1, 700));
     message.resize(std::max<size_t>(message.size(), 12));
-    const CatalogueMessage *known = catalogue_find(likely);
-    if (known && known->size && input.ConsumeBool())
-        message.resize(known->size);
-    if (input.ConsumeIntegral<uint8_t>() > 64)
-        qel_sysmsg_put32(message.data(), 0, likely);
-    if (input.ConsumeIntegral<uint8_t>() > 32)
-        qel_sysmsg_put32(message.data(), 4, static_cast<uint32_t>(message.size()));
+    const bool has_its_size = sizes.count(likely) && input.ConsumeBool();
+    const auto type_choice = input.ConsumeIntegral<uint8_t>();
+    const auto length_choice = input.ConsumeIntegral<uint8_t>();
+    if (type_choice > 64)
+        put_word(message, 0, likely);
+    else if (type_choice < 50)
+        put_word(message, 0, type_choice);
+    const uint32_t type = word(message, 0);
+    if (has_its_size && sizes.count(type))
+        message.resize(sizes.at(type));
+    if (length_choice > 32)
+        put_word(message, 4, static_cast<uint32_t>(message.size()));
+    if (length_choice > 96 && blocks.count(type)) {
+        const auto head = static_cast<uint32_t>(blocks.at(type)) + 4;
+        const uint32_t off = length_choice < 240 ? 0 : length_choice - 248u;
+        put_word(message, head - 4,
+                 (static_cast<uint32_t>(message.size()) - head + off) / (type == 14 ? 4 : 1));
+    }
     return message;
 }
 
@@ -79,8 +92,10 @@ struct Host {
         link.reassembly.message_bytes_max = heap_block_bytes_max; // what this computer has
         rules.message_bytes_max = heap_block_bytes_max;
         link.transport.on_record = [this, take = link.transport.on_record](std::span<const uint8_t> record) {
-            rules.take(Bytes(record.begin(), record.end()));
+            expect(Bytes(record.begin(), record.end()));
             take(record);
+            require(link.counts.refused == refused, "refused", std::to_string(link.counts.refused),
+                    std::to_string(refused));
         };
     }
 
@@ -88,8 +103,21 @@ struct Host {
     FakeKernel kernel;
     Link link;
     GuardedPacketRules rules;
+    uint64_t refused = 0; ///< packets and messages that must have been, so far
     uint32_t likely = 38; ///< the type that the peer would send
     uint8_t asked = 0;    ///< number of the last question
+
+    void expect(const Bytes &packet)
+    {
+        const unsigned messages_before = rules.messages, refused_before = rules.refused;
+        rules.take(packet);
+        refused += rules.refused - refused_before;
+        if (rules.messages == messages_before)
+            return;
+        const bool is_too_long = is_proper(rules.message) && word(rules.message, 0) == link.reply_type &&
+                                 rules.message.size() > link.reply_bytes_max;
+        refused += !is_proper(rules.message) || is_too_long;
+    }
 
     /// Called when the link finds nothing to read: time goes on, and something comes.
     void bring_input()
