@@ -54,11 +54,12 @@ void add_message(std::deque<std::vector<uint8_t>> &records, const Bytes &message
 /// should have, or nearly.
 Bytes any_message(FuzzedDataProvider &input, uint32_t likely)
 {
-    Bytes message = input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(1, 700));
-    message.resize(std::max<size_t>(message.size(), 12));
-    const bool has_its_size = sizes.count(likely) && input.ConsumeBool();
+    // The bytes last: they may take all that is left.
+    const bool has_its_size = input.ConsumeBool();
     const auto type_choice = input.ConsumeIntegral<uint8_t>();
     const auto length_choice = input.ConsumeIntegral<uint8_t>();
+    Bytes message = input.ConsumeBytes<uint8_t>(input.ConsumeIntegralInRange<size_t>(1, 700));
+    message.resize(std::max<size_t>(message.size(), 12));
     if (type_choice > 64)
         put_word(message, 0, likely);
     else if (type_choice < 50)
