@@ -205,7 +205,7 @@ static Contest start_of_commands_contest()
             {{"product", starts({subject("bench_library"), "remove", empty})},
              {"minimal loop", starts({subject("bench_minimal"), "remove", empty})},
              {"rm -rf", starts({"rm", "-rf", empty})},
-             {"dd", starts({"dd", "if=/dev/null", "of=" + target, "status=none"})},
+             {"dd", starts({"dd", "if=/dev/null", "of=" + target + "_file", "status=none"})},
              {"cp -a", starts({"cp", "-a", empty, target})},
              {"rsync -a", starts({"rsync", "-a", empty + "/", target})},
              {"find", starts({"find", empty})},
