@@ -71,7 +71,7 @@ const std::vector<Scenario> unpacking = {
                  gives("/storage: archives/ archives/app.pkg win_apps/").goes_on()},
                 // Without applications there are no registry files to import.
                 {"opendir /storage/win_apps", any_fault, ignored().then({})},
-                {"opendir /qel_home/.wine/reg_keys", any_fault, ignored().then({})},
+                {"opendir /qel_home/.wine/reg_keys", any_fault, ignored().then({"closedir"})},
                 {"readdir", any_fault, ignored()},
                 {"closedir", any_fault, ignored()}}})},
 };

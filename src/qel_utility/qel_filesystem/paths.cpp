@@ -15,8 +15,19 @@ enum { unix_flavour = 0, dos_flavour = 1 };
 /// 1 when the byte may stand in a path; the slash may.
 static int _is_allowed(char character)
 {
-    unsigned char byte = (unsigned char)character;
-    return byte >= 128 || (isprint(byte) && !strchr("\\:*?\"<>|", byte));
+    switch (character) {
+    case '\\':
+    case ':':
+    case '*':
+    case '?':
+    case '"':
+    case '<':
+    case '>':
+    case '|':
+        return 0;
+    default:
+        return (unsigned char)character >= ' ' && character != '\x7F';
+    }
 }
 
 static void _replace_all(char *s, char from, char to)
@@ -29,9 +40,21 @@ static void _replace_all(char *s, char from, char to)
 
 // ---- Internal to the library ----
 
+/// Puts as much of `text` to `end` as there is room for before `last`. Returns the new end.
+static char *_append(char *end, const char *last, const char *text)
+{
+    size_t count = strnlen(text, (size_t)(last - end));
+    memcpy(end, text, count);
+    return end + count;
+}
+
 void _qel_join_path(char *path, int size, const char *folder, const char *name)
 {
-    snprintf(path, (size_t)size, "%s/%s", folder, name);
+    const char *last = path + size - 1;
+    char *end = _append(path, last, folder);
+    end = _append(end, last, "/");
+    end = _append(end, last, name);
+    *end = '\0';
 }
 
 const char *_qel_base_name(const char *path)
