@@ -170,15 +170,18 @@ static double time_supervised_restarts(const std::string &supervisor, const Comm
 static void add_restart_contests(std::vector<Contest> &contests)
 {
     const auto product = [] { return time_own_restarts(subject("bench_loader"), {"/init"}); };
-    const auto bare = [] {
-        return time_own_restarts(subject("bench_minimal"), {"/init", "restart", application});
+    const auto bare = [](const std::string &loop) {
+        return [loop] { return time_own_restarts(subject("bench_minimal"), {"/init", loop, application}); };
     };
     const auto supervised = [](const std::string &supervisor, const Command &command) {
         return [supervisor, command] { return time_supervised_restarts(supervisor, command); };
     };
-    contests.push_back({"restart of the application",
-                        "ms",
-                        {{"product", product}, {"bare fork, execve, waitpid", bare, 1.05}}});
+    contests.push_back(
+        {"restart of the application",
+         "ms",
+         {{"product", product},
+          {"bare fork, execve, waitpid", bare("restart"), 1.05, "without what comes before each start"},
+          {"minimal loop, same calls", bare("restart-prepared")}}});
     const std::string pause = "waits a second after a short run";
     contests.push_back({"restart, beside supervisors",
                         "ms",

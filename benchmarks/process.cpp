@@ -119,8 +119,12 @@ std::vector<std::string> libraries_of(const std::string &program)
     dup2(beat_copy, beat_descriptor);
     close_range(3, beat_descriptor - 1, 0);
     close_range(go_descriptor + 1, ~0U, 0);
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(0, &one);
     char byte;
-    if (prctl(PR_SET_PDEATHSIG, SIGKILL) || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
+    if (sched_setaffinity(0, sizeof one, &one) || prctl(PR_SET_PDEATHSIG, SIGKILL) ||
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) ||
         mount(root, root, nullptr, MS_BIND, nullptr) || chdir(root) || syscall(SYS_pivot_root, ".", ".") ||
         umount2(".", MNT_DETACH) || chdir("/") || read(go_descriptor, &byte, 1) != 1)
         _exit(98);

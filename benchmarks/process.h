@@ -24,7 +24,8 @@ std::vector<std::string> libraries_of(const std::string &program);
 std::vector<std::string> lines_of(const std::string &path);
 
 /// Process 1 of new mount and process namespaces, with `root` as its root, descriptor 9 as the way to tell
-/// (beats), and nothing on its console. It waits for go() before it becomes the program.
+/// (beats), and nothing on its console. Like a cabinet, it and all that it starts have one processor. It
+/// waits for go() before it becomes the program.
 class FirstProcess
 {
   public:

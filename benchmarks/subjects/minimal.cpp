@@ -68,11 +68,27 @@ static int _remove(const char *tree)
 
 // ---- Restarting: fork, execve, waitpid ----
 
-[[noreturn]] static void _restart(const char *program)
+/// What has to come before each start: the Wine prefix goes, a line is shown.
+static void _prepare(const char *program)
+{
+    const char prefix[] = "/qel_home/.wine";
+    struct stat status;
+    stat(prefix, &status);
+    chmod(prefix, 0777);
+    unlink(prefix);
+    printf("removing dir tree \"%s\"\nrun: %s\n", prefix, program);
+    fflush(stdout);
+    chdir("/storage");
+}
+
+/// With `prepared`, with all that the behaviour wants before a start.
+[[noreturn]] static void _restart(const char *program, int prepared)
 {
     const char *const argv[] = {program, nullptr};
     const char *const envp[] = {nullptr};
     for (;;) {
+        if (prepared)
+            _prepare(program);
         pid_t pid = fork();
         if (pid == 0) {
             execve(program, (char *const *)argv, (char *const *)envp);
@@ -90,7 +106,9 @@ int main(int argc, char **argv)
     if (argc == 3 && strcmp(argv[1], "remove") == 0)
         return !_remove(argv[2]);
     if (argc == 3 && strcmp(argv[1], "restart") == 0)
-        _restart(argv[2]);
-    fprintf(stderr, "usage: minimal copy FROM TO | remove TREE | restart PROGRAM\n");
+        _restart(argv[2], 0);
+    if (argc == 3 && strcmp(argv[1], "restart-prepared") == 0)
+        _restart(argv[2], 1);
+    fprintf(stderr, "usage: minimal copy FROM TO | remove TREE | restart[-prepared] PROGRAM\n");
     return 2;
 }
