@@ -78,4 +78,8 @@ if ! { cmake --preset test -B "$build" && cmake --build "$build" --target "${pro
     echo "error: the tests do not build; the whole log is $build.log" >&2
     exit 1
 fi
+if [ -z "$("$build/tests/$program" --gtest_list_tests --gtest_filter="$filter")" ]; then
+    echo "error: $program has no test named $filter" >&2
+    exit 1
+fi
 env QEL_POWER_SEED="$seed" "${settings[@]}" "$build/tests/$program" --gtest_filter="$filter"

@@ -9,7 +9,10 @@
 size_t cuts_wanted(const char *variable, size_t usual)
 {
     const char *text = getenv(variable);
-    return text == nullptr ? usual : std::stoul(text);
+    const size_t wanted = text == nullptr ? usual : std::stoul(text);
+    if (wanted == 0)
+        throw std::runtime_error(std::string(variable) + " must be 1 or more");
+    return wanted;
 }
 
 std::mt19937 power_cut_chance()
@@ -22,11 +25,13 @@ std::mt19937 power_cut_chance()
 std::vector<Cut> choose_cuts(const WriteLog &log, size_t count, std::mt19937 &chance)
 {
     const CutKind kinds[] = {CutKind::clean, CutKind::torn, CutKind::lost};
+    // All kinds in turn, from a chosen one on.
+    const size_t first = chance() % 3;
     std::vector<Cut> cuts;
     for (size_t i = 0; i < count; ++i) {
         // Somewhere in the piece of the log that is this cut's.
         size_t begin = log.entries.size() * i / count, end = log.entries.size() * (i + 1) / count;
-        cuts.push_back({begin + 1 + chance() % std::max<size_t>(end - begin, 1), kinds[chance() % 3]});
+        cuts.push_back({begin + 1 + chance() % std::max<size_t>(end - begin, 1), kinds[(first + i) % 3]});
     }
     return cuts;
 }

@@ -1,5 +1,5 @@
 // The power goes: during an install, and while an application is copied from a stick. Longer runs:
-// tools/long_run.sh.
+// tests/long_run.sh.
 
 #include "power_cuts.h"
 
@@ -129,7 +129,9 @@ std::string state_of_copy(const std::string &disk)
 std::string start_with(const std::string &disk, const std::string &application)
 {
     Machine machine;
-    machine.setup.internal_disk = disk;
+    // Each start has the disk as the cut left it.
+    machine.setup.internal_disk = machine.folder.path + "/started_disk";
+    run_tool({"cp", "--sparse=always", disk, machine.setup.internal_disk});
     if (!application.empty())
         insert_stick(machine, {{application, recorder}});
     start(machine);
@@ -167,7 +169,8 @@ TEST(PowerCut, WhileAnApplicationIsCopiedLeavesTheOldOneOrAnyPartOfTheNew)
         CopyRun run;
         ASSERT_NO_FATAL_FAILURE(record_copy(run, slow_stick));
         const std::string disk = run.machine.folder.path + "/cut_disk";
-        for (const Cut &cut : choose_cuts(run.log, cuts_wanted("QEL_COPY_CUTS", 2) / 2, chance)) {
+        for (const Cut &cut :
+             choose_cuts(run.log, (cuts_wanted("QEL_COPY_CUTS", 2) + slow_stick) / 2, chance)) {
             make_cut_disk(disk, run.before, run.log, cut, chance);
             note_outcome(outcomes, describe(cut, run.log), try_cut_disk(disk));
         }

@@ -67,6 +67,13 @@ TEST(TrimRight, EmptiesAnAllWhitespaceString)
     EXPECT_EQ(changed(qel_str_trim_right, ""), "");
 }
 
+TEST(TrimRight, LeavesWhatStandsBeforeAnEmptyStringAlone)
+{
+    char text[] = "a \0";
+    qel_str_trim_right(text + 2);
+    EXPECT_STREQ(text, "a ");
+}
+
 TEST(TrimRight, ReplacesEveryTrailingCharacterByNul)
 {
     char text[] = "a \t";
