@@ -28,8 +28,8 @@ struct CabinetSetup {
     std::string loader_words;  ///< the loader's arguments ("qelinstall"), with `kernel` only
     std::string internal_disk; ///< raw image of hdc; written to
     bool internal_disk_read_only = false;
-    std::string write_log;     ///< file that gets every write to the internal disk (write_log.h); empty: none
-    std::string stick;         ///< raw image of a USB stick that is present at power-on; written to
+    std::string write_log; ///< file that gets every write to the internal disk (write_log.h); empty: none
+    std::string stick;     ///< raw image of a USB stick that is present at power-on; written to
     bool start_from_stick = false;     ///< BIOS start: the stick comes before the internal disk
     std::vector<std::string> wait_for; ///< paths in the machine that must exist before the loader starts
     Board board;
