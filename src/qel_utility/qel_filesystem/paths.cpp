@@ -41,16 +41,15 @@ static void _replace_all(char *s, char from, char to)
 // ---- Internal to the library ----
 
 /// Puts as much of `text` to `end` as there is room for before `last`. Returns the new end.
-static char *_append(char *end, const char *last, const char *text)
+static char *_append(char *end, char *last, const char *text)
 {
-    size_t count = strnlen(text, (size_t)(last - end));
-    memcpy(end, text, count);
-    return end + count;
+    auto *behind = (char *)memccpy(end, text, '\0', (size_t)(last - end));
+    return behind ? behind - 1 : last;
 }
 
 void _qel_join_path(char *path, int size, const char *folder, const char *name)
 {
-    const char *last = path + size - 1;
+    char *last = path + size - 1;
     char *end = _append(path, last, folder);
     end = _append(end, last, "/");
     end = _append(end, last, name);
