@@ -37,7 +37,7 @@ int is_met(const Contest &contest)
 {
     const Contender &product = contest.contenders.front();
     if (!contest.unavailable.empty())
-        return 1;
+        return 0;
     if (contest.limit != 0 && spread_of(product.samples).median > std::max(contest.limit, 0.0))
         return 0;
     return std::all_of(contest.contenders.begin() + 1, contest.contenders.end(), [&](const Contender &peer) {

@@ -51,7 +51,7 @@ Spread spread_of(std::vector<double> values);
 /// The spread of product over peer, round by round.
 Spread ratios(const Contest &contest, const Contender &peer);
 
-/// 1 when all goals of the contest that have a figure are met.
+/// 1 when all goals of the contest are met; without a measurement none is.
 int is_met(const Contest &contest);
 
 /// Runs the rounds, with a line of progress on standard error for each.

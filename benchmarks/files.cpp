@@ -94,12 +94,8 @@ static const Tree trees[] = {
 
 static double time_removal(const std::string &type, const Tree &tree, const Command &command)
 {
-    try {
-        if (type == "ext4")
-            need_ext4();
-    } catch (const std::runtime_error &reason) {
-        throw Unavailable(reason.what());
-    }
+    if (type == "ext4")
+        need_ext4();
     const std::string path = scratch(type + "/tree");
     tree.make(path);
     settle(path);

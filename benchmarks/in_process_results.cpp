@@ -12,8 +12,9 @@
 static double nanoseconds_of(const std::string &benchmark)
 {
     const std::string report = scratch("report");
-    run_command({BENCH_BUILDS "/bench/benchmarks/bench_in_process", "--benchmark_filter=^" + benchmark + "$",
-                 "--benchmark_min_time=0.05", "--benchmark_out=" + report, "--benchmark_out_format=json"});
+    run_command({BENCH_PROJECT "/build/bench/benchmarks/bench_in_process",
+                 "--benchmark_filter=^" + benchmark + "$", "--benchmark_min_time=0.05",
+                 "--benchmark_out=" + report, "--benchmark_out_format=json"});
     std::ifstream file(report);
     const nlohmann::json result = nlohmann::json::parse(file).at("benchmarks").at(0);
     if (result.value("error_occurred", false))

@@ -40,7 +40,7 @@ Run::Run(const std::string &stick)
         close(ends[0]);
         close(ends[1]);
         execl(BENCH_PROJECT "/run", "run", "--stick", stick.c_str(), "--application",
-              BENCH_BUILDS "/bench/benchmarks/bench_on_machine", nullptr);
+              BENCH_PROJECT "/build/bench/benchmarks/bench_on_machine", "--seconds", "3600", nullptr);
         _exit(1);
     }
     close(ends[1]);

@@ -17,17 +17,17 @@
 
 std::string loader_of(const std::string &preset)
 {
-    return BENCH_BUILDS "/" + preset + "/src/qel_application_loader.stripped";
+    return BENCH_PROJECT "/build/" + preset + "/src/qel_application_loader.stripped";
 }
 
 std::string subject(const std::string &name)
 {
-    return BENCH_BUILDS "/bench-subjects/benchmarks/" + name;
+    return BENCH_PROJECT "/build/bench-subjects/benchmarks/" + name;
 }
 
 std::string source(const std::string &name)
 {
-    return BENCH_SOURCES "/" + name;
+    return BENCH_PROJECT "/benchmarks/" + name;
 }
 
 // ---- Jobs ----

@@ -31,8 +31,11 @@ static void trace(const FirstProcess &process, const std::string &log)
                std::to_string(process.pid).c_str(), nullptr);
         _exit(1);
     }
-    while (process.status("TracerPid") != tracer)
+    while (process.status("TracerPid") != tracer) {
+        if (waitpid(tracer, nullptr, WNOHANG) != 0)
+            throw std::runtime_error("strace cannot follow process 1");
         usleep(1000);
+    }
     process.go();
     process.await_beats(1);
     usleep(100000);

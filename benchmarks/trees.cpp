@@ -1,6 +1,7 @@
 // Trees, made with plain calls: they are made anew for every measurement.
 
 #include "trees.h"
+#include "contest.h"
 #include "process.h"
 
 #include <errno.h>
@@ -48,9 +49,13 @@ void need_ext4()
     const std::string image = scratch("ext4.image");
     make_file(image, 0);
     require(truncate(image.c_str(), 512 << 20) == 0, image);
-    run_command({"mkfs.ext4", "-q", "-N", "150000", image});
-    fs::create_directories(scratch("ext4"));
-    run_command({"mount", "-t", "ext4", "-o", "loop", image, scratch("ext4")});
+    try {
+        run_command({"mkfs.ext4", "-q", "-N", "150000", image});
+        fs::create_directories(scratch("ext4"));
+        run_command({"mount", "-t", "ext4", "-o", "loop", image, scratch("ext4")});
+    } catch (const std::runtime_error &reason) {
+        throw Unavailable(reason.what());
+    }
 }
 
 void settle(const std::string &path)

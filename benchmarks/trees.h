@@ -10,7 +10,7 @@ void make_scratch();
 std::string scratch(const std::string &name);
 
 /// Makes an ext4 in a file of the scratch space and mounts it as scratch("ext4"), once. Throws
-/// std::runtime_error where that cannot be done.
+/// Unavailable where that cannot be done.
 void need_ext4();
 
 /// Makes `folders` folders with `files` files of 1000 bytes each; with 0 folders the files are in the top

@@ -1,22 +1,12 @@
 // The real loader in update mode and a host that floods it, or breaks the rules of the link.
 
 #include "sandbox/cabinet.h"
+#include "sandbox/link_packets.h"
 
 #include <gmock/gmock.h>
 
 using testing::StartsWith;
 
-// Packets as they travel: length and CRC, big-endian, then the message, little-endian.
-static const std::string updater_packet("\x00\x00\x00\x1b\xfe\xee"
-                                        "\x0a\x00\x00\x00\x1b\x00\x00\x00\x0f\x00\x00\x00"
-                                        "#!/bin/updater\n",
-                                        33);
-static const std::string connect_packet("\x00\x00\x00\x0c\x66\x86"
-                                        "\x05\x00\x00\x00\x0c\x00\x00\x00\x78\x56\x34\x12",
-                                        18);
-static const char answer_line[] =
-    "write /dev/qellpc_host_comms \"\\x00\\x00\\x00\\x0c\\x0d\\xb9&\\x00\\x00\\x00"
-    "\\x0c\\x00\\x00\\x00xV4\\x12\"";
 static const std::string packet_without_message("\x00\x00\x00\x08\xb2\x55", 6);
 
 static void await_update_mode(Cabinet &cabinet)
@@ -41,7 +31,7 @@ TEST(AHostileHost, FloodsTheLoaderWhichStillAnswersAndTakesAnUpdater)
         cabinet.send(connect_packet);
         cabinet.await_lines(answer_line, round);
     }
-    cabinet.send(updater_packet);
+    cabinet.send(script_updater_packet);
     EXPECT_EQ(cabinet.await_end(), 7);
     EXPECT_EQ(cabinet.content("/tmp/updater"), "#!/bin/updater\n");
 }
@@ -54,7 +44,7 @@ TEST(AHostileHost, StopsTheLoaderForGoodWithAPacketThatHoldsNoMessage)
     cabinet.start();
     await_update_mode(cabinet);
     cabinet.send(packet_without_message);
-    cabinet.send(updater_packet);
+    cabinet.send(script_updater_packet);
     cabinet.await_lines("sleep 1", 2); // parked
     ASSERT_EQ(cabinet.transcript().lines("stop ").size(), 1U);
     EXPECT_THAT(cabinet.transcript().lines("stop ").front(), StartsWith("stop qel_tolbrin/qel_comms:"));

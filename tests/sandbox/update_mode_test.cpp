@@ -2,6 +2,7 @@
 // updater that takes the loader's place, a stick that ends the wait.
 
 #include "sandbox/cabinet.h"
+#include "sandbox/link_packets.h"
 
 #include <gmock/gmock.h>
 
@@ -9,20 +10,9 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// Packets as they travel: length and CRC, big-endian, then the message, little-endian.
-static const std::string connect_packet("\x00\x00\x00\x0c\x66\x86"
-                                        "\x05\x00\x00\x00\x0c\x00\x00\x00\x78\x56\x34\x12",
-                                        18);
-static const char answer_line[] =
-    "write /dev/qellpc_host_comms \"\\x00\\x00\\x00\\x0c\\x0d\\xb9&\\x00\\x00\\x00"
-    "\\x0c\\x00\\x00\\x00xV4\\x12\"";
 static const char notice_line[] =
     "write /dev/qellpc_host_comms \"\\x00\\x00\\x00\\x08\\xb2U\\x0b\\x00\\x00\\x00"
     "\\x08\\x00\\x00\\x00\"";
-static const std::string script_updater_packet("\x00\x00\x00\x1b\xfe\xee"
-                                               "\x0a\x00\x00\x00\x1b\x00\x00\x00\x0f\x00\x00\x00"
-                                               "#!/bin/updater\n",
-                                               33);
 static const std::string bad_updater_packet("\x00\x00\x00\x16\xe1\xce"
                                             "\x0a\x00\x00\x00\x16\x00\x00\x00\x0a\x00\x00\x00"
                                             "no program",

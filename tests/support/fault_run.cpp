@@ -2,6 +2,7 @@
 // and standard streams may go anywhere. It tells its end through a file in memory.
 
 #include "support/fault_run.h"
+#include "support/scratch_disk.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -25,14 +26,7 @@ Ground::Ground()
     kernel.on_umount = [](auto...) { return 0; };
     kernel.on_sync = [] {};
     kernel.on_dup2 = [](int, int to) { return to; };
-    kernel.on_mknod = [this](const char *path, auto...) {
-        if (disk.has(path)) {
-            errno = EEXIST;
-            return -1;
-        }
-        disk.make_file(path);
-        return 0;
-    };
+    make_nodes_as_files(kernel, disk);
     // What a link leads to lies on the scratch disk as well.
     kernel.on_symlink = [this](const char *content, const char *path) {
         return real_symlink(kernel.at(content).c_str(), kernel.at(path).c_str());

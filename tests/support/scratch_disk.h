@@ -5,10 +5,24 @@
 #include "support/fake_kernel.h"
 #include "support/scratch.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
+
+/// Lets mknod make plain files, which takes no rights; one that exists is refused, as by a real kernel.
+inline void make_nodes_as_files(FakeKernel &kernel, const Scratch &disk)
+{
+    kernel.on_mknod = [&disk](const char *path, auto...) {
+        if (disk.has(path)) {
+            errno = EEXIST;
+            return -1;
+        }
+        disk.make_file(path);
+        return 0;
+    };
+}
 
 class OnScratchDisk : public testing::Test
 {

@@ -19,14 +19,7 @@ class DeviceNodes : public OnScratchDisk
     DeviceNodes()
     {
         disk.make_folder("/dev");
-        kernel.on_mknod = [this](const char *path, auto...) {
-            if (disk.has(path)) {
-                errno = EEXIST;
-                return -1;
-            }
-            disk.make_file(path);
-            return 0;
-        };
+        make_nodes_as_files(kernel, disk);
     }
     /// The nodes asked for: path, mode and numbers.
     std::vector<std::string> nodes() const

@@ -77,16 +77,18 @@ TEST(Sweep, FailsOnOtherOutput)
     EXPECT_NONFATAL_FAILURE(sweep_one(complaint, gives("not made").prints("a complaint")), "run.printed");
 }
 
+static std::string stop_without_folder(Ground &ground)
+{
+    const std::string result = make_folder(ground);
+    QEL_ASSERT_AT(12, result == "made");
+    return result;
+}
+
 TEST(Sweep, FailsOnAStopThatNobodyLaidDown)
 {
-    const auto stopping = [](Ground &ground) {
-        const std::string result = make_folder(ground);
-        QEL_ASSERT_AT(12, result == "made");
-        return result;
-    };
     EXPECT_NONFATAL_FAILURE(sweep({"Mkdir",
                                    "made",
-                                   stopping,
+                                   stop_without_folder,
                                    {{"mkdir *", error({ENOSPC}), stops("another text", __FILE__, 12)},
                                     {"mkdir *", any_fault, stops("result == \"made\"", __FILE__, 12)}}}),
                             "run.stop");
@@ -94,14 +96,9 @@ TEST(Sweep, FailsOnAStopThatNobodyLaidDown)
 
 TEST(Sweep, FailsOnAStopElsewhere)
 {
-    const auto stopping = [](Ground &ground) {
-        const std::string result = make_folder(ground);
-        QEL_ASSERT_AT(12, result == "made");
-        return result;
-    };
     EXPECT_NONFATAL_FAILURE(sweep({"Mkdir",
                                    "made",
-                                   stopping,
+                                   stop_without_folder,
                                    {{"mkdir *", error({ENOSPC}), stops("result == \"made\"", __FILE__, 13)},
                                     {"mkdir *", any_fault, stops("result == \"made\"", __FILE__, 12)}}}),
                             "run.line");
