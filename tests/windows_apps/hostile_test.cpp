@@ -105,7 +105,7 @@ class HostileArchive : public testing::Test
 {
   protected:
     /// Installs an archive as a Windows application.
-    int install_application(const std::vector<ZipEntry> &entries)
+    std::string install_application(const std::vector<ZipEntry> &entries)
     {
         disk.make_file("/storage/archives/app.pkg", zip_of(entries));
         return room.run([] { qel_install_windows_apps(); });
@@ -113,7 +113,7 @@ class HostileArchive : public testing::Test
 
     /// Installs the system from a stick with this storage.zip; only miniunz is real, the disk's tools do
     /// nothing, and /storage is a disk of its own of 1 MB.
-    int install_system(const std::string &archive)
+    std::string install_system(const std::string &archive)
     {
         for (const char *tool : {"/bin/sfdisk", "/bin/mkdosfs", "/bin/syslinux"})
             disk.make_link(tool, "/usr/bin/true");
@@ -167,7 +167,8 @@ TEST_F(HostileArchive, WithALinkGetsAFileThatHoldsItsText)
 
 TEST_F(HostileArchive, WithAForbiddenByteInANameStopsAtItsLinkAfterUnpacking)
 {
-    EXPECT_EQ(install_application({{"app/bell\x07", "content"}}), StorageRoom::stopped);
+    EXPECT_EQ(install_application({{"app/bell\x07", "content"}}),
+              "stopped at qel_utility/qel_filesystem:952");
     EXPECT_THAT(room.output, HasSubstr("qel_utility/qel_filesystem:952 - "
                                        "qel_create_parent_folder_and_parents() - Path is not absolute"));
     EXPECT_THAT(disk.names("/storage/archives"), IsEmpty());
@@ -208,7 +209,7 @@ TEST_F(HostileArchive, ThatClaimsMoreThanItHoldsIsUnpackedAsFarAsItGoesAndRemove
 TEST_F(HostileArchive, LargerThanTheDiskIsRemovedAndItsPartStays)
 {
     disk.make_file("/app.pkg", zip_of({{"app/first", "content"}, {"app/large", std::string(300000, 'x')}}));
-    const int result = room.run([] {
+    const std::string result = room.run([] {
         mount_disk("/storage", "size=256k");
         real_mkdir("/storage/archives", 0755);
         real_symlink("/app.pkg", "/storage/archives/app.pkg"); // it would not fit either
@@ -255,7 +256,8 @@ TEST_F(HostileArchive, OnAStickWithADamagedFileIsUnpackedUpToItAndNothingStops)
 
 TEST_F(HostileArchive, OnAStickWithANameTwiceStopsTheInstallerWhichIsAskedAndHasNoAnswer)
 {
-    EXPECT_EQ(install_system(zip_of({{"file", "one"}, {"file", "two"}})), StorageRoom::stopped)
+    EXPECT_EQ(install_system(zip_of({{"file", "one"}, {"file", "two"}})),
+              "stopped at qel_utility/qel_filesystem:2117")
         << room.output;
     EXPECT_THAT(room.output, HasSubstr("Overwrite ?"));
     EXPECT_THAT(room.output, Not(HasSubstr("Install complete")));
@@ -264,7 +266,8 @@ TEST_F(HostileArchive, OnAStickWithANameTwiceStopsTheInstallerWhichIsAskedAndHas
 TEST_F(HostileArchive, OnAStickThatIsCutOffStopsTheInstaller)
 {
     const std::string whole = zip_of({{"file", "content"}, {"another", "content"}});
-    EXPECT_EQ(install_system(whole.substr(0, whole.size() / 2)), StorageRoom::stopped) << room.output;
+    EXPECT_EQ(install_system(whole.substr(0, whole.size() / 2)), "stopped at qel_utility/qel_filesystem:2117")
+        << room.output;
     EXPECT_THAT(room.output, Not(HasSubstr("Install complete")));
 }
 
@@ -275,7 +278,8 @@ class HostileDisk : public testing::Test
 {
   protected:
     /// Runs it, and returns what it told.
-    std::string on_full_disk(const std::function<void()> &statement, int expected = StorageRoom::ended)
+    std::string on_full_disk(const std::function<void()> &statement,
+                             const std::string &expected = StorageRoom::ended)
     {
         room.disk.make_folder("/full");
         room.disk.make_file("/source/file", std::string(5000, 'x'));
@@ -295,7 +299,8 @@ class HostileDisk : public testing::Test
     }
 
     /// The same on a disk that has become read-only.
-    std::string on_read_only_disk(const std::function<void()> &statement, int expected = StorageRoom::ended)
+    std::string on_read_only_disk(const std::function<void()> &statement,
+                                  const std::string &expected = StorageRoom::ended)
     {
         return on_full_disk(
             [&] {
@@ -337,7 +342,9 @@ TEST_F(HostileDisk, ThatIsFullCanBeEmptied)
 TEST_F(HostileDisk, ThatIsFullStopsALinkThatDoesNotFit)
 {
     const std::string content(4000, 'c');
-    EXPECT_THAT(on_full_disk([&] { qel_symlink(content.c_str(), "/full/link"); }, StorageRoom::stopped), "");
+    EXPECT_THAT(on_full_disk([&] { qel_symlink(content.c_str(), "/full/link"); },
+                             "stopped at qel_utility/qel_filesystem:1892"),
+                HasSubstr("ccc -> /full/link\n"));
 }
 
 TEST_F(HostileDisk, ThatIsFullMakesTheLoaderEndWhenItsUpdaterCannotBeWritten)
@@ -356,7 +363,7 @@ TEST_F(HostileDisk, ThatIsFullMakesTheLoaderEndWhenItsUpdaterCannotBeWritten)
                                        '#', '!', '/', 'b', 'i', 'n', '/', 't', 'r', 'u', 'e', '\n'};
             qel_update_handler(nullptr, message);
         },
-        1);
+        "exit code 1");
     EXPECT_THAT(output, HasSubstr("exec failed: /tmp/updater\n"));
 }
 
@@ -378,5 +385,6 @@ TEST_F(HostileDisk, ThatIsReadOnlyRefusesEverythingAndNothingStops)
 
 TEST_F(HostileDisk, ThatIsReadOnlyStopsALink)
 {
-    on_read_only_disk([] { qel_symlink("/tmp", "/full/link"); }, StorageRoom::stopped);
+    on_read_only_disk([] { qel_symlink("/tmp", "/full/link"); },
+                      "stopped at qel_utility/qel_filesystem:1892");
 }

@@ -3,6 +3,7 @@
 
 #include "windows_apps/storage_room.h"
 #include "support/fake_kernel.h"
+#include "support/stops.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -46,6 +47,11 @@ static void require(bool done, const char *what)
     real__exit(98);
 }
 
+/// The exit code of a process in which the product stopped.
+static constexpr int stopped_code = 99;
+/// Where it stopped, "UNIT:LINE"; a file in the room.
+static constexpr char stop_file[] = "/stopped_at";
+
 static void enter(const Scratch &disk)
 {
     require(real_mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
@@ -61,9 +67,17 @@ static void enter(const Scratch &disk)
     real_dup2(output, STDOUT_FILENO);
     real_dup2(output, STDERR_FILENO);
     enter(disk);
-    statement();
+    tests_run_here();
+    int code = 0;
+    try {
+        statement();
+    } catch (const Stop &stop) {
+        const int file = real_open(stop_file, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        require(dprintf(file, "%s:%d", stop.unit.c_str(), stop.line) > 0, stop_file);
+        code = stopped_code;
+    }
     fflush(stdout);
-    real__exit(0);
+    real__exit(code);
 }
 
 // ---- Outside ----
@@ -76,7 +90,7 @@ static int exit_code_of(pid_t child)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-int StorageRoom::run(const std::function<void()> &statement)
+std::string StorageRoom::run(const std::function<void()> &statement)
 {
     const int file =
         real_open(disk.at("/output").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
@@ -92,7 +106,9 @@ int StorageRoom::run(const std::function<void()> &statement)
     const int result = exit_code_of(keeper);
     real_close(file);
     output = disk.content("/output");
-    return result;
+    if (result == stopped_code && disk.has(stop_file))
+        return "stopped at " + disk.content(stop_file);
+    return result == 0 ? ended : "exit code " + std::to_string(result);
 }
 
 void StorageRoom::zip(const std::string &folder, const std::string &archive) const

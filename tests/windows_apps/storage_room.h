@@ -14,11 +14,11 @@ class StorageRoom
     /// Holds /storage, /qel_home (a link to /tmp), /bin/miniunz and /usr/wine/bin/wine.
     StorageRoom();
 
-    enum { ended = 0, stopped = 99 };
-    /// Runs `statement` inside and waits for it. Returns whether it came to its end or the product stopped;
-    /// another number when something is wrong with the room. What it and its children print is then in
-    /// `output`.
-    int run(const std::function<void()> &statement);
+    static constexpr char ended[] = "ended";
+    /// Runs `statement` inside and waits for it. Returns `ended` when it came to its end, "stopped at
+    /// UNIT:LINE" when the product stopped, and "exit code N" when its process ended otherwise, or something
+    /// is wrong with the room. What it and its children print is then in `output`.
+    std::string run(const std::function<void()> &statement);
 
     /// Makes an archive of a folder's content with the real zip.
     void zip(const std::string &folder, const std::string &archive) const;

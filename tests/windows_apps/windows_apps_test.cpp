@@ -112,12 +112,12 @@ TEST_F(RealArchive, IsNotNeededToLinkWhatIsUnpackedAlready)
 TEST_F(RealArchive, OnAStorageThatIsMountedReadOnlyStopsTheProgram)
 {
     room.zip("/game", "/storage/archives/game.pkg");
-    const int result = room.run([] {
+    const std::string result = room.run([] {
         mount("/storage", "/storage", nullptr, MS_BIND, nullptr);
         mount(nullptr, "/storage", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
         qel_install_windows_apps();
     });
-    EXPECT_EQ(result, StorageRoom::stopped) << room.output;
+    EXPECT_EQ(result, "stopped at qel_utility/qel_filesystem:2217") << room.output;
     EXPECT_THAT(disk.names("/storage/archives"), ElementsAre("game.pkg"));
 }
 
@@ -129,7 +129,7 @@ TEST_F(RealWine, HasTheKeysOfARegistryFileThatWasImportedThroughItsLink)
                                                        "[HKEY_CURRENT_USER\\Software\\Cabinet Game]\r\n"
                                                        "\"greeting\"=\"hello\"\r\n");
     room.zip("/game", "/storage/archives/game.pkg");
-    const int result = room.run([] {
+    const std::string result = room.run([] {
         qel_install_windows_apps();
         // Wine keeps the registry in memory; its server writes it at its end.
         const char *const end_wine[] = {"/usr/lib/wine/wineserver64", "-k", nullptr};
