@@ -255,9 +255,11 @@ def shelter():
     """What mutants may do to this machine, they do to a read-only copy with a /tmp of its own."""
     if os.geteuid() != 0:
         return []
-    script = ("mount --make-rprivate / && mount -t tmpfs tmpfs /tmp && mount -o bind,remount,ro / && "
+    # The project itself may lie in /tmp.
+    script = ("mount --make-rprivate / && mount -o bind,ro \"$0\" /mnt && mount -t tmpfs tmpfs /tmp && "
+              "mkdir -p \"$0\" && mount --bind /mnt \"$0\" && mount -o bind,remount,ro / && "
               "cd /tmp && exec \"$@\"")
-    return ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "sh", "-c", script, "sh"]
+    return ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "sh", "-c", script, str(ROOT)]
 
 
 def passes(program, test_filter, wall_seconds):
