@@ -5,9 +5,15 @@
 
 #include <gmock/gmock.h>
 
-using testing::StartsWith;
+using testing::ElementsAre;
+using testing::MatchesRegex;
 
 static const std::string packet_without_message("\x00\x00\x00\x08\xb2\x55", 6);
+/// The beginnings of messages of 2 GB and of 16 MB of which no more comes.
+static const std::string lie_of_2_gb = std::string("\x7f\xff\xff\xff\x00\x00", 6) + std::string(29, 'x');
+static const std::string lie_of_16_mb = std::string("\x00\xff\xff\xff\x00\x00", 6) + std::string(29, 'x');
+/// More than the small lie takes, less than the large one, on any computer.
+static constexpr size_t memory_bytes = 1 << 30;
 
 static void await_update_mode(Cabinet &cabinet)
 {
@@ -36,17 +42,46 @@ TEST(AHostileHost, FloodsTheLoaderWhichStillAnswersAndTakesAnUpdater)
     EXPECT_EQ(cabinet.content("/tmp/updater"), "#!/bin/updater\n");
 }
 
-TEST(AHostileHost, StopsTheLoaderForGoodWithAPacketThatHoldsNoMessage)
+TEST(AHostileHost, LiesAboutALengthThatMemoryHoldsAndTheLoaderStillAnswersAndTakesAnUpdater)
 {
     Cabinet cabinet;
     cabinet.mode = 3;
     cabinet.add_program("/bin/updater", "exit 7");
     cabinet.start();
     await_update_mode(cabinet);
-    cabinet.send(packet_without_message);
+    cabinet.limit_growth(memory_bytes);
+    cabinet.send(lie_of_16_mb);
+    cabinet.send(connect_packet);
+    cabinet.await_lines(answer_line);
+    cabinet.send(lie_of_16_mb);
+    cabinet.send(script_updater_packet);
+    EXPECT_EQ(cabinet.await_end(), 7);
+}
+
+/// The loader in update mode with so much memory gets a packet and stops on this check of the packet link;
+/// it does not take an updater any more.
+static void expect_stop(const std::string &packet, const std::string &check)
+{
+    Cabinet cabinet;
+    cabinet.mode = 3;
+    cabinet.add_program("/bin/updater", "exit 7");
+    cabinet.start();
+    await_update_mode(cabinet);
+    cabinet.limit_growth(memory_bytes);
+    cabinet.send(packet);
     cabinet.send(script_updater_packet);
     cabinet.await_lines("sleep 1", 2); // parked
-    ASSERT_EQ(cabinet.transcript().lines("stop ").size(), 1U);
-    EXPECT_THAT(cabinet.transcript().lines("stop ").front(), StartsWith("stop qel_tolbrin/qel_comms:"));
+    EXPECT_THAT(cabinet.transcript().lines("stop "),
+                ElementsAre(MatchesRegex("stop qel_tolbrin/qel_comms:[0-9]+ " + check)));
     EXPECT_FALSE(cabinet.has("/tmp/updater"));
+}
+
+TEST(AHostileHost, StopsTheLoaderForGoodWithALengthThatMemoryDoesNotHold)
+{
+    expect_stop(lie_of_2_gb, "buf");
+}
+
+TEST(AHostileHost, StopsTheLoaderForGoodWithAPacketThatHoldsNoMessage)
+{
+    expect_stop(packet_without_message, "len > 6");
 }

@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
@@ -58,10 +59,11 @@ Sandbox::Sandbox() : root(make_root())
         make_folder(folder);
     make_file("/dev/null", "");
     // Sanitizers report into a file, since there may be no console, and give freed memory back at once, so
-    // that growth can be told; leaks are of no interest in a process that never ends.
+    // that growth can be told; leaks are of no interest in a process that never ends, and where memory runs
+    // out the product is told so.
     for (const char *options : {"ASAN_OPTIONS", "UBSAN_OPTIONS"})
         set(options, "log_path=/machine/sanitizer:detect_leaks=0:quarantine_size_mb=0:"
-                     "thread_local_quarantine_size_kb=0");
+                     "thread_local_quarantine_size_kb=0:allocator_may_return_null=1");
 }
 
 Sandbox::~Sandbox()
@@ -364,14 +366,26 @@ std::map<int, std::string> Sandbox::descriptors() const
     return found;
 }
 
-long Sandbox::anonymous_kb() const
+long Sandbox::status_kb(const std::string &name) const
 {
     const std::string status_text = read_proc(first_pid, "status");
-    const std::string name = "RssAnon:";
-    const size_t found = status_text.find(name);
+    const size_t found = status_text.find(name + ":");
     if (found == std::string::npos)
-        throw std::runtime_error("sandbox: no RssAnon in:\n" + status_text);
-    return std::stol(status_text.substr(found + name.size()));
+        throw std::runtime_error("sandbox: no " + name + " in:\n" + status_text);
+    return std::stol(status_text.substr(found + name.size() + 1));
+}
+
+long Sandbox::anonymous_kb() const
+{
+    return status_kb("RssAnon");
+}
+
+void Sandbox::limit_growth(size_t bytes) const
+{
+    const rlim_t all = static_cast<rlim_t>(status_kb("VmSize")) * 1024 + bytes;
+    const rlimit limits = {all, all};
+    if (prlimit(first_pid, RLIMIT_AS, &limits, nullptr))
+        give_up("limit");
 }
 
 void Sandbox::signal(pid_t pid, int number) const

@@ -83,6 +83,8 @@ class Sandbox
     std::map<int, std::string> descriptors() const;
     /// Its memory that is backed by no file, in kB.
     long anonymous_kb() const;
+    /// From now on PID 1 gets at most so many bytes of memory more than it has, touched or not.
+    void limit_growth(size_t bytes) const;
     /// Sends a signal to a process given by the host's number.
     void signal(pid_t pid, int number) const;
 
@@ -91,6 +93,8 @@ class Sandbox
     int take_output();
     void end();
     void report_sanitizers() const;
+    /// A line of /proc/PID/status of PID 1, in kB.
+    long status_kb(const std::string &name) const;
 
     int root = -1;
     int console = -1;

@@ -178,6 +178,19 @@ TEST(FakeKernel, LetsMemoryRunOutWhereATestWatchesIt)
     EXPECT_THAT(kernel.calls(), ElementsAre("malloc 7"));
 }
 
+TEST(FakeKernel, HasATestGiveTheBlocksOfCalloc)
+{
+    FakeKernel kernel;
+    char block[6];
+    kernel.on_calloc = [&](size_t count, size_t size) { return count * size == 6 ? block : nullptr; };
+    void *of_libc = calloc(2, 3);
+    EXPECT_NE(of_libc, block);
+    free(of_libc);
+    kernel.watches_memory = 1;
+    EXPECT_EQ(calloc(2, 3), block);
+    EXPECT_EQ(calloc(2, 4), nullptr);
+}
+
 TEST(FakeKernel, LetsEveryCallOfANameFail)
 {
     FakeKernel kernel;
