@@ -180,6 +180,15 @@ class ManualPages(unittest.TestCase):
         for page, commands in self.PAGES.items():
             self.assertEqual(self.described_in(page), set().union(*map(self.options_of, commands)), page)
 
+    def test_have_exactly_the_options_of_the_script_run(self):
+        told = run([ROOT / "run", "--help"])
+        self.assertEqual(set(re.findall(r"^  (--[a-z-]+)", told, re.M)),
+                         self.options_of(["machine/cabinet_run"]) | {"--help"})
+        commands = re.findall(r"^  ([a-z][a-z-]+) ", told, re.M)
+        self.assertEqual(commands.pop(0), "update")
+        factory = run([BUILD / "factory/qel-factory", "--help"]).split("Subcommands:")[1]
+        self.assertEqual(set(commands), set(re.findall(r"^  ([a-z][a-z-]+) ", factory, re.M)))
+
     def test_have_exactly_the_options_of_qel_where(self):
         options = re.findall(r"--[a-z]+", run([ROOT / "tools/qel-where", "--help"]))
         self.assertEqual(self.described_in("qel-where.1"), {*options, "--help"})
@@ -188,6 +197,21 @@ class ManualPages(unittest.TestCase):
         pages = sorted((ROOT / "docs/man").iterdir())
         self.assertEqual(len(pages), 6)
         run(["mandoc", "-T", "lint", "-W", "warning", *pages])
+
+
+class Run(unittest.TestCase):
+    """The script, where nothing is installed or built yet."""
+
+    def refused(self, *words):
+        result = subprocess.run([ROOT / "run", *words], capture_output=True, text=True, env={"PATH": "/usr/bin:/bin"})
+        self.assertEqual((result.returncode, result.stdout), (2, ""))
+        return result.stderr
+
+    def test_refuses_words_it_does_not_know_before_it_sets_anything_up(self):
+        ending = " (./run --help tells what there is)\n"
+        self.assertEqual(self.refused("--secnds", "20"), "error: unknown option: --secnds" + ending)
+        self.assertEqual(self.refused("--mode", "0", "-x"), "error: unknown option: -x" + ending)
+        self.assertEqual(self.refused("instal"), "error: unknown command: instal" + ending)
 
 
 if __name__ == "__main__":
