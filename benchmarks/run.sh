@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-if [ "$*" = --help ]; then
+usage() {
     cat <<'USAGE'
 usage: benchmarks/run.sh [--rounds N] [--only REGEX] [--json FILE]
        benchmarks/run.sh --calls | --limits
@@ -18,8 +18,20 @@ medians and ratios. Needs root. Goals: docs/performance.md.
   --calls       instead, print the system calls of a start-up and compare them with their list
   --limits      instead, check what is the same at every speed: size, memory, system calls
 USAGE
-    exit
-fi
+}
+
+# Wrong words are refused before anything is installed or built.
+words=("$@")
+while [ $# -gt 0 ]; do
+    case "$1" in
+    --help) usage; exit 0 ;;
+    --rounds | --only | --json) [ $# -ge 2 ] || { echo "error: $1 wants a word (--help)" >&2; exit 2; }
+        shift ;;
+    --calls | --limits) ;;
+    *) echo "error: unknown argument: $1 (benchmarks/run.sh --help lists them)" >&2; exit 2 ;;
+    esac
+    shift
+done
 . tools/packages.sh
 
 need_packages g++ cmake ninja-build make musl-tools libcli11-dev nlohmann-json3-dev libbenchmark-dev \
@@ -35,4 +47,4 @@ for preset in product product-i586 bench-subjects bench; do
         exit 1
     fi
 done
-exec build/bench/benchmarks/qel_bench "$@"
+exec build/bench/benchmarks/qel_bench "${words[@]}"

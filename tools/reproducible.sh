@@ -10,6 +10,10 @@ if [ "${1:-}" = --help ]; then
     echo "Exit code: 0 when both builds are the same, else 1."
     exit
 fi
+for preset in "$@"; do
+    [ -e "build/$preset/src/qel_application_loader" ] ||
+        { echo "error: build/$preset has no loader; name a preset that has been built (--help)" >&2; exit 2; }
+done
 
 copy=$(mktemp -d)/another-name/deeper
 trap 'rm -rf "${copy%/another-name/deeper}"' EXIT

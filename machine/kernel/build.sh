@@ -1,15 +1,25 @@
 #!/bin/bash
-# Builds the cabinet's kernel from Debian's kernel source, once, and prints where it is.
-#
-#   build.sh                      builds or reuses the kernel; prints its folder, which holds `vmlinux`
-#                                 (for QEMU's -kernel), `bzImage` and `gen_init_cpio`
-#   build.sh embed LIST OUTPUT    links a boot file OUTPUT with the RAM disk of LIST (the format of the
-#                                 kernel's usr/gen_init_cpio) inside, for a cabinet that boots by itself
+# Builds the cabinet's kernel from Debian's kernel source, once, and prints where it is. See build.sh --help.
 #
 # The folder is ${QEL_CACHE:-~/.cache/qel-loader}/kernel-KEY, the key being made of everything that goes
 # into the kernel (raise `recipe` when a change of this script changes the result). Only the folder's name
 # is printed to standard output, progress goes to standard error.
 set -euo pipefail
+
+usage() {
+    cat <<'EOF'
+usage: build.sh                      builds or reuses the kernel; prints its folder, which holds `vmlinux`
+                                     (for QEMU's -kernel), `bzImage` and `gen_init_cpio`
+       build.sh embed LIST OUTPUT    links a boot file OUTPUT with the RAM disk of LIST (the format of the
+                                     kernel's usr/gen_init_cpio) inside, for a cabinet that boots by itself
+EOF
+}
+
+case "$#${1:-}" in
+0 | 3embed) ;;
+1--help) usage; exit 0 ;;
+*) usage >&2; exit 2 ;;
+esac
 
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/../../tools/packages.sh"
