@@ -75,6 +75,8 @@ PacketReport reassembly_take(Reassembly &reassembly, std::span<const uint8_t> pa
         return report;
     }
     report = read_head(packet);
+    bool was_in_progress = reassembly.in_progress > 0;
+    report.interrupts = report.is_first && was_in_progress;
     const char *reason = reason_to_refuse(reassembly, packet, report);
     if (reason != nullptr) {
         report.reason = reason;
@@ -86,9 +88,7 @@ PacketReport reassembly_take(Reassembly &reassembly, std::span<const uint8_t> pa
     // The link copies as if every packet were full, so a short one needs room behind it.
     uint8_t room[packet_bytes_max] = {};
     memcpy(room, packet.data(), packet.size());
-    bool was_in_progress = reassembly.in_progress > 0;
     uint32_t delivered_before = reassembly.delivered;
-    report.interrupts = report.is_first && was_in_progress;
     reassembly.in_progress =
         qel_comms_receive_packet(reassembly.comms, room, static_cast<int>(packet.size()));
     if (reassembly.in_progress > 0)

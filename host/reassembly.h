@@ -28,7 +28,7 @@ struct PacketReport {
     bool is_first = false;
     uint32_t message_bytes = 0; ///< of a first packet: the length and the CRC it declares
     uint16_t crc = 0;
-    bool interrupts = false; ///< a first packet while another message was not complete
+    bool interrupts = false; ///< a first packet, taken or refused, while another message was not complete
     PacketOutcome outcome = PacketOutcome::refused;
     const char *reason = "";
 };

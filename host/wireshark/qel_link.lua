@@ -264,12 +264,13 @@ end
 local function follow(packet, direction)
     local info = {}
     if packet:byte(1) < 0x80 then
+        info.interrupts = progress[direction] ~= nil
         if #packet <= 6 then
             info.bad_packet = true
+            progress[direction] = nil
             return info
         end
         local b1, b2, b3, b4, b5, b6 = packet:byte(1, 6)
-        info.interrupts = progress[direction] ~= nil
         progress[direction] = { remaining = ((b1 * 256 + b2) * 256 + b3) * 256 + b4, crc = b5 * 256 + b6, parts = {} }
         info.header_size = 6
         if progress[direction].remaining == 0 then

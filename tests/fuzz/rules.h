@@ -90,6 +90,7 @@ struct GuardedPacketRules {
     {
         const size_t len = packet.size();
         const bool is_first = len > 0 && packet[0] < 128;
+        interrupted += is_first && packets.length > 0;
         packet.resize(std::max<size_t>(len, 35)); // what a short one leaves out counts as zeros
         const size_t says =
             size_t{packet[0]} << 24 | size_t{packet[1]} << 16 | size_t{packet[2]} << 8 | packet[3];
@@ -99,7 +100,6 @@ struct GuardedPacketRules {
         } else if (!is_first && packets.length == 0) {
             stray++;
         } else {
-            interrupted += is_first && packets.length > 0;
             packets.take(packet, len);
             count_whole();
         }

@@ -111,12 +111,30 @@ TEST(Reassembly, RefusesWhatWouldStopTheLibrary)
     EXPECT_THAT(receiver.messages, IsEmpty());
 }
 
-TEST(Reassembly, ARefusedFirstPacketEndsTheMessageInProgress)
+TEST(Reassembly, ARefusedFirstPacketEndsTheMessageInProgressAndReportsThat)
 {
-    Receiver receiver;
-    receiver.take(first_of_two);
-    receiver.take(bytes("7f ff ff ff 1d 0f 00"));
-    EXPECT_EQ(receiver.take(second_of_two).outcome, PacketOutcome::stray);
+    for (const std::string &refused : {bytes("7f ff ff ff 1d 0f 00"), bytes("00 00 00 00 1d 0f 00"),
+                                       bytes("00 00 00 01 b0 1b"), std::string(36, 'a')}) {
+        Receiver receiver;
+        receiver.take(first_of_two);
+        PacketReport report = receiver.take(refused);
+        EXPECT_EQ(report.outcome, PacketOutcome::refused);
+        EXPECT_TRUE(report.interrupts);
+        EXPECT_FALSE(receiver.take(refused).interrupts);
+        EXPECT_EQ(receiver.take(second_of_two).outcome, PacketOutcome::stray);
+    }
+}
+
+TEST(Reassembly, ARefusedContinuationLeavesTheMessageInProgress)
+{
+    for (const std::string &refused : {std::string(36, '\x80'), std::string()}) {
+        Receiver receiver;
+        receiver.take(first_of_two);
+        PacketReport report = receiver.take(refused);
+        EXPECT_EQ(report.outcome, PacketOutcome::refused);
+        EXPECT_FALSE(report.interrupts);
+        EXPECT_EQ(receiver.take(second_of_two).outcome, PacketOutcome::delivered);
+    }
 }
 
 TEST(Reassembly, TakesZerosBehindAShortPacketOfAMessageThatGoesOn)

@@ -39,7 +39,7 @@ TEST(Trace, ABrokenRecordingIsPrintedAsFarAsItGoes)
     EXPECT_EQ(trace.code, 3);
     EXPECT_THAT(trace.out, HasSubstr("connect_answer (38), 12 bytes: value=42 (CRC right)"));
     EXPECT_THAT(trace.out,
-                EndsWith("the recording is broken: cut off in the middle of a block (at byte 1144)\n"));
+                EndsWith("the recording is broken: cut off in the middle of a block (at byte 1304)\n"));
 }
 
 TEST(Trace, AFileThatIsNoRecordingIsNamedSo)

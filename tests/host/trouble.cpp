@@ -50,6 +50,9 @@ const Record records[] = {
     {1700000001046612, Direction::unknown, "00 00 00 09 01 1e 4d 00 00 00 09 00 00 00 61"},
     {1700000001046712, Direction::inbound, "00 00 00 08 2c 44 05 00 00 00 08 00 00 00"},
     {1700000001046812, Direction::outbound, get_item_size_begins},
+    // and another one, which a first packet without a message ends
+    {1700000001046912, Direction::inbound, get_item_size_begins},
+    {1700000001047012, Direction::inbound, "00 00 00 05 00 00"},
 };
 
 } // namespace

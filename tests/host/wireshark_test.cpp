@@ -188,5 +188,6 @@ TEST(Wireshark, ShowsEachTrouble)
               "14\t\t\t\t\t1\t\t\t\n"
               "15\t\t\t\t\t1\t\t\t\n"
               "16\t\t\t\t\t\t1\t\t\n"
-              "17\t\t\t1\t\t\t\t1\t\n");
+              "17\t\t\t1\t\t\t\t1\t\n"
+              "20\t\t\t1\t\t1\t\t\t\n");
 }
