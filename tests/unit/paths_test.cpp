@@ -140,6 +140,12 @@ TEST(ValidPath, HoldsNoDoubledSlash)
     EXPECT_EQ(_qel_path_is_valid("///a", dos_flavour), 0);
 }
 
+TEST(ValidPath, IsJudgedWithoutWhatStandsBeforeIt)
+{
+    const char text[] = "//a";
+    EXPECT_EQ(_qel_path_is_valid(text + 1, dos_flavour), 1);
+}
+
 TEST(ValidPath, HoldsNoneOfTheEightForbiddenCharacters)
 {
     for (const char *path : {"/a\\b", "/a:b", "/a*", "/?", "/\"", "/<", "/>", "/|"})

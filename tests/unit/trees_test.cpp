@@ -305,6 +305,14 @@ TEST_F(RemoveContents, Returns0WhenSomethingStaysInAFolderBelow)
     EXPECT_TRUE(disk.has("/a/b/file"));
 }
 
+TEST_F(RemoveContents, Returns0WhenAFolderBelowCouldNotBeOpenedButWasEmptyAndIsGone)
+{
+    disk.make_folder("/a/b");
+    kernel.fail_nth("opendir", 2, EMFILE);
+    EXPECT_EQ(run(qel_rmdircontents, "/a"), 0);
+    EXPECT_FALSE(disk.has("/a/b"));
+}
+
 TEST_F(RemoveContents, Returns0WhenAFolderBelowWasEmptiedButStays)
 {
     disk.make_folder("/a/b");

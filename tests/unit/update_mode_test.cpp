@@ -16,6 +16,7 @@
 
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 namespace
 {
@@ -231,6 +232,20 @@ TEST_F(UpdateMode, WritesAnUpdaterAndTakesItAsTheProgramEvenWhenAStickComesRight
                             "WINEDEBUG=fixme-all,warn-all LD_LIBRARY_PATH=/usr/xorg/lib DISPLAY=unix:0]"));
 }
 
+TEST_F(UpdateMode, JoinsAnUpdaterFromPacketsOf35Bytes)
+{
+    if (!in_fresh_process())
+        return;
+    host = {{1, std::string("\x00\x00\x00\x24\xa8\x74\x0a\x00\x00\x00\x24\x00\x00\x00\x18\x00\x00\x00"
+                            "#!/bin/sh\nexec /b",
+                            35)},
+            {2, std::string("\x80in/sh \n")}};
+    stick_at = 3;
+    kernel.leave_at("execve", 1);
+    EXPECT_THROW(qel_run_update_mode(), LeftProduct);
+    EXPECT_EQ(disk.content("/tmp/updater"), "#!/bin/sh\nexec /bin/sh \n");
+}
+
 // ---- qel_update_handler ----
 
 class UpdateHandler : public UpdateMode
@@ -269,6 +284,15 @@ TEST_F(UpdateHandler, WritesAsManyBytesAsTheLengthFieldSays)
     receive_updater(long_message);
     EXPECT_EQ(disk.content("/tmp/updater"), "ABCDxxxxxxxxxxxxxxxx");
     EXPECT_EQ(kernel.count("write"), 2); // one for the image, one for the display
+}
+
+TEST_F(UpdateHandler, ClosesTheUpdaterSoThatItCanRun)
+{
+    receive_updater(message);
+    std::vector<std::string> calls = kernel.calls();
+    calls.resize(3);
+    EXPECT_THAT(calls,
+                ElementsAre(StartsWith("open /tmp/updater "), StartsWith("write "), StartsWith("close ")));
 }
 
 TEST_F(UpdateHandler, TriesToRunTheUpdaterEvenWhenItCouldNotBeWritten)
