@@ -44,6 +44,7 @@ for preset in product product-i586 bench-subjects bench; do
     echo "building $preset ..." >&2
     if ! { cmake --preset "$preset" && cmake --build --preset "$preset"; } >"$log" 2>&1; then
         tail -n 60 "$log" >&2
+        echo "error: the preset $preset does not build; the whole log is $log" >&2
         exit 1
     fi
 done

@@ -36,6 +36,7 @@ if [ $run -eq 1 ]; then
     mkdir -p build
     if ! { cmake --preset coverage -B "$build" && ninja -C "$build" unit_tests; } >build/coverage.log 2>&1; then
         tail -n 60 build/coverage.log >&2
+        echo "error: the unit tests do not build with clang; the whole log is build/coverage.log" >&2
         exit 1
     fi
     echo "running them ..."
@@ -50,6 +51,11 @@ if [ $run -eq 1 ]; then
     llvm-profdata merge -sparse "$build"/profiles/*.profraw -o "$build/unit_tests.profdata"
 fi
 
-llvm-cov export "$build/tests/unit_tests" -instr-profile="$build/unit_tests.profdata" \
-    $(git ls-files 'src/*.cpp' 'src/*.h') >"$build/coverage.json"
+[ -e "$build/unit_tests.profdata" ] || {
+    echo "error: no run has left anything in $build; run tools/coverage.sh without --no-run" >&2
+    exit 1
+}
+mapfile -t sources < <(git ls-files 'src/*.cpp' 'src/*.h')
+llvm-cov export "$build/tests/unit_tests" -instr-profile="$build/unit_tests.profdata" "${sources[@]}" \
+    >"$build/coverage.json"
 python3 tools/coverage_report.py "$build/coverage.json"

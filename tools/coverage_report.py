@@ -32,7 +32,7 @@ def is_ambiguous(exception):
 
 def uncovered_lines(file):
     """Numbers of lines in which a region was never entered."""
-    lines, count_at = set(), {}
+    lines = set()
     segments = file["segments"]
     for (line, _, count, has_count, _, is_gap), following in zip(segments, segments[1:]):
         if has_count and count == 0 and not is_gap:

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by ./run, ./check and the tools: installs the Debian packages that a step needs.
 #
 #   need_packages NAME...    installs what is missing, as root or through sudo; quiet when all is there

@@ -4,7 +4,7 @@
 echo "QEL Loader..."
 echo "mount: /sys /proc"
 for mount in "sysfs /sys" "proc /proc" "usbfs /proc/bus/usb"; do
-    set -- $mount
+    set -- "${mount% *}" "${mount#* }"
     [ -d "$2" ] || mkdir "$2"
     mount -o bind "/machine/$1" "$2"
 done
@@ -18,7 +18,7 @@ for name in firmware midi lcd command button test console host_comms reserved1 r
     minor=$((minor + 1))
 done
 printf '\005' >/dev/qellpc_command
-read -r mode </dev/qellpc_command
+read -r _ </dev/qellpc_command
 exec </dev/null >/dev/null 2>&1
 
 # make_node FOLDER-IN-SYSFS FOLDER-OF-NODES TYPE
@@ -55,5 +55,5 @@ application=$(find /storage /disk -name 'qel_application_*' | sort | tail -n 1)
 /usr/xorg/bin/Xfake -nolisten tcp -kb &
 rm -rf /qel_home/.wine
 echo "run: $application"
-cd /storage
+cd /storage || exit 1
 "$application"

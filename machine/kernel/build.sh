@@ -1,4 +1,4 @@
-#!/bin/bash
+#!/usr/bin/env bash
 # Builds the cabinet's kernel from Debian's kernel source, once, and prints where it is. See build.sh --help.
 #
 # The folder is ${QEL_CACHE:-~/.cache/qel-loader}/kernel-KEY, the key being made of everything that goes
@@ -22,7 +22,7 @@ case "$#${1:-}" in
 esac
 
 here=$(cd "$(dirname "$0")" && pwd)
-source "$here/../../tools/packages.sh"
+. "$here/../../tools/packages.sh"
 say() { echo "$@" >&2; }
 
 need_packages linux-source-6.1 gcc make patch flex bison libelf-dev libssl-dev bc cpio kmod xz-utils >&2
