@@ -75,7 +75,8 @@ static const Operation sequenced_operations[] = {
     {"post_21", RETURNS(qel_sysmsg_post_21(con, 0x01020304)), "15 00 00 00 10 00 00 00 ## 00*3 04 03 02 01"},
     {"post_22", RETURNS(qel_sysmsg_post_22(con)), "16 00 00 00 0C 00 00 00 ## 00*3"},
     {"reply_24",
-     RETURNS(qel_sysmsg_reply_24(con, (std::string("text") + '\0' + std::string(95, 'x')).c_str())),
+     RETURNS(qel_sysmsg_reply_24(
+         con, (std::string("text") + '\0' + std::string(96, 'x')).c_str())), // one too many
      "18 00 00 00 70 00 00 00 ## 'text' 00 78*95 00*3"},
     {"reply_path_exists", RETURNS(qel_sysmsg_reply_path_exists(con, 0x01020304)),
      "1D 00 00 00 10 00 00 00 ## 00*3 04 03 02 01"},
@@ -298,12 +299,12 @@ TEST_F(CatalogueFiles, FailWhenTheirEndIsNotConfirmedWhateverWas)
 TEST_F(CatalogueFiles, AreReadFromDiskChunkByChunk)
 {
     const Scratch disk;
-    const std::string content = varied(50000);
+    const std::string content = varied(2 * 22050 + 1);
     disk.make_file("local", content);
     peer.confirms();
     EXPECT_EQ(qel_sysmsg_send_file(&peer.con, disk.at("local").c_str(), "remote"), 1);
     EXPECT_THAT(outline(peer), ElementsAre("type 7, 23 bytes", "type 8, 22066 bytes", "type 8, 22066 bytes",
-                                           "type 8, 5916 bytes", "type 9, 12 bytes"));
+                                           "type 8, 17 bytes", "type 9, 12 bytes"));
     EXPECT_EQ(shown(peer.transmissions[0]), shown("07 00 00 00 17 00 00 00 ## 00*3 07 00 00 00 'remote' 00"));
     EXPECT_EQ(file_content(peer), content);
     EXPECT_THAT(peer.kernel.calls("fopen fclose"),

@@ -96,7 +96,9 @@ TEST_F(QueryText, StaysUntilTheNextOne)
 
 TEST_F(QueryText, NeedsAConnection)
 {
+    peer.kernel.watches_memory = 1;
     EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_get_text(nullptr));
+    EXPECT_EQ(peer.kernel.count("realloc"), 0);
     EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_reply_text(nullptr, "text"));
 }
 
@@ -163,8 +165,11 @@ TEST_F(QueryDecipher, StopsOnAnAnswerLongerThanTheQuestion)
                     qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length));
 }
 
-TEST_F(QueryDecipher, TakesQuestionsOfAnyLengthInTurn)
+TEST_F(QueryDecipher, TakesQuestionsOfAnyLengthInTurnAndGrowsItsBufferOnlyForLongerAnswers)
 {
+    if (!in_fresh_process())
+        return;
+    peer.kernel.watches_memory = 1;
     for (const int size : {1, 111, 112, 113, 240, 20000, 5}) {
         qel_sysmsg_forget_sequence();
         const Bytes cipher(static_cast<size_t>(size), 0x43);
@@ -181,6 +186,7 @@ TEST_F(QueryDecipher, TakesQuestionsOfAnyLengthInTurn)
         EXPECT_EQ(qel_sysmsg_decipher(&peer.con, cipher.data(), size, &plain, &length), 1);
         EXPECT_EQ(hex_of(plain, length), hex_of(cipher));
     }
+    EXPECT_EQ(peer.kernel.count("realloc"), 3); // to 128, 256 and 20096 bytes
 }
 
 TEST_F(QueryDecipher, NeedsEverything)

@@ -123,6 +123,13 @@ TEST_F(SysmsgConfirm, TimeIsMeasuredAcrossTheEndOfThe32BitClock)
     EXPECT_EQ(peer.now_ms(), 3000);
 }
 
+TEST_F(SysmsgConfirm, TimeIsMeasuredInWholeMilliseconds)
+{
+    peer.starts_at(1000, 1000);
+    EXPECT_EQ(request(), 0);
+    EXPECT_EQ(peer.now_ms(), 3000);
+}
+
 TEST_F(SysmsgConfirm, TimeIsMeasuredWhateverTheCentury)
 {
     for (const time_t start : {time_t{0}, time_t{2147483647}, time_t{4294967295}, time_t{10000000000}}) {
