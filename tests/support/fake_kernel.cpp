@@ -73,6 +73,7 @@ int FakeKernel::count(const std::string &name) const
 void FakeKernel::forget_calls()
 {
     records.clear();
+    transfers.clear();
     counts.clear();
 }
 
@@ -99,6 +100,8 @@ void FakeKernel::leave_at(const std::string &name, int n)
 FakeKernel::Turn FakeKernel::next(const char *symbol, const char *name, const std::string &text)
 {
     records.push_back(name + text);
+    if (on_record)
+        on_record();
     symbols_reached.insert(symbol);
     const int n = ++counts[name];
 
@@ -229,8 +232,10 @@ static int gives_back(const std::string &name)
                 return failure;                                                                              \
             }                                                                                                \
             size_argument = std::min(size_argument, turn.size_max);                                          \
-            if (active->on_##name)                                                                           \
-                return active->on_##name arguments;                                                          \
+            const size_t record = active->calls().size() - 1;                                                \
+            const result moved = active->on_##name ? active->on_##name arguments : real_##name arguments;    \
+            active->note_transfer(record, static_cast<long>(moved));                                         \
+            return moved;                                                                                    \
         }                                                                                                    \
         return real_##name arguments;                                                                        \
     }
@@ -311,7 +316,10 @@ unsigned wrap_sleep(unsigned seconds)
 {
     if (!active)
         return real_sleep(seconds);
-    active->next("sleep", "sleep", spelled(seconds));
+    if (const int error = active->next("sleep", "sleep", spelled(seconds)).error) {
+        errno = error;
+        return seconds;
+    }
     if (active->on_sleep)
         active->on_sleep(seconds);
     if (!active->clock_is_virtual)
@@ -326,7 +334,10 @@ int wrap_usleep(useconds_t microseconds)
 {
     if (!active)
         return real_usleep(microseconds);
-    active->next("usleep", "usleep", spelled(microseconds));
+    if (const int error = active->next("usleep", "usleep", spelled(microseconds)).error) {
+        errno = error;
+        return -1;
+    }
     if (active->on_usleep)
         active->on_usleep(microseconds);
     if (!active->clock_is_virtual)

@@ -77,6 +77,14 @@ class FakeKernel
     /// How often `name` was called.
     int count(const std::string &name) const;
     void forget_calls();
+    /// What the call that has this place in calls() moved: bytes or items, -1 when it is no transfer.
+    long moved(size_t record) const
+    {
+        const auto found = transfers.find(record);
+        return found == transfers.end() ? -1 : found->second;
+    }
+    /// Told of every call, once it is recorded and before it is made.
+    std::function<void()> on_record;
     /// 1 when a call arrived through this spelling ("open64").
     int was_reached(const std::string &symbol) const
     {
@@ -130,6 +138,10 @@ class FakeKernel
     };
     /// Records a call and tells what is to become of it.
     Turn next(const char *symbol, const char *name, const std::string &text);
+    void note_transfer(size_t record, long moved)
+    {
+        transfers[record] = moved;
+    }
     int clock_is_virtual = 0;
     long long clock_usec = 0;
 
@@ -142,6 +154,7 @@ class FakeKernel
     };
     std::vector<std::pair<std::string, std::string>> redirections;
     std::vector<std::string> records;
+    std::map<size_t, long> transfers;
     std::map<std::string, int> counts;
     std::set<std::string> symbols_reached;
     std::map<std::string, Plan> plans;

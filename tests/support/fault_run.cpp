@@ -1,19 +1,25 @@
 // The runs of the fault sweeps. Every run is a forked process: stops may leave files open and state behind,
-// and standard streams may go anywhere. It tells its end through a file in memory.
+// and standard streams may go anywhere. It tells its end through a file in memory, and then its process ends
+// with status 0, also where the product calls exit; every other end is a crash.
 
 #include "support/fault_run.h"
 #include "support/scratch_disk.h"
 
 #include <errno.h>
+#include <gtest/gtest-spi.h>
 #include <signal.h>
+#include <stdio_ext.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <filesystem>
 #include <set>
 #include <sstream>
 
@@ -49,14 +55,53 @@ Ground::Ground()
         }
         return entries.size() > 1 ? &entries.back() : nullptr;
     };
-    kernel.on_closedir = [this](DIR *folder) {
-        listings.erase(folder);
-        return real_closedir(folder);
-    };
+    watch_descriptors();
     kernel.on_fork = [] { return child; };
     kernel.on_waitpid = [](pid_t process, int *status, int) {
         *status = 0;
         return process;
+    };
+}
+
+/// Gives something back for which there is a record in `open`, or else takes note of that.
+template <typename Stream, typename GiveBack>
+static int give_back(Stream *stream, std::set<Stream *> &open, const char *what, std::string &closed_twice,
+                     GiveBack *back)
+{
+    if (open.erase(stream))
+        return back(stream);
+    closed_twice += what;
+    errno = EBADF;
+    return EOF;
+}
+
+void Ground::watch_descriptors()
+{
+    kernel.on_close = [this](int file) {
+        const int result = real_close(file);
+        // -1 is what the product has of an open that failed.
+        if (result == -1 && file != -1)
+            closed_twice += " a descriptor";
+        return result;
+    };
+    kernel.on_opendir = [this](const char *path) {
+        DIR *folder = real_opendir(kernel.at(path).c_str());
+        if (folder)
+            folders.insert(folder);
+        return folder;
+    };
+    kernel.on_closedir = [this](DIR *folder) {
+        listings.erase(folder);
+        return give_back(folder, folders, " a folder", closed_twice, real_closedir);
+    };
+    kernel.on_fopen = [this](const char *path, const char *mode) {
+        FILE *stream = real_fopen(kernel.at(path).c_str(), mode);
+        if (stream)
+            streams.insert(stream);
+        return stream;
+    };
+    kernel.on_fclose = [this](FILE *stream) {
+        return give_back(stream, streams, " a stream", closed_twice, real_fclose);
     };
 }
 
@@ -92,17 +137,55 @@ static std::string comparable(const std::string &record, int n)
     return name + rest + " #" + std::to_string(n);
 }
 
-/// Looks at the clock are left out: they change nothing.
-static std::vector<std::string> comparable_calls(const FakeKernel &kernel)
+/// What is on standard output so far, flushed or not.
+static size_t printed_so_far()
 {
-    static const std::set<std::string> looks = {"time", "gettimeofday", "localtime"};
-    std::vector<std::string> calls;
+    return static_cast<size_t>(lseek(STDOUT_FILENO, 0, SEEK_CUR)) + __fpending(stdout);
+}
+
+/// Looks at the clock are left out: they change nothing, and cannot fail.
+static std::vector<Call> comparable_calls(const FakeKernel &kernel, const std::vector<size_t> &printed)
+{
+    static const std::set<std::string> looks = {"time", "gettimeofday"};
+    std::vector<Call> calls;
     std::map<std::string, int> counts;
-    for (const std::string &record : kernel.calls()) {
+    for (size_t at = 0; at < kernel.calls().size(); at++) {
+        const std::string &record = kernel.calls()[at];
         if (!looks.count(name_of(record)))
-            calls.push_back(comparable(record, ++counts[name_of(record)]));
+            calls.push_back(
+                {comparable(record, ++counts[name_of(record)]), printed.at(at), kernel.moved(at)});
     }
     return calls;
+}
+
+/// The descriptors of this process and what they lead to, as in Scenario::left_open.
+static std::map<std::string, std::string> descriptors(const Scratch &disk)
+{
+    std::map<std::string, std::string> all;
+    const std::string listing = "/proc/" + std::to_string(getpid()) + "/fd";
+    for (const auto &entry : std::filesystem::directory_iterator(listing)) {
+        std::string target = std::filesystem::read_symlink(entry);
+        if (target == listing)
+            continue;
+        if (target.rfind(disk.path(), 0) == 0)
+            target.erase(0, disk.path().size());
+        all[entry.path().filename()] = target.substr(0, target.find(":["));
+    }
+    return all;
+}
+
+/// What is open now and was not before, in order of name.
+static std::string opened_since(const std::map<std::string, std::string> &before, const Scratch &disk)
+{
+    std::multiset<std::string> opened;
+    for (const auto &[number, target] : descriptors(disk)) {
+        if (!before.count(number))
+            opened.insert(target);
+    }
+    std::string text;
+    for (const std::string &target : opened)
+        text += (text.empty() ? "" : " ") + target;
+    return text;
 }
 
 static void plan(FakeKernel &kernel, const Injection &injection)
@@ -126,84 +209,142 @@ static std::string result_of(const Scenario &scenario, Ground &ground)
     }
 }
 
+// ---- What is told to the parent ----
+
+/// The texts of a run, in the order in which they are told.
+template <typename AnyRun> static auto texts_of(AnyRun &run)
+{
+    return std::array{&run.result,  &run.stop,      &run.unit,         &run.line,
+                      &run.printed, &run.left_open, &run.closed_twice, &run.complaints};
+}
+
 static void tell(int file, const Run &run)
 {
     std::string text;
-    for (const std::string &part : {run.result, run.stop, run.unit, run.line, run.printed})
-        text += part + '\0';
-    for (const std::string &call : run.calls)
-        text += call + '\0';
+    for (const std::string *part : texts_of(run))
+        text += *part + '\0';
+    for (const Call &call : run.calls)
+        text +=
+            call.text + '\0' + std::to_string(call.printed_before) + ' ' + std::to_string(call.moved) + '\0';
     real_write(file, text.data(), text.size());
+}
+
+static std::string content_of(int file)
+{
+    std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
+    pread(file, text.data(), text.size(), 0);
+    return text;
 }
 
 static Run read_run(int file)
 {
-    std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
-    pread(file, text.data(), text.size(), 0);
-    std::istringstream parts(text);
+    std::istringstream parts(content_of(file));
     Run run;
-    for (std::string *part : {&run.result, &run.stop, &run.unit, &run.line, &run.printed})
+    for (std::string *part : texts_of(run))
         std::getline(parts, *part, '\0');
-    for (std::string call; std::getline(parts, call, '\0');)
+    std::string numbers;
+    for (Call call; std::getline(parts, call.text, '\0') && std::getline(parts, numbers, '\0');) {
+        std::istringstream(numbers) >> call.printed_before >> call.moved;
         run.calls.push_back(call);
+    }
     return run;
 }
 
-/// What a run that calls exit leaves to be told.
-struct Ending {
+// ---- The process of a run ----
+
+/// A run on its way: what its end, wherever that is, needs to be told.
+struct Progress {
     int file;
-    Ground *ground;
+    Ground ground;
+    std::vector<size_t> printed; ///< before each call
+    std::map<std::string, std::string> open_before;
+    testing::TestPartResultArray failures;
+    testing::ScopedFakeTestPartResultReporter failures_go_here{
+        testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures};
 };
 
-static void tell_exit(int status, void *context)
+/// Completes the run and ends the process.
+[[noreturn]] static void end(Run run, const Progress &progress)
 {
-    const auto *ending = static_cast<const Ending *>(context);
-    if (!ending->ground)
-        return;
-    Run run;
-    run.result = "exit " + std::to_string(status);
-    run.printed = "?";
-    run.calls = comparable_calls(ending->ground->kernel);
-    tell(ending->file, run);
+    run.closed_twice = progress.ground.closed_twice;
+    run.calls = comparable_calls(progress.ground.kernel, progress.printed);
+    for (int i = 0; i < progress.failures.size(); i++)
+        run.complaints += progress.failures.GetTestPartResult(i).message() + std::string("\n");
+    tell(progress.file, run);
+    std::error_code ignored;
+    std::filesystem::remove_all(progress.ground.disk.path(), ignored);
+    real__exit(0);
 }
 
-static void run_in_child(const Scenario &scenario, const Injection *injection, int file)
+/// The product has called exit: standard output still is the file in memory that stop_of looks into.
+static void end_by_exit(int status, void *context)
 {
+    const auto *progress = static_cast<const Progress *>(context);
+    Run run;
+    run.result = "exit " + std::to_string(status);
+    fflush(stdout);
+    run.printed = content_of(STDOUT_FILENO);
+    run.left_open = opened_since(progress->open_before, progress->ground.disk);
+    end(run, *progress);
+}
+
+[[noreturn]] static void run_in_child(const Scenario &scenario, const Injection *injection, int file)
+{
+    const struct rlimit no_core = {};
+    setrlimit(RLIMIT_CORE, &no_core);
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     tests_run_here();
-    static Ending ending = {file, nullptr};
-    on_exit(tell_exit, &ending);
+    Progress progress = {};
+    progress.file = file;
+    progress.ground.kernel.on_record = [&] { progress.printed.push_back(printed_so_far()); };
+    on_exit(end_by_exit, &progress);
+    if (injection)
+        plan(progress.ground.kernel, *injection);
     Run run;
-    {
-        Ground ground;
-        ending.ground = &ground;
-        if (injection)
-            plan(ground.kernel, *injection);
-        const StopResult stop = stop_of([&] { run.result = result_of(scenario, ground); });
-        if (stop.stopped) {
-            run.stop = stop.text;
-            run.unit = stop.unit;
-            run.line = std::to_string(stop.line);
-        }
-        run.printed = stop.output;
-        run.calls = comparable_calls(ground.kernel);
-        ending.ground = nullptr;
+    const StopResult stop = stop_of([&] {
+        progress.open_before = descriptors(progress.ground.disk);
+        run.result = result_of(scenario, progress.ground);
+        run.left_open = opened_since(progress.open_before, progress.ground.disk);
+    });
+    if (stop.stopped) {
+        run.stop = stop.text;
+        run.unit = stop.unit;
+        run.line = std::to_string(stop.line);
     }
-    tell(file, run);
+    run.printed = stop.output;
+    end(run, progress);
+}
+
+/// The folder of all runs' scratch folders; what crashes leave in it is gone with this process. It is in
+/// memory where the system has room there and nobody asks for another place: a disk takes longer than all the
+/// rest.
+static const Scratch &place_of_runs()
+{
+    const bool in_memory = !getenv("TMPDIR") && real_access("/dev/shm", W_OK) == 0;
+    if (in_memory)
+        setenv("TMPDIR", "/dev/shm", 1);
+    static const Scratch place;
+    if (in_memory)
+        unsetenv("TMPDIR");
+    return place;
 }
 
 Run run_once(const Scenario &scenario, const Injection *injection)
 {
+    const Scratch &place = place_of_runs();
     const int file = memfd_create("run", MFD_CLOEXEC);
     const pid_t process = real_fork();
     if (process == 0) {
+        setenv("TMPDIR", place.path().c_str(), 1);
         run_in_child(scenario, injection, file);
-        real__exit(0);
     }
     int status = 0;
     EXPECT_EQ(real_waitpid(process, &status, 0), process);
-    EXPECT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
-    const Run run = read_run(file);
+    Run run = read_run(file);
     real_close(file);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        run = {};
+        run.result = crashed;
+    }
     return run;
 }

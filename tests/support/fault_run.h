@@ -3,11 +3,24 @@
 
 #include "support/fault_sweep.h"
 
-/// How a run ended. `calls` are as recorded, each with its number among those of its name: "read 4096 #2".
+/// A call of a run.
+struct Call {
+    std::string text;      ///< as recorded, with its number among those of its name: "read 4096 #2"
+    size_t printed_before; ///< how much had been printed when it was made
+    long moved;            ///< bytes or items; -1 when it is no transfer, or failed
+};
+
+/// How a run ended.
 struct Run {
     std::string result, stop, unit, line, printed;
-    std::vector<std::string> calls;
+    std::string left_open;    ///< as Scenario::left_open
+    std::string closed_twice; ///< what was given back without being open
+    std::string complaints;   ///< expectations of the scenario's own that failed
+    std::vector<Call> calls;
 };
+
+/// The result of a run whose process did not get to its end; nothing else is known of it.
+constexpr const char *crashed = "crashed";
 
 /// A fault and the call that it is done to.
 struct Injection {

@@ -3,14 +3,10 @@
 #include "support/fault_run.h"
 
 #include <fnmatch.h>
-#include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <set>
-#include <sstream>
 
 // ---- Judging ----
 
@@ -33,51 +29,63 @@ static std::string joined(const std::vector<std::string> &calls)
     return text;
 }
 
+/// The calls of a run from number `first` up to number `end`, or as far as there are any.
+static std::vector<std::string> texts_of(const Run &run, size_t first, size_t end)
+{
+    std::vector<std::string> texts;
+    for (size_t i = first; i < std::min(end, run.calls.size()); i++)
+        texts.push_back(run.calls[i].text);
+    return texts;
+}
+
 /// What is to follow the call number `at`, as patterns.
 static std::vector<std::string> expected_calls(const Outcome &outcome, const Run &clean, size_t at)
 {
     std::vector<std::string> calls = outcome.calls;
     if (outcome.follows != Outcome::all)
         return calls;
-    for (size_t i = at + 1; i < clean.calls.size(); i++) {
-        const auto leaves_out = [&](const std::string &pattern) { return fits(pattern, clean.calls[i]); };
+    for (const std::string &call : texts_of(clean, at + 1, clean.calls.size())) {
+        const auto leaves_out = [&](const std::string &pattern) { return fits(pattern, call); };
         if (std::none_of(outcome.left_out.begin(), outcome.left_out.end(), leaves_out))
-            calls.push_back(without_number(clean.calls[i]));
+            calls.push_back(without_number(call));
     }
     return calls;
 }
 
 static void judge_calls(const Outcome &outcome, const Run &clean, const Run &run, size_t at)
 {
-    if (outcome.follows == Outcome::anything)
-        return;
+    EXPECT_EQ(texts_of(run, 0, at + 1), texts_of(clean, 0, at + 1)) << "it was another run before the fault";
     const std::vector<std::string> wanted = expected_calls(outcome, clean, at);
-    const std::vector<std::string> found(
-        run.calls.begin() + std::min<long>(static_cast<long>(at) + 1, static_cast<long>(run.calls.size())),
-        run.calls.end());
+    const std::vector<std::string> found = texts_of(run, at + 1, run.calls.size());
     EXPECT_TRUE(std::equal(wanted.begin(), wanted.end(), found.begin(), found.end(), fits))
         << "calls expected:" << joined(wanted) << "\ncalls made:" << joined(found);
 }
 
-static void judge_output(const Outcome &outcome, const Run &clean, const Run &run)
+/// The output when the call number `at` fails.
+static std::string expected_output(const Outcome &outcome, const Run &clean, size_t at)
 {
-    if (outcome.follows == Outcome::anything && !outcome.printed)
-        return;
-    std::string wanted = outcome.printed.value_or(clean.printed);
-    if (const size_t missing = wanted.find(outcome.not_printed); !outcome.not_printed.empty()) {
-        ASSERT_NE(missing, std::string::npos) << "\"" << outcome.not_printed << "\" is never printed";
+    if (outcome.printed)
+        return *outcome.printed;
+    const size_t before = clean.calls[at].printed_before;
+    std::string wanted = outcome.stop.empty() ? clean.printed : clean.printed.substr(0, before);
+    wanted.insert(before, outcome.added);
+    const size_t missing = wanted.find(outcome.not_printed);
+    if (missing == std::string::npos)
+        ADD_FAILURE() << '"' << outcome.not_printed << "\" is never printed";
+    else
         wanted.erase(missing, outcome.not_printed.size());
-    }
-    if (outcome.stop.empty() || outcome.printed) {
-        EXPECT_EQ(run.printed, wanted);
-    } else {
-        EXPECT_EQ(wanted.rfind(run.printed, 0), 0U) << "printed: " << run.printed;
-    }
+    return wanted;
 }
 
-static void judge(const Outcome &outcome, const Run &clean, const Run &run, size_t at)
+static void judge(const Scenario &scenario, const Outcome &outcome, const Run &clean, const Run &run,
+                  size_t at)
 {
+    EXPECT_EQ(run.complaints, "");
     EXPECT_EQ(run.stop, outcome.stop);
+    if (run.result == crashed || outcome.result == crashed) {
+        EXPECT_EQ(run.result, outcome.result);
+        return;
+    }
     if (!outcome.stop.empty()) {
         EXPECT_EQ(run.unit, outcome.unit);
         if (outcome.line != any_line) {
@@ -85,32 +93,28 @@ static void judge(const Outcome &outcome, const Run &clean, const Run &run, size
         }
     } else {
         EXPECT_EQ(run.result, outcome.result.empty() ? clean.result : outcome.result);
+        EXPECT_EQ(run.left_open, outcome.left_open.value_or(scenario.left_open));
     }
-    judge_output(outcome, clean, run);
+    EXPECT_EQ(run.closed_twice, "");
+    EXPECT_EQ(run.printed, expected_output(outcome, clean, at));
     judge_calls(outcome, clean, run, at);
 }
 
 // ---- The sweep ----
 
-static size_t size_in(const std::string &call)
-{
-    const std::string text = without_number(call);
-    return std::stoul(text.substr(text.rfind(' ') + 1));
-}
-
-/// Everything that can be done to a call.
-static std::vector<Fault> faults_of(const std::string &call)
+/// Everything that can be done to a call. A transfer falls short of what it moved, not of what was asked for.
+static std::vector<Fault> faults_of(const Call &call)
 {
     std::vector<Fault> faults;
     for (const KernelCall &known : kernel_calls()) {
-        if (known.name != name_of(call))
+        if (known.name != name_of(call.text))
             continue;
         for (int number : known.errors)
             faults.push_back({number, SIZE_MAX});
-        if (known.can_fall_short) {
-            for (size_t size : std::set<size_t>{0, 1, size_in(call) - 1}) {
-                if (size < size_in(call))
-                    faults.push_back({0, size});
+        if (known.can_fall_short && call.moved > 0) {
+            for (long size : std::set<long>{0, 1, call.moved - 1}) {
+                if (size < call.moved)
+                    faults.push_back({0, static_cast<size_t>(size)});
             }
         }
     }
@@ -128,53 +132,12 @@ static Injection injection_of(const std::string &call, const Fault &fault)
     return {name_of(call), std::stoi(call.substr(call.rfind('#') + 1)), fault};
 }
 
-/// Injected faults of all scenarios, told at the end of the program.
-class Tally : public testing::Environment
-{
-  public:
-    void SetUp() override
-    {
-        if (getenv(mark))
-            return;
-        file = memfd_create("tally", 0); // stays open in fresh processes
-        setenv(mark, std::to_string(file).c_str(), 1);
-    }
-    static void add(const std::string &line)
-    {
-        const int tally = std::stoi(getenv(mark));
-        real_write(tally, line.c_str(), line.size());
-    }
-    void TearDown() override
-    {
-        if (file == -1)
-            return;
-        std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
-        pread(file, text.data(), text.size(), 0);
-        std::istringstream lines(text);
-        int scenarios = 0, calls = 0, faults = 0;
-        for (int c, f; lines >> c >> f; scenarios++) {
-            calls += c;
-            faults += f;
-        }
-        if (scenarios)
-            printf("fault sweep: %d faults in %d calls of %d scenarios\n", faults, calls, scenarios);
-        unsetenv(mark);
-    }
-
-  private:
-    static constexpr const char *mark = "QEL_TEST_FAULT_TALLY";
-    int file = -1;
-};
-
-[[maybe_unused]] static const testing::Environment *const tally =
-    testing::AddGlobalTestEnvironment(new Tally);
-
 /// Does everything to the call number `at` of the clean run. Returns the number of faults.
 static int break_call(const Scenario &scenario, const Run &clean, size_t at, std::set<const Rule *> &used)
 {
-    const std::string &call = clean.calls[at];
-    const std::vector<Fault> faults = faults_of(call);
-    for (const Fault &fault : faults) {
+    const std::string &call = clean.calls[at].text;
+    int count = 0;
+    for (const Fault &fault : faults_of(clean.calls[at])) {
         SCOPED_TRACE(spelled(call, fault));
         const auto rule = std::find_if(scenario.rules.begin(), scenario.rules.end(),
                                        [&](const Rule &r) { return fits(r.call, call) && r.faults(fault); });
@@ -184,27 +147,39 @@ static int break_call(const Scenario &scenario, const Run &clean, size_t at, std
         }
         used.insert(&*rule);
         const Injection injection = injection_of(call, fault);
-        judge(rule->outcome, clean, run_once(scenario, &injection), at);
+        judge(scenario, rule->outcome, clean, run_once(scenario, &injection), at);
+        count++;
     }
-    return static_cast<int>(faults.size());
+    return count;
 }
 
-void sweep(const Scenario &scenario)
+/// The run without a fault comes to what is laid down, and is in order.
+static bool is_sound(const Scenario &scenario, const Run &clean)
 {
-    const Run clean = run_once(scenario, nullptr);
-    ASSERT_EQ(clean.stop, "");
-    ASSERT_EQ(clean.result, scenario.result) << joined(clean.calls);
+    EXPECT_EQ(clean.complaints, "");
+    EXPECT_EQ(clean.stop, "");
+    EXPECT_EQ(clean.result, scenario.result) << joined(texts_of(clean, 0, clean.calls.size()));
+    EXPECT_EQ(clean.left_open, scenario.left_open);
+    EXPECT_EQ(clean.closed_twice, "");
+    return clean.stop.empty() && clean.result == scenario.result;
+}
 
-    int calls = 0, faults = 0;
+Swept sweep(const Scenario &scenario)
+{
+    Swept swept;
+    const Run clean = run_once(scenario, nullptr);
+    if (!is_sound(scenario, clean))
+        return swept;
+
     std::set<const Rule *> used;
     for (size_t at = 0; at < clean.calls.size(); at++) {
         const int count = break_call(scenario, clean, at, used);
-        calls += count > 0;
-        faults += count;
+        swept.calls += count > 0;
+        swept.faults += count;
     }
     for (const Rule &rule : scenario.rules)
         EXPECT_TRUE(used.count(&rule)) << "no fault meets the rule of \"" << rule.call << '"';
-    Tally::add(std::to_string(calls) + " " + std::to_string(faults) + "\n");
+    return swept;
 }
 
 void PrintTo(const Scenario &scenario, std::ostream *stream)

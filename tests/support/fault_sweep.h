@@ -8,8 +8,9 @@
 ///
 /// is a scenario: its name, what it comes to when nothing fails, the piece of the product in its situation,
 /// and the rules. sweep() runs it once unharmed and then, for every call of that run, once with each fault
-/// that a real kernel could give. A fault that no rule speaks of fails the test, as does a rule that speaks
-/// of nothing. Rules are written down from what the product promises, never from what it did.
+/// that a real kernel could give. Result, stop, calls, output and what stays open are compared. A fault that
+/// no rule speaks of fails the test, as does a rule that speaks of nothing. Rules are written down from what
+/// the product promises, never from what it did.
 #pragma once
 
 #include "support/fake_kernel.h"
@@ -32,8 +33,23 @@ struct KernelCall {
     int can_fall_short;
 };
 
-/// The calls that can be broken, each once, with every error that a real kernel could plausibly give.
+/// The calls that can be broken, each once, with every error that a real kernel could plausibly give to the
+/// way in which the product makes it.
 const std::vector<KernelCall> &kernel_calls();
+/// The errors of one of them.
+const std::vector<int> &errors_of(const std::string &name);
+
+/// A symbol that the linker wraps and that is not broken, with the reason.
+struct UnbrokenCall {
+    const char *symbol;
+    const char *reason;
+};
+const std::vector<UnbrokenCall> &unbroken_calls();
+
+/// What is wrong with a table and a list of exceptions for the symbols that are wrapped, separated by blanks:
+/// a line for each symbol that neither knows or both know, and for each that is in them and not wrapped.
+std::string gaps(const std::string &wrapped, const std::vector<KernelCall> &table,
+                 const std::vector<UnbrokenCall> &exceptions);
 
 /// What is done to one call: an error, or, with error 0, a limit to what it moves.
 struct Fault {
@@ -68,20 +84,23 @@ struct Outcome {
     Outcome goes_on_without(std::vector<std::string> calls) const;
     /// The same, but these come first.
     Outcome goes_on_after(std::vector<std::string> calls) const;
-    /// What follows is the consequence of a kernel that contradicts itself: not looked at.
-    Outcome whatever_follows() const;
-    /// The whole of the output.
+    /// The whole of the output. Without one of these three it is as without the fault; of a stop, as far as
+    /// it had come when the call was made.
     Outcome prints(const std::string &text) const;
+    /// The output, with this in the place of the call that failed.
+    Outcome also_prints(const std::string &text) const;
     /// The output, but without this.
     Outcome unprinted(const std::string &text) const;
+    /// This stays open, and not what the scenario says.
+    Outcome leaves_open(const std::string &what) const;
 
     std::string result; ///< empty: as without the fault
     std::string stop, unit;
     int line = any_line;
-    enum { nothing, listed, all, anything } follows = nothing;
+    enum { nothing, listed, all } follows = nothing;
     std::vector<std::string> calls, left_out;
-    std::optional<std::string> printed; ///< none: as without the fault; of a stop, the beginning of that
-    std::string not_printed;
+    std::optional<std::string> printed, left_open; ///< none: see prints, and as the scenario says
+    std::string added, not_printed;
 };
 
 /// Nobody notices: the same result, output and calls.
@@ -90,6 +109,8 @@ Outcome ignored();
 Outcome stops(const std::string &text, const std::string &unit, int line = any_line);
 /// The piece comes to another result; no call follows.
 Outcome gives(const std::string &result);
+/// The process crashes.
+Outcome crashes();
 
 /// A rule: for a call, "mkdir /storage *" or, when a number is needed, "read #2" for the second read, the
 /// first rule that fits both the call and the fault says what comes of it.
@@ -113,9 +134,15 @@ struct Ground {
 
     Scratch disk;
     FakeKernel kernel{disk.path()};
+    /// What was given back without being open, once for each time.
+    std::string closed_twice;
 
   private:
+    void watch_descriptors();
+
     std::map<DIR *, std::vector<struct dirent>> listings;
+    std::set<DIR *> folders;
+    std::set<FILE *> streams;
 };
 
 struct Scenario {
@@ -127,6 +154,9 @@ struct Scenario {
     std::vector<Rule> rules;
     /// 1 when the scenario needs a process in which the product has done nothing yet.
     int needs_fresh_process = 0;
+    /// What is open at the end that was not at the start, in order of name, as paths; "socket" for an end of
+    /// a pair. A stop keeps what it has in hand, and nobody asks.
+    std::string left_open = "";
 };
 
 /// Keeps the names of tests short.
@@ -135,8 +165,13 @@ void PrintTo(const Scenario &scenario, std::ostream *stream);
 /// Rules from several places, in this order.
 std::vector<Rule> rules_of(const std::vector<std::vector<Rule>> &lists);
 
+/// How much a sweep broke.
+struct Swept {
+    int calls = 0, faults = 0;
+};
+
 /// Runs a scenario with each of its faults. Every run has a process of its own.
-void sweep(const Scenario &scenario);
+Swept sweep(const Scenario &scenario);
 
 /// Tests of a scenario each: INSTANTIATE_SWEEP(Files, scenarios); what runs is in unit/fault_sweep_test.cpp.
 class FaultSweep : public testing::TestWithParam<Scenario>

@@ -208,6 +208,14 @@ TEST_F(NodeFromSysfs, StopsOnADevFileWithoutTwoNumbers)
     }
 }
 
+TEST_F(NodeFromSysfs, StopsOnADevFileThatOpensButCannotBeRead)
+{
+    disk.make_folder("/sys/block/sda/dev"); // opens for reading; a read fails with EISDIR
+    EXPECT_STOPS("num_matches == 2", filesystem_unit, 1937,
+                 qel_make_node_from_sysfs("/sys/block/sda", "/dev", S_IFBLK));
+    EXPECT_THAT(nodes(), IsEmpty());
+}
+
 TEST_F(NodeFromSysfs, ChecksTheDevFileEvenWhenTheNodeExists)
 {
     disk.make_file("/sys/block/sda/dev", "");

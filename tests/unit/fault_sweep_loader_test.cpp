@@ -1,7 +1,9 @@
 // What failing calls lead to in the whole sequences: start-up, installing, installing Windows applications,
 // finding and running the application.
 
-#include "support/fault_sweep.h"
+#include "support/fault_product_rules.h"
+#include "support/fault_run.h"
+#include "support/fresh_process.h"
 
 #include "qel_application_loader/application.h"
 #include "qel_application_loader/installer.h"
@@ -9,27 +11,15 @@
 #include "qel_utility/qel_filesystem.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
+#include <unistd.h>
 
 /// The loader's main under another name.
 int qel_loader_main(int argc, char **argv);
 
 namespace
 {
-
-const char *const not_eexist = "(*__errno_location ()) == 17";
-
-std::vector<Rule> mkdir_rules(const std::string &path, int line)
-{
-    return {{"mkdir " + path + " 0755", error({EEXIST}), ignored()},
-            {"mkdir " + path + " 0755", any_fault, stops(not_eexist, filesystem_unit, line)}};
-}
-
-std::vector<Rule> mount_rules(const std::string &folder)
-{
-    return rules_of({mkdir_rules(folder, 1959),
-                     {{"mount * " + folder + " *", any_fault, stops("!err", filesystem_unit, 1964)}}});
-}
 
 const Rule closedir_rule = {"closedir", any_fault, ignored()};
 const Rule close_rule = {"close", any_fault, ignored()};
@@ -75,10 +65,14 @@ const std::vector<Rule> board_rules = {
     {"read 64", any_error, stops("n >= 0", h8_unit)},
     // A microcontroller that says nothing leaves the filler, AB: console and update mode.
     {"read 64", moves(0),
-     ignored().whatever_follows().prints(
-         "QEL Loader...\nmount: /sys /proc\ndev:  qellpc_firmware qellpc_midi qellpc_lcd "
-         "qellpc_command qellpc_button qellpc_test qellpc_console qellpc_host_comms "
-         "qellpc_reserved1 qellpc_reserved2\nWant console...\n")},
+     ignored()
+         .then({"open /dev/qellpc_host_comms *", "open /dev/qellpc_lcd *", "write 2", "close",
+                "open /dev/qellpc_lcd *", "write 19", "close", "open /dev/qellpc_lcd *", "write 2", "close",
+                "access /sys/block/sda 4"})
+         .prints("QEL Loader...\nmount: /sys /proc\ndev:  qellpc_firmware qellpc_midi qellpc_lcd "
+                 "qellpc_command qellpc_button qellpc_test qellpc_console qellpc_host_comms "
+                 "qellpc_reserved1 qellpc_reserved2\nWant console...\n")
+         .leaves_open("/dev/qellpc_command /dev/qellpc_host_comms")},
     {"read 64", any_fault, ignored()},
 };
 
@@ -102,12 +96,11 @@ const std::vector<Scenario> starts = {
           mkdir_rules("/disk", 2002),
           mount_rules("/usr"),
           mount_rules("/storage"),
+          symlink_rules(ignored()),
           application_rules,
           {opendir_rule,
            closedir_rule,
            {"unlink /qel_home", any_fault, ignored()},
-           {"symlink *", error({EEXIST}), ignored().whatever_follows()},
-           {"symlink *", any_fault, stops(not_eexist, filesystem_unit, 1892).whatever_follows()},
            // Of all folders, only /storage holds anything.
            {"readdir #5", any_fault,
             stops("*app_file", loader_unit, 189).then({"closedir", "opendir /disk", "readdir", "closedir"})},
@@ -116,12 +109,11 @@ const std::vector<Scenario> starts = {
            {"fork #2", any_fault,
             ignored().then({"waitpid -1 0", "stat /qel_home/.wine", "chmod *", "unlink *", "chdir *"})},
            {"waitpid 4711 0", any_fault, ignored().goes_on_after({"sleep 1", "waitpid 4711 0"})}}}),
-     1},
+     1, "/dev/qellpc_command"},
     {"SilenceStandardStreams",
      "silent",
      [](Ground &ground) {
-         ground.kernel.on_open = [](auto...) { return 7; };
-         ground.kernel.on_close = [](int) { return 0; };
+         ground.disk.make_file("/dev/null");
          qel_silence_standard_streams();
          return std::string("silent");
      },
@@ -136,9 +128,18 @@ const std::vector<Scenario> starts = {
          return std::string("there");
      },
      {{"access /sys/block/sda/sda1 4", any_fault,
-       ignored()
-           .goes_on_after({"sleep 1", "access /sys/block/sda/sda1 4"})
-           .prints("Waiting for external media.\n")}}},
+       ignored().goes_on_after({"sleep 1", "access /sys/block/sda/sda1 4"}).also_prints(".")}}},
+    {"WaitForExternalMediaThatComeLater",
+     "there",
+     [](Ground &ground) {
+         ground.kernel.on_access = [&](auto...) { return ground.kernel.count("access") == 1 ? -1 : 0; };
+         qel_wait_for_external_media();
+         return std::string("there");
+     },
+     {{"access * #1", any_fault, ignored()},
+      {"access * #2", any_fault,
+       ignored().goes_on_after({"sleep 1", "access /sys/block/sda/sda1 4"}).also_prints(".")},
+      {"sleep 1", any_fault, ignored()}}},
 };
 
 // ---- Installing ----
@@ -200,19 +201,20 @@ const std::vector<Rule> partition_rules = {
     {"mknod *", any_fault, stops("!err", filesystem_unit, 1947)},
 };
 
-/// A copy that must succeed, its two reads among all reads; what cannot be read ends it like the end of the
-/// file.
-std::vector<Rule> copy_rules(const std::string &src, const std::string &dst, const std::string &write,
+/// A copy of `size` bytes that must succeed, its two reads among all reads; what cannot be read ends it like
+/// the end of the file.
+std::vector<Rule> copy_rules(const std::string &src, const std::string &dst, size_t size,
                              const std::vector<std::string> &reads, const Outcome &stop)
 {
-    return {{"chmod " + dst + " 0777", any_fault, ignored()},
-            {"open " + src + " O_RDONLY", any_fault, stop},
-            {"open " + dst + " *", any_fault, stop.then({"close"})},
-            {reads[0], error_or_nothing, ignored().goes_on_without({reads[1], write})},
-            {reads[0], moves(1), ignored().goes_on_after({"write 1", "read 4096"}).whatever_follows()},
-            {reads[0], any_fault, ignored()},
-            {reads[1], any_fault, ignored()},
-            {write, any_fault, stop.then({"close", "close"})}};
+    const std::string write = "write " + std::to_string(size);
+    const std::vector<Rule> rules = {
+        {"chmod " + dst + " 0777", any_fault, ignored()},
+        {"open " + src + " O_RDONLY", any_fault, stop},
+        {"open " + dst + " *", any_fault, stop.then({"close"})},
+        {reads[0], error_or_nothing, ignored().goes_on_without({reads[1], write})},
+        {reads[1], any_fault, ignored()},
+        {write, any_fault, stop.then({"close", "close"})}};
+    return rules_of({rules, short_read_rules(reads[0], size)});
 }
 
 const Outcome image_stop =
@@ -237,10 +239,10 @@ const std::vector<Scenario> installs = {
      rules_of({tool_rules,
                mkdir_rules("/dev/disk", 2351),
                partition_rules,
-               copy_rules("/disk/sda1/qel_usr.cramfs", "/dev/disk/hdc2", "write 16",
-                          {"read 4096 #1", "read 4096 #2"}, image_stop),
+               copy_rules("/disk/sda1/qel_usr.cramfs", "/dev/disk/hdc2", 16, {"read 4096 #1", "read 4096 #2"},
+                          image_stop),
                mount_rules("/boot"),
-               copy_rules("/disk/sda1/vmlinux", "/boot/vmlinux", "write 10", {"read 4096 #3", "read 4096 #4"},
+               copy_rules("/disk/sda1/vmlinux", "/boot/vmlinux", 10, {"read 4096 #3", "read 4096 #4"},
                           kernel_stop),
                {{"open /boot/syslinux.cfg *", any_fault, ignored()}, {"write 55", any_fault, ignored()}},
                {{"access /disk/sda1/storage.zip 4", any_fault,
@@ -253,6 +255,18 @@ const std::vector<Scenario> installs = {
 };
 
 // ---- Finding and running the application ----
+
+/// The first child whose end is learned is another one.
+std::string run_after_another_child(Ground &ground)
+{
+    qel_application application = {};
+    strcpy(application.app_path, "/storage/app");
+    ground.kernel.on_waitpid = [&](pid_t process, int *, int) {
+        return ground.kernel.count("waitpid") == 1 ? 99 : process;
+    };
+    ground.kernel.leave_at("chdir", 2);
+    qel_run_application_for_ever(&application);
+}
 
 std::string find_on_stick(Ground &ground)
 {
@@ -303,7 +317,7 @@ const std::vector<Scenario> applications = {
                 .prints("candidate: /storage/qel_application_1\n")},
            {"readdir", any_fault, ignored()}},
           mount_rules("/storage"),
-          copy_rules("/disk/sda1/qel_application_2", "/storage/qel_application_2", "write 7",
+          copy_rules("/disk/sda1/qel_application_2", "/storage/qel_application_2", 7,
                      {"read 4096 #1", "read 4096 #2"}, app_stop),
           {close_rule}})},
     {"StartXServer",
@@ -328,6 +342,14 @@ const std::vector<Scenario> applications = {
      [](Ground &ground) { return run_application(ground, "qel_application_1.exe.so"); },
      run_rules(REMOVING_PREFIX
                "run: /storage/qel_application_1.exe.so\nwine failed: qel_application_1.exe.so\n")},
+    {"RunApplicationBesideAnotherChild", "left", run_after_another_child,
+     rules_of({application_rules,
+               {{"fork", any_fault,
+                 ignored().then({"waitpid -1 0", "sleep 1", "waitpid -1 0", "stat /qel_home/.wine", "chmod *",
+                                 "unlink *", "chdir *"})},
+                {"waitpid 4711 0 #1", any_fault, ignored()},
+                {"waitpid 4711 0 #2", any_fault, ignored().goes_on_after({"sleep 1", "waitpid 4711 0"})},
+                {"sleep 1", any_fault, ignored()}}})},
 };
 
 } // namespace
@@ -335,3 +357,28 @@ const std::vector<Scenario> applications = {
 INSTANTIATE_SWEEP(Starts, starts);
 INSTANTIATE_SWEEP(Installs, installs);
 INSTANTIATE_SWEEP(Applications, applications);
+
+TEST(StartUp, GoesTheSameWayOnAConsoleThatTakesNothing)
+{
+    if (!in_fresh_process())
+        return;
+    const auto start_unheard = [](Ground &ground) {
+        const int full = real_open("/dev/full", O_WRONLY, 0);
+        real_dup2(full, STDOUT_FILENO);
+        real_close(full);
+        return start(ground);
+    };
+    const auto calls_of = [](const std::function<std::string(Ground &)> &run, size_t &printed) {
+        const ::Run whole = run_once({"", "", run, {}}, nullptr);
+        EXPECT_EQ(whole.result, "left");
+        printed = whole.printed.size();
+        std::vector<std::string> texts;
+        for (const Call &call : whole.calls)
+            texts.push_back(call.text);
+        return texts;
+    };
+    size_t heard = 0, unheard = 0;
+    EXPECT_EQ(calls_of(start_unheard, unheard), calls_of(start, heard));
+    EXPECT_GT(heard, 0U);
+    EXPECT_EQ(unheard, 0U);
+}

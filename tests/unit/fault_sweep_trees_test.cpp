@@ -1,7 +1,7 @@
 // What failing calls lead to in the operations on whole trees. A folder that cannot be read on counts as
 // one that ends there.
 
-#include "support/fault_sweep.h"
+#include "support/fault_product_rules.h"
 
 #include "qel_utility/qel_filesystem.h"
 
@@ -177,19 +177,20 @@ std::vector<Rule> file_rules(const std::string &src, const std::string &dst, con
                              const std::string &with_part)
 {
     const std::string chmod = "chmod " + dst + " 0777", open = "open " + dst + " *";
-    return {{"stat " + src, any_fault,
-             gives(without)
-                 .goes_on_without({chmod, "open *", "read 4096", "write 7", "close"})
-                 .unprinted("copy: " + src + " -> " + dst + "\n")},
-            {chmod, any_fault, ignored()},
-            {"open " + src + " O_RDONLY", any_fault,
-             gives(without).goes_on_without({open, "read 4096", "write 7", "close", chmod})},
-            {open, any_fault, gives(without).goes_on_without({"read 4096", "write 7", "close #2", chmod})},
-            {"read 4096 #1", error_or_nothing, ignored().goes_on_without({"read 4096", "write 7"})},
-            {"read 4096 #1", moves_a_part, ignored().whatever_follows()},
-            {"read 4096", any_fault, ignored()},
-            {"write 7", any_fault, gives(with_part).goes_on_without({"read 4096", chmod})},
-            {"close", any_fault, ignored()}};
+    const std::vector<Rule> rules = {
+        {"stat " + src, any_fault,
+         gives(without)
+             .goes_on_without({chmod, "open *", "read 4096", "write 7", "close"})
+             .unprinted("copy: " + src + " -> " + dst + "\n")},
+        {chmod, any_fault, ignored()},
+        {"open " + src + " O_RDONLY", any_fault,
+         gives(without).goes_on_without({open, "read 4096", "write 7", "close", chmod})},
+        {open, any_fault, gives(without).goes_on_without({"read 4096", "write 7", "close #2", chmod})},
+        {"read 4096 #1", error_or_nothing, ignored().goes_on_without({"read 4096", "write 7"})},
+        {"read 4096 #2", any_fault, ignored()},
+        {"write 7", any_fault, gives(with_part).goes_on_without({"read 4096", chmod})},
+        {"close", any_fault, ignored()}};
+    return rules_of({rules, short_read_rules("read 4096 #1", 7)});
 }
 
 std::string copy_worker(Ground &ground)
@@ -253,6 +254,9 @@ std::vector<Rule> listing_rules(const std::string &src, const std::string &empty
 #define COPYING_CONTENTS "copying contents of \"/a\" to inside of folder \"/b/dst\"...\n"
 #define REMOVING_DST     "removing dir tree \"/b/dst\"\n"
 
+/// What is not done to a file that cannot be opened in its new place.
+const std::vector<std::string> without_target = {"read 4096", "write 7", "close #2", "chmod */file 0777 #4"};
+
 const std::vector<Rule> copy_tree_rules =
     rules_of({{{"stat /b/src", any_fault, ignored()},
                {"chmod /b/src 0777", any_fault, ignored()},
@@ -264,7 +268,8 @@ const std::vector<Rule> copy_tree_rules =
                     .then({"stat /a/src", "mkdir /b/src 0755"})
                     .prints(COPYING_TREE "couldn't create folder: /b\n")},
                {"stat /a/src", any_fault, gives("0:").prints(COPYING_TREE)},
-               {"mkdir /b/src 0755", error({EEXIST}), gives("0:").whatever_follows()},
+               // It is not there, so that the file in it cannot be opened.
+               {"mkdir /b/src 0755", error({EEXIST}), gives("0:").goes_on_without(without_target)},
                {"mkdir /b/src 0755", any_fault, gives("0:").prints(COPYING_TREE)}},
               listing_rules("/a/src", ": src/", COPYING_TREE),
               {{"stat /b/src/file", any_fault, ignored()}, {"unlink /b/src/file", any_fault, ignored()}},
@@ -281,7 +286,9 @@ const std::vector<Scenario> copies = {
      "1: sub/",
      copy_folder_in_folder,
      {{"stat /a", any_fault, gives("0:")},
-      {"mkdir /b 0755", error({EEXIST}), gives("0:").whatever_follows()},
+      // It is not there, so that nothing can be made in it.
+      {"mkdir /b 0755", error({EEXIST}),
+       gives("0:").goes_on_without({"opendir /a/sub", "readdir #3", "closedir #1"})},
       {"mkdir /b 0755", any_fault, gives("0:")},
       {"opendir /a", any_fault, gives("0:")},
       {"readdir #1", any_fault, gives("1:").then({"closedir"})},
@@ -309,7 +316,7 @@ const std::vector<Scenario> copies = {
                      .then({"stat /a", "mkdir /b/dst 0755"})
                      .prints(COPYING_CONTENTS REMOVING_DST "couldn't create folder: /b\n")},
                 {"stat /a", any_fault, gives("0:").prints(COPYING_CONTENTS REMOVING_DST)},
-                {"mkdir /b/dst 0755", error({EEXIST}), gives("0:").whatever_follows()},
+                {"mkdir /b/dst 0755", error({EEXIST}), gives("0:").goes_on_without(without_target)},
                 {"mkdir /b/dst 0755", any_fault, gives("0:").prints(COPYING_CONTENTS REMOVING_DST)}},
                listing_rules("/a", ": dst/", COPYING_CONTENTS REMOVING_DST),
                {{"stat /b/dst/file", any_fault, ignored()}, {"unlink /b/dst/file", any_fault, ignored()}},

@@ -1,7 +1,7 @@
 // What failing calls lead to in installing Windows applications: nearly everything is left aside and gone on
 // with.
 
-#include "support/fault_sweep.h"
+#include "support/fault_product_rules.h"
 
 #include "qel_utility/qel_filesystem.h"
 
@@ -9,8 +9,6 @@
 
 namespace
 {
-
-const char *const not_eexist = "(*__errno_location ()) == 17";
 
 std::string tree_of(const Ground &ground, const std::string &folder)
 {
@@ -92,34 +90,29 @@ std::string link_files(Ground &ground)
 #define LINKED "/app/reg_keys/s.reg -> /prefix/reg_keys/s.reg\n"
 
 const std::vector<Scenario> linking = {
-    {"InstallWinAppFiles",
-     "/prefix: reg_keys/ reg_keys/s.reg",
-     link_files,
-     {{"opendir /app", any_fault, gives("/prefix:").prints("")},
-      {"readdir #1", any_fault, gives("/prefix:").then({"closedir"}).prints("")},
-      {"opendir /app/reg_keys", any_fault, gives("/prefix:").then({"readdir", "closedir"}).prints(IN_FOLDER)},
-      {"readdir #2", any_fault,
-       gives("/prefix:").then({"closedir", "readdir", "closedir"}).prints(IN_FOLDER)},
-      // Passes for missing, and cannot be made; the link is tried all the same, and made.
-      {"stat /prefix", any_fault,
-       stops(not_eexist, filesystem_unit, 1892)
-           .then({"mkdir /prefix 0755", "unlink *", "symlink *"})
-           .prints(IN_FOLDER OF_FILE "couldn't create folder: /prefix\n" LINKED
-                                     "symlink error : ENOENT\nerror code : 2\n")},
-      {"stat /prefix/reg_keys", any_fault, ignored()},
-      {"mkdir /prefix/reg_keys 0755", any_fault,
-       stops(not_eexist, filesystem_unit, 1892)
-           .then({"unlink *", "symlink *"})
-           .prints(IN_FOLDER OF_FILE "couldn't create folder: /prefix/reg_keys\n" LINKED
-                                     "symlink error : ENOENT\nerror code : 2\n")},
-      {"unlink *", any_fault, ignored()},
-      {"symlink *", error({EEXIST}),
-       gives("/prefix: reg_keys/")
-           .goes_on()
-           .prints(IN_FOLDER OF_FILE LINKED "symlink error : EEXIST\nerror code : 17\n")},
-      {"symlink *", any_fault, stops(not_eexist, filesystem_unit, 1892).whatever_follows()},
-      {"readdir", any_fault, ignored()},
-      {"closedir", any_fault, ignored()}}},
+    {"InstallWinAppFiles", "/prefix: reg_keys/ reg_keys/s.reg", link_files,
+     rules_of({{{"opendir /app", any_fault, gives("/prefix:").prints("")},
+                {"readdir #1", any_fault, gives("/prefix:").then({"closedir"}).prints("")},
+                {"opendir /app/reg_keys", any_fault,
+                 gives("/prefix:").then({"readdir", "closedir"}).prints(IN_FOLDER)},
+                {"readdir #2", any_fault,
+                 gives("/prefix:").then({"closedir", "readdir", "closedir"}).prints(IN_FOLDER)},
+                // Passes for missing, and cannot be made; the link is tried all the same, and made.
+                {"stat /prefix", any_fault,
+                 stops(not_eexist, filesystem_unit, 1892)
+                     .then({"mkdir /prefix 0755", "unlink *", "symlink *"})
+                     .prints(IN_FOLDER OF_FILE "couldn't create folder: /prefix\n" LINKED
+                                               "symlink error : ENOENT\nerror code : 2\n")},
+                {"stat /prefix/reg_keys", any_fault, ignored()},
+                {"mkdir /prefix/reg_keys 0755", any_fault,
+                 stops(not_eexist, filesystem_unit, 1892)
+                     .then({"unlink *", "symlink *"})
+                     .prints(IN_FOLDER OF_FILE "couldn't create folder: /prefix/reg_keys\n" LINKED
+                                               "symlink error : ENOENT\nerror code : 2\n")},
+                {"unlink *", any_fault, ignored()},
+                {"readdir", any_fault, ignored()},
+                {"closedir", any_fault, ignored()}},
+               symlink_rules(gives("/prefix: reg_keys/").goes_on())})},
 };
 
 // ---- Registry files ----
@@ -208,34 +201,33 @@ const std::vector<Scenario> wholes = {
     {"InstallWindowsApps", NO_LINK " reg_keys/s.reg", install_apps,
      rules_of(
          {tool_rules(START APP_FOLDER APP_FILE APP_LINKED KEY_IMPORTED WINE_EXIT FINISHED),
-          {// There are none in the first place.
-           {"opendir /storage/archives", any_fault, ignored()},
-           {"opendir /storage/win_apps", any_fault, gives(NO_LINK).prints(START FINISHED)},
-           {"opendir /storage/win_apps/app", any_fault,
-            gives(NO_LINK).then(nothing_linked(1)).prints(START FINISHED)},
-           {"opendir /storage/win_apps/app/reg_keys", any_fault,
-            gives(NO_LINK).then(nothing_linked(2)).prints(START APP_FOLDER FINISHED)},
-           {"opendir /qel_home/.wine/reg_keys", any_fault,
-            ignored().then({"closedir"}).unprinted(KEY_IMPORTED)},
-           // The applications, the application, its folder; then their ends, but for the first; the imports.
-           {"readdir #1", any_fault, gives(NO_LINK).then(nothing_linked(0)).prints(START FINISHED)},
-           {"readdir #2", any_fault,
-            gives(NO_LINK).then(closed_and(nothing_linked(1))).prints(START FINISHED)},
-           {"readdir #3", any_fault,
-            gives(NO_LINK).then(closed_and(nothing_linked(2))).prints(START APP_FOLDER FINISHED)},
-           {"readdir #7", any_fault, ignored().then({"closedir", "closedir"}).unprinted(KEY_IMPORTED)},
-           {"readdir", any_fault, ignored()},
-           {"closedir", any_fault, ignored()},
-           hidden_folder("/qel_home"),
-           hidden_folder("/qel_home/.wine"),
-           hidden_folder("/qel_home/.wine/reg_keys"),
-           {"unlink *", any_fault, ignored()},
-           {"symlink *", error({EEXIST}),
-            gives(NO_LINK)
-                .then(nothing_linked(3))
-                .prints(START APP_FOLDER APP_FILE APP_LINKED
-                        "symlink error : EEXIST\nerror code : 17\n" FINISHED)},
-           {"symlink *", any_fault, stops(not_eexist, filesystem_unit, 1892).whatever_follows()}}})},
+          {
+              // There are none in the first place.
+              {"opendir /storage/archives", any_fault, ignored()},
+              {"opendir /storage/win_apps", any_fault, gives(NO_LINK).prints(START FINISHED)},
+              {"opendir /storage/win_apps/app", any_fault,
+               gives(NO_LINK).then(nothing_linked(1)).prints(START FINISHED)},
+              {"opendir /storage/win_apps/app/reg_keys", any_fault,
+               gives(NO_LINK).then(nothing_linked(2)).prints(START APP_FOLDER FINISHED)},
+              {"opendir /qel_home/.wine/reg_keys", any_fault,
+               ignored().then({"closedir"}).unprinted(KEY_IMPORTED)},
+              // The applications, the application, its folder; then their ends, but for the first; the
+              // imports.
+              {"readdir #1", any_fault, gives(NO_LINK).then(nothing_linked(0)).prints(START FINISHED)},
+              {"readdir #2", any_fault,
+               gives(NO_LINK).then(closed_and(nothing_linked(1))).prints(START FINISHED)},
+              {"readdir #3", any_fault,
+               gives(NO_LINK).then(closed_and(nothing_linked(2))).prints(START APP_FOLDER FINISHED)},
+              {"readdir #7", any_fault, ignored().then({"closedir", "closedir"}).unprinted(KEY_IMPORTED)},
+              {"readdir", any_fault, ignored()},
+              {"closedir", any_fault, ignored()},
+              hidden_folder("/qel_home"),
+              hidden_folder("/qel_home/.wine"),
+              hidden_folder("/qel_home/.wine/reg_keys"),
+              {"unlink *", any_fault, ignored()},
+              // There is nothing to import.
+          },
+          symlink_rules(gives(NO_LINK).then(nothing_linked(3)).unprinted(KEY_IMPORTED))})},
 };
 
 } // namespace
