@@ -60,10 +60,12 @@ TEST_F(SysmsgReceive, DoesNotForgetTheNumberOverUnsequencedMessages)
 
 TEST_F(SysmsgReceive, AcceptsAnyNumberAfterForgetting)
 {
-    peer.receive(numbered(22, 77));
-    qel_sysmsg_forget_sequence();
-    peer.receive(numbered(22, 77));
-    EXPECT_EQ(peer.handled.size(), 2U);
+    for (const uint8_t number : std::initializer_list<uint8_t>{1, 77, 255}) {
+        peer.receive(numbered(22, number));
+        qel_sysmsg_forget_sequence();
+        peer.receive(numbered(22, number));
+    }
+    EXPECT_EQ(peer.handled.size(), 6U);
 }
 
 TEST_F(SysmsgReceive, HandsOnAConfirmThatNobodyAwaits)
