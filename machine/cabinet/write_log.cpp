@@ -1,12 +1,11 @@
 // Reads QEMU's write log. Its format is that of the kernel's dm-log-writes; all numbers are little-endian:
 //
 //   sector 0        magic (8 bytes), version 1 (8), number of entries (8), bytes of a sector (4)
-//   then entries    first sector on the disk (8), number of sectors (8), flags (8), bytes of a note (8), up
-//   to
-//                   the end of the sector; then the sectors that were written
+//   then entries    first sector on the disk (8), number of sectors (8), flags (8), bytes of a note (8), the
+//                   note, up to the end of the sector; then the sectors that were written
 //
-// Flags: 1 flush, 2 written through (the entry is also a flush of itself alone), 4 discarded (no sectors
-// follow), 8 a note.
+// Flags: 1 a flush of all that was written before, which precedes the entry's own sectors; 2 these sectors
+// pass the disk's cache; 4 they were discarded, and none follow; 8 a note.
 
 #include "write_log.h"
 
@@ -23,7 +22,7 @@ namespace
 {
 
 const unsigned long long log_magic = 0x6a736677736872;
-const unsigned long long flag_flush = 1, flag_discard = 4;
+const unsigned long long flag_flush = 1, flag_through = 2, flag_discard = 4;
 
 struct File {
     int descriptor;
@@ -61,20 +60,21 @@ unsigned long long number_at(const std::string &bytes, size_t offset)
 WriteLog read_write_log(const std::string &file)
 {
     File log_file(file, O_RDONLY);
-    std::string head = read_at(log_file, 0, 32);
+    const std::string head = read_at(log_file, 0, 32);
     const unsigned long long sector = number_at(head, 24) & 0xffffffff;
     if (number_at(head, 0) != log_magic || number_at(head, 8) != 1 || sector < 512)
         throw std::runtime_error(file + ": not a write log");
     WriteLog log = {file, {}};
     unsigned long long at = sector;
     for (unsigned long long left = number_at(head, 16); left > 0; --left) {
-        std::string entry = read_at(log_file, at, 32);
-        const unsigned long long size = number_at(entry, 8) * sector, flags = number_at(entry, 16);
+        const std::string entry = read_at(log_file, at, 32);
+        const unsigned long long flags = number_at(entry, 16);
+        const unsigned long long size = (flags & flag_discard) != 0 ? 0 : number_at(entry, 8) * sector;
         at += sector;
-        if ((flags & flag_discard) != 0)
-            continue;
-        if (size > 0 || (flags & flag_flush) != 0)
-            log.entries.push_back({number_at(entry, 0) * sector, size, at});
+        const bool flush = (flags & flag_flush) != 0;
+        if (size > 0 || flush)
+            log.entries.push_back(
+                {flush, (flags & flag_through) != 0, number_at(entry, 0) * sector, size, at});
         at += size;
     }
     return log;
@@ -97,9 +97,15 @@ void write_again(const std::string &disk, const WriteLog &log, size_t begin, siz
         write_again(disk, log, entry);
 }
 
-size_t last_flush_end(const WriteLog &log, size_t end)
+std::vector<size_t> entries_at_risk(const WriteLog &log, size_t end)
 {
-    while (end > 0 && log.entries[end - 1].size > 0)
-        --end;
-    return end;
+    std::vector<size_t> entries;
+    for (size_t entry = 0; entry < end; ++entry) {
+        const DiskWrite &write = log.entries[entry];
+        if (write.flush)
+            entries.clear();
+        if (write.size > 0 && !write.through)
+            entries.push_back(entry);
+    }
+    return entries;
 }

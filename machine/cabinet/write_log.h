@@ -5,10 +5,13 @@
 #include <string>
 #include <vector>
 
-/// A write or a flush; `size` is 0 for a flush, after which everything before it is on the disk for good.
+/// A write, a flush, or both. A flush comes first: all that was written before is on the disk for good, the
+/// write itself is not yet.
 struct DiskWrite {
-    unsigned long long offset; ///< on the disk, in bytes
-    unsigned long long size;
+    bool flush;
+    bool through; ///< the write passed the disk's cache: it is on the disk, whatever becomes of others
+    unsigned long long offset;     ///< on the disk, in bytes
+    unsigned long long size;       ///< 0: only a flush
     unsigned long long log_offset; ///< where its bytes are in the log
 };
 
@@ -17,7 +20,8 @@ struct WriteLog {
     std::vector<DiskWrite> entries;
 };
 
-/// Reads the log of a machine that is off. Throws std::runtime_error when the file is none.
+/// Reads the log of a machine that is off. Discarded sectors and notes are left out: nothing is known of what
+/// the former hold. Throws std::runtime_error when the file is none.
 WriteLog read_write_log(const std::string &file);
 
 /// Does one write again, only its first `size_max` bytes.
@@ -27,5 +31,6 @@ void write_again(const std::string &disk, const WriteLog &log, size_t entry,
 /// Does all writes from entry `begin` up to, but not including, entry `end` again.
 void write_again(const std::string &disk, const WriteLog &log, size_t begin, size_t end);
 
-/// The entry behind the last flush before `end`; 0 when there is none.
-size_t last_flush_end(const WriteLog &log, size_t end);
+/// Of the entries before `end`, those that a disk may lose when the power goes: written after the last flush,
+/// and not through the cache. In their order.
+std::vector<size_t> entries_at_risk(const WriteLog &log, size_t end);

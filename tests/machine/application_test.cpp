@@ -22,16 +22,6 @@ bool wait_for_console_times(Machine &machine, const std::string &text, size_t ti
         machine.cabinet, [&] { return count_in(machine.cabinet.console, text) >= times; }, patience);
 }
 
-/// The process of the child of process 1 that was started last.
-int last_started(const Machine &machine)
-{
-    int process = 0;
-    for (const Event &event : machine.cabinet.events)
-        if (event.kind == Event::program_started)
-            process = event.number;
-    return process;
-}
-
 } // namespace
 
 TEST(ApplicationLoop, RestartsTheApplicationWhateverItsStatus)
@@ -168,7 +158,7 @@ TEST(NoApplication, ParksAndPrintsNothingMore)
     start(machine);
 
     ASSERT_TRUE(wait_for_console(machine.cabinet, "mount: /usr /storage\n", patience));
-    EXPECT_TRUE(stays_parked(machine));
+    EXPECT_EQ(wait_until_parked(machine), "VYS189");
     // This console is no terminal: the line of the home link, which is not flushed, stays in the buffer.
     EXPECT_TRUE(machine.cabinet.console.ends_with("mount: /usr /storage\n")) << machine.cabinet.console;
     EXPECT_EQ(look_inside(machine.cabinet, "readlink /qel_home"), "/tmp\n");

@@ -2,6 +2,8 @@
 
 #include "machine_test.h"
 
+#include <gmock/gmock.h>
+
 namespace
 {
 
@@ -81,7 +83,8 @@ TEST(ModeByte, IsWaitedFor)
     start_with_mode(machine, 0);
 
     ASSERT_TRUE(wait_for_console(machine.cabinet, " qellpc_reserved2\n", patience));
-    EXPECT_TRUE(stays_parked(machine));
+    EXPECT_TRUE(wait_until_it_reads(machine));
+    EXPECT_TRUE(machine.cabinet.console.ends_with(" qellpc_reserved2\n")) << machine.cabinet.console;
     send_record(machine.cabinet, minor_command, "\x01");
     EXPECT_TRUE(wait_for_console(machine.cabinet, "Want console...\n", patience));
 }
@@ -105,7 +108,7 @@ TEST(BoardDriver, UsesTheNumberOfTheLaterLineAlsoWhenItIsNotTheDriver)
     start_with_mode(machine, 1);
 
     ASSERT_TRUE(wait_for_console(machine.cabinet, " qellpc_reserved2\n", patience));
-    EXPECT_TRUE(stays_parked(machine));
+    EXPECT_THAT(wait_until_parked(machine), testing::MatchesRegex("JET[0-9]+"));
     EXPECT_EQ(machine.cabinet.console, before_the_mode);
     EXPECT_TRUE(board_heard_nothing(machine));
     EXPECT_EQ(look_inside(machine.cabinet, "grep qellpc /proc/devices"), "251 qellpc\n255 qellpc_decoy\n");
@@ -119,7 +122,7 @@ TEST(BoardDriver, WhenMissingParksTheLoader)
     start_with_mode(machine, 1);
 
     ASSERT_TRUE(wait_for_console(machine.cabinet, "dev: ", patience));
-    EXPECT_TRUE(stays_parked(machine));
+    EXPECT_EQ(wait_until_parked(machine), "KCW2321");
     EXPECT_EQ(machine.cabinet.console, "QEL Loader...\nmount: /sys /proc\ndev: ");
     EXPECT_EQ(look_inside(machine.cabinet, "ls /dev"), "console\nnull\n");
 }

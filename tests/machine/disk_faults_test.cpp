@@ -21,6 +21,13 @@ void pull_internal_disk(Machine &machine)
     look_inside(machine.cabinet, "echo 1 >$(readlink -f /sys/block/hdc/device)/../remove");
 }
 
+/// Whether process 1 has a file open.
+bool has_open(Machine &machine, const std::string &file)
+{
+    return look_inside(machine.cabinet, "for f in /proc/1/fd/*; do readlink $f; done").find(file + "\n") !=
+           std::string::npos;
+}
+
 /// A file of so many random bytes.
 std::string noise_file(Machine &machine, const std::string &name, unsigned bytes)
 {
@@ -124,11 +131,11 @@ TEST(PulledDisk, WhileTheSystemImageIsCopiedIsNoticedByTheNextTool)
     take_telling_loader(machine);
     machine.system.push_back({"share/large", noise_file(machine, "large", 4 * mebibyte)});
     make_system_image(machine.folder.path + "/qel_usr.cramfs", machine.system);
-    start_install(machine);
-    ASSERT_TRUE(wait_for_tool(machine, "/bin/mkdosfs /dev/disk/hdc1"));
-    slow_stick_down(machine, 1000000);
-    pump_for(machine.cabinet, 1);
+    start_install_from_slow_stick(machine, 100000);
+    ASSERT_TRUE(wait_until_written(machine, "/dev/disk/hdc2"));
     pull_internal_disk(machine);
+    EXPECT_TRUE(has_open(machine, "/dev/disk/hdc2"));
+    speed_stick_up(machine);
     EXPECT_THAT(wait_for_stop(machine), StartsWith("qel_utility/qel_filesystem:2117 "));
     EXPECT_EQ(tools_of(machine).back(), "/bin/mkdosfs /dev/disk/hdc3");
 }
@@ -137,10 +144,11 @@ TEST(PulledDisk, WhileAScriptRunsIsNoticedAtTheNextRun)
 {
     Machine machine;
     machine.storage = {
-        {"qel_application_1", file_with(machine, "script", "#!/bin/sh\nexec /bin/busybox sleep 0.3\n")}};
+        {"qel_application_1", file_with(machine, "script", "#!/bin/sh\nexec /bin/busybox sleep 1000\n")}};
     start(machine);
-    ASSERT_TRUE(wait_for_start(machine, "sleep 0.3"));
+    ASSERT_TRUE(wait_for_start(machine, "sleep 1000"));
     pull_internal_disk(machine);
+    look_inside(machine.cabinet, "kill -9 " + std::to_string(last_started(machine)));
     // A program whose pages are in use goes on running from memory; a script has to be read again.
     const std::string try_again = "run: /storage/qel_application_1\nexec failed: qel_application_1\n";
     EXPECT_TRUE(wait_for_console(machine.cabinet, try_again, patience));
@@ -152,14 +160,10 @@ TEST(PulledStick, WhileAnApplicationIsCopiedLeavesAPartThatIsTakenForTheWhole)
     take_telling_loader(machine);
     machine.storage = {{"qel_application_1", recorder}};
     const std::string application = noise_file(machine, "application", 4 * mebibyte);
-    insert_stick(machine, {{"qel_application_2", application}});
+    expect_stick(machine);
     start(machine);
-    slow_stick_down(machine, 500000);
-    auto copying = [&] {
-        return look_inside(machine.cabinet, "stat -c %s /storage/qel_application_2 2>/dev/null || echo 0") !=
-               "0\n";
-    };
-    ASSERT_TRUE(wait_until(machine.cabinet, copying, patience));
+    plug_in_slow_stick(machine, {{"qel_application_2", application}}, 100000);
+    ASSERT_TRUE(wait_until_written(machine, "/storage/qel_application_2"));
     pull_out_stick(machine.cabinet);
 
     // A read error counts as the end of the file.

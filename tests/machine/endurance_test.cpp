@@ -19,13 +19,31 @@ int restarts_wanted()
 
 const char *const staying = "/bin/busybox sleep 100000";
 
-/// An application that notes its run, leaves a Wine prefix, and does `deed`; then it ends, unless it is told
-/// to stay.
-std::string application_that(Machine &machine, const std::string &deed)
+/// An application that notes its run, leaves a Wine prefix, and does `deed`; then it ends. Only the runs of
+/// these numbers, counted from 1, stay.
+std::string application_that(Machine &machine, const std::string &deed, const std::vector<int> &stays = {})
 {
+    std::string numbers = " ";
+    for (int run : stays)
+        numbers += std::to_string(run) + " ";
     return file_with(machine, "application",
-                     "#!/bin/sh\necho run >/cabinet/note\nmkdir -p /qel_home/.wine/drive_c\n" + deed +
-                         "\n[ ! -e /cabinet/stay ] || exec " + staying + "\n");
+                     "#!/bin/sh\n"
+                     "runs=0; [ ! -e /cabinet/runs ] || read runs </cabinet/runs\n"
+                     "runs=$((runs + 1)); echo $runs >/cabinet/runs\n"
+                     "echo run >/cabinet/note\n"
+                     "mkdir -p /qel_home/.wine/drive_c\n" +
+                         deed + "\ncase '" + numbers + "' in *\" $runs \"*) exec " + staying + " ;; esac\n");
+}
+
+/// Leaves so many programs behind that end at once, and waits until each is a zombie of process 1.
+std::string leave_orphans(int count)
+{
+    return "for i in $(seq " + std::to_string(count) +
+           "); do\n"
+           "    orphan=$(sleep 0 >/dev/null & echo $!)\n"
+           "    until grep -q '^State:.Z' /proc/$orphan/status && grep -q '^PPid:.1$' /proc/$orphan/status\n"
+           "    do :; done\n"
+           "done";
 }
 
 int runs_of(const Machine &machine)
@@ -42,22 +60,18 @@ bool wait_for_runs(Machine &machine, int runs)
         machine.cabinet, [&] { return runs_of(machine) >= runs; }, patience + runs);
 }
 
-/// The loader while the application stays.
+/// The loader while a run stays.
 struct State {
-    int runs;
     std::string descriptors;
     std::string memory;
     std::vector<std::string> children; ///< "NAME STATE", in the order of names
 };
 
-/// Lets the next run stay and looks at the loader.
-State state_of(Machine &machine)
+/// Waits for the run that stays, the first or a later one, and looks at the loader.
+State state_at_stay(Machine &machine, int stay)
 {
-    const int stays = count_starts(machine.cabinet, staying);
-    look_inside(machine.cabinet, "touch /cabinet/stay");
-    EXPECT_TRUE(wait_for_start(machine, staying, stays + 1));
+    EXPECT_TRUE(wait_for_start(machine, staying, stay));
     State state;
-    state.runs = runs_of(machine);
     state.descriptors =
         look_inside(machine.cabinet, "cd /proc/1/fd && for f in *; do echo $f $(readlink $f); done");
     state.memory = look_inside(machine.cabinet, "grep -E 'RssAnon|VmData|VmStk' /proc/1/status");
@@ -69,14 +83,10 @@ State state_of(Machine &machine)
     return state;
 }
 
-/// Ends the run that stays, and lets further ones end by themselves.
+/// Ends the run that stays.
 void go_on(Machine &machine)
 {
-    int run = 0;
-    for (const Event &event : machine.cabinet.events)
-        if (event.kind == Event::program_started && event.text == staying)
-            run = event.number;
-    look_inside(machine.cabinet, "rm /cabinet/stay; kill -9 " + std::to_string(run));
+    look_inside(machine.cabinet, "kill -9 " + std::to_string(last_started(machine)));
 }
 
 long zombies(const State &state, const std::string &name)
@@ -90,27 +100,27 @@ TEST(CabinetEndurance, ManyRestartsLeaveDescriptorsMemoryAndChildrenAsTheyWere)
 {
     // The heap takes its last step after about 100 runs: musl then keeps a page that it has given back and
     // taken again many times.
-    const int first_runs = 150, restarts = restarts_wanted();
+    const int first_stay = 150, restarts = restarts_wanted(), second_stay = first_stay + restarts;
     Machine machine;
-    machine.setup.seconds_max = 120 + restarts;
-    machine.storage = {{"qel_application_1", application_that(machine, "")}};
+    machine.setup.seconds_max = patience * 4 + restarts;
+    machine.storage = {{"qel_application_1", application_that(machine, "", {first_stay, second_stay})}};
     start(machine);
     // The X server is never waited for: when it ends, it stays as the one zombie.
     ASSERT_TRUE(wait_for_recorder(machine, "Xfake"));
     look_inside(machine.cabinet, "kill -9 $(pidof Xfake)");
-    ASSERT_TRUE(wait_for_runs(machine, first_runs));
-    const State before = state_of(machine);
+    ASSERT_TRUE(wait_for_runs(machine, first_stay));
+    const State before = state_at_stay(machine, 1);
     const double begin = uptime(machine.cabinet);
     go_on(machine);
-    ASSERT_TRUE(wait_for_runs(machine, before.runs + restarts));
+    ASSERT_TRUE(wait_for_runs(machine, second_stay));
     const double seconds = uptime(machine.cabinet) - begin;
-    const State after = state_of(machine);
+    const State after = state_at_stay(machine, 2);
 
     EXPECT_EQ(after.descriptors, before.descriptors);
     EXPECT_EQ(after.memory, before.memory);
     EXPECT_EQ(after.children, before.children);
     EXPECT_EQ(zombies(after, "Xfake"), 1);
-    printf("%d restarts in %.0f s; %s%zu children:", after.runs - before.runs, seconds, after.memory.c_str(),
+    printf("%d restarts in %.0f s; %s%zu children:", restarts, seconds, after.memory.c_str(),
            after.children.size());
     for (const std::string &child : after.children)
         printf(" [%s]", child.c_str());
@@ -119,32 +129,31 @@ TEST(CabinetEndurance, ManyRestartsLeaveDescriptorsMemoryAndChildrenAsTheyWere)
 
 TEST(CabinetEndurance, EveryOrphanOfTheApplicationStaysAsAZombie)
 {
-    const int orphans_of_a_run = 3;
+    const int orphans_of_a_run = 3, first_stay = 3, second_stay = 13;
     Machine machine;
-    // Each sleep outlives the shell that started it, so process 1 becomes its parent.
-    machine.storage = {
-        {"qel_application_1", application_that(machine, "for i in 1 2 3; do (sleep 0 &) ; done; sleep 0.1")}};
+    machine.storage = {{"qel_application_1", application_that(machine, leave_orphans(orphans_of_a_run),
+                                                              {first_stay, second_stay})}};
     start(machine);
-    ASSERT_TRUE(wait_for_runs(machine, 3));
-    const State before = state_of(machine);
+    ASSERT_TRUE(wait_for_runs(machine, first_stay));
+    const State before = state_at_stay(machine, 1);
     go_on(machine);
-    ASSERT_TRUE(wait_for_runs(machine, before.runs + 10))
+    ASSERT_TRUE(wait_for_runs(machine, second_stay))
         << runs_of(machine) << machine.cabinet.console << look_inside(machine.cabinet, "ps");
-    const State after = state_of(machine);
+    const State after = state_at_stay(machine, 2);
 
-    EXPECT_EQ(zombies(before, "sleep"), before.runs * orphans_of_a_run);
-    EXPECT_EQ(zombies(after, "sleep"), after.runs * orphans_of_a_run);
+    EXPECT_EQ(zombies(before, "sleep"), first_stay * orphans_of_a_run);
+    EXPECT_EQ(zombies(after, "sleep"), second_stay * orphans_of_a_run);
     // They cost process numbers, nothing in the loader.
     EXPECT_EQ(after.descriptors, before.descriptors);
     EXPECT_EQ(after.memory, before.memory);
-    printf("%d runs, %ld zombies; %s", after.runs, zombies(after, "sleep"), after.memory.c_str());
+    printf("%d runs, %ld zombies; %s", second_stay, zombies(after, "sleep"), after.memory.c_str());
 }
 
 TEST(CabinetEndurance, WithoutFreeProcessNumbersTheApplicationIsStartedStillButCanStartNothing)
 {
     Machine machine;
-    machine.storage = {{"qel_application_1",
-                        application_that(machine, "for i in $(seq 20); do (sleep 0 &) ; done; sleep 0.1")}};
+    machine.storage = {
+        {"qel_application_1", application_that(machine, "for i in $(seq 20); do (sleep 0 &) ; done")}};
     start(machine);
     ASSERT_TRUE(wait_for_runs(machine, 1));
     // Usually there are 32768 or more.

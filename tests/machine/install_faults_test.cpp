@@ -134,12 +134,9 @@ TEST(InstallFault, AStickPulledDuringTheCopyIsNoticedOnlyAtTheNextFile)
     run_tool({"sh", "-c", "head -c 15000000 /dev/urandom >\"$0\"", large});
     machine.system.push_back({"share/large", large});
     make_system_image(machine.folder.path + "/qel_usr.cramfs", machine.system);
-    start_install(machine);
+    start_install_from_slow_stick(machine, 100000);
 
-    // The copy of the image comes between the two mkdosfs; a slow stick makes it last.
-    ASSERT_TRUE(wait_for_tool(machine, "/bin/mkdosfs /dev/disk/hdc1"));
-    slow_stick_down(machine, 2000000);
-    pump_for(machine.cabinet, 2);
+    ASSERT_TRUE(wait_until_written(machine, "/dev/disk/hdc2"));
     EXPECT_EQ(tools_of(machine), first_calls(2));
     pull_out_stick(machine.cabinet);
 

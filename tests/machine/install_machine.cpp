@@ -78,6 +78,13 @@ void start_install(InstallMachine &machine)
     start(machine);
 }
 
+void start_install_from_slow_stick(InstallMachine &machine, int bytes_per_second)
+{
+    expect_stick(machine);
+    start(machine);
+    plug_in_slow_stick(machine, machine.stick, bytes_per_second);
+}
+
 std::string wait_for_stop(Machine &machine)
 {
     const std::string mark = "stopped ";
@@ -88,7 +95,7 @@ std::string wait_for_stop(Machine &machine)
                 stop = event.text.substr(mark.size());
         return !stop.empty();
     };
-    if (!wait_until(machine.cabinet, stopped, patience) || !stays_parked(machine))
+    if (!wait_until(machine.cabinet, stopped, patience) || wait_until_parked(machine).empty())
         return "";
     return stop;
 }
@@ -111,15 +118,6 @@ std::vector<std::string> tools_of(const InstallMachine &machine)
         if (event.kind == Event::note && event.text.starts_with(mark))
             tools.push_back(event.text.substr(mark.size()));
     return tools;
-}
-
-bool wait_for_tool(InstallMachine &machine, const std::string &call)
-{
-    auto started = [&] {
-        std::vector<std::string> tools = tools_of(machine);
-        return !tools.empty() && tools.back() == call;
-    };
-    return wait_until(machine.cabinet, started, patience);
 }
 
 bool shows(const Machine &machine, const std::string &text)

@@ -29,15 +29,15 @@ void replace_tool(Machine &machine, const std::string &tool, const std::string &
 /// Makes the stick, unless `stick` is empty, and switches the power on.
 void start_install(InstallMachine &machine);
 
+/// Switches the power on, and then plugs the stick in, which brings no more than so many bytes in a second.
+void start_install_from_slow_stick(InstallMachine &machine, int bytes_per_second);
+
 /// Waits for the stop of the telling loader and returns it, "UNIT:LINE TEXT"; empty when there was none, or
 /// when the loader did not stand still after it.
 std::string wait_for_stop(Machine &machine);
 
 /// The tools started so far, in order, as they were called: "/bin/mkdosfs /dev/disk/hdc1".
 std::vector<std::string> tools_of(const InstallMachine &machine);
-
-/// Pumps until the last tool started is this one.
-bool wait_for_tool(InstallMachine &machine, const std::string &call);
 
 /// The faults that the disk checker finds.
 std::vector<std::string> disk_faults(const InstallMachine &machine);

@@ -38,23 +38,47 @@ void start_again(Machine &next, Machine &before)
     start(next);
 }
 
+void expect_stick(Machine &machine)
+{
+    machine.setup.wait_for = {"/sys/block/sda/sda1"};
+}
+
 void insert_stick(Machine &machine, const std::vector<FileAt> &files)
 {
     machine.setup.stick = machine.folder.path + "/stick.img";
     make_stick(machine.setup.stick, files);
-    machine.setup.wait_for = {"/sys/block/sda/sda1"};
+    expect_stick(machine);
 }
 
-void slow_stick_down(Machine &machine, int bytes_per_second)
+void plug_in_slow_stick(Machine &machine, const std::vector<FileAt> &files, int bytes_per_second)
 {
-    monitor(machine.cabinet, "block_set_io_throttle",
-            {{"device", "stick"},
-             {"bps", bytes_per_second},
-             {"bps_rd", 0},
-             {"bps_wr", 0},
-             {"iops", 0},
-             {"iops_rd", 0},
-             {"iops_wr", 0}});
+    const std::string image = machine.folder.path + "/slow_stick.img";
+    make_stick(image, files);
+    monitor(machine.cabinet, "object-add",
+            {{"qom-type", "throttle-group"}, {"id", "slow"}, {"limits", {{"bps-read", bytes_per_second}}}});
+    monitor(machine.cabinet, "blockdev-add",
+            {{"driver", "throttle"},
+             {"node-name", "slow-stick"},
+             {"throttle-group", "slow"},
+             {"file", {{"driver", "raw"}, {"file", {{"driver", "file"}, {"filename", image}}}}}});
+    monitor(machine.cabinet, "device_add",
+            {{"driver", "usb-storage"}, {"id", "stick"}, {"drive", "slow-stick"}, {"bus", "usb.0"}});
+}
+
+void speed_stick_up(Machine &machine)
+{
+    monitor(machine.cabinet, "qom-set",
+            {{"path", "/objects/slow"}, {"property", "limits"}, {"value", {{"bps-read", 0}}}});
+}
+
+bool wait_until_written(Machine &machine, const std::string &file)
+{
+    auto written = [&] {
+        return look_inside(machine.cabinet, "for f in /proc/1/fd/*; do [ \"$(readlink $f)\" = " + file +
+                                                " ] && grep -v '^pos:.0$' /proc/1/fdinfo/${f##*/}; done")
+            .starts_with("pos:");
+    };
+    return wait_until(machine.cabinet, written, patience);
 }
 
 std::string file_with(Machine &machine, const std::string &name, const std::string &text)
@@ -88,6 +112,15 @@ bool wait_for_start(Machine &machine, const std::string &words, int times)
         machine.cabinet, [&] { return count_starts(machine.cabinet, words) >= times; }, patience);
 }
 
+int last_started(const Machine &machine)
+{
+    int process = 0;
+    for (const Event &event : machine.cabinet.events)
+        if (event.kind == Event::program_started)
+            process = event.number;
+    return process;
+}
+
 std::vector<std::string> storage_names(const Machine &machine)
 {
     std::istringstream listing(
@@ -106,12 +139,62 @@ std::string storage_file(const Machine &machine, const std::string &name)
     return read_file(copy);
 }
 
-bool stays_parked(Machine &machine)
+// ---- The loader as it stands ----
+
+namespace
 {
-    // The last lines may still be on their way.
-    pump_for(machine.cabinet, 1);
-    size_t events_before = machine.cabinet.events.size();
-    pump_for(machine.cabinet, 3);
-    std::string state = look_inside(machine.cabinet, "/bin/busybox grep State: /proc/1/status");
-    return machine.cabinet.events.size() == events_before && state == "State:\tS (sleeping)\n";
+
+/// How often a process has gone to sleep.
+int sleeps_of(Machine &machine, int process)
+{
+    const std::string number =
+        look_inside(machine.cabinet, "sed -n 's/^voluntary_ctxt_switches:[^0-9]*//p' /proc/" +
+                                         std::to_string(process) + "/status 2>/dev/null || echo 0");
+    return std::stoi("0" + number);
+}
+
+bool sleeps_again(Machine &machine, int process, int times)
+{
+    const int wanted = sleeps_of(machine, process) + times;
+    return wait_until(
+        machine.cabinet, [&] { return sleeps_of(machine, process) >= wanted; }, patience);
+}
+
+} // namespace
+
+Stop find_stop(Machine &machine)
+{
+    // The code stands on the stack of a process that is the loader still.
+    std::istringstream found(look_inside(
+        machine.cabinet,
+        "for p in /proc/[0-9]*; do [ \"$(readlink $p/exe)\" = /sbin/qel_application_loader ] || continue; "
+        "set -- $(grep '\\[stack\\]' $p/maps | tr - ' '); "
+        "dd if=$p/mem bs=4096 skip=$((0x$1 / 4096)) count=$(((0x$2 - 0x$1) / 4096)) 2>/dev/null | strings | "
+        "sed -n \"s,.*ERROR \\([A-Z][A-Z][A-Z][0-9][0-9]*\\)$,${p#/proc/} \\1,p\"; done"));
+    Stop stop;
+    if (!(found >> stop.process >> stop.code))
+        return {};
+    return stop;
+}
+
+std::string wait_until_parked(Machine &machine)
+{
+    Stop stop;
+    auto stopped = [&] {
+        stop = find_stop(machine);
+        return !stop.code.empty();
+    };
+    // After the first sleep all that was said before has come.
+    if (!wait_until(machine.cabinet, stopped, patience) || !sleeps_again(machine, stop.process, 1))
+        return "";
+    const size_t events_before = machine.cabinet.events.size();
+    if (!sleeps_again(machine, stop.process, 3) || machine.cabinet.events.size() != events_before)
+        return "";
+    return find_stop(machine).code;
+}
+
+bool wait_until_it_reads(Machine &machine)
+{
+    auto reads = [&] { return look_inside(machine.cabinet, "cat /proc/1/syscall").starts_with("0 0x3 "); };
+    return wait_until(machine.cabinet, reads, patience);
 }

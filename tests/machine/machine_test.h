@@ -38,8 +38,18 @@ void start_again(Machine &next, Machine &before);
 /// Puts a stick with these files in before power-on; the loader starts once the kernel has found it.
 void insert_stick(Machine &machine, const std::vector<FileAt> &files);
 
-/// Lets the stick of a machine that is on bring no more than this.
-void slow_stick_down(Machine &machine, int bytes_per_second);
+/// Plugs a stick with these files, which brings no more than so many bytes in a second, into a machine that
+/// is on and whose loader waits for it (expect_stick).
+void plug_in_slow_stick(Machine &machine, const std::vector<FileAt> &files, int bytes_per_second);
+
+/// Lets that stick bring what it can from now on.
+void speed_stick_up(Machine &machine);
+
+/// Pumps until process 1 has written something to a file that it still has open.
+bool wait_until_written(Machine &machine, const std::string &file);
+
+/// Lets the loader start only when there is a stick.
+void expect_stick(Machine &machine);
 
 /// A new file in the machine's scratch folder that holds `text`.
 std::string file_with(Machine &machine, const std::string &name, const std::string &text);
@@ -53,12 +63,30 @@ bool wait_for_recorder(Machine &machine, const std::string &name, int times = 1)
 /// Pumps until a child of process 1 with these words has been started `times` times.
 bool wait_for_start(Machine &machine, const std::string &words, int times = 1);
 
+/// The process of the child of process 1 that was started last.
+int last_started(const Machine &machine);
+
 /// What mtools lists as plain names in the storage partition of the internal disk.
 std::vector<std::string> storage_names(const Machine &machine);
 
 /// A file of the internal disk's storage partition.
 std::string storage_file(const Machine &machine, const std::string &name);
 
-/// Pumps for a while and says whether process 1 did nothing but sleep: nothing on the console, no program
-/// started, no record to the board.
-bool stays_parked(Machine &machine);
+// ---- The loader as it stands ----
+
+/// A process of the loader that a failed check has stopped.
+struct Stop {
+    int process = 0;  ///< 1, or a child that became no other program
+    std::string code; ///< as a debugger finds it: "KCW1964"; empty when no check has failed
+};
+
+/// Looks for it once; the machine must have mounted /proc.
+Stop find_stop(Machine &machine);
+
+/// Pumps until the loader has stopped and then does nothing but sleep, seen by its next three sleeps: nothing
+/// on the console, no program started, no record to the board. Returns the stop's code; empty when it is not
+/// so.
+std::string wait_until_parked(Machine &machine);
+
+/// Pumps until process 1 waits, inside the kernel, for a record on its descriptor 3.
+bool wait_until_it_reads(Machine &machine);

@@ -285,11 +285,15 @@ TEST(RunOnATerminal, DrawsThePanelFollowsItsSizeAndLeavesItInOrder)
 TEST(RunOnATerminal, PrintsLinesWhereNoPanelFitsOrIsWanted)
 {
     const std::string run = MACHINE_TEST_RUN;
-    TmuxTerminal dumb(100, 30, "TERM=dumb " + run), small(71, 18, run), plain(100, 30, run + " --plain");
-    for (const TmuxTerminal *terminal : {&dumb, &small, &plain}) {
-        std::string screen = terminal->screen_with("console  QEL Loader...");
-        EXPECT_THAT(screen, HasSubstr("machine  the loader becomes process 1\n"));
-        EXPECT_EQ(terminal->state(), "screen 0 cursor 1\n");
+    struct {
+        int width, height;
+        std::string command;
+    } const terminals[] = {{100, 30, "TERM=dumb " + run}, {71, 18, run}, {100, 30, run + " --plain"}};
+    for (const auto &[width, height, command] : terminals) {
+        TmuxTerminal terminal(width, height, command);
+        std::string screen = terminal.screen_with("console  QEL Loader...");
+        EXPECT_THAT(screen, HasSubstr("machine  the loader becomes process 1\n")) << command;
+        EXPECT_EQ(terminal.state(), "screen 0 cursor 1\n") << command;
     }
 }
 
