@@ -35,6 +35,8 @@ TEST(RootPrefix, OfDosIsALetterAColonAndASlash)
     EXPECT_EQ(_qel_path_root_len("z:/dir", dos_flavour), 3);
     EXPECT_EQ(_qel_path_root_len("C:", dos_flavour), 0);
     EXPECT_EQ(_qel_path_root_len("C:dir", dos_flavour), 0);
+    EXPECT_EQ(_qel_path_root_len("a//b", dos_flavour), 0);
+    EXPECT_EQ(_qel_path_root_len("a/b", dos_flavour), 0);
     EXPECT_EQ(_qel_path_root_len("1:/", dos_flavour), 0);
     EXPECT_EQ(_qel_path_root_len("\xE9:/", dos_flavour), 0);
     EXPECT_EQ(_qel_path_root_len("C:\\", dos_flavour), 0);
