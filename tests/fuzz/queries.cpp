@@ -158,6 +158,9 @@ void get_text(Peer &peer)
     if (!text)
         return;
     const Text copy{std::string(text)}; // reads up to the NUL
+    const size_t end = 16 + size_t{peer.answer.size() < 16 ? 0 : qel_sysmsg_get32(peer.answer.data(), 12)};
+    require(end > peer.answer.size() || (end > 16 && peer.answer[end - 1] == 0), "a text without its end",
+            text);
     require(peer.answer.size() < 16 + copy.size() || memcmp(copy.get(), &peer.answer[16], copy.size()) == 0,
             "the text", text);
 }
@@ -174,7 +177,7 @@ void decipher(Peer &peer)
         require(plain == nullptr && length == 0, "no plain text");
         return;
     }
-    require(peer.says(12, 4, length), "the length");
+    require(length > 0 && peer.says(12, 4, length), "the length");
     // The length is the peer's word; what can be read is as long as the question.
     require(__asan_region_is_poisoned(const_cast<void *>(plain), bytes.size()) == nullptr, "the plain text");
 }

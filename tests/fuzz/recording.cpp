@@ -6,7 +6,6 @@
 #include "recording.h"
 #include "trace.h"
 
-#include <optional>
 #include <vector>
 
 namespace
@@ -27,6 +26,7 @@ struct Model {
 
     struct Packet {
         size_t at, size;
+        uint32_t direction;
     };
     std::vector<Packet> packets;
     size_t foreign = 0;
@@ -88,33 +88,41 @@ struct Model {
     bool read_interface(size_t at, size_t end)
     {
         link_types.push_back(number(at + 8, 2));
-        const auto option = option_9(at + 16, end);
-        return !option || (*option < 128 ? *option <= 19 : *option - 128 <= 63);
+        const Option option = find_option(9, at + 16, end);
+        const int digits = option.size > 0 ? file.get()[option.at] : 0;
+        return digits < 128 ? digits <= 19 : digits - 128 <= 63;
     }
 
-    std::optional<uint8_t> option_9(size_t at, size_t end) const
+    struct Option {
+        size_t at, size;
+    };
+    /// Its size is 0 when there is none.
+    Option find_option(uint32_t code, size_t at, size_t end) const
     {
         while (end - at >= 4 && number(at, 2) != 0) {
             const size_t length = number(at + 2, 2), next = at + 4 + (length + 3) / 4 * 4;
             if (next > end)
                 break;
-            if (number(at, 2) == 9)
-                return length > 0 ? std::optional<uint8_t>(file.get()[at + 4]) : std::nullopt;
+            if (number(at, 2) == code)
+                return {at + 4, length};
             at = next;
         }
-        return std::nullopt;
+        return {0, 0};
     }
 
     bool read_packet(size_t at, size_t end)
     {
         const uint32_t interface = number(at + 8, 4);
         const size_t kept = number(at + 20, 4);
-        if (interface >= link_types.size() || (kept + 3) / 4 * 4 > end - at - 28)
+        const size_t options = at + 28 + (kept + 3) / 4 * 4;
+        if (interface >= link_types.size() || options > end)
             return false;
-        if (link_types[interface] == 147)
-            packets.push_back({at + 28, kept});
-        else
+        if (link_types[interface] != 147) {
             foreign++;
+            return true;
+        }
+        const Option flags = find_option(2, options, end);
+        packets.push_back({at + 28, kept, flags.size == 4 ? number(flags.at, 4) % 4 : 0});
         return true;
     }
 };
@@ -140,6 +148,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             require(found.data() == file.get() + model.packets[i].at, "where a packet is");
             require(found.size() == model.packets[i].size, "its size", std::to_string(found.size()),
                     std::to_string(model.packets[i].size));
+            const Direction names[] = {Direction::unknown, Direction::inbound, Direction::outbound,
+                                       Direction::unknown};
+            require(contents.packets[i].direction == names[model.packets[i].direction], "its direction");
         }
         const bool is_whole = trace_recording(bytes, {.packets = size % 2 == 0}, stdout);
         require(is_whole == model.is_whole, "the verdict of the trace");

@@ -16,7 +16,8 @@ that file alone to see it again.
 Options:
   --seconds N   how long each target runs (60)
   --merge       afterwards make the committed corpus of each target, tests/fuzz/corpus/TARGET, a smallest
-                set of inputs that reaches every edge found, about as often as found
+                set of inputs that reaches every edge found, about as often as found; inputs made by hand,
+                tests/fuzz/corpus/TARGET/by_hand_*, stay, because reaching an edge is not what they are for
   --build DIR   where to build (build/fuzz)
   --list        list the targets
   --help        this text
@@ -80,6 +81,7 @@ merge() {
     mkdir -p "$merged"
     "$target" -set_cover_merge=1 "$merged" "$build/corpus/$name" $sources/corpus/"$name" \
         >"$build/merged/$name.log" 2>&1
+    find $sources/corpus/"$name" -name 'by_hand_*' -exec cp -t "$merged" {} +
     rm -rf $sources/corpus/"$name"
     cp -r "$merged" $sources/corpus/"$name"
     echo "$name: $(find $sources/corpus/"$name" -type f | wc -l) inputs"

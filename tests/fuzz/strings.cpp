@@ -90,6 +90,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const Outcome outcome = run([&] {
         check_whitespace(s);
         check_filename(s);
+        for (const char c : s)
+            check_filename(std::string(1, c));
         if (!pattern.empty())
             check_replace(s, pattern, replacement, dst_size);
     });

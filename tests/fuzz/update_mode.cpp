@@ -1,7 +1,7 @@
 // The whole stack of the update mode, from the device to the handler, and a host that sends anything:
 // records of 1 to 64 bytes as they are, messages in proper packets, and such with a lost or damaged packet.
-// Stops must come where the rules of packets and messages say, and no others; an updater is written as its
-// message says, and tried, and nothing else is.
+// Stops must come where the rules of packets and messages say, and no others; what is to be confirmed or
+// answered is, and nothing else; an updater is written as its message says, and tried, and nothing else is.
 
 #include "fuzz/fuzz.h"
 #include "fuzz/rules.h"
@@ -58,6 +58,7 @@ struct Board {
     MessageRules messages;
     Bytes buffer = Bytes(64);  ///< that of the transport, which is empty when it begins to read
     std::deque<Bytes> records; ///< under way to the loader
+    std::deque<Bytes> answers; ///< that it must give, or their beginnings where nobody knows the rest
     bool wrote_updater = false;
 
     int look_for_stick()
@@ -96,6 +97,7 @@ struct Board {
         require(size == 64, "room for a record", std::to_string(size));
         require(expected.stop.empty(), "no stop", "", expected.stop);
         require(expected.updater.empty(), "not tried", "", hex_of(expected.updater));
+        require(answers.empty(), "not answered", "", answers.empty() ? "" : hex_of(answers.front()));
         if (records.empty()) {
             buffer.assign(64, 0);
             errno = EAGAIN;
@@ -122,9 +124,37 @@ struct Board {
         expected.unit = "qel_tolbrin/qel_sysmsg";
         expected.stop = messages.receive(packets.delivered.front());
         packets.delivered.clear();
-        if (!messages.to_hand_on.empty() && word(messages.to_hand_on.front(), 0) == 10)
-            expected.updater = messages.to_hand_on.front();
+        answers.swap(messages.to_confirm);
+        if (!messages.to_hand_on.empty())
+            expect_handling(messages.to_hand_on.front());
         messages.to_hand_on.clear();
+    }
+
+    /// A connect that ends before its value is answered with what lies in memory.
+    void expect_handling(const Bytes &message)
+    {
+        const uint32_t type = word(message, 0);
+        if (type == 10)
+            expected.updater = message;
+        if (type != 5)
+            return;
+        answers.push_back({38, 0, 0, 0, 12, 0, 0, 0});
+        if (message.size() >= 12)
+            answers.back().insert(answers.back().end(), message.begin() + 8, message.begin() + 12);
+    }
+
+    /// What the loader sends fits one packet: its notices and its answers.
+    void take_packet(const Bytes &packet)
+    {
+        require(packet.size() > 6 && packet.size() <= 35, "the size of a packet", hex_of(packet));
+        const Bytes message(packet.begin() + 6, packet.end());
+        require(packet == packets_of(message).front(), "a packet", hex_of(packet));
+        if (message == Bytes({11, 0, 0, 0, 8, 0, 0, 0}))
+            return;
+        const Bytes answer = answers.empty() ? Bytes{0} : answers.front();
+        require(message.size() == 12 && std::equal(answer.begin(), answer.end(), message.begin()),
+                "an answer", hex_of(message), hex_of(answer));
+        answers.pop_front();
     }
 
     /// As many bytes as the message says; of those, the ones that it has. One that ends before its length
@@ -146,11 +176,8 @@ struct Board {
     {
         if (file == updater_file)
             take_updater(bytes, size);
-        if (file == link_file) {
-            const Bytes packet(bytes, bytes + size);
-            require(size > 6 && size <= 35, "the size of a packet", hex_of(packet));
-            require(packet[0] == 0 || packet[0] == 0x80, "the start of a packet", hex_of(packet));
-        }
+        if (file == link_file)
+            take_packet(Bytes(bytes, bytes + size));
         if (file == lcd_file)
             require(bytes[size - 1] == '\0' && bytes[0] >= '0' && bytes[0] <= '2', "a row of the display",
                     hex_of(bytes, size));
