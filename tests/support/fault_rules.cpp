@@ -16,8 +16,8 @@
 //
 // Not in the table are calls that no wrapper reaches. fscanf reads inside libc: that a file of numbers which
 // cannot be read stops is a test of its own (NodeFromSysfs). What is printed goes to standard output, whose
-// writes are inside libc as well: the product looks at the result of no print, so a console that takes
-// nothing changes nothing else, and that is a test of its own, too (Console).
+// writes are inside libc as well: the product decides nothing by what a print gives, so a console that takes
+// nothing changes nothing else, and that is a test of its own, too (StartUp).
 
 const std::vector<KernelCall> &kernel_calls()
 {
