@@ -19,7 +19,7 @@ struct Contender {
     /// At most so much of it may the product take; 0 for a figure that is only shown.
     double ratio_max = 0;
     /// Why its figure is what it is.
-    std::string remark = "";
+    std::string remark = {};
 
     std::vector<double> samples = {};
 };
@@ -37,7 +37,7 @@ struct Contest {
     /// Takes part in every so-manyth round.
     int every = 1;
     /// Why nothing can be measured here; "" when it can.
-    std::string unavailable = "";
+    std::string unavailable = {};
 };
 
 /// The middle, and what a quarter of the values lies below and above of.

@@ -81,7 +81,7 @@ static void crc(benchmark::State &state, Crc function)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
 }
 
-#define CRC(name, function) BENCHMARK_CAPTURE(crc, name, function)->Arg(29)->Arg(64 * 1024)->Arg(1024 * 1024)
+#define CRC(name, function) BENCHMARK_CAPTURE(crc, name, function)->Arg(29)->Arg(65536)->Arg(1048576)
 CRC(product, crc_of_product);
 CRC(table, crc_by_table);
 CRC(boost, crc_of_boost);

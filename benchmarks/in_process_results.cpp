@@ -12,8 +12,8 @@
 static double nanoseconds_of(const std::string &benchmark)
 {
     const std::string report = scratch("report");
-    run_command({BENCH_PROJECT "/build/bench/benchmarks/bench_in_process",
-                 "--benchmark_filter=^" + benchmark + "$", "--benchmark_min_time=0.05",
+    const std::string program = BENCH_PROJECT "/build/bench/benchmarks/bench_in_process";
+    run_command({program, "--benchmark_filter=^" + benchmark + "$", "--benchmark_min_time=0.05",
                  "--benchmark_out=" + report, "--benchmark_out_format=json"});
     std::ifstream file(report);
     const nlohmann::json result = nlohmann::json::parse(file).at("benchmarks").at(0);

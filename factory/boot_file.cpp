@@ -6,10 +6,6 @@
 #include "cabinet/images.h"
 #include "cabinet/tools.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <sstream>
 
@@ -36,8 +32,7 @@ std::string key_of(const Parts &parts, const std::vector<std::string> &list)
         words >> kind >> place >> source;
         key += line;
         if (kind == "file")
-            key += " " + std::to_string(fs::file_size(source)) + " " +
-                   std::to_string(fs::last_write_time(source).time_since_epoch().count());
+            key += " " + stamp_of(source);
         key += "\n";
     }
     return key;
@@ -55,17 +50,9 @@ void make_boot_file(const std::string &output, const std::vector<std::string> &l
 
 std::string usual_boot_file(const Parts &parts)
 {
-    std::string file = FACTORY_BUILD_FOLDER "/vmlinux-" + parts.target, key_file = file + ".key";
+    std::string file = FACTORY_BUILD_FOLDER "/vmlinux-" + parts.target;
     std::vector<std::string> list = ram_disk_list(parts);
-    std::string key = key_of(parts, list);
-    int lock = open((file + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    flock(lock, LOCK_EX);
-    if (!fs::exists(file) || !fs::exists(key_file) || read_file(key_file) != key) {
-        fs::remove(key_file);
-        make_boot_file(file, list);
-        write_file(key_file, key);
-    }
-    close(lock);
+    make_unless_same(file, key_of(parts, list), [&] { make_boot_file(file, list); });
     return file;
 }
 

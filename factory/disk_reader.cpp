@@ -21,7 +21,7 @@ namespace
 {
 
 const size_t table_offset = 446, entry_bytes = 16;
-const size_t block_bytes = 1024 * 1024;
+const size_t block_bytes = size_t{1024} * 1024;
 
 } // namespace
 

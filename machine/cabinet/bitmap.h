@@ -8,7 +8,7 @@
 
 const unsigned bitmap_columns = 128, bitmap_rows = 64, bitmap_row_bytes = 16;
 
-using Bitmap = std::array<uint8_t, bitmap_rows * bitmap_row_bytes>;
+using Bitmap = std::array<uint8_t, size_t{bitmap_rows} * bitmap_row_bytes>;
 
 bool dot(const Bitmap &bitmap, unsigned column, unsigned row);
 void set_dot(Bitmap &bitmap, unsigned column, unsigned row, bool value);

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-const unsigned long long mebibyte = 1024 * 1024;
+const unsigned long long mebibyte = 1024ULL * 1024;
 const unsigned long long boot_partition_bytes = 8 * mebibyte;
 const unsigned long long system_image_bytes_max = 28 * mebibyte; ///< size of the internal disk's partition 2
 

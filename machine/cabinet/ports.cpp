@@ -10,6 +10,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <stdexcept>
 
 namespace
@@ -98,12 +99,19 @@ void open_link(Cabinet &cabinet, const std::string &path)
     if (path.size() >= sizeof address.sun_path)
         throw std::runtime_error(path + ": too long for a socket's name");
     memcpy(address.sun_path, path.c_str(), path.size());
-    unlink(path.c_str());
+    // What an earlier cabinet has left; any other file stays, and bind refuses its name.
+    if (std::filesystem::is_socket(path))
+        unlink(path.c_str());
+    int listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
+    if (bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
+        listen(listener, 1) != 0) {
+        std::string reason = strerror(errno);
+        close(listener);
+        throw std::runtime_error(path + ": " + reason +
+                                 "; choose a name for the socket that nothing else has");
+    }
     cabinet.link_path = path;
-    cabinet.link_listener = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    if (bind(cabinet.link_listener, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-        listen(cabinet.link_listener, 1) != 0)
-        throw std::runtime_error(path + ": " + strerror(errno));
+    cabinet.link_listener = listener;
 }
 
 std::vector<std::string> take_link_records(Cabinet &cabinet)

@@ -51,8 +51,7 @@ void add_logged_disk(Words &words, const CabinetSetup &setup)
         {"-blockdev", "driver=file,node-name=disk-file,cache.no-flush=on,filename=" + setup.internal_disk,
          "-blockdev", "driver=file,node-name=log-file,cache.no-flush=on,filename=" + setup.write_log,
          "-blockdev",
-         "driver=blklogwrites,node-name=internal,file=disk-file,log=log-file,"
-         "log-super-update-interval=1"});
+         "driver=blklogwrites,node-name=internal,file=disk-file,log=log-file,log-super-update-interval=1"});
 }
 
 void add_disks(Words &words, const CabinetSetup &setup)

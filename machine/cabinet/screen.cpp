@@ -37,7 +37,7 @@ Picture grab_screen(Cabinet &cabinet)
     Picture picture;
     int status = 0;
     std::string dump = look_inside(cabinet, "cat /tmp/Xvfb_screen0", &status);
-    if (status != 0 || dump.size() < words * 4 || word(dump, head_size) == 0)
+    if (status != 0 || dump.size() < words * size_t{4} || word(dump, head_size) == 0)
         return picture;
     size_t start = word(dump, head_size) + word(dump, colors) * color_bytes;
     if (word(dump, bits_per_pixel) != 8 * pixel_bytes ||

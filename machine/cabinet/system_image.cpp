@@ -4,10 +4,6 @@
 
 #include "tools.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <set>
 #include <stdexcept>
@@ -17,17 +13,12 @@ namespace fs = std::filesystem;
 namespace
 {
 
-const char *const key_name = "/qel_usr.key";
-
 /// Changes whenever one of the files does.
 std::string key_of(const std::vector<FileAt> &files)
 {
     std::string key;
-    for (const FileAt &file : files) {
-        auto changed = fs::last_write_time(file.source).time_since_epoch().count();
-        key += file.place + " " + file.source + " " + std::to_string(changed) + " " +
-               std::to_string(fs::file_size(file.source)) + "\n";
-    }
+    for (const FileAt &file : files)
+        key += file.place + " " + file.source + " " + stamp_of(file.source) + "\n";
     return key;
 }
 
@@ -78,15 +69,7 @@ std::vector<FileAt> system_files(const Parts &parts)
 std::string usual_system_image(const Parts &parts)
 {
     std::vector<FileAt> files = system_files(parts);
-    std::string key = key_of(files), image = parts.work_folder + "/qel_usr.cramfs";
-    std::string key_file = parts.work_folder + key_name;
-    int lock = open((parts.work_folder + "/qel_usr.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    flock(lock, LOCK_EX);
-    if (!fs::exists(image) || !fs::exists(key_file) || read_file(key_file) != key) {
-        fs::remove(key_file);
-        make_system_image(image, files);
-        write_file(key_file, key);
-    }
-    close(lock);
+    std::string image = parts.work_folder + "/qel_usr.cramfs";
+    make_unless_same(image, key_of(files), [&] { make_system_image(image, files); });
     return image;
 }

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,6 +45,16 @@ std::string tool_path()
     _exit(127);
 }
 
+/// A full disk takes a tool's last words, too.
+std::string advice_on_space()
+{
+    const unsigned long long enough = 1024ULL * 1024;
+    std::filesystem::path folder = std::filesystem::temp_directory_path();
+    return std::filesystem::space(folder).available >= enough
+               ? ""
+               : folder.string() + " is full; make room there, or name another folder in TMPDIR";
+}
+
 } // namespace
 
 std::string run_tool(const std::vector<std::string> &command, const std::string &input)
@@ -59,7 +70,7 @@ std::string run_tool(const std::vector<std::string> &command, const std::string 
     waitpid(child, &status, 0);
     std::string output = read_file(output_file);
     if (status != 0)
-        throw std::runtime_error("the tool " + command[0] + " failed:\n" + output);
+        throw std::runtime_error("the tool " + command[0] + " failed:\n" + output + advice_on_space());
     return output;
 }
 
@@ -115,9 +126,32 @@ void require_file(const std::string &path, const std::string &advice)
         throw std::runtime_error(path + ": not found; " + advice);
 }
 
+std::string stamp_of(const std::string &path)
+{
+    auto changed = std::filesystem::last_write_time(path).time_since_epoch().count();
+    return std::to_string(changed) + " " + std::to_string(std::filesystem::file_size(path));
+}
+
+void make_unless_same(const std::string &file, const std::string &key, const std::function<void()> &make)
+{
+    std::string key_file = file + ".key";
+    int lock = open((file + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (lock < 0 || flock(lock, LOCK_EX) != 0)
+        throw std::runtime_error(file + ".lock: " + strerror(errno) + "; make its folder writable for you");
+    if (!std::filesystem::exists(file) || !std::filesystem::exists(key_file) || read_file(key_file) != key) {
+        std::filesystem::remove(key_file);
+        make();
+        write_file(key_file, key);
+    }
+    close(lock);
+}
+
 ScratchFolder::ScratchFolder()
 {
-    path = std::filesystem::temp_directory_path() / "qel-XXXXXX";
+    std::error_code error;
+    path = std::filesystem::temp_directory_path(error) / "qel-XXXXXX";
+    if (error)
+        throw std::runtime_error("the folder that TMPDIR names: " + error.message());
     if (mkdtemp(path.data()) == nullptr)
         throw std::runtime_error(path + ": " + strerror(errno));
 }

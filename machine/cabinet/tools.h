@@ -1,6 +1,7 @@
 // Small helpers of the host side: files, scratch folders, and other programs run to their end.
 #pragma once
 
+#include <functional>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +24,13 @@ void write_file_at(const std::string &path, const std::string &source, unsigned 
 
 /// Throws std::runtime_error "FILE: not found; ADVICE" unless the file is there.
 void require_file(const std::string &path, const std::string &advice);
+
+/// A text that changes whenever the file does.
+std::string stamp_of(const std::string &path);
+
+/// Makes `file` by `make`, unless it is there and was made with the same `key`. Whoever wants it meanwhile
+/// waits.
+void make_unless_same(const std::string &file, const std::string &key, const std::function<void()> &make);
 
 /// A new empty folder below the system's temporary folder, removed with all that is in it at the end.
 struct ScratchFolder {
