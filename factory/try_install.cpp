@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <stdio.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace
@@ -33,13 +34,21 @@ void announce(int stage, const std::string &text)
     fflush(stdout);
 }
 
-/// Runs the cabinet until `condition` holds, and shows what it does; false when it does not in time.
+/// A failed check has stopped the loader, or a tool before it began.
+bool has_stopped(const Cabinet &cabinet)
+{
+    return std::any_of(cabinet.events.begin(), cabinet.events.end(),
+                       [](const Event &event) { return event.kind == Event::program_stopped; });
+}
+
+/// Runs the cabinet until `condition` holds, and shows what it does; false when it does not in time, or no
+/// more can.
 bool watch(Cabinet &cabinet, View &view, const std::function<bool()> &condition, double seconds_max)
 {
     while (!condition()) {
         if (interrupted != 0)
             throw std::runtime_error("interrupted");
-        if (uptime(cabinet) > seconds_max)
+        if (uptime(cabinet) > seconds_max || has_stopped(cabinet))
             return false;
         pump(cabinet, 0.1);
         show_waiting(view, cabinet);
@@ -98,6 +107,7 @@ bool try_install(const std::string &stick, const Delivery &delivery, const Progr
     CabinetSetup setup;
     setup.internal_disk = scratch.path + "/internal_disk";
     setup.seconds_max = install_seconds_max + start_seconds_max;
+    setup.tell_stops = true;
 
     announce(1, "a factory stick and a blank disk");
     setup.stick = scratch.path + "/stick";

@@ -2,7 +2,7 @@
 //
 //     title                                                     seconds
 //     steps of the start-up
-//
+//     where it has stopped, if it has
 //     +------------------------+  CONSOLE
 //     |the display's four rows |   0.01 QEL Loader...
 //     +------------------------+   0.02 ...
@@ -23,7 +23,7 @@ namespace
 {
 
 const size_t lines_kept = 500; // more than the rows of any terminal
-const int steps_row = 1, top_row = 3, display_rows = 4;
+const int steps_row = 1, stop_row = 2, top_row = 3, display_rows = 4;
 const int left_columns = lcd_columns + 2, right_column = left_columns + 2;
 const int board_row = top_row + display_rows + 3;
 const size_t board_line_rows = 2, console_line_rows = 4;
@@ -151,6 +151,8 @@ void draw_head(Drawing &drawing, const Panel &panel, double seconds, int columns
             put(drawing, steps_row, column, name);
         column += static_cast<int>(name.size());
     }
+    if (!panel.stop.empty())
+        put(drawing, stop_row, 0, panel.stop, Style::stop);
 }
 
 void draw_display(Drawing &drawing, const Board &board)
@@ -190,9 +192,17 @@ std::string printable(const std::string &bytes)
     return text;
 }
 
+std::string describe_stop(const Event &event)
+{
+    std::string who = event.number == 1 ? "the loader" : "process " + std::to_string(event.number);
+    return who + " has stopped at " + event.text + "; tools/qel-where " + event.text + " explains it";
+}
+
 void note_event(Panel &panel, const Event &event)
 {
     const unsigned char get_mode = 5;
+    if (event.kind == Event::program_stopped && panel.stop.empty())
+        panel.stop = "STOPPED: " + describe_stop(event);
     if (event.kind == Event::loader_started)
         panel.step = Step::loader;
     else if (event.kind == Event::command && event.text[0] == get_mode)

@@ -23,6 +23,7 @@ struct PanelLine {
 struct Panel {
     std::string title;
     bool update_mode = false; ///< the board's mode byte asks for it
+    std::string stop;         ///< what describe_stop() says of the first stop; empty: there was none
     Step step = Step::kernel;
     std::deque<PanelLine> console; ///< what the loader prints and starts; the newest last
     std::deque<PanelLine> board;   ///< commands and the host link; the newest last
@@ -32,13 +33,16 @@ struct Panel {
 /// out.
 std::string printable(const std::string &bytes);
 
-/// Notes how far an event brings the start-up.
+/// What a program_stopped event means, in a line.
+std::string describe_stop(const Event &event);
+
+/// Notes how far an event brings the start-up, and that it goes no further.
 void note_event(Panel &panel, const Event &event);
 
 /// Notes a line of the view: its source decides on which side of the panel it appears.
 void note_line(Panel &panel, double seconds, const std::string &source, const std::string &text);
 
-enum class Style { heading, present_step, display };
+enum class Style { heading, present_step, stop, display };
 
 struct StyledPart {
     int row, column, length;

@@ -36,6 +36,7 @@ attr_t attributes_of(Style style)
     case Style::heading:
         return A_BOLD;
     case Style::present_step:
+    case Style::stop:
         return A_REVERSE | A_BOLD;
     case Style::display:
         return A_REVERSE;

@@ -68,8 +68,7 @@ Options parse(int argc, char **argv)
     app.footer(
         "Lines show: seconds since power-on, where a line comes from, and the line. h8 = command that\n"
         "the board's microcontroller received, lcd = the board's display, start and end = programs that\n"
-        "the loader runs.\n"
-        "Other commands, each with a --help of its own: update, install, make-stick, make-disk, check-disk.");
+        "the loader runs, stop = a failed check.");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
@@ -94,6 +93,7 @@ CabinetSetup prepare(const Options &options, const Parts &parts, const std::stri
     setup.host_link = options.link;
     setup.terminal = options.shell;
     setup.board.mode = options.mode;
+    setup.tell_stops = true;
     setup.seconds_max = options.seconds > 0          ? options.seconds + 60
                         : options.screenshot.empty() ? 1e9
                                                      : picture_seconds_max + 60;
@@ -192,7 +192,7 @@ bool run(const Options &options, const CabinetSetup &setup, View &view)
         fclose(recording);
     int runs = count_starts(cabinet, "/storage/");
     show_line(view, uptime(cabinet), "machine",
-              "off; the application was started " + std::to_string(runs) + " times");
+              "off; the application was started " + (runs == 1 ? "once" : std::to_string(runs) + " times"));
     if (!options.screenshot.empty())
         printf(picture_taken ? "the screen is in %s\n"
                              : "error: nothing appeared on the screen; %s not written\n",

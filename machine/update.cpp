@@ -67,6 +67,7 @@ CabinetSetup prepare(const Options &options, const Parts &parts, const std::stri
     setup.internal_disk = folder + "/internal_disk";
     setup.host_link = folder + "/link";
     setup.board.mode = options.mode;
+    setup.tell_stops = true;
     setup.seconds_max = 1e9;
     make_ram_disk(setup.ram_disk, parts, ram_disk_list(parts));
     make_blank_disk(setup.internal_disk);
@@ -173,7 +174,8 @@ bool update(const Options &options, const CabinetSetup &setup, View &view)
     if (!options.lcd_screenshot.empty())
         write_png(draw_lcd(lcd_dots(cabinet.board)), options.lcd_screenshot);
     show_line(view, uptime(cabinet), "machine", "process 1 is now: " + words);
-    return words.find("/tmp/updater") != std::string::npos;
+    // An updater may have become another program.
+    return !look_inside(cabinet, "readlink /proc/1/exe").ends_with("/qel_application_loader\n");
 }
 
 } // namespace

@@ -107,6 +107,9 @@ void show_event(View &view, const Event &event)
     case Event::program_ended:
         show_line(view, event.seconds, "end", event.text + process);
         break;
+    case Event::program_stopped:
+        show_line(view, event.seconds, "stop", describe_stop(event));
+        break;
     case Event::command:
         show_line(view, event.seconds, "h8", describe_command(event.text));
         break;

@@ -60,7 +60,7 @@ void take_board_bytes(Cabinet &cabinet)
         size_t length = static_cast<unsigned char>(in[1]);
         if (in.size() < frame_head_bytes + length)
             return;
-        int minor = in[0];
+        int minor = static_cast<unsigned char>(in[0]);
         std::string record = in.substr(frame_head_bytes, length);
         in.erase(0, frame_head_bytes + length);
         take_board_record(cabinet, minor, record);
@@ -84,6 +84,8 @@ void take_service_line(Cabinet &cabinet, const std::string &line)
         report_process(cabinet, Event::program_started, line.substr(6));
     } else if (line.starts_with("end ")) {
         report_process(cabinet, Event::program_ended, line.substr(4));
+    } else if (line.starts_with("stop ")) {
+        report_process(cabinet, Event::program_stopped, line.substr(5));
     } else if (line.starts_with("note ")) {
         report(cabinet, Event::note, line.substr(5));
     } else if (line.starts_with("output ")) {
@@ -176,6 +178,8 @@ void power_on(Cabinet &cabinet, const CabinetSetup &setup)
     for (const std::string &path : setup.wait_for)
         cabinet.service_port.out += "wait " + path + "\n";
     cabinet.service_port.out += "go\n";
+    if (setup.tell_stops)
+        cabinet.service_port.out += "tell stops\n";
 }
 
 void power_off(Cabinet &cabinet)

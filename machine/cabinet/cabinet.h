@@ -34,6 +34,7 @@ struct CabinetSetup {
     std::vector<std::string> wait_for; ///< paths in the machine that must exist before the loader starts
     Board board;
     bool terminal = false;    ///< a shell on its own terminal
+    bool tell_stops = false;  ///< look once a second for a program that a failed check has stopped
     std::string host_link;    ///< path for a UNIX socket of host-comms records
     std::string clock;        ///< the machine's time at power-on in UTC ("2024-03-05T07:08:09"); empty: now
     double seconds_max = 120; ///< after that the machine is ended and every call throws
@@ -46,6 +47,7 @@ struct Event {
         loader_started,   ///< process 1 is about to become the loader
         program_started,  ///< a child of process 1 became a program: `number` its process, `text` its words
         program_ended,    ///< `number` its process, `text` "exit N" or "signal N"
+        program_stopped,  ///< a failed check has stopped process `number`: `text` its code, "KCW1964"
         command,          ///< a whole H8 command, in `text`
         lcd_row,          ///< row `number` now shows `text`
         link_from_loader, ///< a host-comms record, in `text`

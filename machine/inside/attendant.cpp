@@ -5,14 +5,17 @@
 //   start PID PROGRAM ARG...     a child of process 1 became this program
 //   end PID exit N               that child ended with status N ...
 //   end PID signal N             ... or by a signal
+//   stop PID CODE                a failed check has stopped process 1 or a child of it
 //   note TEXT                    a program in the machine wrote this line to /cabinet/note
 //   output STATUS BYTES          the answer to "run", followed by that many bytes
 //
 // Lines from the outside:
 //
 //   run COMMAND                  runs COMMAND with busybox' shell and sends back what it prints
+//   tell stops                   from now on "stop" is told
 
 #include "inside.h"
+#include "stops.h"
 
 #include <fcntl.h>
 #include <linux/cn_proc.h>
@@ -138,13 +141,21 @@ void run_command(int port, const std::string &command)
         _exit(0);
 }
 
-void take_wish(int port)
+void take_wish(int port, StopWatch &stops)
 {
     std::string line;
     if (!read_line(port, line))
         _exit(0);
     if (line.starts_with("run "))
         run_command(port, line.substr(4));
+    else if (line == "tell stops")
+        begin_to_watch(stops);
+}
+
+void tell_stops(int port, StopWatch &stops, const std::set<int> &children)
+{
+    for (const auto &[process, code] : new_stops(stops, children))
+        say(port, "stop " + std::to_string(process) + " " + code);
 }
 
 /// Programs write whole lines, which a pipe keeps together.
@@ -166,14 +177,16 @@ void run_attendant(int port)
     int notes = open(note_path, O_RDWR | O_CLOEXEC);
     int netlink = subscribe_to_processes();
     std::set<int> children;
+    StopWatch stops;
     pollfd sources[] = {{netlink, POLLIN, 0}, {notes, POLLIN, 0}, {port, POLLIN, 0}};
     for (;;) {
-        poll(sources, 3, -1);
+        poll(sources, 3, stops.processes < 0 ? -1 : 1000);
         if (sources[0].revents != 0)
             take_process_event(port, netlink, children);
         if (sources[1].revents != 0)
             take_notes(port, notes);
         if (sources[2].revents != 0)
-            take_wish(port);
+            take_wish(port, stops);
+        tell_stops(port, stops, children);
     }
 }

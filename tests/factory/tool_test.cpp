@@ -92,6 +92,16 @@ TEST(FactoryTool, EndsWith1ForADiskWithFaults)
     EXPECT_THAT(output, EndsWith(disk + " is not: 1 fault\nexit 1\n"));
 }
 
+TEST(FactoryTool, IsContentOnceTheBootProgramIsWritten)
+{
+    Line line;
+    std::string disk = line.make_disk();
+    patch(disk, 0, std::string(440, '\0'));
+    EXPECT_THAT(run({"check-disk", disk}), EndsWith(disk + " is not: 1 fault\nexit 1\n"));
+    run_tool({"dd", "if=/usr/lib/SYSLINUX/mbr.bin", "of=" + disk, "bs=440", "count=1", "conv=notrunc"});
+    EXPECT_THAT(run({"check-disk", disk}), EndsWith(disk + " is a well installed cabinet disk\nexit 0\n"));
+}
+
 TEST(FactoryTool, EndsWith1ForADiskThatCannotBeRead)
 {
     EXPECT_EQ(run({"check-disk", "/missing"}), "error: /missing: No such file or directory\nexit 1\n");

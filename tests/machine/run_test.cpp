@@ -5,11 +5,13 @@
 #include "cabinet/screen.h"
 
 #include <algorithm>
+#include <filesystem>
 
 namespace
 {
 
 const char *const run = MACHINE_TEST_RUN;
+const char *const run_update = MACHINE_TEST_RUN_UPDATE;
 
 /// Runs it and returns what it prints; `status` receives its exit status.
 std::string run_with(const std::vector<std::string> &options, int &status, const char *program = run)
@@ -52,10 +54,16 @@ TEST(WholeCabinet, HasASystemImageThatFitsItsPartition)
     EXPECT_LT(read_file(image).size(), 28U * 1024 * 1024);
 }
 
-TEST(Run, EndsWithZeroWhenTheApplicationRan)
+class RunOfTarget : public testing::TestWithParam<std::string>
+{
+};
+
+INSTANTIATE_TEST_SUITE_P(Each, RunOfTarget, testing::ValuesIn(targets));
+
+TEST_P(RunOfTarget, EndsWithZeroWhenTheApplicationRan)
 {
     int status = -1;
-    std::string output = run_with({"--seconds", "6"}, status);
+    std::string output = run_with({"--seconds", "6", "--target", GetParam()}, status);
     EXPECT_EQ(status, 0) << output;
     EXPECT_NE(output.find("console  QEL Loader...\n"), std::string::npos);
     EXPECT_NE(output.find("h8       get mode (5)\n"), std::string::npos);
@@ -93,13 +101,48 @@ TEST(Run, PutsAFoldersFilesOnAStick)
               std::string::npos);
 }
 
+TEST(Run, TellsWhereALoaderOfTheUsersOwnHasStopped)
+{
+    Machine machine;
+    std::string application =
+        file_with(machine, "harm", "#!/bin/sh\n/bin/busybox mkdir -p '/qel_home/.wine/a|b'\n");
+    int status = -1;
+    setenv("QEL_LOADER", MACHINE_TEST_TELLING_LOADER, 1);
+    std::string output = run_with({"--seconds", "8", "--application", application}, status);
+    unsetenv("QEL_LOADER");
+    EXPECT_EQ(status, 0) << output; // the application ran
+    EXPECT_NE(output.find("note     stopped qel_utility/qel_filesystem:975 0\n"), std::string::npos)
+        << output;
+    EXPECT_NE(output.find("stop     the loader has stopped at KCW975; tools/qel-where KCW975 explains it\n"),
+              std::string::npos)
+        << output;
+}
+
+TEST(Run, WaitsForAHostOnItsLink)
+{
+    ScratchFolder folder;
+    std::string updater = folder.path + "/updater";
+    write_file(updater, "#!/bin/sh\nexec /bin/busybox sleep 1000\n");
+    std::string output = run_tool({"sh", "-c",
+                                   R"("$0" --mode 3 --link "$3/link" >"$3/view" &
+                     "$1" update "$2" --socket "$3/link" --wait 60; echo "host $?"
+                     kill -INT $!; wait $!; echo "run $?"; cat "$3/view")",
+                                   run, MACHINE_TEST_HOST, updater, folder.path});
+    EXPECT_NE(output.find("\nhost 0\nrun 1\n"), std::string::npos) << output; // no application was started
+    EXPECT_NE(output.find("|Starting updater...     |\n"), std::string::npos) << output;
+}
+
 TEST(Run, WritesPicturesOfTheScreenAndOfTheDisplay)
 {
     ScratchFolder folder;
+    std::string application = folder.path + "/picture";
+    std::filesystem::copy_file(find_parts().sample_application, application);
     int status = -1;
-    std::string output = run_with(
-        {"--screenshot", folder.path + "/screen.png", "--lcd-screenshot", folder.path + "/lcd.png"}, status);
+    std::string output = run_with({"--application", application, "--screenshot", folder.path + "/screen.png",
+                                   "--lcd-screenshot", folder.path + "/lcd.png"},
+                                  status);
     EXPECT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("start    /storage/qel_application_picture"), std::string::npos) << output;
     std::string picture = read_file(folder.path + "/screen.png");
     EXPECT_EQ(picture.substr(0, 8), "\x89PNG\r\n\x1a\n");
     EXPECT_EQ(picture.substr(12, 12), std::string("IHDR\0\0\x03\x20\0\0\x02\x58", 12)); // 800 by 600
@@ -117,7 +160,7 @@ TEST(Run, RefusesAnOptionItDoesNotKnow)
 
 TEST(Run, RefusesATargetItDoesNotKnowAndNamesThoseItDoes)
 {
-    for (const char *program : {run, MACHINE_TEST_RUN_UPDATE}) {
+    for (const char *program : {run, run_update}) {
         int status = -1;
         std::string output = run_with({"--target", "mips"}, status, program);
         EXPECT_EQ(status, 2);
@@ -138,8 +181,8 @@ TEST_P(RunUpdateOfTarget, ShowsTheExchangeAndTheUpdaterAsProcess1)
     ScratchFolder folder;
     std::string recording = folder.path + "/link.pcapng";
     int status = -1;
-    std::string output = run_with({"--seconds", "4", "--record", recording, "--target", GetParam()}, status,
-                                  MACHINE_TEST_RUN_UPDATE);
+    std::string output =
+        run_with({"--seconds", "4", "--record", recording, "--target", GetParam()}, status, run_update);
     EXPECT_EQ(status, 0) << output;
     // In this order: the display's three texts, what the updater prints, and what process 1 then is.
     size_t at = 0;
@@ -152,9 +195,22 @@ TEST_P(RunUpdateOfTarget, ShowsTheExchangeAndTheUpdaterAsProcess1)
     EXPECT_EQ(read_file(recording).substr(0, 4), "\x0a\x0d\x0d\x0a"); // a section header block
 }
 
+TEST(RunUpdate, SendsTheUpdaterThatIsNamed)
+{
+    ScratchFolder folder;
+    std::string updater = folder.path + "/updater", recording = folder.path + "/link.pcapng";
+    write_file(updater, "#!/bin/sh\necho my own updater\nexec /bin/busybox sleep 1000\n");
+    int status = -1;
+    std::string output = run_with({updater, "--record", recording, "--seconds", "2"}, status, run_update);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_NE(output.find("console  my own updater\n"), std::string::npos) << output;
+    std::string trace = run_tool({MACHINE_TEST_HOST, "trace", recording, "--messages"});
+    EXPECT_NE(trace.find("updater"), std::string::npos) << trace;
+}
+
 TEST(RunUpdate, RefusesAnUpdaterThatIsNotThere)
 {
     int status = -1;
-    std::string output = run_with({"/nonexistent"}, status, MACHINE_TEST_RUN_UPDATE);
+    std::string output = run_with({"/nonexistent"}, status, run_update);
     EXPECT_EQ(status, 2) << output;
 }
