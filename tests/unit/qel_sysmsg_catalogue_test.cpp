@@ -9,7 +9,7 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-static const char twenty[] = "ABCDEFGHIJKLMNOPQRST";
+static const char twenty[] = "ABCDEFGHIJKLMNOPQRSTU"; // and one more, which is not the record's
 static const uint32_t two_ids[] = {7, 0x01020304};
 
 /// 40 and 120 characters: more than fit into the fields of 31 and 100 bytes.
