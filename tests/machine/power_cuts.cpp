@@ -136,21 +136,32 @@ std::string last_line(const Machine &machine)
     return text.substr(begin + 1, end - begin);
 }
 
+/// The application that the loader said last that it runs.
+std::string last_run(const Machine &machine)
+{
+    const std::string run = "run: /storage/", &console = machine.cabinet.console;
+    const size_t at = console.rfind(run);
+    if (at == std::string::npos)
+        return "";
+    return console.substr(at + run.size(), console.find('\n', at) - at - run.size());
+}
+
 /// The application that runs or fails again and again; empty when there is none yet.
 Outcome application_outcome(const Machine &machine)
 {
     const int again_and_again = 3;
     std::map<std::string, int> crashes;
-    std::map<int, std::string> programs;
+    std::set<int> others; ///< programs that are no application
     for (const Event &event : machine.cabinet.events) {
         if (event.kind == Event::note && event.text.starts_with("qel_application_") &&
             event.text.ends_with(" done"))
             return {"the application", event.text.substr(0, event.text.find(' '))};
-        if (event.kind == Event::program_started && event.text.starts_with("/storage/"))
-            programs[event.number] = event.text.substr(9);
+        if (event.kind == Event::program_started && !event.text.starts_with("/storage/"))
+            others.insert(event.number);
+        // A file of which only the beginning is a program ends its process before it is started.
         if (event.kind == Event::program_ended && event.text.starts_with("signal ") &&
-            programs.contains(event.number) && ++crashes[programs[event.number]] == again_and_again)
-            return {"a crash, again and again", programs[event.number] + ", " + event.text};
+            !others.contains(event.number) && ++crashes[event.text] == again_and_again)
+            return {"a crash, again and again", last_run(machine) + ", " + event.text};
     }
     const std::string failed = "exec failed: ", &console = machine.cabinet.console;
     size_t at = 0;

@@ -10,6 +10,9 @@
 namespace
 {
 
+/// More than outcome_of_start waits before it gives up.
+const double machine_seconds_max = 4 * patience;
+
 /// Starts the machine by itself: from the stick, or without one from the disk.
 void start_from(Machine &machine, const std::string &disk, const std::string &stick)
 {
@@ -17,6 +20,7 @@ void start_from(Machine &machine, const std::string &disk, const std::string &st
     machine.setup.internal_disk = disk;
     machine.setup.stick = stick;
     machine.setup.start_from_stick = !stick.empty();
+    machine.setup.seconds_max = machine_seconds_max;
     start(machine);
 }
 
@@ -82,6 +86,18 @@ TEST(PowerCut, DuringAnInstallEndsAsDocumentedAndIsMendedByInstallingAgain)
         EXPECT_TRUE(runs_from(disk, "")) << describe(cut, log);
     }
     print_outcomes(alone, "cuts during an install; each disk then started without the stick");
+}
+
+TEST(PowerCut, ThatLeftAPartOfTheKernelEndsWithAHalt)
+{
+    InstallMachine factory;
+    const Delivery delivery = take_factory_stick(factory);
+    const std::string disk = factory.folder.path + "/disk", kernel = factory.folder.path + "/kernel";
+    make_installed_disk(disk, delivery, [](const std::string &) {});
+    std::string bytes = read_file(delivery.kernel);
+    write_file(kernel, bytes.replace(bytes.size() / 2, 64 * 1024, 64 * 1024, '\0'));
+    run_tool({"mcopy", "-o", "-i", mtools_name(disk, 1), kernel, "::vmlinux"});
+    EXPECT_EQ(outcome_from_disk(disk, documented("### A cut during an install")).ending, "a halt");
 }
 
 // ---- While a newer application is copied ----
@@ -166,6 +182,7 @@ Outcome start_with(const std::string &disk, const std::string &application)
         Machine machine;
         // Each start has the disk as the cut left it.
         machine.setup.internal_disk = machine.folder.path + "/started_disk";
+        machine.setup.seconds_max = machine_seconds_max;
         run_tool({"cp", "--sparse=always", disk, machine.setup.internal_disk});
         if (!application.empty())
             insert_stick(machine, {{application, recorder}});
