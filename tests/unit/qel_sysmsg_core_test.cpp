@@ -287,6 +287,7 @@ TEST_F(SysmsgMisuse, ASendFromTheHandlerInsideASend)
     peer.answers("0B 00 00 00 08 00 00 00");
     peer.on_handle = [this](const Bytes &) { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
     EXPECT_STOPS_ON("!reenter", sysmsg_unit, request());
+    EXPECT_EQ(peer.sent.size(), 1U); // the outer send's
 }
 
 TEST_F(SysmsgMisuse, ASendThatWaitsFromTheHandler)

@@ -266,6 +266,15 @@ TEST_F(QueryInfo, LeavesTheRecordAloneWithoutAnAnswer)
     EXPECT_EQ(info.c, 4U);
 }
 
+TEST_F(QueryInfo, StopsOnAnAnswerOneByteTooLong)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("25 00 00 00 19 00 00 00 09 00*3 00*13");
+    qel_sysmsg_info info;
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit, qel_sysmsg_get_info(&peer.con, &info));
+}
+
 TEST_F(QueryInfo, NeedsARecord)
 {
     EXPECT_STOPS_ON("info", sysmsg_unit, qel_sysmsg_get_info(nullptr, nullptr));
@@ -348,6 +357,15 @@ TEST_F(Query41, LeavesTheResultsAloneWithoutAnAnswer)
     EXPECT_EQ(qel_sysmsg_query_41(&peer.con, &first, &second), 0);
     EXPECT_EQ(first, 1U);
     EXPECT_EQ(second, 2U);
+}
+
+TEST_F(Query41, StopsOnAnAnswerOneByteTooLong)
+{
+    if (!in_fresh_process())
+        return;
+    peer.answers("2A 00 00 00 21 00 00 00 09 00*3 00*21");
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
+                    qel_sysmsg_query_41(&peer.con, nullptr, nullptr));
 }
 
 TEST_F(Query41, NeedsNeitherResult)
