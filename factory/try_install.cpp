@@ -7,9 +7,9 @@
 
 #include "cabinet/cabinet.h"
 #include "cabinet/images.h"
+#include "interrupt.h"
 #include "view.h"
 
-#include <signal.h>
 #include <stdio.h>
 
 #include <algorithm>
@@ -20,13 +20,6 @@ namespace
 
 const double install_seconds_max = 300, start_seconds_max = 120;
 const double watched_seconds = 6; ///< of the application, once it runs
-
-volatile sig_atomic_t interrupted = 0;
-
-void interrupt(int)
-{
-    interrupted = 1;
-}
 
 void announce(int stage, const std::string &text)
 {
@@ -46,7 +39,7 @@ bool has_stopped(const Cabinet &cabinet)
 bool watch(Cabinet &cabinet, View &view, const std::function<bool()> &condition, double seconds_max)
 {
     while (!condition()) {
-        if (interrupted != 0)
+        if (interrupted())
             throw std::runtime_error("interrupted");
         if (uptime(cabinet) > seconds_max || has_stopped(cabinet))
             return false;
@@ -101,8 +94,7 @@ bool fail(const std::string &text)
 
 bool try_install(const std::string &stick, const Delivery &delivery, const Progress &progress)
 {
-    signal(SIGINT, interrupt);
-    signal(SIGTERM, interrupt);
+    catch_interrupts();
     ScratchFolder scratch;
     CabinetSetup setup;
     setup.internal_disk = scratch.path + "/internal_disk";
