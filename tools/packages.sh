@@ -26,6 +26,7 @@ need_packages() {
                "${missing[@]}"; } >"$log" 2>&1 </dev/null; then
         cat "$log" >&2
         echo "error: apt-get could not install: ${missing[*]}" >&2
+        echo "       is there a network, and do /etc/apt/sources.list* name Debian 12?" >&2
         rm -f "$log"
         return 1
     fi
