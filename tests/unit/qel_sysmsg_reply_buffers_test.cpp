@@ -99,7 +99,7 @@ TEST_F(QueryText, NeedsAConnection)
     peer.kernel.watches_memory = 1;
     EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_get_text(nullptr));
     EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_reply_text(nullptr, "text"));
-    EXPECT_EQ(peer.kernel.count("realloc") + peer.kernel.count("calloc"), 0); // at once
+    EXPECT_EQ(peer.kernel.count("realloc") + peer.kernel.count("malloc"), 0); // at once
 }
 
 // ---- Decipher ----
