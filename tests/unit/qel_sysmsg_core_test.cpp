@@ -176,7 +176,9 @@ TEST_F(SysmsgSend, PutsASequencedByteBlockBehindItsLengthAt12)
 
 TEST_F(SysmsgSend, StopsOnAByteBlockWithoutConnectionBytesOrLength)
 {
+    peer.kernel.watches_memory = 1;
     EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_send_blob(nullptr, 10, "x", 1));
+    EXPECT_EQ(peer.kernel.count("malloc"), 0); // it stops at once
     EXPECT_STOPS_ON("blob", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, nullptr, 1));
     EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, "x", 0));
     EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, "x", -1));
