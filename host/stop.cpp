@@ -13,10 +13,10 @@
 void qel_assert_fail(const char *expression, const char *file, int line)
 {
     fflush(stdout);
-    fprintf(
-        stderr,
-        "error: a check of the link's libraries failed: \"%s\" at %s:%d. This is a fault of this program: "
-        "report it, with a recording (--record) if you can.\n",
-        expression, file, line);
+    fprintf(stderr,
+            "error: a check of the link's libraries failed: \"%s\" at %s:%d. With --device, see whether the "
+            "device is still there; if it is, report this as a fault of this program, with a recording "
+            "(--record) if you can.\n",
+            expression, file, line);
     _exit(exit_stopped);
 }
