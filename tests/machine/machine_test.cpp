@@ -12,6 +12,7 @@ Machine::Machine(const std::string &target) : parts(find_parts(target))
     system = {{"xorg/bin/Xfake", recorder}};
     setup.kernel = parts.kernel_folder + "/vmlinux";
     setup.ram_disk = folder.path + "/ram_disk.img";
+    setup.tell_stops = true;
 }
 
 void make_disk(Machine &machine)
@@ -162,35 +163,27 @@ bool sleeps_again(Machine &machine, int process, int times)
 
 } // namespace
 
-Stop find_stop(Machine &machine)
+const Event *told_stop(const Machine &machine)
 {
-    // The code stands on the stack of a process that is the loader still.
-    std::istringstream found(look_inside(
-        machine.cabinet,
-        "for p in /proc/[0-9]*; do [ \"$(readlink $p/exe)\" = /sbin/qel_application_loader ] || continue; "
-        "set -- $(grep '\\[stack\\]' $p/maps | tr - ' '); "
-        "dd if=$p/mem bs=4096 skip=$((0x$1 / 4096)) count=$(((0x$2 - 0x$1) / 4096)) 2>/dev/null | strings | "
-        "sed -n \"s,.*ERROR \\([A-Z][A-Z][A-Z][0-9][0-9]*\\)$,${p#/proc/} \\1,p\"; done"));
-    Stop stop;
-    if (!(found >> stop.process >> stop.code))
-        return {};
-    return stop;
+    for (const Event &event : machine.cabinet.events)
+        if (event.kind == Event::program_stopped)
+            return &event;
+    return nullptr;
 }
 
 std::string wait_until_parked(Machine &machine)
 {
-    Stop stop;
-    auto stopped = [&] {
-        stop = find_stop(machine);
-        return !stop.code.empty();
-    };
+    auto stopped = [&] { return told_stop(machine) != nullptr; };
+    if (!wait_until(machine.cabinet, stopped, patience))
+        return "";
     // After the first sleep all that was said before has come.
-    if (!wait_until(machine.cabinet, stopped, patience) || !sleeps_again(machine, stop.process, 1))
+    const Event stop = *told_stop(machine);
+    if (!sleeps_again(machine, stop.number, 1))
         return "";
     const size_t events_before = machine.cabinet.events.size();
-    if (!sleeps_again(machine, stop.process, 3) || machine.cabinet.events.size() != events_before)
+    if (!sleeps_again(machine, stop.number, 3) || machine.cabinet.events.size() != events_before)
         return "";
-    return find_stop(machine).code;
+    return stop.text;
 }
 
 bool wait_until_it_reads(Machine &machine)

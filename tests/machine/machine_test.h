@@ -74,14 +74,8 @@ std::string storage_file(const Machine &machine, const std::string &name);
 
 // ---- The loader as it stands ----
 
-/// A process of the loader that a failed check has stopped.
-struct Stop {
-    int process = 0;  ///< 1, or a child that became no other program
-    std::string code; ///< as a debugger finds it: "KCW1964"; empty when no check has failed
-};
-
-/// Looks for it once; the machine must have mounted /proc.
-Stop find_stop(Machine &machine);
+/// The first stop that the machine has told; nullptr while there is none.
+const Event *told_stop(const Machine &machine);
 
 /// Pumps until the loader has stopped and then does nothing but sleep, seen by its next three sleeps: nothing
 /// on the console, no program started, no record to the board. Returns the stop's code; empty when it is not

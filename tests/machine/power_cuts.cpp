@@ -179,35 +179,44 @@ bool loader_has_started(const Machine &machine)
                        [](const Event &event) { return event.kind == Event::loader_started; });
 }
 
-std::string registers(Machine &machine)
+std::string ask_monitor(Machine &machine, const std::string &line)
 {
-    return monitor(machine.cabinet, "human-monitor-command", {{"command-line", "info registers"}})
-        .get<std::string>();
+    return monitor(machine.cabinet, "human-monitor-command", {{"command-line", line}}).get<std::string>();
 }
 
-bool is_halted_for_good(Machine &machine)
+/// How often the processor was seen in a state, by its registers.
+using States = std::map<std::string, int>;
+
+/// The processor is halted, and no interrupt can come. Or it is in a boot sector, no interrupt can come, and
+/// for the tenth time all registers are the same: half a boot sector may fault for ever, for the BIOS only
+/// returns to it.
+bool is_halted_for_good(Machine &machine, States &states)
 {
-    const unsigned long interrupts_enabled = 0x200;
-    const std::string all = registers(machine);
-    const size_t flags = all.find("FL=");
-    return all.find("HLT=1") != std::string::npos && flags != std::string::npos &&
-           (std::stoul(all.substr(flags + 3), nullptr, 16) & interrupts_enabled) == 0;
+    const unsigned long interrupts_enabled = 0x200, boot_sector = 0x7c00, boot_sector_end = 0x7e00;
+    const std::string all = ask_monitor(machine, "info registers");
+    const size_t place = all.find("IP="), flags = all.find("FL=");
+    if (place == std::string::npos || flags == std::string::npos ||
+        (std::stoul(all.substr(flags + 3), nullptr, 16) & interrupts_enabled) != 0)
+        return false;
+    const unsigned long at = std::stoul(all.substr(place + 3), nullptr, 16);
+    return all.find("HLT=1") != std::string::npos ||
+           (at >= boot_sector && at < boot_sector_end && ++states[all] == 10);
 }
 
 /// What has become of the machine up to now; empty while nothing has.
-Outcome outcome_so_far(Machine &machine, const std::set<std::string> &endings)
+Outcome outcome_so_far(Machine &machine, const std::set<std::string> &endings, States &states)
 {
     if (Outcome outcome = application_outcome(machine); !outcome.ending.empty())
         return outcome;
     if (loader_has_started(machine)) {
         const std::string &console = machine.cabinet.console;
-        if (find_stop(machine).code.empty())
+        if (told_stop(machine) == nullptr)
             return {};
         return {wait_until_parked(machine), console.substr(console.rfind('\n', console.size() - 2) + 1)};
     }
     if (endings.contains(last_line(machine)))
         return {last_line(machine), ""};
-    return is_halted_for_good(machine) ? Outcome{"a halt", last_line(machine)} : Outcome{};
+    return is_halted_for_good(machine, states) ? Outcome{"a halt", last_line(machine)} : Outcome{};
 }
 
 } // namespace
@@ -220,13 +229,15 @@ bool timer_was_late(const std::runtime_error &error)
 Outcome outcome_of_start(Machine &machine, const std::set<std::string> &endings)
 {
     Outcome outcome;
+    States states;
     try {
         auto over = [&] {
-            outcome = outcome_so_far(machine, endings);
+            outcome = outcome_so_far(machine, endings, states);
             return !outcome.ending.empty();
         };
         if (!wait_until(machine.cabinet, over, 2 * patience))
-            outcome = {"unknown", last_line(machine) + "\n" + machine.cabinet.console + registers(machine)};
+            outcome = {"unknown", last_line(machine) + "\n" + machine.cabinet.console +
+                                      ask_monitor(machine, "info registers")};
     } catch (const std::runtime_error &error) {
         // QEMU is told to end where a machine would start anew.
         if (!std::string(error.what()).starts_with("the machine ended by itself") || timer_was_late(error))

@@ -54,7 +54,8 @@ std::set<std::string> documented(const std::string &heading);
 ///   "exec failed, again and again"    for the third time
 ///   "a crash, again and again"        a signal has ended a run for the third time
 ///   "KCW1964"                         the loader has stopped for good with this code
-///   "a halt"                          the processor is halted, and no interrupt can wake it
+///   "a halt"                          the processor is halted, or turns in a circle in a boot sector, and no
+///                                     interrupt can free it
 ///   "a restart"                       the machine has reset itself
 ///   anything else                     the last line of BIOS, boot loader or kernel is this, blanks and dots
 ///   at its

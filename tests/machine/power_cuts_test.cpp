@@ -100,6 +100,17 @@ TEST(PowerCut, ThatLeftAPartOfTheKernelEndsWithAHalt)
     EXPECT_EQ(outcome_from_disk(disk, documented("### A cut during an install")).ending, "a halt");
 }
 
+TEST(PowerCut, ThatLeftHalfABootSectorEndsWithAHalt)
+{
+    InstallMachine factory;
+    const std::string disk = factory.folder.path + "/disk";
+    make_installed_disk(disk, take_factory_stick(factory), [](const std::string &) {});
+    // Where the sector's first jump leads stands no instruction (0F 0B).
+    write_file_at(disk, file_with(factory, "no_instruction", "\x0f\x0b"),
+                  find_partition(disk, 1).offset + 0x5a);
+    EXPECT_EQ(outcome_from_disk(disk, documented("### A cut during an install")).ending, "a halt");
+}
+
 // ---- While a newer application is copied ----
 
 namespace
