@@ -336,7 +336,11 @@ Run run_once(const Scenario &scenario, const Injection *injection)
     const pid_t process = real_fork();
     if (process == 0) {
         setenv("TMPDIR", place.path().c_str(), 1);
-        run_in_child(scenario, injection, file);
+        try {
+            run_in_child(scenario, injection, file);
+        } catch (...) {
+            real__exit(1); // a crash; never on as a second runner of tests
+        }
     }
     int status = 0;
     EXPECT_EQ(real_waitpid(process, &status, 0), process);

@@ -24,12 +24,14 @@ Scratch::Scratch()
     if (!mkdtemp(pattern.data()))
         throw std::runtime_error("no scratch folder: " + pattern);
     folder = pattern;
+    maker = getpid();
 }
 
 Scratch::~Scratch()
 {
     std::error_code ignored;
-    fs::remove_all(folder, ignored);
+    if (getpid() == maker)
+        fs::remove_all(folder, ignored);
 }
 
 std::string Scratch::at(const std::string &path) const

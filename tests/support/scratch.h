@@ -1,6 +1,7 @@
-/// A folder of a test's own, gone when the test is over, and the verbs to fill it and look into it.
-/// Paths are relative to the folder; a leading slash is welcome, so that with FakeKernel(scratch.path())
-/// the test and the product speak of the same "/storage/file". Links are never followed out of it.
+/// A folder of a test's own, gone when the test is over (not when a process forked in it is), and the verbs
+/// to fill it and look into it. Paths are relative to the folder; a leading slash is welcome, so that with
+/// FakeKernel(scratch.path()) the test and the product speak of the same "/storage/file". Links are never
+/// followed out of it.
 #pragma once
 
 #include <sys/types.h>
@@ -47,4 +48,5 @@ class Scratch
 
   private:
     std::string folder;
+    pid_t maker;
 };

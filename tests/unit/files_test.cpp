@@ -143,7 +143,7 @@ TEST_F(FileIsDir, SaysYesToASocketWhichSharesTheBit)
 
 TEST_F(FileIsDir, SaysNoToAFileAndToWhatIsMissing)
 {
-    disk.make_file("/file");
+    disk.make_file("/file", "", 0777);
     disk.make_link("/dangling", "missing");
     EXPECT_EQ(qel_file_is_dir("/file"), 0);
     EXPECT_EQ(qel_file_is_dir("/missing"), 0);

@@ -194,6 +194,14 @@ TEST_F(CopyRules, WithABareNameMeanEveryEntryOfThatNameAtAnyDepth)
     EXPECT_THAT(disk.tree("/b"), ElementsAre("src/", "src/cache2", "src/sub/", "src/sub/mycache"));
 }
 
+TEST_F(CopyRules, WithABareNameMayHoldAStarAfterItsFirstLetter)
+{
+    disk.make_file("/a/src/sub/cache");
+    disk.make_file("/a/src/file");
+    EXPECT_EQ(copy_by({{1, "c*"}}), 1);
+    EXPECT_THAT(disk.tree("/b"), ElementsAre("src/", "src/file", "src/sub/"));
+}
+
 TEST_F(CopyRules, WithABarePathMeanItsLastComponents)
 {
     disk.make_file("/a/src/x/cache/file");
