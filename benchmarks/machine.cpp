@@ -40,7 +40,8 @@ Run::Run(const std::string &stick)
         close(ends[0]);
         close(ends[1]);
         execl(BENCH_PROJECT "/run", "run", "--stick", stick.c_str(), "--application",
-              BENCH_PROJECT "/build/bench/benchmarks/bench_on_machine", "--seconds", "3600", nullptr);
+              BENCH_PROJECT "/build/bench/benchmarks/bench_on_machine", "--seconds", "3600",
+              nullptr); // ends also when nobody ends it
         _exit(1);
     }
     close(ends[1]);

@@ -25,7 +25,7 @@ words=("$@")
 while [ $# -gt 0 ]; do
     case "$1" in
     --help) usage; exit 0 ;;
-    --rounds | --only | --json) [ $# -ge 2 ] || { echo "error: $1 wants a word (--help)" >&2; exit 2; }
+    --rounds | --only | --json) [ $# -ge 2 ] || { echo "error: $1 needs a value (benchmarks/run.sh --help)" >&2; exit 2; }
         shift ;;
     --calls | --limits) ;;
     *) echo "error: unknown argument: $1 (benchmarks/run.sh --help lists them)" >&2; exit 2 ;;

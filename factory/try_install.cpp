@@ -12,7 +12,6 @@
 
 #include <stdio.h>
 
-#include <algorithm>
 #include <stdexcept>
 
 namespace
@@ -30,8 +29,7 @@ void announce(int stage, const std::string &text)
 /// A failed check has stopped the loader, or a tool before it began.
 bool has_stopped(const Cabinet &cabinet)
 {
-    return std::any_of(cabinet.events.begin(), cabinet.events.end(),
-                       [](const Event &event) { return event.kind == Event::program_stopped; });
+    return first_stop(cabinet) != nullptr;
 }
 
 /// Runs the cabinet until `condition` holds, and shows what it does; false when it does not in time, or no
@@ -70,7 +68,7 @@ bool start(const CabinetSetup &setup, const std::string &text_before, double sec
     watch(
         cabinet, view, [&] { return !done || uptime(cabinet) >= end; }, seconds_max + watched_seconds);
     power_off(cabinet);
-    return done;
+    return done && !has_stopped(cabinet);
 }
 
 /// Compares the disk with what the stick holds.

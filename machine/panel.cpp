@@ -195,14 +195,14 @@ std::string printable(const std::string &bytes)
 std::string describe_stop(const Event &event)
 {
     std::string who = event.number == 1 ? "the loader" : "process " + std::to_string(event.number);
-    return who + " has stopped at " + event.text + "; tools/qel-where " + event.text + " explains it";
+    return who + " has stopped at " + event.text + "; see tools/qel-where " + event.text;
 }
 
 void note_event(Panel &panel, const Event &event)
 {
     const unsigned char get_mode = 5;
     if (event.kind == Event::program_stopped && panel.stop.empty())
-        panel.stop = "STOPPED: " + describe_stop(event);
+        panel.stop = describe_stop(event);
     if (event.kind == Event::loader_started)
         panel.step = Step::loader;
     else if (event.kind == Event::command && event.text[0] == get_mode)

@@ -175,7 +175,8 @@ bool update(const Options &options, const CabinetSetup &setup, View &view)
         write_png(draw_lcd(lcd_dots(cabinet.board)), options.lcd_screenshot);
     show_line(view, uptime(cabinet), "machine", "process 1 is now: " + words);
     // An updater may have become another program.
-    return !look_inside(cabinet, "readlink /proc/1/exe").ends_with("/qel_application_loader\n");
+    std::string program = look_inside(cabinet, "readlink /proc/1/exe");
+    return !program.empty() && !program.ends_with("/qel_application_loader\n");
 }
 
 } // namespace

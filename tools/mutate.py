@@ -297,10 +297,14 @@ def program_of(build, mutant, text, folder):
     return program
 
 
-def ends_within(build, mutant, text, test_filter, seconds):
-    """True when the unchanged product passes these tests in that time, now."""
+def is_slow_machine(build, mutant, text, test_filter, seconds):
+    """True when the unchanged product does not pass these tests in that time, now."""
     with tempfile.TemporaryDirectory(dir=build.folder, prefix="mutant-") as folder:
-        return passes(program_of(build, mutant, text, Path(folder)), test_filter, seconds) == "passed"
+        outcome = passes(program_of(build, mutant, text, Path(folder)), test_filter, seconds)
+    if outcome == "failed":
+        sys.exit(f"error: the tests fail without any change of {mutant['file']} (filter {test_filter}); "
+                 "make ./check unit pass first")
+    return outcome == "timeout"
 
 
 def outcome_of(build, mutant, skipped):
@@ -314,8 +318,8 @@ def outcome_of(build, mutant, skipped):
             slow = test_filter.startswith(("-", "*"))
             seconds = WALL_SECONDS + (build.unchanged_seconds if slow else 0)
             outcome = passes(program, test_filter, seconds)
-            while outcome == "timeout" and not ends_within(build, mutant, text, test_filter, seconds):
-                seconds *= 2  # the machine is slow, not the mutant
+            while outcome == "timeout" and is_slow_machine(build, mutant, text, test_filter, seconds):
+                seconds *= 2
                 outcome = passes(program, test_filter, seconds)
             if outcome != "passed":
                 return "killed" if outcome == "failed" else "timeout"
@@ -400,7 +404,7 @@ def report(mutants, outcomes):
     survivors = [m for m in mutants if outcomes[m["number"]] == "survived"]
     new = []
     for mutant in survivors:
-        if judged[key_of(mutant)] == 0:
+        if judged[key_of(mutant)] <= 0:
             new.append(mutant)
         judged[key_of(mutant)] -= 1
     possible = collections.Counter(key_of(m) for m in mutants)

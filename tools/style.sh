@@ -36,6 +36,7 @@ if ! { cmake -S . -B build/clang -G Ninja -DCMAKE_CXX_COMPILER=clang++ "-DQEL_BE
              -DQEL_SANITIZE= -DQEL_TESTS=ON -DCMAKE_CXX_COMPILER_LAUNCHER= &&
        tools/style_steps.py build/clang; } >build/clang.log 2>&1; then
     tail -n 60 build/clang.log >&2
+    echo "error: the style checks cannot be set up; the whole log is build/clang.log" >&2
     exit 1
 fi
 quiet=(--quiet)

@@ -260,3 +260,10 @@ int count_starts(const Cabinet &cabinet, const std::string &words)
             return event.kind == Event::program_started && event.text.find(words) != std::string::npos;
         }));
 }
+
+const Event *first_stop(const Cabinet &cabinet)
+{
+    auto stop = std::find_if(cabinet.events.begin(), cabinet.events.end(),
+                             [](const Event &event) { return event.kind == Event::program_stopped; });
+    return stop == cabinet.events.end() ? nullptr : &*stop;
+}

@@ -125,3 +125,6 @@ void type(Cabinet &cabinet, const std::string &keys);
 
 /// How often a program whose words contain `words` has been started.
 int count_starts(const Cabinet &cabinet, const std::string &words);
+
+/// The first program_stopped of the events; nullptr while there is none.
+const Event *first_stop(const Cabinet &cabinet);

@@ -38,6 +38,6 @@ Parts find_parts(const std::string &target)
     require_file(parts.loader, "run machine/set_up.sh " + target + ", or name another loader in QEL_LOADER");
     require_file(parts.kernel_folder + "/vmlinux", "run machine/set_up.sh");
     for (const std::string &program : {parts.first_program, parts.xfake, parts.sample_application})
-        require_file(program, "./run --help builds it");
+        require_file(program, "build the tools: cmake --preset tools && cmake --build --preset tools");
     return parts;
 }

@@ -45,7 +45,7 @@ std::string tool_path()
     _exit(127);
 }
 
-/// A full disk takes a tool's last words, too.
+/// What to do when the temporary folder is full: the tool's own message may not have fitted either.
 std::string advice_on_space()
 {
     const unsigned long long enough = 1024ULL * 1024;
@@ -132,18 +132,26 @@ std::string stamp_of(const std::string &path)
     return std::to_string(changed) + " " + std::to_string(std::filesystem::file_size(path));
 }
 
+/// Closed wherever its scope is left.
+struct Descriptor {
+    int number;
+    ~Descriptor()
+    {
+        close(number);
+    }
+};
+
 void make_unless_same(const std::string &file, const std::string &key, const std::function<void()> &make)
 {
     std::string key_file = file + ".key";
-    int lock = open((file + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-    if (lock < 0 || flock(lock, LOCK_EX) != 0)
+    const Descriptor lock = {open((file + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644)};
+    if (lock.number < 0 || flock(lock.number, LOCK_EX) != 0)
         throw std::runtime_error(file + ".lock: " + strerror(errno) + "; make its folder writable for you");
     if (!std::filesystem::exists(file) || !std::filesystem::exists(key_file) || read_file(key_file) != key) {
         std::filesystem::remove(key_file);
         make();
         write_file(key_file, key);
     }
-    close(lock);
 }
 
 ScratchFolder::ScratchFolder()

@@ -1,5 +1,5 @@
-// Finds programs that a failed check has stopped. Such a program prints nothing and sleeps for ever, but the
-// code of the place, "ERROR KCW1964", stays on its stack, where it was composed for a debugger.
+// Finds programs that a failed check has stopped. Such a program mostly prints nothing, and sleeps for ever,
+// but the code of the place, "ERROR KCW1964", stays on its stack, where it was composed for a debugger.
 #pragma once
 
 #include <map>
@@ -16,5 +16,5 @@ struct StopWatch {
 void begin_to_watch(StopWatch &watch);
 
 /// Processes that stand still and have not been told, with their codes ("KCW1964"): process 1 and
-/// `children`. Looks at most once a second, and not at all before begin_to_watch().
+/// `children`. Looks about once a second, and not at all before begin_to_watch().
 std::map<int, std::string> new_stops(StopWatch &watch, const std::set<int> &children);

@@ -151,7 +151,8 @@ struct Board {
         require(packet == packets_of(message).front(), "a packet", hex_of(packet));
         if (message == Bytes({11, 0, 0, 0, 8, 0, 0, 0}))
             return;
-        const Bytes answer = answers.empty() ? Bytes{0} : answers.front();
+        require(!answers.empty(), "no answer", hex_of(message));
+        const Bytes &answer = answers.front();
         require(message.size() == 12 && std::equal(answer.begin(), answer.end(), message.begin()),
                 "an answer", hex_of(message), hex_of(answer));
         answers.pop_front();

@@ -163,21 +163,13 @@ bool sleeps_again(Machine &machine, int process, int times)
 
 } // namespace
 
-const Event *told_stop(const Machine &machine)
-{
-    for (const Event &event : machine.cabinet.events)
-        if (event.kind == Event::program_stopped)
-            return &event;
-    return nullptr;
-}
-
 std::string wait_until_parked(Machine &machine)
 {
-    auto stopped = [&] { return told_stop(machine) != nullptr; };
+    auto stopped = [&] { return first_stop(machine.cabinet) != nullptr; };
     if (!wait_until(machine.cabinet, stopped, patience))
         return "";
     // After the first sleep all that was said before has come.
-    const Event stop = *told_stop(machine);
+    const Event stop = *first_stop(machine.cabinet);
     if (!sleeps_again(machine, stop.number, 1))
         return "";
     const size_t events_before = machine.cabinet.events.size();

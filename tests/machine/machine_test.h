@@ -74,9 +74,6 @@ std::string storage_file(const Machine &machine, const std::string &name);
 
 // ---- The loader as it stands ----
 
-/// The first stop that the machine has told; nullptr while there is none.
-const Event *told_stop(const Machine &machine);
-
 /// Pumps until the loader has stopped and then does nothing but sleep, seen by its next three sleeps: nothing
 /// on the console, no program started, no record to the board. Returns the stop's code; empty when it is not
 /// so.

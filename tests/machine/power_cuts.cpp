@@ -210,7 +210,7 @@ Outcome outcome_so_far(Machine &machine, const std::set<std::string> &endings, S
         return outcome;
     if (loader_has_started(machine)) {
         const std::string &console = machine.cabinet.console;
-        if (told_stop(machine) == nullptr)
+        if (first_stop(machine.cabinet) == nullptr)
             return {};
         return {wait_until_parked(machine), console.substr(console.rfind('\n', console.size() - 2) + 1)};
     }

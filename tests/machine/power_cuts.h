@@ -57,9 +57,8 @@ std::set<std::string> documented(const std::string &heading);
 ///   "a halt"                          the processor is halted, or turns in a circle in a boot sector, and no
 ///                                     interrupt can free it
 ///   "a restart"                       the machine has reset itself
-///   anything else                     the last line of BIOS, boot loader or kernel is this, blanks and dots
-///   at its
-///                                     end left out
+///   anything else                     the last line of BIOS, boot loader or kernel is this, without blanks
+///                                     and dots at its end
 Outcome outcome_of_start(Machine &machine, const std::set<std::string> &endings);
 
 /// On a busy computer the simulated timer may come too late for the kernel's check of it: the kernel gives up

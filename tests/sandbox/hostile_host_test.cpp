@@ -15,18 +15,19 @@ static const std::string lie_of_16_mb = std::string("\x00\xff\xff\xff\x00\x00", 
 /// More than the small lie takes, less than the large one, on any computer.
 static constexpr size_t memory_bytes = 1 << 30;
 
-static void await_update_mode(Cabinet &cabinet)
+/// Starts the loader, with a program for updaters, and waits until it is in update mode.
+static void start_update_mode(Cabinet &cabinet)
 {
+    cabinet.mode = 3;
+    cabinet.add_program("/bin/updater", "exit 7");
+    cabinet.start();
     cabinet.await_lines("write /dev/qellpc_lcd \"2\\x00\"");
 }
 
 TEST(AHostileHost, FloodsTheLoaderWhichStillAnswersAndTakesAnUpdater)
 {
     Cabinet cabinet;
-    cabinet.mode = 3;
-    cabinet.add_program("/bin/updater", "exit 7");
-    cabinet.start();
-    await_update_mode(cabinet);
+    start_update_mode(cabinet);
     const std::string half = std::string("\x00\x00\x10\x00\x12\x34", 6) + std::string(29, 'x');
     for (size_t round = 1; round <= 10; round++) {
         for (char i = 0; i < 30; i++) {
@@ -45,10 +46,7 @@ TEST(AHostileHost, FloodsTheLoaderWhichStillAnswersAndTakesAnUpdater)
 TEST(AHostileHost, LiesAboutALengthThatMemoryHoldsAndTheLoaderStillAnswersAndTakesAnUpdater)
 {
     Cabinet cabinet;
-    cabinet.mode = 3;
-    cabinet.add_program("/bin/updater", "exit 7");
-    cabinet.start();
-    await_update_mode(cabinet);
+    start_update_mode(cabinet);
     cabinet.limit_growth(memory_bytes);
     cabinet.send(lie_of_16_mb);
     cabinet.send(connect_packet);
@@ -63,10 +61,7 @@ TEST(AHostileHost, LiesAboutALengthThatMemoryHoldsAndTheLoaderStillAnswersAndTak
 static void expect_stop(const std::string &packet, const std::string &check)
 {
     Cabinet cabinet;
-    cabinet.mode = 3;
-    cabinet.add_program("/bin/updater", "exit 7");
-    cabinet.start();
-    await_update_mode(cabinet);
+    start_update_mode(cabinet);
     cabinet.limit_growth(memory_bytes);
     cabinet.send(packet);
     cabinet.send(script_updater_packet);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 
 // ---- What can be broken ----
 //
@@ -92,9 +93,11 @@ const std::vector<KernelCall> &kernel_calls()
 
 const std::vector<int> &errors_of(const std::string &name)
 {
-    const auto &calls = kernel_calls();
-    return std::find_if(calls.begin(), calls.end(), [&](const auto &call) { return call.name == name; })
-        ->errors;
+    for (const KernelCall &call : kernel_calls()) {
+        if (call.name == name)
+            return call.errors;
+    }
+    throw std::runtime_error("the fault table has no " + name);
 }
 
 const std::vector<UnbrokenCall> &unbroken_calls()

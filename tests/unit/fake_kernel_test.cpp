@@ -191,7 +191,7 @@ TEST(FakeKernel, LetsMemoryRunOutWhereATestWatchesIt)
     EXPECT_THAT(kernel.calls(), ElementsAre("malloc 7"));
 }
 
-TEST(FakeKernel, HasATestGiveTheBlocksOfCalloc)
+TEST(FakeKernel, LetsATestGiveTheBlocksOfCalloc)
 {
     FakeKernel kernel;
     char block[6];

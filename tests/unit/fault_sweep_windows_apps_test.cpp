@@ -225,7 +225,6 @@ const std::vector<Scenario> wholes = {
               hidden_folder("/qel_home/.wine"),
               hidden_folder("/qel_home/.wine/reg_keys"),
               {"unlink *", any_fault, ignored()},
-              // There is nothing to import.
           },
           symlink_rules(gives(NO_LINK).then(nothing_linked(3)).unprinted(KEY_IMPORTED))})},
 };

@@ -198,7 +198,7 @@ TEST_F(HostileHost, LyingAboutALengthOf2GigabytesIsForgottenByALoaderThatHasThem
     EXPECT_THAT(answers(), ElementsAre(answer));
 }
 
-TEST_F(HostileHost, LyingAboutALengthOf2GigabytesStopsALoaderThatHasThemNot)
+TEST_F(HostileHost, LyingAboutALengthOf2GigabytesStopsALoaderThatDoesNotHaveThem)
 {
     if (!in_fresh_process())
         return;
