@@ -5,6 +5,7 @@
 #include "boot_file.h"
 #include "disk_check.h"
 
+#include <algorithm>
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -95,9 +96,11 @@ std::string wait_for_stop(Machine &machine)
                 stop = event.text.substr(mark.size());
         return !stop.empty();
     };
-    if (!wait_until(machine.cabinet, stopped, patience) || wait_until_parked(machine).empty())
+    if (!wait_until(machine.cabinet, stopped, patience))
         return "";
-    return stop;
+    const std::string code = wait_until_parked(machine);
+    const std::string line = code.substr(std::min(code.size(), code.find_first_of("0123456789")));
+    return stop.find(":" + line + " ") == std::string::npos ? stop + ", but parked at " + code : stop;
 }
 
 std::vector<std::string> disk_faults(const InstallMachine &machine)

@@ -237,6 +237,9 @@ std::string try_cut_disk(const std::string &disk)
         expect_takes_the_part(alone);
         expect_takes_the_part(same_stick);
         EXPECT_EQ(same_stick.ending, alone.ending);
+        if (state == "an empty file") {
+            EXPECT_EQ(alone.ending, "exec failed, again and again");
+        }
     }
     if (state != "the whole new one")
         expect_runs(start_with(disk, still_greater_name), still_greater_name);

@@ -175,7 +175,7 @@ TEST_F(HostileArchive, WithAForbiddenByteInANameStopsAtItsLinkAfterUnpacking)
     EXPECT_TRUE(disk.has("/storage/win_apps/app/bell\x07"));
 }
 
-TEST_F(HostileArchive, WithANameLongerThanItsToolTakesIsUnpackedUnderACutOne)
+TEST_F(HostileArchive, WithANameLongerThanItsToolTakesIsUnpackedElsewhereAndTheRestAsItShould)
 {
     std::string deep = "app";
     while (deep.size() < 600)
@@ -198,7 +198,7 @@ TEST_F(HostileArchive, UnpackedDeeperThanTheBuffersIsLinkedAsFarAsTheyGo)
     EXPECT_THAT(disk.tree("/tmp/.wine"), ElementsAre("near"));
 }
 
-TEST_F(HostileArchive, ThatClaimsMoreThanItHoldsIsUnpackedAsFarAsItGoesAndRemoved)
+TEST_F(HostileArchive, ThatClaimsMoreThanItHoldsGivesNoMoreThanItHoldsAndIsRemoved)
 {
     EXPECT_EQ(install_application({{"app/huge", "short", 0100644, 0xFFFFFFF0}}), StorageRoom::ended)
         << room.output;
