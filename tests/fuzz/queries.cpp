@@ -1,102 +1,186 @@
-// Every query of the catalogue against a peer that confirms and then answers with anything. A query may read
-// what is in its buffer where the answer is too short, but nothing else, and hands out what was answered.
+// Every query of the catalogue against a peer that confirms and then answers with anything. What is judged:
+//
+// - The result: a query succeeds exactly when the rules of rules.h let a message of the awaited type through
+//   to it within 15 seconds; a text must also have an end, and a plain text a length. Without an answer the
+//   request was sent, once, and waited for until the 15 seconds were over, and no longer.
+// - What it hands out: all fields and texts, read by this tier's own decoder from what the peer has sent.
+//   Where an answer is too short, what it lacks must be zero, or for the three buffers that outlive a query,
+//   what earlier answers have left there. A query that fails leaves the caller's variables alone.
+// - Stops: the check that the rules name, and none without.
+// - Memory, by the sanitizer.
+//
+// Not judged: what the request says.
 
 #include "fuzz/fuzz.h"
+#include "fuzz/rules.h"
 #include "support/fake_kernel.h"
 
 #include "qel_tolbrin/qel_sysmsg.h"
 
 #include <sanitizer/asan_interface.h>
 
+#include <algorithm>
+
 namespace
 {
 
 constexpr const char *unit = "qel_tolbrin/qel_sysmsg";
+constexpr long long answer_time_usec = 15000000;
+constexpr uint32_t plugins_answer = 14;
 
 /// Confirms every request and answers with the messages that the input holds.
 struct Peer {
-    explicit Peer(FuzzedDataProvider &fuzz_input) : input(fuzz_input)
+    Peer(FuzzedDataProvider &fuzz_input, std::string &stop) : input(fuzz_input), expected_stop(stop)
     {
         kernel.set_time(1000);
     }
 
     FuzzedDataProvider &input;
+    std::string &expected_stop; ///< the check on which the product must stop now, or ""
     FakeKernel kernel;
-    qel_sysmsg_con con = {ignore, take, this, poll, this};
-    uint32_t wanted = 0; ///< type of the answer
-    uint8_t to_confirm = 0;
-    Bytes answer; ///< the last message of that type that was delivered
+    qel_sysmsg_con con = {hand_on, take, this, poll, this};
+    MessageRules rules;
+    long long sent_at = -1; ///< when the request came, -1 before
+    size_t plugins_max = 0;
 
-    static void ignore(qel_sysmsg_con *, const void *) {}
+    // The buffers that outlive a query.
+    Bytes text_of_24 = Bytes(112), text = Bytes(529), plain;
+
+    // ---- The connection ----
+
+    static void hand_on(qel_sysmsg_con *, const void *)
+    {
+        require(false, "handed on while an answer is awaited");
+    }
+
     static int take(void *peer, const void *message, int len)
     {
-        const Exactly<uint8_t> all_of_it(message, static_cast<size_t>(len));
-        if (all_of_it.get()[0] != 15)
-            static_cast<Peer *>(peer)->to_confirm = all_of_it.get()[8];
+        auto *self = static_cast<Peer *>(peer);
+        const auto *bytes = static_cast<const uint8_t *>(message);
+        const Bytes sent(bytes, bytes + len);
+        if (sent[0] == 15) {
+            auto &to_confirm = self->rules.to_confirm;
+            require(!to_confirm.empty() && sent == to_confirm.front(), "confirmed", hex_of(sent));
+            to_confirm.pop_front();
+            return 0;
+        }
+        require(self->expected_stop.empty(), "no stop", "", self->expected_stop);
+        require(self->sent_at < 0, "sent again although confirmed");
+        self->sent_at = self->kernel.clock_usec;
+        self->rules.awaited = sent[8];
         return 0;
     }
+
     static int poll(void *peer)
     {
         auto *self = static_cast<Peer *>(peer);
+        require(self->rules.waits, "polled after the answer");
+        require(self->waited_usec() < answer_time_usec, "polled after the time for the answer");
         self->kernel.forget_calls();
         self->kernel.advance_usec(500000);
-        if (self->to_confirm) {
-            self->deliver({15, 0, 0, 0, 12, 0, 0, 0, self->to_confirm, 0, 0, 0});
-            self->to_confirm = 0;
-        }
+        if (self->rules.awaited)
+            self->deliver({15, 0, 0, 0, 12, 0, 0, 0, self->rules.awaited, 0, 0, 0});
         if (self->input.remaining_bytes() > 0)
             self->deliver(self->next_answer());
         return 0;
     }
+
+    /// Since the request.
+    long long waited_usec() const
+    {
+        require(sent_at >= 0, "no request was sent");
+        return kernel.clock_usec - sent_at;
+    }
+
+    // ---- The peer's messages ----
 
     Bytes next_answer()
     {
         const size_t any_size = input.ConsumeIntegralInRange<size_t>(12, 600);
         Bytes message(input.PickValueInArray<size_t>({any_size, any_size, 527, 528}));
         const uint32_t type =
-            input.ConsumeIntegral<uint8_t>() < 16 ? input.ConsumeIntegral<uint32_t>() : wanted;
+            input.ConsumeIntegral<uint8_t>() < 16 ? input.ConsumeIntegral<uint32_t>() : rules.wanted;
         const uint32_t size = input.ConsumeIntegral<uint8_t>() < 4 ? input.ConsumeIntegral<uint32_t>()
                                                                    : uint32_t(message.size());
-        qel_sysmsg_put32(message.data(), 0, type);
-        qel_sysmsg_put32(message.data(), 4, size);
+        put_word(message, 0, type);
+        put_word(message, 4, size);
         message[8] = input.ConsumeIntegralInRange<uint8_t>(0, 9);
         const Bytes body = input.ConsumeBytes<uint8_t>(message.size() - 9);
         std::copy(body.begin(), body.end(), message.begin() + 9);
         if (message.size() >= 16 && input.ConsumeBool()) // the length of what follows, or nearly
-            qel_sysmsg_put32(message.data(), 12,
-                             static_cast<uint32_t>(message.size()) - 16 +
-                                 input.ConsumeIntegralInRange<uint32_t>(0, 8) - 4);
+            put_word(message, 12,
+                     static_cast<uint32_t>(message.size()) - 16 +
+                         input.ConsumeIntegralInRange<uint32_t>(0, 8) - 4);
         return message;
     }
+
     void deliver(const Bytes &message)
     {
-        if (qel_sysmsg_get32(message.data(), 0) == wanted)
-            answer = message;
+        expected_stop = rules.receive(message);
         const Exactly<uint8_t> block(message.data(), message.size());
         qel_sysmsg_receive(&con, block.get(), static_cast<int>(message.size()));
+        require(expected_stop.empty(), "no stop", "", expected_stop);
+        require(rules.to_confirm.empty(), "not confirmed");
+        require(rules.to_hand_on.empty(), "not handed on");
+        Bytes number = rules.reply; // also where it is cut short
+        number.resize(16);
+        if (rules.wanted == plugins_answer && word(number, 12) > plugins_max)
+            expected_stop = "msg->num_plugins <= plugin_max";
     }
 
-    /// The field of the answer, if it is that long.
-    bool says(size_t offset, size_t size, uint64_t value) const
+    // ---- Judging a query ----
+
+    /// Before a query that has `room` bytes for its answer.
+    void begin(size_t room)
     {
-        if (answer.size() < offset + size)
-            return true;
-        return value == (size == 4 ? qel_sysmsg_get32(answer.data(), static_cast<int>(offset))
-                                   : qel_sysmsg_get64(answer.data(), static_cast<int>(offset)));
+        rules.waits = true;
+        rules.awaited = 0;
+        rules.room = static_cast<uint32_t>(room);
+        rules.reply.clear();
+        sent_at = -1;
+    }
+
+    /// After it: whether there was an answer, which then is in `buffer`, over what was there.
+    bool end(Bytes &buffer) const
+    {
+        require(expected_stop.empty(), "no stop", "", expected_stop);
+        if (rules.reply.empty())
+            require(waited_usec() >= answer_time_usec, "given up too early");
+        buffer.resize(std::max<size_t>(buffer.size(), rules.room));
+        std::copy(rules.reply.begin(), rules.reply.end(), buffer.begin());
+        return !rules.reply.empty();
     }
 };
+
+void require_result(bool found, bool expected)
+{
+    require(found == expected, "the result", std::to_string(found), std::to_string(expected));
+}
+
+void require_value(const char *what, uint64_t found, uint64_t expected)
+{
+    require(found == expected, what, std::to_string(found), std::to_string(expected));
+}
+
+/// A variable before the query.
+constexpr uint32_t untouched = 0x77777777;
 
 // ---- The queries ----
 
 void get_plugins(Peer &peer)
 {
     const Exactly<uint32_t> plugins(peer.input.ConsumeIntegralInRange<size_t>(0, 120));
-    uint32_t count = 0;
-    if (!qel_sysmsg_get_plugins(&peer.con, plugins.get(), static_cast<int32_t>(plugins.size()), &count))
-        return;
-    require(peer.says(12, 4, count), "the number of plugins");
-    for (size_t i = 0; i < count; i++)
-        require(peer.says(16 + 4 * i, 4, plugins.get()[i]), "a plugin");
+    uint32_t count = untouched;
+    peer.plugins_max = plugins.size();
+    peer.begin(16 + 4 * plugins.size());
+    const int result =
+        qel_sysmsg_get_plugins(&peer.con, plugins.get(), static_cast<int32_t>(plugins.size()), &count);
+    Bytes answer;
+    const bool answered = peer.end(answer);
+    require_result(result, answered);
+    require_value("the number of plugins", count, answered ? word(answer, 12) : untouched);
+    for (size_t i = 0; i < plugins.size(); i++)
+        require_value("a plugin", plugins.get()[i], answered && i < count ? word(answer, 16 + 4 * i) : 0);
 }
 
 void query_23(Peer &peer)
@@ -109,60 +193,104 @@ void query_23(Peer &peer)
     for (const Text &text : texts)
         items.push_back(text.get());
     const Text name(text_of(peer.input, 120));
-    const char *result = nullptr;
-    if (qel_sysmsg_query_23(&peer.con, name.get(), items.data(), static_cast<uint32_t>(count), &result))
-        require(__asan_region_is_poisoned(const_cast<char *>(result), 103) == nullptr, "the text's buffer");
+    const char *text = nullptr;
+    peer.begin(112);
+    peer.expected_stop = count > 10 ? "i < 10" : "";
+    const int result =
+        qel_sysmsg_query_23(&peer.con, name.get(), items.data(), static_cast<uint32_t>(count), &text);
+    const bool answered = peer.end(peer.text_of_24);
+    require_result(result, answered);
+    require((text != nullptr) == answered, "where the text is");
+    if (text)
+        require(memcmp(text, &peer.text_of_24[9], 103) == 0, "the text", hex_of(text, 103),
+                hex_of(&peer.text_of_24[9], 103));
+}
+
+/// Of a path that begins with a slash.
+bool is_valid(const std::string &path)
+{
+    return path == "/" || (path.back() != '/' && path.find("//") == std::string::npos &&
+                           std::all_of(path.begin(), path.end(), is_allowed));
 }
 
 void path_exists(Peer &peer)
 {
-    const Text path("/" + text_of(peer.input, 150));
-    uint32_t exists = 0;
-    if (qel_sysmsg_tolbrin_path_exists(&peer.con, path.get(), &exists))
-        require(peer.says(12, 4, exists), "exists");
+    const std::string path = "/" + text_of(peer.input, 150);
+    const Text block(path);
+    uint32_t exists = untouched;
+    peer.begin(16);
+    peer.expected_stop = is_valid(path) ? "" : "0"; // a fatal error
+    const int result = qel_sysmsg_tolbrin_path_exists(&peer.con, block.get(), &exists);
+    Bytes answer;
+    const bool answered = peer.end(answer);
+    require_result(result, answered);
+    require_value("exists", exists, answered ? word(answer, 12) : untouched);
 }
 
 void get_info(Peer &peer)
 {
-    qel_sysmsg_info info = {77, 0, 0, 0};
-    if (qel_sysmsg_get_info(&peer.con, &info))
-        require(peer.says(12, 4, info.a) && peer.says(16, 4, info.b) && peer.says(20, 4, info.c), "the info");
-    require(info.own == 77, "the caller's own field");
+    qel_sysmsg_info info = {77, untouched, untouched, untouched};
+    peer.begin(24);
+    const int result = qel_sysmsg_get_info(&peer.con, &info);
+    Bytes answer;
+    const bool answered = peer.end(answer);
+    require_result(result, answered);
+    require_value("a", info.a, answered ? word(answer, 12) : untouched);
+    require_value("b", info.b, answered ? word(answer, 16) : untouched);
+    require_value("c", info.c, answered ? word(answer, 20) : untouched);
+    require_value("the caller's own field", info.own, 77);
 }
 
 void get_item_size(Peer &peer)
 {
     const Text name(text_of(peer.input, 40));
-    uint64_t size = 0;
-    if (qel_sysmsg_get_item_size(&peer.con, 1, peer.input.ConsumeBool() ? name.get() : nullptr, 2, &size))
-        require(peer.says(56, 8, size), "the size");
+    const char *asked = peer.input.ConsumeBool() ? name.get() : nullptr;
+    uint64_t size = untouched;
+    peer.begin(64);
+    const int result = qel_sysmsg_get_item_size(&peer.con, 1, asked, 2, &size);
+    Bytes answer;
+    const bool answered = peer.end(answer);
+    require_result(result, answered);
+    require_value("the size", size, answered ? long_word(answer, 56) : untouched);
 }
 
 void query_41(Peer &peer)
 {
-    uint64_t first = 0, second = 0;
-    if (qel_sysmsg_query_41(&peer.con, &first, &second))
-        require(peer.says(16, 8, first) && peer.says(24, 8, second), "the values");
+    uint64_t first = untouched, second = untouched;
+    peer.begin(32);
+    const int result = qel_sysmsg_query_41(&peer.con, &first, &second);
+    Bytes answer;
+    const bool answered = peer.end(answer);
+    require_result(result, answered);
+    require_value("the first", first, answered ? long_word(answer, 16) : untouched);
+    require_value("the second", second, answered ? long_word(answer, 24) : untouched);
 }
 
 void get_plugin_size(Peer &peer)
 {
-    uint64_t size = 0;
-    if (qel_sysmsg_get_plugin_size(&peer.con, 1 + peer.input.ConsumeIntegral<uint8_t>(), &size))
-        require(peer.says(16, 8, size), "the size");
+    uint64_t size = untouched;
+    const uint32_t plugin = 1 + peer.input.ConsumeIntegral<uint8_t>();
+    peer.begin(24);
+    const int result = qel_sysmsg_get_plugin_size(&peer.con, plugin, &size);
+    Bytes answer;
+    const bool answered = peer.end(answer);
+    require_result(result, answered);
+    require_value("the size", size, answered ? long_word(answer, 16) : untouched);
 }
 
 void get_text(Peer &peer)
 {
+    peer.begin(528);
     const char *text = qel_sysmsg_get_text(&peer.con);
-    if (!text)
+    // Behind the longest answer there is one more byte, zero, which can end a text.
+    const bool answered = peer.end(peer.text);
+    const size_t length = word(peer.text, 12);
+    const bool has_text = answered && length > 0 && length <= 513 && peer.text[15 + length] == 0;
+    require_result(text != nullptr, has_text);
+    if (!has_text)
         return;
-    const Text copy{std::string(text)}; // reads up to the NUL
-    const size_t end = 16 + size_t{peer.answer.size() < 16 ? 0 : qel_sysmsg_get32(peer.answer.data(), 12)};
-    require(end > peer.answer.size() || (end > 16 && peer.answer[end - 1] == 0), "a text without its end",
-            text);
-    require(peer.answer.size() < 16 + copy.size() || memcmp(copy.get(), &peer.answer[16], copy.size()) == 0,
-            "the text", text);
+    const std::string expected(reinterpret_cast<const char *>(&peer.text[16]));
+    require(text == expected, "the text", text, expected);
 }
 
 void decipher(Peer &peer)
@@ -173,39 +301,50 @@ void decipher(Peer &peer)
     const Exactly<uint8_t> cipher(bytes.data(), bytes.size());
     const void *plain = cipher.get();
     uint32_t length = 1;
-    if (!qel_sysmsg_decipher(&peer.con, cipher.get(), static_cast<int>(bytes.size()), &plain, &length)) {
-        require(plain == nullptr && length == 0, "no plain text");
+    peer.begin(16 + bytes.size());
+    const int result =
+        qel_sysmsg_decipher(&peer.con, cipher.get(), static_cast<int>(bytes.size()), &plain, &length);
+    const bool answered = peer.end(peer.plain);
+    const bool has_plain = answered && word(peer.plain, 12) > 0;
+    require_result(result, has_plain);
+    require((plain != nullptr) == has_plain, "where the plain text is");
+    require_value("the length", length, has_plain ? word(peer.plain, 12) : 0);
+    if (!has_plain)
         return;
-    }
-    require(length > 0 && peer.says(12, 4, length), "the length");
     // The length is the peer's word; what can be read is as long as the question.
     require(__asan_region_is_poisoned(const_cast<void *>(plain), bytes.size()) == nullptr, "the plain text");
+    require(memcmp(plain, &peer.plain[16], bytes.size()) == 0, "the plain text", hex_of(plain, bytes.size()),
+            hex_of(&peer.plain[16], bytes.size()));
 }
 
 const struct {
     uint32_t answer;
     void (*ask)(Peer &peer);
-} queries[] = {{14, get_plugins},     {24, query_23},      {29, path_exists},
-               {37, get_info},        {40, get_item_size}, {42, query_41},
-               {44, get_plugin_size}, {47, get_text},      {49, decipher}};
+} queries[] = {{plugins_answer, get_plugins},
+               {24, query_23},
+               {29, path_exists},
+               {37, get_info},
+               {40, get_item_size},
+               {42, query_41},
+               {44, get_plugin_size},
+               {47, get_text},
+               {49, decipher}};
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzedDataProvider input(data, size);
+    std::string expected_stop;
     const Outcome outcome = run([&] {
-        Peer peer(input);
+        Peer peer(input, expected_stop);
         while (input.remaining_bytes() > 0) {
             const auto &query = queries[input.ConsumeIntegralInRange<size_t>(0, std::size(queries) - 1)];
-            peer.wanted = query.answer;
+            peer.rules.wanted = query.answer;
             query.ask(peer);
         }
     });
-    require_documented(outcome, unit,
-                       {"len == sysmsg->msg_size", "confirmed->sequence",
-                        "sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)",
-                        "sysmsg->msg_size <= wait_buf_size", "msg->num_plugins <= plugin_max", "i < 10",
-                        "0"}); // a path that is not absolute
+    require(outcome.text == expected_stop, "the stop", outcome.text, expected_stop);
+    require(!outcome.stopped || outcome.unit == unit, "its unit", outcome.unit);
     return 0;
 }

@@ -136,6 +136,12 @@ inline uint32_t word(const Bytes &message, size_t offset)
     return value;
 }
 
+/// Low word first.
+inline uint64_t long_word(const Bytes &message, size_t offset)
+{
+    return uint64_t{word(message, offset + 4)} << 32 | word(message, offset);
+}
+
 inline bool is_sequenced(uint32_t type)
 {
     return type < 50 && LinkReferee::is_sequenced(static_cast<int>(type));
