@@ -39,9 +39,9 @@ Run::Run(const std::string &stick)
         dup2(ends[1], STDOUT_FILENO);
         close(ends[0]);
         close(ends[1]);
+        // With a limit, so that it ends also when nobody ends it.
         execl(BENCH_PROJECT "/run", "run", "--stick", stick.c_str(), "--application",
-              BENCH_PROJECT "/build/bench/benchmarks/bench_on_machine", "--seconds", "3600",
-              nullptr); // ends also when nobody ends it
+              BENCH_PROJECT "/build/bench/benchmarks/bench_on_machine", "--seconds", "3600", nullptr);
         _exit(1);
     }
     close(ends[1]);
