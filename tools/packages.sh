@@ -16,7 +16,7 @@ declare -A packages=(
     [gtest]="libgtest-dev libgmock-dev"
     [tests]="make git minizip zip wine64 tshark pkgconf mandoc tmux"
     [style]="clang clang-format clang-tidy git pyflakes3 shellcheck codespell libbenchmark-dev libboost-dev"
-    [release]="dpkg-dev lintian mmdebstrap bash-completion"
+    [release]="dpkg-dev lintian mmdebstrap"
     [bench]="make libbenchmark-dev libboost-dev busybox-static tini runit s6 rsync strace e2fsprogs dosfstools
         findutils"
 )
