@@ -34,7 +34,7 @@ while [ $# -gt 0 ]; do
 done
 . tools/packages.sh
 
-need_packages g++ cmake ninja-build make musl-tools libcli11-dev nlohmann-json3-dev libbenchmark-dev \
+need_packages build product tools bench
     libboost-dev busybox-static tini runit s6 rsync strace e2fsprogs dosfstools findutils
 tools/i586_sysroot.sh
 

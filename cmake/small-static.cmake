@@ -20,7 +20,7 @@ set(CMAKE_CXX_FLAGS_MINSIZEREL_INIT "-g")
 
 string(JOIN " " CMAKE_EXE_LINKER_FLAGS_INIT
   "-static -no-pie"
-  "-Wl,--gc-sections -Wl,--build-id=none -Wl,--hash-style=gnu"
+  "-Wl,--gc-sections -Wl,--build-id=sha1 -Wl,--hash-style=gnu"
   # One page size and no padding between segments: the file and its memory stay small.
   "-Wl,-z,noseparate-code -Wl,-z,max-page-size=4096 -Wl,-z,norelro")
 set(CMAKE_CXX_LINK_EXECUTABLE "${link_command}")

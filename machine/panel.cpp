@@ -195,7 +195,7 @@ std::string printable(const std::string &bytes)
 std::string describe_stop(const Event &event)
 {
     std::string who = event.number == 1 ? "the loader" : "process " + std::to_string(event.number);
-    return who + " has stopped at " + event.text + "; see tools/qel-where " + event.text;
+    return who + " has stopped at " + event.text + "; see host/where/qel-where " + event.text;
 }
 
 void note_event(Panel &panel, const Event &event)

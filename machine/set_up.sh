@@ -21,7 +21,7 @@ for word in "$@"; do
     esac
 done
 
-need_packages g++ cmake ninja-build musl-tools python3 libcli11-dev nlohmann-json3-dev libpng-dev libx11-dev \
+need_packages build product tools cabinet
     libncurses-dev libfreetype-dev fonts-terminus-otb qemu-system-x86 busybox-static xvfb x11-xkb-utils xkb-data \
     syslinux extlinux mtools dosfstools fdisk minizip zip util-linux
 [ ${#presets[@]} -gt 0 ] || exit 0

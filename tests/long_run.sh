@@ -69,7 +69,7 @@ link)
 *) refuse "unknown: ${words[0]}" ;;
 esac
 
-need_packages g++ cmake ninja-build libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev libpng-dev libx11-dev
+need_packages build tools gtest
 [ $program != machine/machine_tests ] || machine/set_up.sh
 mkdir -p "$build"
 echo "building $program ..."

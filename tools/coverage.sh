@@ -1,61 +1,48 @@
 #!/usr/bin/env bash
-# Line and branch coverage of src/ by the unit tests. See tools/coverage.sh --help.
+# Judges what the last run of the unit tests (./check unit) has covered of src/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-. tools/packages.sh
 
-usage() {
-    cat <<'EOF'
-usage: tools/coverage.sh [--build FOLDER] [--no-run]
-
-Builds the preset coverage, runs the unit tests, and prints the coverage of every file of src/ and of all.
-Fails when a line or a branch is uncovered that tools/coverage_exceptions.txt does not name, and when that
-file names one that is covered.
-
-  --build FOLDER   build there instead of in build/coverage
-  --no-run         judge what the last run left
-EOF
-}
-
-build=build/coverage run=1
-while [ $# -gt 0 ]; do
-    case "$1" in
-        --help) usage; exit 0 ;;
-        --no-run) run=0 ;;
-        --build) [ $# -ge 2 ] || { usage >&2; exit 2; }
-            build=$2; shift ;;
-        *) echo "error: unknown argument: $1 (tools/coverage.sh --help lists them)" >&2; exit 2 ;;
-    esac
-    shift
-done
-
-need_packages clang libclang-rt-14-dev llvm cmake ninja-build libgtest-dev libgmock-dev python3
-
-if [ $run -eq 1 ]; then
-    echo "building the unit tests with clang ..."
-    mkdir -p build
-    if ! { cmake --preset coverage -B "$build" && ninja -C "$build" unit_tests; } >build/coverage.log 2>&1; then
-        tail -n 60 build/coverage.log >&2
-        echo "error: the unit tests do not build with clang; the whole log is build/coverage.log" >&2
-        exit 1
-    fi
-    echo "running them ..."
-    rm -rf "$build/profiles"
-    # Tests start others of their program: all add to one file.
-    LLVM_PROFILE_FILE="$PWD/$build/profiles/%m.profraw" \
-        "$build/tests/unit_tests" --gtest_brief=1 >"$build/unit_tests.log" 2>&1 || {
-            tail -n 60 "$build/unit_tests.log" >&2
-            echo "error: the tests fail; make ./check unit pass first" >&2
-            exit 1
-        }
-    llvm-profdata merge -sparse "$build"/profiles/*.profraw -o "$build/unit_tests.profdata"
+if [ $# -gt 0 ]; then
+    echo "usage: tools/coverage.sh"
+    echo "Fails, with a list, when the unit tests have not run a line of src/ or not taken a branch both ways, except"
+    echo "for the lines in tools/coverage_exceptions.txt, each with its reason."
+    echo "The run's counters are in build/unit/profiles; ./check unit makes them."
+    [ "$*" = --help ] && exit 0 || exit 2
 fi
 
-[ -e "$build/unit_tests.profdata" ] || {
-    echo "error: no run has left anything in $build; run tools/coverage.sh without --no-run" >&2
-    exit 1
-}
+build=build/unit
 mapfile -t sources < <(git ls-files 'src/*.cpp' 'src/*.h')
-llvm-cov export "$build/tests/unit_tests" -instr-profile="$build/unit_tests.profdata" "${sources[@]}" \
-    >"$build/coverage.json"
-python3 tools/coverage_report.py "$build/coverage.json"
+llvm-profdata merge -sparse "$build"/profiles/*.profraw -o "$build/unit_tests.profdata"
+llvm-cov export -format=lcov "$build/tests/unit_tests" -instr-profile="$build/unit_tests.profdata" \
+    "${sources[@]}" >"$build/coverage.lcov"
+
+for source in "${sources[@]}"; do
+    [[ $source == *.h ]] || grep -qxF "SF:$PWD/$source" "$build/coverage.lcov" ||
+        { echo "error: $source is in no unit test" >&2; exit 1; }
+done
+missed=$(awk -F '[:,]' -v root="$PWD/" '
+    /^SF:/ { file = substr($2, length(root) + 1) }
+    /^DA:/ && $3 == 0 { print file ":" $2 ": never runs" }
+    /^BRDA:/ && $5 + 0 == 0 { print file ":" $2 ": a branch is never taken" }' "$build/coverage.lcov")
+
+# An exception is a file, the text of a line and a reason; it excuses that line, and must be needed.
+failed=0 excused=
+while IFS=: read -r file line what; do
+    [ -n "$file" ] || continue
+    exception="$file | $(sed -n "${line}s/^ *//p" "$file") |"
+    if grep -qF "$exception" tools/coverage_exceptions.txt; then
+        excused+=$exception$'\n'
+    else
+        echo "error: $file:$line:$what"
+        failed=1
+    fi
+done <<<"$missed"
+while read -r exception; do
+    grep -qxF "${exception% *| *} |" <<<"$excused" || { echo "error: not needed: $exception"; failed=1; }
+done <tools/coverage_exceptions.txt
+
+awk -F: '/^LF/ { lines += $2 } /^BRF/ { branches += $2 }
+    END { printf "src/ has %d lines and %d branches", lines, branches }' "$build/coverage.lcov"
+echo ", $(grep -c . <<<"$missed" || true) of them never run, $(wc -l <tools/coverage_exceptions.txt) excused"
+exit $failed

@@ -13,7 +13,7 @@ if [ $# -gt 0 ]; then
     [ "$*" = --help ] && exit 0 || exit 2
 fi
 
-need_packages g++-multilib
+need_packages i586
 sysroot=build/i586-sysroot
 [ -e "$sysroot/complete" ] && exit 0
 

@@ -1,11 +1,33 @@
 # shellcheck shell=bash
-# Sourced by ./run, ./check and the tools: installs the Debian packages that a step needs.
+# Sourced by ./run, ./check and the tools: the Debian packages that each step needs, and their installation.
 #
-#   need_packages NAME...    installs what is missing, as root or through sudo; quiet when all is there
+#   need_packages GROUP...   installs what is missing of groups, as root or through sudo; quiet when all is there
+
+declare -A packages=(
+    [build]="g++ cmake ninja-build"
+    [product]="musl-tools binutils file python3"
+    [i586]="g++-multilib ca-certificates"
+    [tools]="python3 libcli11-dev nlohmann-json3-dev libpng-dev libx11-dev libncurses-dev libfreetype-dev
+        fonts-terminus-otb"
+    [cabinet]="qemu-system-x86 busybox-static xvfb x11-xkb-utils xkb-data syslinux extlinux mtools dosfstools fdisk
+        minizip zip util-linux"
+    [kernel]="linux-source-6.1 gcc make patch flex bison libelf-dev libssl-dev bc cpio kmod xz-utils"
+    [clang]="clang libclang-rt-14-dev llvm"
+    [gtest]="libgtest-dev libgmock-dev"
+    [tests]="make git minizip zip wine64 tshark pkgconf mandoc tmux"
+    [style]="clang clang-format clang-tidy git pyflakes3 shellcheck codespell libbenchmark-dev libboost-dev"
+    [release]="dpkg-dev lintian mmdebstrap bash-completion"
+    [bench]="make libbenchmark-dev libboost-dev busybox-static tini runit s6 rsync strace e2fsprogs dosfstools
+        findutils"
+)
 
 need_packages() {
-    local missing=() name
-    for name in "$@"; do
+    local missing=() name group names=()
+    for group in "$@"; do
+        read -ra group -d '' <<<"${packages[$group]}" || true
+        names+=("${group[@]}")
+    done
+    for name in "${names[@]}"; do
         dpkg-query -W -f '${db:Status-Status}\n' "$name" 2>/dev/null | grep -qx installed || missing+=("$name")
     done
     [ ${#missing[@]} -eq 0 ] && return 0

@@ -6,39 +6,39 @@ cd "$(dirname "$0")/.."
 
 if [ $# -gt 0 ]; then
     echo "usage: tools/style.sh"
-    echo "Checks all sources: clang-format, shellcheck, pyflakes3, warnings of clang++ as errors, and clang-tidy"
-    echo "for all but the tests. What has not changed since the last time (build/clang) is not looked at again."
+    echo "Checks all sources: clang-format, shellcheck, pyflakes3, codespell, and clang-tidy with the warnings of"
+    echo "clang++ for all but the tests. clang-tidy looks again only at what has changed (build/style)."
     [ "$*" = --help ] && exit 0 || exit 2
 fi
 
-need_packages clang clang-format clang-tidy cmake ninja-build python3 pyflakes3 shellcheck libgtest-dev libgmock-dev \
-    libcli11-dev nlohmann-json3-dev libpng-dev libx11-dev libncurses-dev libfreetype-dev libbenchmark-dev libboost-dev
+need_packages build tools style
 
-mapfile -t sources < <(git ls-files '*.cpp' '*.h')
-echo "clang-format: ${#sources[@]} files"
-clang-format --dry-run --Werror "${sources[@]}"
+# Runs a checker over the files that standard input names, on all processors.
+check() {
+    local files
+    mapfile -t files
+    echo "$1: ${#files[@]} files"
+    printf '%s\0' "${files[@]}" | xargs -0 -n 40 -P "$(nproc)" "$@"
+}
+# Files that git knows and that exist; scripts by their first line.
+files() { git ls-files --deduplicate "$@" | while read -r name; do [ ! -f "$name" ] || echo "$name"; done; }
+scripts() { git grep -lE -m 1 "^#!.*\b($1)\$"; }
 
-# Scripts are known by their first line.
-scripts_of() { git grep -lE -m 1 "^#!.*\b($1)\$"; }
-mapfile -t scripts < <(scripts_of 'sh|bash')
-echo "shellcheck: ${#scripts[@]} scripts"
-shellcheck "${scripts[@]}" tools/packages.sh
+files '*.cpp' '*.h' | check clang-format --dry-run --Werror
+{ scripts 'sh|bash'; echo tools/packages.sh; } | check shellcheck
+{ scripts python3; files '*.py'; } | sort -u | check pyflakes3
+files | check codespell
 
-mapfile -t scripts < <(scripts_of python3; git ls-files '*.py')
-mapfile -t scripts < <(printf '%s\n' "${scripts[@]}" | sort -u)
-echo "pyflakes3: ${#scripts[@]} scripts"
-pyflakes3 "${scripts[@]}"
-
-# All parts in one build folder, of which only the commands are used.
-echo "clang-tidy: the product and all tools; clang++: the tests, warnings as errors"
+echo "clang-tidy: the product, the tools, the benchmarks and the examples"
 mkdir -p build
-if ! { cmake -S . -B build/clang -G Ninja -DCMAKE_CXX_COMPILER=clang++ "-DQEL_BENCHMARKS=subjects;driver" \
-             -DQEL_SANITIZE= -DQEL_TESTS=ON -DCMAKE_CXX_COMPILER_LAUNCHER= &&
-       tools/style_steps.py build/clang; } >build/clang.log 2>&1; then
-    tail -n 60 build/clang.log >&2
-    echo "error: the style checks cannot be set up; the whole log is build/clang.log" >&2
+cmake --preset style >build/style.log 2>&1 || {
+    tail -n 60 build/style.log >&2
+    echo "error: the preset style cannot be configured; the whole log is build/style.log" >&2
     exit 1
-fi
+}
+export NINJA_STATUS='[%f/%t] '
 quiet=(--quiet)
 [ ! -t 1 ] || quiet=()
-ninja -f build/clang/style.ninja -k 0 "${quiet[@]}"
+# What clang-tidy says besides its findings is a number of warnings in the headers of others.
+ninja -C build/style -k 0 "${quiet[@]}" | grep -vE '^([0-9]+ warnings? generated|Suppressed [0-9]+|ninja: )'
+exit "${PIPESTATUS[0]}"

@@ -25,7 +25,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/../../tools/packages.sh"
 say() { echo "$@" >&2; }
 
-need_packages linux-source-6.1 gcc make patch flex bison libelf-dev libssl-dev bc cpio kmod xz-utils >&2
+need_packages kernel >&2
 version=$(dpkg-query -W -f '${Version}' linux-source-6.1)
 recipe=1
 key=$({ echo "$recipe $version"; cd "$here" && cat cabinet.config disk-name.patch embedded.list drivers/*; } |

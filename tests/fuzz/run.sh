@@ -48,7 +48,7 @@ done
 [[ $seconds =~ ^[1-9][0-9]*$ ]] || { echo "error: --seconds wants a number from 1 on, not $seconds" >&2; exit 2; }
 [ ${#targets[@]} -gt 0 ] || mapfile -t targets < <(all_targets)
 
-need_packages clang libclang-rt-14-dev cmake ninja-build libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev \
+need_packages build clang tools gtest
     libpng-dev libx11-dev libncurses-dev libfreetype-dev
 mkdir -p "$build/findings"
 echo "building ..."

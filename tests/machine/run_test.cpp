@@ -113,7 +113,7 @@ TEST(Run, TellsWhereALoaderOfTheUsersOwnHasStopped)
     EXPECT_EQ(status, 0) << output; // the application ran
     EXPECT_NE(output.find("note     stopped qel_utility/qel_filesystem:975 0\n"), std::string::npos)
         << output;
-    EXPECT_NE(output.find("stop     the loader has stopped at KCW975; see tools/qel-where KCW975\n"),
+    EXPECT_NE(output.find("stop     the loader has stopped at KCW975; see host/where/qel-where KCW975\n"),
               std::string::npos)
         << output;
 }

@@ -45,7 +45,7 @@ TEST(Stop, LeavesThePanelsStepWhereItWas)
     note_event(panel, {Event::loader_started, 0, 0, ""});
     note_event(panel, stop_of(1, "KCW1964"));
     EXPECT_THAT(stop_row(panel),
-                StartsWith("the loader has stopped at KCW1964; see tools/qel-where KCW1964 "));
+                StartsWith("the loader has stopped at KCW1964; see host/where/qel-where KCW1964 "));
     EXPECT_THAT(draw_panel(panel, {}, 0, panel_rows_min, panel_columns_min).rows[1], HasSubstr("[loader]"));
 }
 
@@ -55,7 +55,7 @@ TEST(Stop, OfAChildIsShownWithItsProcessUntilTheEnd)
     note_event(panel, stop_of(23, "KCW2101"));
     note_event(panel, stop_of(24, "KCW400"));
     EXPECT_THAT(stop_row(panel),
-                StartsWith("process 23 has stopped at KCW2101; see tools/qel-where KCW2101 "));
+                StartsWith("process 23 has stopped at KCW2101; see host/where/qel-where KCW2101 "));
 }
 
 TEST(Stop, StandsOutOnThePanel)

@@ -9,13 +9,15 @@ import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 
+ROW = "ABC\tqel_utility/qel_old\t7\t0\tx > 0\told\tsrc/old.cpp:7\tAn old check.\tNothing.\n"
+
 
 def run(*words, root=ROOT):
     return subprocess.run([str(word) for word in words], cwd=root, capture_output=True, text=True)
 
 
 def where(*words):
-    return run("tools/qel-where", *words)
+    return run("host/where/qel-where", *words)
 
 
 class Where(unittest.TestCase):
@@ -70,16 +72,57 @@ class Where(unittest.TestCase):
 
     def test_refuses_a_wrong_call(self):
         for words in ([], ["nonsense"], ["--nonsense"], ["--table"], ["--table", "/missing", "KCW400"],
-                      ["--table", "/dev/null", "--list", "KCW400"]):
+                      ["--table", "/dev/null", "KCW400"], ["--list", "KCW400"], ["--loader"]):
             result = where(*words)
             self.assertEqual(result.returncode, 2, words)
             self.assertIn("error: ", result.stderr)
         self.assertEqual(where("--help").returncode, 0)
 
+    def table(self, text):
+        file = tempfile.NamedTemporaryFile("w", suffix=".tsv")
+        self.addCleanup(file.close)
+        file.write(text)
+        file.flush()
+        return file
+
+    def test_refuses_a_table_without_its_head(self):
+        result = where("--table", self.table(ROW).name, "ABC7")
+        self.assertEqual(result.returncode, 2)
+        self.assertIn("is not a table of places", result.stderr)
+
+    def test_prints_the_release_and_the_loaders_of_the_table(self):
+        table = self.table("# QEL loader\t0.4.2\t0011 aaff\n" + ROW)
+        self.assertEqual(where("--table", table.name, "--version").stdout,
+                         "qel-where 0.4.2\nloader 0011\nloader aaff\n")
+
+    def test_explains_a_line_that_moves_only_for_a_loader_that_the_table_lists(self):
+        for build_id, known in (("00112233445566778899aabbccddeeff00112233", True), ("00" * 20, False)):
+            loader = tempfile.NamedTemporaryFile()
+            self.addCleanup(loader.close)
+            subprocess.run(["gcc", "-nostdlib", "-static", "-x", "assembler", "/dev/null", "-o", loader.name, "-Wl,-e0",
+                            "-Wl,--build-id=0x" + build_id], check=True)
+            table = self.table("# QEL loader\t0.4.2\tff00 00112233445566778899aabbccddeeff00112233\n" + ROW +
+                               ROW.replace("\t7\t0", "\t8\t1"))
+            result = where("--table", table.name, "--loader", loader.name, "ABC7")
+            self.assertEqual(result.returncode, 0 if known else 1)
+            self.assertEqual("check     x > 0" in result.stdout, known)
+            self.assertEqual("the table is of another release" in result.stdout, not known)
+            self.assertEqual(f"(build id {build_id}) is not listed in the table of release 0.4.2" in result.stderr,
+                             not known)
+            self.assertEqual(where("--table", table.name, "--loader", loader.name, "ABC8").returncode, 0)
+
+    def test_refuses_a_loader_without_a_build_id(self):
+        for file in ("/missing", "/dev/null"):
+            self.assertEqual(where("--loader", file, "KCW400").returncode, 2)
+
+    def test_the_table_lists_the_build_ids_of_the_loaders_that_are_named(self):
+        head = run("host/where/make_table.sh", "1.2.3", "/bin/true").stdout.splitlines()[0]
+        self.assertRegex(head, r"^# QEL loader\t1\.2\.3\t[0-9a-f]{40}$")
+        self.assertIn(head[-40:], run("readelf", "-n", "/bin/true").stdout)
+
     def test_reads_the_places_of_another_release(self):
         with tempfile.NamedTemporaryFile("w", suffix=".tsv") as table:
-            row = "ABC\tqel_utility/qel_old\t7\t0\tx > 0\told\tsrc/old.cpp:7\tAn old check.\tNothing.\n"
-            table.write(row + row.replace("x > 0", "y > 0"))
+            table.write("# QEL loader\t0.4.2\t\n" + ROW + ROW.replace("x > 0", "y > 0"))
             table.flush()
             result = where("--table", table.name, "ABC7")
             self.assertEqual(result.returncode, 0)
