@@ -49,14 +49,15 @@ void run_rounds(std::vector<Contest> &contests, int rounds, const std::string &r
                 const std::string &machine)
 {
     for (int round = 0; round < rounds; ++round) {
-        nlohmann::json all = {
-            {"machine", nlohmann::json::parse(machine)}, {"rounds", round + 1}, {"contests", {}}};
+        // A line for each contest.
+        std::string all = R"({"machine": )" + machine + R"(, "rounds": )" + std::to_string(round + 1) +
+                          R"(, "contests": [)";
         for (Contest &contest : contests) {
             fprintf(stderr, "round %d of %d: %s\n", round + 1, rounds, contest.name.c_str());
             if (takes_part(contest, round))
                 run_once(contest, round / contest.every);
             all += (all.back() == '[' ? "\n" : ",\n") + json_of(contest).dump();
         }
-        write_file(results, all + "]}\n");
+        write_file(results, all + "\n]}\n");
     }
 }
