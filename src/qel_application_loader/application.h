@@ -1,4 +1,4 @@
-/// Finding the application, starting the X server, and running the application for ever.
+/// Finding the application, starting the X server, and running the application forever.
 #pragma once
 
 /// The application that this start runs: its file name and its full path.
@@ -8,15 +8,15 @@ struct qel_application {
 };
 
 /// Searches /storage, then /disk, for the file whose name begins with "qel_application_" and is the
-/// greatest; on equal names the one on /storage counts. One that lies elsewhere is copied to /storage,
-/// which is remounted read-write for that, and runs from there: a newer file on a stick replaces the
-/// installed one for good.
-/// Stops when there is none ("*app_file", 189) or the copy fails (197).
+/// greatest; of equal names the one on /storage wins. One found elsewhere is copied to /storage, which is
+/// remounted read-write for that, and runs from there: a newer file on a stick replaces the installed one
+/// for good.
+/// Stops when no such file exists ("*app_file", 189) or the copy fails (197).
 void qel_find_application(struct qel_application *application);
 
 /// Starts the X server, once. Nothing waits for it, now or later.
 void qel_start_x_server(void);
 
 /// Runs the application again and again, each time with the Wine prefix removed before; a name with
-/// ".exe.so" in it runs under Wine. How a run ended is not looked at. Never returns.
+/// ".exe.so" in it runs under Wine. Ignores how a run ended. Never returns.
 [[noreturn]] void qel_run_application_for_ever(const struct qel_application *application);

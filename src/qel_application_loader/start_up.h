@@ -1,9 +1,9 @@
-/// The steps of the start-up sequence that stand before the application: what main calls, in its order.
-/// Each prints its own progress. A failed mount, other than of a USB disk, or an impossible node stops
-/// the program.
+/// The steps of the start-up sequence before the application, in the order in which main calls them. Each
+/// prints its own progress. A failed mount, except of a USB disk, or a node that cannot be made stops the
+/// program.
 #pragma once
 
-/// The bits of the mode byte that mean something.
+/// The bits of the mode byte that have a meaning.
 enum qel_mode_bit {
     qel_mode_console = 1,
     qel_mode_update = 2,
@@ -18,7 +18,7 @@ void qel_mount_kernel_file_systems(void);
 /// Makes the board driver's nodes.
 void qel_make_board_nodes(void);
 
-/// Returns 1, and says so, when bit 0 of the mode byte asks for the console, else 0.
+/// Returns 1, and prints so, when bit 0 of the mode byte asks for the console, else 0.
 int qel_console_requested(int mode);
 
 /// Points standard input, output and error at /dev/null.

@@ -2,19 +2,19 @@
 /// small packets.
 ///
 /// An outgoing message is cut into one first packet, which carries the message's length and CRC, and as
-/// many continuations as it takes. Incoming packets are put together again, the CRC is checked, and the
+/// many continuations as needed. Incoming packets are put together again, the CRC is checked, and the
 /// whole message goes to a receiver. The link knows neither the transport nor the messages: both are
 /// reached through callbacks. It never asks for a repetition; a message with a wrong CRC disappears.
 ///
-/// What is half received is kept once for the whole process: only one link may receive in a process.
+/// A half received message is kept once for the whole process: only one link may receive in a process.
 ///
-/// Operations that serve as callbacks of the layers around take the link as a context pointer.
+/// Operations that serve as callbacks of other layers take the link as a context pointer.
 #pragma once
 
 #include <stdint.h>
 
-/// Receives a whole message. It belongs to the link and is overwritten by the next one: copy what is to
-/// be kept. Must not feed another packet into the link.
+/// Receives a whole message. It belongs to the link and is overwritten by the next one: copy what you
+/// keep. Must not feed another packet into the link.
 typedef void qel_comms_recv_function(void *context, const void *message, int len);
 
 /// Returns the buffer for the next packet, with room for `packet_size_max` bytes.
@@ -62,7 +62,7 @@ void qel_comms_set_sender(struct qel_comms *comms, qel_comms_packet_send_begin_f
 /// Sends `length` bytes as one message; every packet but the last is full. Stops the program on a null
 /// message ("data"), a length of 0 ("len"), a negative one ("len <= 0x7FFFFFFFUL"), a null link ("comms")
 /// and missing send callbacks ("comms->packet_send_begin", "comms->packet_send_end").
-/// Returns the result of the last `packet_send_end`; those before it are not looked at.
+/// Returns the result of the last `packet_send_end`; those before it are ignored.
 int qel_comms_send(void *link, const void *message, int length);
 
 /// Takes one packet from the transport, and hands the message on when this packet completes it and its
@@ -70,11 +70,11 @@ int qel_comms_send(void *link, const void *message, int length);
 /// is in progress silently starts over; a wrong CRC silently drops the message.
 /// Stops the program when called from inside itself ("!reenter"), and unless "comms", "comms->recv",
 /// "packet", "len > 0", "len <= comms->packet_size_max", and for a first packet "len > 6". A message
-/// buffer that cannot be had stops it too ("buf"), and so does a message of length 0 while there has
-/// been no other.
+/// buffer that cannot be allocated stops it too ("buf"), and so does a message of length 0 before any
+/// other.
 /// How much is copied follows from `packet_size_max`, NOT from `len`: every packet but the last is
-/// expected to be full, as the sender makes them. A shorter one in between copies what lies behind it, so
-/// `bytes` must be readable for `packet_size_max` bytes. Do not "repair" this: peers depend on it.
+/// expected to be full, as the sender makes them. For a shorter one in between, the bytes after it are copied
+/// too, so `bytes` must be readable for `packet_size_max` bytes. Do not "repair" this: peers depend on it.
 /// Returns the length of the message still in progress, or 0.
 int qel_comms_receive_packet(void *link, const void *bytes, int len);
 

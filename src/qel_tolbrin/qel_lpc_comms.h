@@ -1,14 +1,14 @@
 /// The transport of the host link: packets of at most 64 bytes through the board driver's host-comms
-/// device. It knows nothing of what the packets mean; it gives the packet link (qel_comms.h) a buffer to
-/// build packets in, a way to send them and a poll, and hands every packet that arrives to a receiver.
+/// device. It does not interpret the packets; it gives the packet link (qel_comms.h) a buffer to build
+/// packets in, a way to send them and a poll, and hands every packet that arrives to a receiver.
 ///
 /// Operations that serve as callbacks of the packet link take the transport as a context pointer.
 #pragma once
 
 #include <stdint.h>
 
-/// Receives one packet as the driver framed it. The bytes are valid during the call only; the result is
-/// not looked at.
+/// Receives one packet as the driver framed it. The bytes are valid only during the call; the result is
+/// ignored.
 typedef int qel_lpc_recv_function(void *context, const void *bytes, int len);
 
 /// One open device. Made by `qel_lpc_open`, owned by its creator; there is no close.
@@ -47,15 +47,15 @@ int qel_lpc_write(struct qel_lpc *lpc, const void *bytes, int len);
 
 // ---- Receiving ----
 
-/// Hands everything that is pending to the receiver, one call for each packet, until a read returns
-/// nothing or fails; the kind of failure does not matter. Does not block.
-/// Returns 1 when anything was handed on, else 0.
+/// Hands all pending packets to the receiver, one call each, until a read returns nothing or fails, for
+/// whatever reason. Does not block.
+/// Returns 1 when a packet was handed on, else 0.
 int qel_lpc_poll(void *transport);
 
 // ---- Pacing ----
 
 /// Switches the pause before every write on (`on` not 0) or off (0), for all transports. It is on at
-/// start: it throttles the sender to what the board's link can take, about 66 packets a second.
+/// the start and throttles the sender to what the board's link can take, about 66 packets a second.
 /// Returns 1 when pacing is now OFF, else 0.
 int qel_lpc_set_pacing(int on);
 

@@ -1,8 +1,8 @@
 /// Console, time stamp and assertions, used by every other unit.
 ///
-/// The program is the first user-space process and has no recovery from a broken invariant: a failed
-/// check stops it on the spot, and it parks instead of exiting. What a user sees of a stop is the line
-/// that QEL_FATAL_ERROR printed before it, if any.
+/// The program is the first user-space process and cannot recover from a broken invariant: a failed
+/// check stops it on the spot, and it parks instead of exiting. A user sees only the line that
+/// QEL_FATAL_ERROR printed before, if any.
 #pragma once
 
 #include <stdio.h>
@@ -20,15 +20,15 @@
 #define QEL_ASSERT_TEXT_AT(line, text, expr) ((expr) ? (void)0 : qel_assert_fail(text, __FILE__, line))
 
 /// Writes the time stamp, the place and the message to standard output, flushes it, copies the time
-/// stamp and the message to `qel_log_file` when that is set, and stops the program with the text "0"
-/// at the same place. Messages end in a newline themselves.
+/// stamp and the message to `qel_log_file` if that is set, and stops the program with the text "0"
+/// at the same place. The message must end in a newline.
 #define QEL_FATAL_ERROR(...) QEL_FATAL_ERROR_AT(__LINE__, __VA_ARGS__)
 
 /// The same with a fixed line number.
 #define QEL_FATAL_ERROR_AT(line, ...) _qel_fatal_error(__FILE__, line, __func__, __VA_ARGS__)
 
-/// Stops the program: forms the location code of `file` and `line`, prints nothing, and sleeps for
-/// ever, because the first process must not exit. `expression` is for debuggers only. A second failure
+/// Stops the program: forms the location code of `file` and `line`, prints nothing, and sleeps
+/// forever, because the first process must not exit. `expression` is only for debuggers. A second failure
 /// while the first is being handled waits one second and exits with status 1.
 [[noreturn]] void qel_assert_fail(const char *expression, const char *file, int line);
 

@@ -1,7 +1,7 @@
 /// String operations on NUL-terminated byte strings, in place or into a caller's buffer.
 ///
 /// Whitespace is blank, tab, newline, vertical tab, form feed and carriage return; printable means the
-/// printable ASCII characters. A null string stops the program ("s"), unless said otherwise.
+/// printable ASCII characters. A null string stops the program ("s"), unless noted otherwise.
 #pragma once
 
 // ---- Whitespace ----
@@ -18,7 +18,7 @@ void qel_str_trim_right(char *s);
 /// Removes whitespace at both ends.
 void qel_str_trim(char *s);
 
-/// Makes every run of whitespace, of any kind and also at the ends, exactly one blank.
+/// Replaces every run of whitespace, also at the ends, by exactly one blank.
 void qel_str_collapse_spaces(char *s);
 
 /// Trims, then collapses: no whitespace at the ends, single blanks inside.
@@ -38,6 +38,6 @@ int qel_str_replace(const char *src, char *dst, int dst_size, const char *patter
 
 // ---- File names ----
 
-/// Returns 1 when `name` can stand as one file-name component on a vfat partition, else 0: not null,
+/// Returns 1 when `name` can be one file-name component on a vfat partition, else 0: not null,
 /// not empty, no control character, none of \ : * ? " < > | and no slash. Bytes of 128 and more pass.
 int qel_filename_is_valid(const char *name);

@@ -41,7 +41,7 @@ class Where(unittest.TestCase):
 
     def test_prints_links_and_names_as_plain_text(self):
         told = where("KCW2117", "VYS197").stdout
-        self.assertIn("Which one, the console tells: docs/installing.md#for-the-field-technician.", told)
+        self.assertIn("The console shows which one: docs/installing.md#for-the-field-technician.", told)
         self.assertIn("A partial file may be left on /storage, which", told)
 
     def test_finds_lines_that_come_from_outside_the_checking_function(self):

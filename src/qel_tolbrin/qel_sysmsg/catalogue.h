@@ -1,17 +1,17 @@
-/// The catalogue: one operation for each message that travels on the link, for both ends of it.
+/// The catalogue: one operation for each message on the link, for both ends.
 ///
 /// An operation on an unsequenced type sends at once and returns nothing. One on a sequenced type returns 1
 /// when the peer confirmed the message, else 0. A query also waits for the answer; it returns 1 with its
 /// results filled, or 0 with the results untouched unless said otherwise. Every operation can take as long
-/// as the core's time limits allow, and stops the program as the core does: the connection is required.
+/// as the core's time limits allow, and stops the program where the core does; the connection is required.
 ///
-/// Texts that are longer than their field are cut, one byte of the field being the NUL. Required pointers
-/// are named; without one the program stops on its name. An answer that is longer than the buffer it goes
+/// A text longer than its field is cut; the field's last byte is then the NUL. Required pointers are named;
+/// a null one stops the program with its name. An answer that is longer than the buffer it goes
 /// to stops the program in `qel_sysmsg_receive`.
 ///
 /// After each operation: the message's type, its size in bytes, and the fields by their offsets. "name[31]
 /// at 16" is a text field of 31 bytes, all other fields are unsigned 32-bit words unless said otherwise.
-/// What the fields of messages without a telling name mean is for the two ends to agree.
+/// For messages with a mere number as their name, the two ends must agree what the fields mean.
 #pragma once
 
 #include <stdint.h>
@@ -20,7 +20,7 @@
 
 // ---- Connecting and updating ----
 
-/// Tells the peer that we are there. The peer answers with `qel_sysmsg_connect_answer`, which arrives at
+/// Announces us to the peer. The peer answers with `qel_sysmsg_connect_answer`, which arrives at
 /// the handler. Type 5, 12 bytes: value at 8.
 void qel_sysmsg_connect(struct qel_sysmsg_con *con, uint32_t value);
 
@@ -28,7 +28,7 @@ void qel_sysmsg_connect(struct qel_sysmsg_con *con, uint32_t value);
 /// Type 38, 12 bytes: value at 8.
 void qel_sysmsg_connect_answer(struct qel_sysmsg_con *con, const void *message);
 
-/// Sends a program that the peer is to run in its own place. Stops on no image ("blob") and on a length
+/// Sends a program that the peer runs in its own place. Stops on a null image ("blob") and on a length
 /// below 1 ("blob_len > 0"). Type 10, length + 12 bytes: length at 8, image from 12.
 void qel_sysmsg_send_updater(struct qel_sysmsg_con *con, const void *image, int length);
 
@@ -86,7 +86,7 @@ int qel_sysmsg_post_45(struct qel_sysmsg_con *con, uint32_t value);
 /// Type 1, 16 bytes: value at 12.
 int qel_sysmsg_transfer_begin(struct qel_sysmsg_con *con, uint32_t value);
 
-/// Stops on no block ("blob") and on a length below 1 ("blob_len > 0").
+/// Stops on a null block ("blob") and on a length below 1 ("blob_len > 0").
 /// Type 2, length + 16 bytes: length at 12, block from 16.
 int qel_sysmsg_transfer_data(struct qel_sysmsg_con *con, const void *block, int length);
 
@@ -97,23 +97,23 @@ int qel_sysmsg_transfer_end(struct qel_sysmsg_con *con);
 /// Type 7, text length + 17 bytes: text length with its NUL at 12, text with its NUL from 16.
 int qel_sysmsg_file_begin(struct qel_sysmsg_con *con, const char *path);
 
-/// Adds to the file. Stops on no block ("blob") and on a length below 1 ("blob_len > 0").
+/// Adds to the file. Stops on a null block ("blob") and on a length below 1 ("blob_len > 0").
 /// Type 8, length + 16 bytes: length at 12, block from 16.
 int qel_sysmsg_file_data(struct qel_sysmsg_con *con, const void *block, int length);
 
 /// Ends the file. Type 9, 12 bytes.
 int qel_sysmsg_file_end(struct qel_sysmsg_con *con);
 
-/// Returns how many bytes of a file travel in one message at most: 22050.
+/// Returns the most bytes of a file that one message carries: 22050.
 int qel_sysmsg_chunk_size(void);
 
 /// Sends `length` bytes as the file `path`: begin, data messages of at most `qel_sysmsg_chunk_size` bytes
 /// (none for a length of 0), end. Returns the result of the end alone; whether begin and data were
-/// confirmed is deliberately not looked at.
+/// confirmed is deliberately ignored.
 int qel_sysmsg_send_buffer_as_file(struct qel_sysmsg_con *con, const void *data, int length,
                                    const char *path);
 
-/// Sends the local file `local_path` as the file `remote_path` in the same way. The local path may be of any
+/// Sends the local file `local_path` as the file `remote_path` in the same way. The local path may have any
 /// form; a file that cannot be opened stops the program ("f"). A read error counts as the end of the file.
 int qel_sysmsg_send_file(struct qel_sysmsg_con *con, const char *local_path, const char *remote_path);
 
@@ -121,7 +121,7 @@ int qel_sysmsg_send_file(struct qel_sysmsg_con *con, const char *local_path, con
 /// Type 16, 3120 bytes: 3108 at 8, the values from 12.
 void qel_sysmsg_test_pattern(struct qel_sysmsg_con *con);
 
-/// The same with a counter of its own, sequenced. Type 17, 3124 bytes: 3108 at 12, the values from 16.
+/// The same with a separate counter, sequenced. Type 17, 3124 bytes: 3108 at 12, the values from 16.
 int qel_sysmsg_test_pattern_sequenced(struct qel_sysmsg_con *con);
 
 // ---- Queries and their answers ----
@@ -141,12 +141,12 @@ int qel_sysmsg_reply_plugins(struct qel_sysmsg_con *con, const uint32_t *ids, ui
 int qel_sysmsg_query_23(struct qel_sysmsg_con *con, const char *name, const char *const *items,
                         uint32_t count, const char **result);
 
-/// Sends 100 bytes as they stand, so `text` must be a field of 100 bytes.
+/// Sends 100 bytes as they are, so `text` must be a field of 100 bytes.
 /// Type 24, 112 bytes: text[100] at 9.
 int qel_sysmsg_reply_24(struct qel_sysmsg_con *con, const char *text);
 
 /// Asks whether `path` exists at the peer. Requires "con", an absolute path (else a fatal error, "Path is not
-/// absolute") and "exists", which receives the peer's word.
+/// absolute") and "exists", which receives the peer's value.
 /// Type 28, 112 bytes: path[100] at 9. Answered by type 29.
 int qel_sysmsg_tolbrin_path_exists(struct qel_sysmsg_con *con, const char *path, uint32_t *exists);
 
@@ -160,13 +160,13 @@ struct qel_sysmsg_info {
     uint32_t c;
 };
 
-/// Requires "info", of which the last three fields are filled. Type 36, 12 bytes; answered by type 37.
+/// Requires "info" and fills its last three fields. Type 36, 12 bytes; answered by type 37.
 int qel_sysmsg_get_info(struct qel_sysmsg_con *con, struct qel_sysmsg_info *info);
 
 /// Type 37, 24 bytes: a at 12, b at 16, c at 20.
 int qel_sysmsg_reply_info(struct qel_sysmsg_con *con, uint32_t a, uint32_t b, uint32_t c);
 
-/// Requires "item_size"; `name` may be null for none.
+/// Requires "item_size"; `name` may be null for no name.
 /// Type 39, 64 bytes: value at 12; name[31] at 16; value2 at 48. Answered by type 40.
 int qel_sysmsg_get_item_size(struct qel_sysmsg_con *con, uint32_t value, const char *name, uint32_t value2,
                              uint64_t *item_size);
@@ -192,12 +192,12 @@ int qel_sysmsg_reply_plugin_size(struct qel_sysmsg_con *con, uint32_t plugin_id,
 /// or a text without its NUL. Requires "con". Type 46, 12 bytes; answered by type 47 of at most 528 bytes.
 const char *qel_sysmsg_get_text(struct qel_sysmsg_con *con);
 
-/// Requires "con"; `text` may be null for none.
+/// Requires "con"; `text` may be null for no text.
 /// Type 47, 16 + n bytes: n, the text's length with its NUL or 0, at 12; the text from 16.
 int qel_sysmsg_reply_text(struct qel_sysmsg_con *con, const char *text);
 
 /// Has the peer decipher `cipher_len` bytes. `plain` and `plain_len` are set to null and 0 first and then
-/// receive the answer, unexamined, in a buffer that the next such query overwrites. The answer may not be
+/// receive the answer, unchecked, in a buffer that the next such query overwrites. The answer may not be
 /// longer than the question. Requires "con", "cipher", "cipher_len > 0", "plain" and "plain_len".
 /// Returns 1, or 0 also for an answer of length 0.
 /// Type 48, cipher_len + 16 bytes: cipher_len at 12, cipher from 16. Answered by type 49.

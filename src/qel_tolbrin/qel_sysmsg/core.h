@@ -15,8 +15,8 @@
 
 struct qel_sysmsg_con;
 
-/// The header of a sequenced message, and all of a confirm. Unsequenced messages have only its first two
-/// fields. 12 bytes on the wire, which is the least `msg_size` of a sequenced message.
+/// The header of a sequenced message, and the whole of a confirm. Unsequenced messages have only its first
+/// two fields. 12 bytes on the wire, the smallest `msg_size` of a sequenced message.
 struct qel_sysmsg_confirmed {
     uint32_t msg_type;
     uint32_t msg_size; ///< bytes of the whole message, header included
@@ -25,15 +25,14 @@ struct qel_sysmsg_confirmed {
 };
 static_assert(sizeof(struct qel_sysmsg_confirmed) == 12);
 
-/// The application's handler. The message is valid during the call only. It may send unsequenced messages;
-/// it must not start a sequenced send nor cause another message to be received.
+/// The application's handler. The message is valid only during the call. The handler may send unsequenced
+/// messages; it must not start a sequenced send or cause another message to be received.
 typedef void qel_sysmsg_recv_function(struct qel_sysmsg_con *con, const void *message);
 
-/// Sends a whole message: the packet link's `qel_comms_send`. The result is not looked at.
+/// Sends a whole message: the packet link's `qel_comms_send`. The result is ignored.
 typedef int qel_sysmsg_send_function(void *context, const void *message, int len);
 
-/// Lets what has arrived be read and delivered: the packet link's `qel_comms_poll`. The result is not
-/// looked at.
+/// Reads and delivers what has arrived: the packet link's `qel_comms_poll`. The result is ignored.
 typedef int qel_sysmsg_poll_function(void *context);
 
 /// A connection. Made by `qel_sysmsg_create`; there is no close.
@@ -47,8 +46,8 @@ struct qel_sysmsg_con {
 
 // ---- Connection ----
 
-/// Makes a connection of the five values. Allocates it on the heap ("result"). It belongs to the caller
-/// for the life of the process.
+/// Makes a connection from the five values, on the heap ("result"). It belongs to the caller for the life
+/// of the process.
 struct qel_sysmsg_con *qel_sysmsg_create(qel_sysmsg_recv_function *recv, qel_sysmsg_send_function *send,
                                          void *send_ctx, qel_sysmsg_poll_function *poll, void *poll_ctx);
 
@@ -61,13 +60,13 @@ void qel_sysmsg_forget_sequence(void);
 
 // ---- Receiving ----
 
-/// Takes a message of `length` bytes from the packet link, whose receive callback it is.
+/// The packet link's receive callback: takes a message of `length` bytes.
 ///
 /// While a confirm is awaited, everything but that confirm is dropped, unseen and unconfirmed: the peer
-/// will send it again. Otherwise a sequenced message is confirmed first of all, and dropped when it has
-/// the same number as the one before (only one number is remembered). What is left goes to the handler;
-/// but while a reply is awaited, messages of other types are dropped (although confirmed) and the reply
-/// is copied to the waiting caller instead.
+/// will send it again. Otherwise a sequenced message is confirmed first, and dropped when it has the same
+/// number as the one before (only one number is remembered). The rest goes to the handler; but while a
+/// reply is awaited, messages of other types are dropped (although confirmed) and the reply is copied to
+/// the waiting caller instead.
 ///
 /// Stops the program when called from inside itself ("!reenter"), without a connection or handler ("con",
 /// "con->recv"), and on a message whose length is not its `msg_size` ("len == sysmsg->msg_size"), a

@@ -1,6 +1,6 @@
 /// What system messages look like on the wire: the types that have a meaning, and access to the fields by
-/// their offsets from the start of the message. All fields are little-endian, whatever the machine;
-/// nothing is aligned.
+/// their offsets from the start of the message. All fields are little-endian on every machine and
+/// unaligned.
 #pragma once
 
 #include <stdint.h>

@@ -1,13 +1,12 @@
-/// Dumps for whoever looks at the console: folders, files, processes. Nothing here changes anything; all
-/// of it is printed with qel_print.
+/// Dumps of folders, files and processes on the console, printed with qel_print. They change nothing.
 #pragma once
 
 /// Prints "PATH:", then " NAME (SIZE)" or " NAME (can't stat)" for each entry in directory order, "." and
 /// ".." included, all on one line. A folder that cannot be opened has no entries.
 void qel_dump_folder(const char *path);
 
-/// Prints the file's lines between dashed frames that carry its path. A file that cannot be opened
-/// leaves the frames with nothing between.
+/// Prints the file's lines between dashed frames that carry its path. For a file that cannot be
+/// opened, the frames are empty.
 void qel_dump_file(const char *path);
 
 /// Dumps the status file of every process in /proc.

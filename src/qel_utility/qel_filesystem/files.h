@@ -1,7 +1,7 @@
 /// Files and folders: strict, thin wrappers around the C library's calls and what is built on them.
 ///
-/// The path operations check in this order, unless said otherwise: a null path stops the program, then
-/// one that is not absolute (paths.h); the two line numbers stand in brackets.
+/// Unless noted otherwise, the path operations first stop the program on a null path, then on one that is
+/// not absolute (paths.h); brackets give the two line numbers.
 #pragma once
 
 #include <dirent.h>
@@ -10,8 +10,9 @@
 
 // ---- Keep-alive hook ----
 
-/// Called before each qel_mkdir, qel_unlink and qel_rmdir, once at the start of qel_copy_file and after
-/// every block that it reads (the last, empty one included). Null at start; the loader sets none.
+/// Called before each qel_mkdir, qel_unlink and qel_rmdir, once at the start of qel_copy_file, and after
+/// every block that qel_copy_file reads (including the last, empty one). Null unless set; the loader does
+/// not set it.
 extern void (*qel_fs_hook)(void);
 void qel_set_fs_hook(void (*hook)(void));
 
@@ -46,16 +47,16 @@ int find_file_no_case(const char *folder, const char *search_name, char *result_
 int qel_mkdir(const char *path);
 
 /// Makes the folder and every missing parent. An existing entry of any type counts as made, even a plain
-/// file. The text is changed during the call and restored: it must be writable. [901, 902]
+/// file. The text must be writable: it is changed during the call and restored. [901, 902]
 /// Returns 1; 0 after printing "couldn't create folder: PREFIX" when a mkdir fails.
 int qel_create_folder_and_parents(char *folder);
 
-/// The same for the folder that `path` lies in. [951, 952]
-/// A path directly under the root stops the program at 902: its parent text is empty, and callers pass
+/// The same for the folder of `path`. [951, 952]
+/// A path directly under the root stops the program at 902, because its parent text is empty; callers pass
 /// deeper paths.
 int qel_create_parent_folder_and_parents(char *path);
 
-/// chmod with mode 0777. Returns its result. No path check, here and in the next two.
+/// Calls chmod with mode 0777 and returns its result. The path is not checked, here and in the next two.
 int qel_chmod_all(const char *path);
 
 /// Makes the file (the folder) writable for all, then removes it. Returns the removal's result, errno
@@ -66,8 +67,8 @@ int qel_rmdir(const char *path);
 // ---- Copying and block transfer ----
 
 /// Copies the file `src` to `dst` (destination first) in 4096-byte pieces and leaves `dst` with mode
-/// 0777. Prints "copy: SRC -> DST" before anything is checked. No type is tested: a device node is a
-/// valid destination, and an existing file is overwritten even when it was write-protected.
+/// 0777. Prints "copy: SRC -> DST" before any check. File types are not checked: a device node is a valid
+/// destination, and an existing file is overwritten even if it is write-protected.
 /// Stops when `src` (583) or `dst` (584) is not absolute.
 /// Returns 1 when copied; 0 when a file cannot be opened or a write falls short, and then the partial
 /// `dst` stays. A read error counts as the end of the file.
@@ -80,18 +81,18 @@ unsigned qel_write_block(const void *buf, unsigned count, FILE *file);
 
 // ---- Sizes ----
 
-/// Adds the sizes of everything below `path`, itself and folders included, to `*size`, which the caller
-/// starts. With a `threshold` other than 0 it stops as soon as the sum exceeds it. Links are followed,
-/// and a cycle of links is not guarded against; what cannot be stat'ed or opened is left out. Each path
-/// of the walk is checked like the first. [644, 645]; a null `size` stops (646).
-/// Returns 1 when completed, 0 when stopped at the threshold.
+/// Adds the sizes of `path` and everything below it, folders included, to `*size`, which the caller
+/// initialises. With a `threshold` other than 0 it ends as soon as the sum exceeds it. Links are followed,
+/// without a guard against cycles; entries that cannot be stat'ed or opened are left out. Each path of the
+/// walk is checked like the first. [644, 645]; a null `size` stops (646).
+/// Returns 1 when completed, 0 when ended by the threshold.
 int qel_get_folder_size_with_threshold(const char *path, int64_t threshold, int64_t *size);
 
 /// Returns the size in bytes of `path` and everything below it.
 int64_t qel_get_folder_size(const char *path);
 
 /// Measures the file system that holds, or would hold, `path`: the nearest existing parent is taken.
-/// `free_bytes` gets what an ordinary user may still fill, `total_bytes` the size; either may be null.
+/// `free_bytes` gets the space left for an ordinary user, `total_bytes` the size; either may be null.
 /// Stops when the path is not absolute (784) or statfs fails (814).
 void qel_get_disk_space(const char *path, int64_t *free_bytes, int64_t *total_bytes);
 
@@ -111,6 +112,5 @@ int qel_set_current_dir(const char *path);
 // ---- Stopwatch ----
 
 /// Returns the microseconds since the first call, which itself gets 0, on a cycle of 600 seconds: across
-/// the turn of the cycle the difference wraps to a huge value. Callers measure short spans and live
-/// with both.
+/// the end of a cycle the difference wraps to a huge value. Callers measure short spans and tolerate both.
 uint32_t qel_elapsed_usec(void);

@@ -1,5 +1,5 @@
-/// What several files of this unit check alike. Internal to qel_filesystem: macros and declarations
-/// only, so that a check reports the function in which it stands.
+/// Checks shared by several files of this unit, internal to qel_filesystem. They are macros, so a check
+/// reports the function that contains it.
 #pragma once
 
 #include "qel_utility/qel_filesystem/paths.h"
@@ -14,7 +14,7 @@
             QEL_FATAL_ERROR_AT(line, "Path is not absolute: \"%s\"\n", path);                                \
     } while (0)
 
-/// Stops the program with a fatal error at `line` unless `path` is valid; null is not.
+/// Stops the program with a fatal error at `line` unless `path` is valid and not null.
 #define QEL_REQUIRE_VALID_AT(line, path)                                                                     \
     do {                                                                                                     \
         if (!qel_path_is_valid(path))                                                                        \
@@ -29,7 +29,7 @@ enum {
 /// Writes `folder`/`name` into `path`, cut at `size` bytes with the NUL.
 void _qel_join_path(char *path, int size, const char *folder, const char *name);
 
-/// Returns the part of `path` after its last slash, the whole of it when there is none.
+/// Returns the part of `path` after its last slash, or all of it without a slash.
 const char *_qel_base_name(const char *path);
 
 /// Returns 1 when `text` begins with `prefix`, else 0.
@@ -38,7 +38,7 @@ int _qel_begins_with(const char *text, const char *prefix);
 /// Returns the next entry of `dir` other than "." and "..", null at the end.
 const struct dirent *_qel_next_entry(DIR *dir);
 
-/// Makes the folder; one that exists is fine, any other failure stops the program at `line`.
+/// Makes the folder unless it exists; any other failure stops the program at `line`.
 void _qel_mkdir_if_missing(const char *path, int line);
 
 /// Stops the program at `line` with the text of a failed comparison of errno with EEXIST.

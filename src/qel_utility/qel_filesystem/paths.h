@@ -1,4 +1,4 @@
-/// Path rules and composition. No state, and nothing here touches a disk.
+/// Path rules and composition. It has no state and does not touch a disk.
 ///
 /// A path is a NUL-terminated byte string with "/" as separator. It comes in two flavours: 0 is Unix
 /// ("/" is the root), 1 is the DOS form that Windows programs use ("C:/" and "//" are roots). The
@@ -6,13 +6,13 @@
 ///
 /// A path is valid when every byte after the root prefix is printable ASCII other than \ : * ? " < > |
 /// or a byte of 128 and more, when it does not end in a slash (unless it is the root), and when no two
-/// slashes stand together. It is absolute when it is valid and begins with a root prefix.
+/// slashes are adjacent. It is absolute when it is valid and begins with a root prefix.
 #pragma once
 
 // ---- Tests ----
 
 /// Returns the length of the root prefix: 1 for "/" in flavour 0; 3 for "C:/" and 2 for "//" in
-/// flavour 1; 0 when there is none. A null path has none in flavour 0 and stops in flavour 1 (117).
+/// flavour 1; 0 without one. A null path gives 0 in flavour 0 and stops in flavour 1 (117).
 int _qel_path_root_len(const char *s, int flavour);
 
 /// Returns 1 when the whole path is a root prefix, else 0. Null as for _qel_path_root_len.
@@ -22,7 +22,7 @@ int qel_unix_path_is_root_dir(const char *path);
 int qel_path_is_root_dir(const char *path); ///< the one that the library uses: "/" alone
 
 /// Returns 1 when the path is valid, else 0; null and empty are invalid. Relative paths can be valid;
-/// "." and ".." components are not looked at, and there is no limit to the length.
+/// "." and ".." components get no special treatment, and the length is unlimited.
 int _qel_path_is_valid(const char *path, int flavour);
 int qel_path_is_valid(const char *path); ///< flavour 0
 
@@ -35,11 +35,11 @@ int qel_path_is_absolute(const char *s); ///< the one that the library uses: fla
 
 // ---- Changes in place ----
 
-/// Makes an acceptable path of a foreign one, in this order: backslashes become slashes; one trailing
-/// slash goes (unless the path is "/"); runs of slashes shrink to one ("//" at the very start); the
-/// letter before a ":" in second place becomes upper case. Null stops the program (264).
-/// Deliberate: the trailing slash goes before runs shrink, and the DOS root is not spared, so that
-/// "/a//" becomes "/a/" and "c:\" becomes "C:". Both are part of the contract.
+/// Turns a foreign path into an acceptable one, in this order: backslashes become slashes; one trailing
+/// slash is removed (unless the path is "/"); runs of slashes shrink to one ("//" at the very start); the
+/// letter before a ":" in second position becomes upper case. Null stops the program (264).
+/// Deliberate: the trailing slash is removed before runs shrink, even from the DOS root, so "/a//" becomes
+/// "/a/" and "c:\" becomes "C:". Both are part of the contract.
 void qel_path_normalize(char *path);
 
 /// Normalises, then requires a path that is valid in either flavour, else the program stops (299).
@@ -51,7 +51,7 @@ int qel_path_normalize_strict(char *path);
 void qel_path_to_dos(char *path);
 
 /// Makes a file name that every file system of the machine accepts: whitespace normalised, every
-/// character that may not stand in a path and every slash replaced by "_". Null stops (103).
+/// slash and every character that a path may not have replaced by "_". Null stops (103).
 void qel_filename_make_valid(char *filename);
 
 // ---- Composers ----
@@ -60,13 +60,13 @@ void qel_filename_make_valid(char *filename);
 // program with "Path is not valid" or "Path is not absolute" at the line given. Where the result is
 // int, it is that of the last bounded format, as snprintf gives it; longer text is cut.
 
-/// Writes the folder that `path` lies in: "/a/b" gives "/a", "/a" gives "/", "a/b" gives "a".
+/// Writes the folder of `path`: "/a/b" gives "/a", "/a" gives "/", "a/b" gives "a".
 /// Stops when the path is not valid (1128), the buffer is null (1129), the path is the root (1131), it
 /// has no slash (1134), or the buffer is smaller than the result with its slash and NUL (1137).
 void qel_parent_dir(const char *path, char *parent_dir, int parent_dir_size);
 
-/// Cuts one trailing slash off, in place, then requires a valid path (1072), which "/" is not any more.
-/// Null stops (1064). The path must contain a slash: that is not tested. Returns 1.
+/// Cuts one trailing slash off, in place, then requires a valid path (1072); "/" no longer is one.
+/// Null stops (1064). The path must contain a slash: that is not checked. Returns 1.
 int qel_strip_trailing_slash(char *path);
 
 /// Writes `parent`/`child`; `child` may have several components. Stops when `parent` is not absolute

@@ -2,8 +2,8 @@
 ///
 /// Programs are started with fork and execve, never through a shell, with a full path, an explicit
 /// argument list (null-terminated, the path first) and an explicit environment (null for none). Their
-/// standard input is one end of a local socket pair; everything else that is open they inherit. A child
-/// whose program cannot be started parks like any stopped program, and its parent waits for it for ever.
+/// standard input is one end of a local socket pair; they inherit every other open descriptor. A child
+/// whose program cannot be started parks like any stopped program, and its parent waits for it forever.
 #pragma once
 
 /// Runs Windows programs.
@@ -19,24 +19,23 @@ extern const char *const qel_loader_env[];
 void qel_exec_wait_checked(const char *path, const char *const argv[], const char *const envp[],
                            const char *input_text);
 
-/// The same (1686, 1694, 1696, 1702), but how the child ended is not judged.
+/// The same (1686, 1694, 1696, 1702), but ignores how the child ended.
 /// Deliberate: "exit CODE: PATH" is printed only when the wait itself fails, and then shows the exit
-/// code of a status word that nobody filled. A child that fails prints nothing.
+/// code of a status word that was never set. A child that fails prints nothing.
 void qel_exec_wait(const char *path, const char *const argv[], const char *const envp[],
                    const char *input_text);
 
 /// Runs a program under Wine with `arg_count` further arguments and no input, and returns the output of
 /// its first write: exactly one read of at most 10239 bytes is made, the rest is lost. Waits for the end.
-/// Deliberate: the read has no other end than output, so a program that prints nothing blocks the caller
-/// for ever.
+/// Deliberate: only output ends the read, so a program that prints nothing blocks the caller forever.
 /// Stops when a socket pair (1731, 1734), the exec, in the child (1744) or the fork (1746) fails, and if
-/// a read ever gave more than it was asked for (1762).
+/// a read ever returned more than requested (1762).
 /// Returns a static buffer, NUL-terminated, that the next call overwrites.
 const char *qel_wine_exec_capture(const char *program, const char *const args[], int arg_count);
 
-/// Makes `target` a symbolic link with the content `name`, in place of an older link or file; a folder
-/// stays. Prints "NAME -> TARGET"; on a failure "symlink error : ..." for the errors it knows, then
+/// Makes `target` a symbolic link with the content `name`, replacing an older link or file; a folder
+/// stays. Prints "NAME -> TARGET"; on a failure, "symlink error : ..." for the errors it knows, then
 /// "error code : N".
 /// Stops when `name` is null (1852) or empty (1853), `target` null (1854) or empty (1855), or the link
-/// cannot be made for another reason than that a folder is in its place (1892). Returns 1.
+/// cannot be made for any other reason than a folder in its place (1892). Returns 1.
 int qel_symlink(const char *name, const char *target);
