@@ -47,8 +47,8 @@ def rows(contest):
     median, unit = statistics.median(product["samples"]), contest["unit"]
     limit = contest.get("limit")
     if limit is not None or not peers:
-        yield (contest["name"], f"{number(median)} {unit}", "", "", "", "", f"at most {number(limit)} {unit}",
-               median <= limit, "")
+        yield (contest["name"], f"{number(median)} {unit}", "", "", "", "",
+               "" if limit is None else f"at most {number(limit)} {unit}", limit is None or median <= limit, "")
     for peer in peers:
         low, middle, high = ratios(contest, peer)
         goal = peer.get("ratio_max")
