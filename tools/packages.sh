@@ -17,8 +17,7 @@ declare -A packages=(
     [tests]="make git minizip zip wine64 tshark pkgconf mandoc tmux"
     [style]="clang clang-format clang-tidy git pyflakes3 shellcheck codespell libbenchmark-dev libboost-dev"
     [release]="dpkg-dev lintian mmdebstrap bash-completion"
-    [bench]="make libbenchmark-dev libboost-dev busybox-static tini runit s6 rsync strace e2fsprogs dosfstools
-        findutils"
+    [bench]="make libbenchmark-dev libboost-dev busybox-static tini rsync strace findutils tshark"
 )
 
 need_packages() {

@@ -1,32 +1,35 @@
-// Files and trees: the product's library as a command beside the usual commands and the least that could be
-// done.
+// Files and trees: the product's library as a command, compared with the usual commands and the least that
+// could be done.
 
 #include "contests.h"
-#include "process.h"
-#include "trees.h"
+
+#include "../places.h"
+#include "../process.h"
+#include "../trees.h"
 
 #include <filesystem>
 
 namespace fs = std::filesystem;
 
-using Command = std::vector<std::string>;
+namespace
+{
 
 // ---- Copying one file ----
 
-static constexpr size_t large_file_bytes = 64 << 20;
+constexpr size_t large_file_bytes = 64 << 20;
 
-static double time_copy(const Command &command)
+double time_copy(const Command &command)
 {
-    if (!fs::exists(scratch("tmpfs/large")))
-        make_file(scratch("tmpfs/large"), large_file_bytes);
+    if (!fs::exists(scratch("large")))
+        make_file(scratch("large"), large_file_bytes);
     const double seconds = time_command(command);
-    fs::remove(scratch("tmpfs/copy"));
+    fs::remove(scratch("copy"));
     return seconds * 1e3;
 }
 
-static Contest copy_contest()
+Contest copy_contest()
 {
-    const std::string from = scratch("tmpfs/large"), to = scratch("tmpfs/copy");
+    const std::string from = scratch("large"), to = scratch("copy");
     const auto copies = [](const Command &command) { return [command] { return time_copy(command); }; };
     return {"copy a file of 64 MiB",
             "ms",
@@ -37,29 +40,28 @@ static Contest copy_contest()
 
 // ---- System calls ----
 
-/// How often a command makes one of the calls, in strace's words; it must not fail.
-static double calls_of(const Command &command, const std::string &calls)
+/// How often a command, which must not fail, makes one of the calls, named as strace does.
+double calls_of(const Command &command, const std::string &calls)
 {
     const std::string log = scratch("calls");
     Command traced = {"strace", "-f", "-o", log, "-e", "trace=" + calls, "-e", "signal=none"};
     traced.insert(traced.end(), command.begin(), command.end());
-    run_command(traced);
-    // The last line tells of the end.
+    time_command(traced);
+    // The last line reports the end.
     return static_cast<double>(lines_of(log).size()) - 1;
 }
 
-static double memory_calls_of_copy()
+double memory_calls_of_copy()
 {
-    make_file(scratch("tmpfs/small"), 100000);
-    return calls_of({subject("bench_library"), "copy", scratch("tmpfs/small"), scratch("tmpfs/copy")},
-                    "brk,mmap,mremap");
+    make_file(scratch("small"), 100000);
+    return calls_of({subject("bench_library"), "copy", scratch("small"), scratch("copy")}, "brk,mmap,mremap");
 }
 
 /// Of a removal of 1,000 files; unlike its time, the same however busy the computer is.
-static Contender removal_calls(const std::string &name, const Command &command, double ratio_max)
+Contender removal_calls(const std::string &name, const Command &command, std::optional<double> ratio_max = {})
 {
     const auto measure = [command] {
-        const std::string path = scratch("tmpfs/tree");
+        const std::string path = scratch("tree");
         make_tree(path, 10, 100);
         Command full = command;
         full.push_back(path);
@@ -68,15 +70,16 @@ static Contender removal_calls(const std::string &name, const Command &command, 
     return {name, measure, ratio_max};
 }
 
-static Contest removal_calls_contest()
+Contest removal_calls_contest()
 {
     return {"system calls to remove 10 x 100 files",
             "calls",
-            {removal_calls("product", {subject("bench_library"), "remove"}, 0),
+            {removal_calls("product", {subject("bench_library"), "remove"}),
              removal_calls("minimal loop, same calls", {subject("bench_minimal"), "remove"}, 1.03),
-             removal_calls("rm -rf", {"rm", "-rf"}, 0)},
-            0,
-            once};
+             removal_calls("rm -rf", {"rm", "-rf"})},
+            {},
+            1,
+            true};
 }
 
 // ---- Removing trees ----
@@ -86,17 +89,15 @@ struct Tree {
     void (*make)(const std::string &path);
 };
 
-static const Tree trees[] = {
+const Tree trees[] = {
     {"100 x 100 files", [](const std::string &path) { make_tree(path, 100, 100); }},
     {"10,000 files in one folder", [](const std::string &path) { make_tree(path, 0, 10000); }},
     {"a Wine prefix", make_wine_prefix},
 };
 
-static double time_removal(const std::string &type, const Tree &tree, const Command &command)
+double time_removal(const Tree &tree, const Command &command)
 {
-    if (type == "ext4")
-        need_ext4();
-    const std::string path = scratch(type + "/tree");
+    const std::string path = scratch("tree");
     tree.make(path);
     settle(path);
     Command full = command;
@@ -104,51 +105,51 @@ static double time_removal(const std::string &type, const Tree &tree, const Comm
     return time_command(full) * 1e3;
 }
 
-static void add_removals(std::vector<Contest> &contests, const std::string &type, double rm_ratio_max)
+void add_removals(std::vector<Contest> &contests)
 {
     for (const Tree &tree : trees) {
-        const auto removes = [type, tree](const Command &command) {
-            return [type, tree, command] { return time_removal(type, tree, command); };
+        const auto removes = [tree](const Command &command) {
+            return [tree, command] { return time_removal(tree, command); };
         };
         contests.push_back(
-            {"remove " + tree.name + ", " + (type == "ext4" ? "ext4 in memory" : type),
+            {"remove " + tree.name,
              "ms",
              {{"product", removes({subject("bench_library"), "remove"})},
               {"minimal loop, same calls", removes({subject("bench_minimal"), "remove"}), 1.03},
-              {"rm -rf", removes({"rm", "-rf"}), rm_ratio_max, "no chmod, no batches of 20"}}});
+              {"rm -rf", removes({"rm", "-rf"}), 1.4, "no chmod, no batches of 20"}}});
     }
 }
 
-static Contest growth_contest()
+Contest growth_contest()
 {
     const auto time_a_file = [](int files) {
         return [files] {
-            const std::string path = scratch("tmpfs/tree");
+            const std::string path = scratch("tree");
             make_tree(path, 0, files);
             return time_command({subject("bench_library"), "remove", path}) / files * 1e6;
         };
     };
-    return {"remove a file of 100,000 in one folder, tmpfs",
+    return {"remove a file of 100,000 in one folder",
             "us",
             {{"product", time_a_file(100000)}, {"product, of 10,000", time_a_file(10000), 1.2}},
-            0,
+            {},
             3};
 }
 
 // ---- Copying trees ----
 
-static double time_tree_copy(const Command &command)
+double time_tree_copy(const Command &command)
 {
-    if (!fs::exists(scratch("tmpfs/source")))
-        make_tree(scratch("tmpfs/source"), 100, 100);
+    if (!fs::exists(scratch("source")))
+        make_tree(scratch("source"), 100, 100);
     const double seconds = time_command(command);
-    run_command({"rm", "-rf", scratch("tmpfs/target")});
+    time_command({"rm", "-rf", scratch("target")});
     return seconds * 1e3;
 }
 
-static Contest tree_copy_contest()
+Contest tree_copy_contest()
 {
-    const std::string from = scratch("tmpfs/source"), to = scratch("tmpfs/target");
+    const std::string from = scratch("source"), to = scratch("target");
     const auto copies = [](const Command &command) { return [command] { return time_tree_copy(command); }; };
     return {"copy a tree of 10,000 small files",
             "ms",
@@ -160,9 +161,9 @@ static Contest tree_copy_contest()
 
 // ---- Searching ----
 
-static double time_search(const Command &command)
+double time_search(const Command &command)
 {
-    const std::string tree = scratch("tmpfs/searched");
+    const std::string tree = scratch("searched");
     if (!fs::exists(tree)) {
         make_tree(tree, 100, 100);
         make_file(tree + "/folder_7/qel_application_1", 1);
@@ -171,9 +172,9 @@ static double time_search(const Command &command)
     return time_command(command) * 1e3;
 }
 
-static Contest search_contest()
+Contest search_contest()
 {
-    const std::string tree = scratch("tmpfs/searched"), prefix = "qel_application_";
+    const std::string tree = scratch("searched"), prefix = "qel_application_";
     const auto searches = [](const Command &command) { return [command] { return time_search(command); }; };
     return {"search 10,000 entries by prefix",
             "ms",
@@ -184,18 +185,18 @@ static Contest search_contest()
 
 // ---- Nothing ----
 
-static std::function<double()> starts(const Command &command)
+std::function<double()> starts(const Command &command)
 {
     return [command] {
-        fs::create_directories(scratch("tmpfs/empty"));
+        fs::create_directories(scratch("empty"));
         return time_command(command) * 1e3;
     };
 }
 
 /// What a process costs before it works: it is in every other figure of a command.
-static Contest start_of_commands_contest()
+Contest start_of_commands_contest()
 {
-    const std::string empty = scratch("tmpfs/empty"), target = scratch("tmpfs/empty_too");
+    const std::string empty = scratch("empty"), target = scratch("empty_too");
     return {"an empty job, for what the start of a command costs",
             "ms",
             {{"product", starts({subject("bench_library"), "remove", empty})},
@@ -208,15 +209,16 @@ static Contest start_of_commands_contest()
              {"busybox find", starts({"busybox", "find", empty})}}};
 }
 
+} // namespace
+
 void add_file_contests(std::vector<Contest> &contests)
 {
     contests.push_back(start_of_commands_contest());
     contests.push_back(copy_contest());
     contests.push_back(
-        {"calls for memory while copying a file", "calls", {{"product", memory_calls_of_copy}}, -1, once});
+        {"calls for memory while copying a file", "calls", {{"product", memory_calls_of_copy}}, 0, 1, true});
     contests.push_back(removal_calls_contest());
-    add_removals(contests, "tmpfs", 1.4);
-    add_removals(contests, "ext4", 0);
+    add_removals(contests);
     contests.push_back(growth_contest());
     contests.push_back(tree_copy_contest());
     contests.push_back(search_contest());
