@@ -4,6 +4,8 @@
 #include "places.h"
 #include "start_up_calls.h"
 
+#include "common/version.h"
+
 #include <CLI/CLI.hpp>
 #include <sys/resource.h>
 
@@ -36,7 +38,7 @@ std::vector<Contest> chosen_contests(const std::string &choice, int rounds, bool
 int main(int argc, char **argv)
 {
     CLI::App app("Measures all contenders in turns and writes every sample to a file. Needs root.");
-    app.set_version_flag("--version", BENCH_VERSION);
+    app.set_version_flag("--version", version_line("qel_bench"));
     int rounds = 21;
     bool calls = false, limits = false;
     std::string choice = ".", results, machine = "{}";
