@@ -1,43 +1,40 @@
 // Starting and watching processes.
 
 #include "process.h"
-#include "trees.h"
+
+#include "common/child.h"
+#include "common/clock.h"
+#include "common/files.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <spawn.h>
-#include <stdio.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
 
-static constexpr int beat_descriptor = 9, go_descriptor = 10;
-static constexpr int patience_ms = 20000;
+namespace
+{
 
-[[noreturn]] static void give_up(const std::string &what)
+constexpr int beat_descriptor = 9, go_descriptor = 10;
+constexpr int patience_ms = 20000;
+
+[[noreturn]] void give_up(const std::string &what)
 {
     throw std::runtime_error(what + ": " + strerror(errno));
 }
 
-double now()
-{
-    struct timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
-
-static std::vector<char *> pointers(const std::vector<std::string> &texts)
+std::vector<char *> pointers(const std::vector<std::string> &texts)
 {
     std::vector<char *> result;
     for (const std::string &text : texts)
@@ -46,37 +43,21 @@ static std::vector<char *> pointers(const std::vector<std::string> &texts)
     return result;
 }
 
+} // namespace
+
 // ---- Commands ----
 
-double time_command(const std::vector<std::string> &command)
+double time_command(const Command &command)
 {
-    const std::vector<char *> arguments = pointers(command);
-    const std::string messages = scratch("messages");
-    posix_spawn_file_actions_t streams;
-    posix_spawn_file_actions_init(&streams);
-    posix_spawn_file_actions_addopen(&streams, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&streams, 2, messages.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const double start = now();
-    pid_t pid;
-    const int error = posix_spawnp(&pid, arguments[0], &streams, nullptr, arguments.data(), environ);
-    posix_spawn_file_actions_destroy(&streams);
-    if (error)
-        throw std::runtime_error(command[0] + " does not start: " + strerror(error));
-    int status;
-    waitpid(pid, &status, 0);
-    const double end = now();
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        std::string all = command[0] + " failed:";
-        for (const std::string &line : lines_of(messages))
-            all += "\n" + line;
-        throw std::runtime_error(all);
-    }
+    const Descriptor nowhere = {open("/dev/null", O_WRONLY | O_CLOEXEC)},
+                     messages = {memfd_create("messages", MFD_CLOEXEC)};
+    const double start = seconds_now();
+    const int status =
+        wait_for_child(start_child({.words = command, .output = nowhere.number, .errors = messages.number}));
+    const double end = seconds_now();
+    if (status != 0)
+        throw std::runtime_error(command[0] + " failed: " + read_file(path_of(messages)));
     return end - start;
-}
-
-void run_command(const std::vector<std::string> &command)
-{
-    time_command(command);
 }
 
 std::vector<std::string> lines_of(const std::string &path)
@@ -90,30 +71,19 @@ std::vector<std::string> lines_of(const std::string &path)
     return lines;
 }
 
-std::vector<std::string> libraries_of(const std::string &program)
-{
-    std::vector<std::string> libraries;
-    FILE *list = popen(("ldd " + program + " 2>/dev/null").c_str(), "r");
-    char word[1000];
-    while (list && fscanf(list, "%999s", word) == 1) {
-        if (word[0] == '/')
-            libraries.push_back(word);
-    }
-    if (list)
-        pclose(list);
-    return libraries;
-}
-
 // ---- Process 1 ----
 
+namespace
+{
+
 /// In the child. Nothing here allocates.
-[[noreturn]] static void become(const char *root, char *const *arguments, int go, int beats)
+[[noreturn]] void become(const char *root, char *const *arguments, int go, int beats)
 {
     static char *const environment[] = {const_cast<char *>("PATH=/bin"), nullptr};
     const int null = open("/dev/null", O_RDWR);
-    for (int stream = 0; stream <= 2; stream++)
+    for (int stream = 0; stream <= 2; ++stream)
         dup2(null, stream);
-    // Out of each other's way first.
+    // Move both clear of the target numbers.
     const int beat_copy = fcntl(beats, F_DUPFD, go_descriptor + 1);
     dup3(fcntl(go, F_DUPFD, go_descriptor + 1), go_descriptor, O_CLOEXEC);
     dup2(beat_copy, beat_descriptor);
@@ -132,7 +102,9 @@ std::vector<std::string> libraries_of(const std::string &program)
     _exit(99);
 }
 
-FirstProcess::FirstProcess(const std::string &root, const std::vector<std::string> &command)
+} // namespace
+
+FirstProcess::FirstProcess(const std::string &root, const Command &command)
 {
     const std::vector<char *> arguments = pointers(command);
     int go_ends[2], beat_ends[2];
@@ -176,8 +148,11 @@ void FirstProcess::await_beats(size_t count) const
     }
 }
 
+namespace
+{
+
 /// A number in a file of /proc/PID, behind "key:".
-static long number_in(pid_t pid, const std::string &name, const std::string &key)
+long number_in(pid_t pid, const std::string &name, const std::string &key)
 {
     std::ifstream file("/proc/" + std::to_string(pid) + "/" + name);
     long number = 0;
@@ -187,6 +162,8 @@ static long number_in(pid_t pid, const std::string &name, const std::string &key
     }
     return number;
 }
+
+} // namespace
 
 long FirstProcess::status(const std::string &key) const
 {

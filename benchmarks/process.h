@@ -1,5 +1,5 @@
-/// Whole processes: commands that are timed from start to end, and programs that are process 1 of namespaces
-/// of their own. What fails is thrown as std::runtime_error.
+// Whole processes: commands that are timed from start to end, and programs that are process 1 of namespaces
+// of their own. What fails is thrown as std::runtime_error.
 #pragma once
 
 #include <sys/types.h>
@@ -7,30 +7,20 @@
 #include <string>
 #include <vector>
 
-/// Seconds of a clock that is never set.
-double now();
+using Command = std::vector<std::string>;
 
-/// Runs a command, found in PATH, whose output goes nowhere. Returns its seconds; throws what it said on
+/// Runs a command, found in PATH, whose output goes nowhere. Returns its seconds; throws what it wrote to
 /// standard error unless it ends with 0.
-double time_command(const std::vector<std::string> &command);
-
-/// The same for a command whose time is of no interest.
-void run_command(const std::vector<std::string> &command);
-
-/// The paths of the shared libraries that a program needs; none for a static one.
-std::vector<std::string> libraries_of(const std::string &program);
+double time_command(const Command &command);
 
 /// The lines of a file, without their ends.
 std::vector<std::string> lines_of(const std::string &path);
 
-/// Process 1 of new mount and process namespaces, with `root` as its root, descriptor 9 as the way to tell
-/// (beats), and nothing on its console. Like a cabinet, it and all that it starts have one processor. It
-/// waits for go() before it becomes the program.
-class FirstProcess
-{
-  public:
-    FirstProcess(const std::string &root, const std::vector<std::string> &command);
-    /// Ends it with all it started.
+/// Process 1 of new mount and process namespaces, with `root` as its root, descriptor 9 as the way to send
+/// beats, and nothing on its console. Like a cabinet, it and all that it starts have one processor. It waits
+/// for go() before it becomes the program. Destroying it ends it with all it started.
+struct FirstProcess {
+    FirstProcess(const std::string &root, const Command &command);
     ~FirstProcess();
     FirstProcess(const FirstProcess &) = delete;
     FirstProcess &operator=(const FirstProcess &) = delete;
@@ -44,8 +34,6 @@ class FirstProcess
     double peak_memory_kb() const;
 
     pid_t pid;
-
-  private:
     int go_pipe;
     int beat_pipe;
 };

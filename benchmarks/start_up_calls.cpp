@@ -2,10 +2,12 @@
 // call, and what libc adds for itself, by number.
 
 #include "start_up_calls.h"
-#include "contests.h"
+
+#include "places.h"
 #include "process.h"
 #include "root.h"
-#include "trees.h"
+
+#include "common/child.h"
 
 #include <signal.h>
 #include <stdio.h>
@@ -17,20 +19,19 @@
 #include <regex>
 #include <stdexcept>
 
+namespace
+{
+
 /// Memory for streams and open folders, the mark that a folder is not inherited, the place of a stream that
 /// is closed before its end, the signals that fork holds back, and the start of every program.
-static const std::regex
+const std::regex
     of_libc("(brk|mmap|munmap|lseek|fcntl|rt_sigprocmask|arch_prctl|set_tid_address|ioctl)\\(.*");
 
 /// Lets strace write what process 1 does until its application runs.
-static void trace(const FirstProcess &process, const std::string &log)
+void trace(const FirstProcess &process, const std::string &log)
 {
-    const pid_t tracer = fork();
-    if (tracer == 0) {
-        execlp("strace", "strace", "-q", "-s", "200", "-o", log.c_str(), "-p",
-               std::to_string(process.pid).c_str(), nullptr);
-        _exit(1);
-    }
+    const pid_t tracer =
+        start_child({.words = {"strace", "-q", "-s", "200", "-o", log, "-p", std::to_string(process.pid)}});
     while (process.status("TracerPid") != tracer) {
         if (waitpid(tracer, nullptr, WNOHANG) != 0)
             throw std::runtime_error("strace cannot follow process 1");
@@ -40,11 +41,11 @@ static void trace(const FirstProcess &process, const std::string &log)
     process.await_beats(1);
     usleep(100000);
     kill(tracer, SIGTERM);
-    waitpid(tracer, nullptr, 0);
+    wait_for_child(tracer);
 }
 
 /// What a call is and does, without addresses, sizes of buffers, results, and what is in a record.
-static std::string essence(const std::string &line)
+std::string essence(const std::string &line)
 {
     std::string text = std::regex_replace(line, std::regex("0x[0-9a-f]{5,}"), "...");
     text = std::regex_replace(text, std::regex("(\\[)?\\{.*\\}(\\], 2)?"), "...");
@@ -52,7 +53,7 @@ static std::string essence(const std::string &line)
     return std::regex_replace(text, std::regex(" += (-1 )?([A-Z0-9]+).*"), " = $2");
 }
 
-static std::vector<std::string> start_up_calls()
+std::vector<std::string> start_up_calls()
 {
     const Root root;
     equip(root);
@@ -70,7 +71,7 @@ static std::vector<std::string> start_up_calls()
             continue;
         std::smatch parts;
         if (std::regex_match(line, parts, of_libc))
-            own[parts[1]]++;
+            ++own[parts[1]];
         else
             calls.push_back(essence(line));
         forks += line.rfind("fork(", 0) == 0 || line.rfind("clone(", 0) == 0;
@@ -81,6 +82,8 @@ static std::vector<std::string> start_up_calls()
         calls.push_back("libc: " + std::to_string(count) + " x " + name);
     return calls;
 }
+
+} // namespace
 
 int print_start_up_calls(const std::string &expected_path)
 {

@@ -1,14 +1,10 @@
 // Trees, made with plain calls: they are made anew for every measurement.
 
 #include "trees.h"
-#include "contest.h"
-#include "process.h"
 
 #include <errno.h>
 #include <fcntl.h>
-#include <sched.h>
 #include <string.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,46 +13,17 @@
 
 namespace fs = std::filesystem;
 
-static constexpr size_t small_file_bytes = 1000;
-static constexpr const char *scratch_root = "/tmp/qel_bench";
+namespace
+{
 
-static void require(int is_fine, const std::string &what)
+constexpr size_t small_file_bytes = 1000;
+void require(bool is_fine, const std::string &what)
 {
     if (!is_fine)
         throw std::runtime_error(what + ": " + strerror(errno));
 }
 
-// ---- File systems ----
-
-std::string scratch(const std::string &name)
-{
-    return std::string(scratch_root) + "/" + name;
-}
-
-void make_scratch()
-{
-    require(unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0,
-            "no mount namespace (the benchmarks need root)");
-    fs::create_directories(scratch_root);
-    require(mount("tmpfs", scratch_root, "tmpfs", 0, "mode=0755,nr_inodes=0") == 0, scratch_root);
-    fs::create_directories(scratch("tmpfs"));
-}
-
-void need_ext4()
-{
-    if (fs::exists(scratch("ext4")))
-        return;
-    const std::string image = scratch("ext4.image");
-    make_file(image, 0);
-    require(truncate(image.c_str(), 512 << 20) == 0, image);
-    try {
-        run_command({"mkfs.ext4", "-q", "-N", "150000", image});
-        fs::create_directories(scratch("ext4"));
-        run_command({"mount", "-t", "ext4", "-o", "loop", image, scratch("ext4")});
-    } catch (const std::runtime_error &reason) {
-        throw Unavailable(reason.what());
-    }
-}
+} // namespace
 
 void settle(const std::string &path)
 {
@@ -64,8 +31,6 @@ void settle(const std::string &path)
     syncfs(file);
     close(file);
 }
-
-// ---- Trees ----
 
 void make_file(const std::string &path, size_t bytes)
 {
@@ -80,12 +45,17 @@ void make_file(const std::string &path, size_t bytes)
     close(file);
 }
 
-static void make_files(const std::string &folder, const std::string &name, int count, size_t bytes)
+namespace
+{
+
+void make_files(const std::string &folder, const std::string &name, int count, size_t bytes)
 {
     require(mkdir(folder.c_str(), 0755) == 0 || errno == EEXIST, folder);
-    for (int i = 0; i < count; i++)
+    for (int i = 0; i < count; ++i)
         make_file(folder + "/" + name + std::to_string(i), bytes);
 }
+
+} // namespace
 
 void make_tree(const std::string &path, int folders, int files)
 {
@@ -93,7 +63,7 @@ void make_tree(const std::string &path, int folders, int files)
         make_files(path, "file_", files, small_file_bytes);
     else
         require(mkdir(path.c_str(), 0755) == 0, path);
-    for (int i = 0; i < folders; i++)
+    for (int i = 0; i < folders; ++i)
         make_files(path + "/folder_" + std::to_string(i), "file_", files, small_file_bytes);
 }
 
@@ -110,7 +80,7 @@ void make_wine_prefix(const std::string &path)
     make_files(windows + "/system32/drivers", "driver_", 30, 1500);
     make_files(windows + "/Fonts", "font_", 40, 60000);
     make_files(windows + "/inf", "device_", 10, 5000);
-    for (int i = 0; i < 60; i++)
+    for (int i = 0; i < 60; ++i)
         make_files(windows + "/assembly_" + std::to_string(i), "part_", 5, 3000);
     fs::create_directories(users + "/Local Settings/Application Data/Microsoft");
     make_files(users + "/Temp", "temporary_", 17, 200);

@@ -1,17 +1,7 @@
-/// Trees of files to be removed, copied and searched, and file systems to have them on.
+// Trees of files to be removed, copied and searched.
 #pragma once
 
 #include <string>
-
-/// Where the benchmarks keep what they make: a tmpfs in a mount namespace of this process's own, gone with
-/// it.
-void make_scratch();
-/// A path in there.
-std::string scratch(const std::string &name);
-
-/// Makes an ext4 in a file of the scratch space and mounts it as scratch("ext4"), once. Throws
-/// Unavailable where that cannot be done.
-void need_ext4();
 
 /// Makes `folders` folders with `files` files of 1000 bytes each; with 0 folders the files are in the top
 /// one.

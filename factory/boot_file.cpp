@@ -3,8 +3,9 @@
 
 #include "boot_file.h"
 
-#include "cabinet/images.h"
-#include "cabinet/tools.h"
+#include "common/child.h"
+#include "common/files.h"
+#include "images/ram_disk.h"
 
 #include <filesystem>
 #include <sstream>
@@ -13,14 +14,6 @@ namespace fs = std::filesystem;
 
 namespace
 {
-
-std::string as_text(const std::vector<std::string> &lines)
-{
-    std::string text;
-    for (const std::string &line : lines)
-        text += line + "\n";
-    return text;
-}
 
 /// Changes whenever the kernel or a file of the RAM disk does.
 std::string key_of(const Parts &parts, const std::vector<std::string> &list)
@@ -39,26 +32,26 @@ std::string key_of(const Parts &parts, const std::vector<std::string> &list)
 }
 
 /// Links the kernel with the RAM disk inside.
-void make_boot_file(const std::string &output, const std::vector<std::string> &list)
+void make_boot_file(const std::string &output, const Parts &parts, const std::vector<std::string> &list)
 {
     ScratchFolder scratch;
-    write_file(scratch.path + "/list", as_text(list));
-    run_tool({FACTORY_SOURCE_FOLDER "/machine/kernel/build.sh", "embed", scratch.path + "/list", output});
+    write_list(scratch.path + "/list", list);
+    run_tool({parts.source_folder + "/machine/kernel/build.sh", "embed", scratch.path + "/list", output});
 }
 
 } // namespace
 
 std::string usual_boot_file(const Parts &parts)
 {
-    std::string file = FACTORY_BUILD_FOLDER "/vmlinux-" + parts.target;
+    std::string file = parts.build_folder + "/factory/vmlinux-" + parts.target;
     std::vector<std::string> list = ram_disk_list(parts);
-    make_unless_same(file, key_of(parts, list), [&] { make_boot_file(file, list); });
+    make_unless_same(file, key_of(parts, list), [&] { make_boot_file(file, parts, list); });
     return file;
 }
 
 std::string usual_storage(const Parts &parts)
 {
-    std::string folder = FACTORY_BUILD_FOLDER "/storage";
+    std::string folder = parts.build_folder + "/factory/storage";
     fs::create_directories(folder);
     fs::copy_file(parts.sample_application,
                   folder + "/" + fs::path(parts.sample_application).filename().string(),

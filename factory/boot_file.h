@@ -2,7 +2,7 @@
 // inside and starts from a stick or a disk alone, and a storage folder.
 #pragma once
 
-#include "cabinet/parts.h"
+#include "images/parts.h"
 
 #include <string>
 

@@ -4,10 +4,10 @@
 
 #include "disk_check.h"
 
-#include "disk_reader.h"
-
-#include "cabinet/images.h"
-#include "cabinet/tools.h"
+#include "common/child.h"
+#include "common/files.h"
+#include "images/layout.h"
+#include "images/partitions.h"
 
 #include <stdlib.h>
 #include <string.h>
@@ -22,19 +22,16 @@ namespace fs = std::filesystem;
 namespace
 {
 
-const char *const configuration = "DEFAULT vmlinux root=/dev/ram0 usb-storage.delay_use=1\n";
-const char *const application_prefix = "qel_application_";
+const std::string configuration = std::string(boot_line) + "\n";
 const size_t boot_program_bytes = 440;
-const unsigned long cramfs_magic = 0x28cd3d45;
-const size_t cramfs_size_at = 4, cramfs_head_bytes = 76;
-const size_t kernel_mark_at = 0x202;
+const size_t cramfs_head_bytes = 76;
 
 /// A check under way.
 struct Work {
     const DiskCheck &check;
     DiskReader disk;
     ScratchFolder scratch;
-    std::array<TableEntry, 4> table = {};
+    std::array<Partition, 4> table = {};
     std::vector<Finding> findings;
 
     explicit Work(const DiskCheck &what) : check(what), disk(what.disk) {}
@@ -50,11 +47,10 @@ void fault(Work &work, const std::string &text)
     work.findings.push_back({false, text});
 }
 
-std::string megabytes(unsigned long long sectors)
+std::string megabytes(unsigned long long bytes)
 {
     char text[32];
-    snprintf(text, sizeof text, "%.4g MB",
-             static_cast<double>(sectors) * sector_bytes / static_cast<double>(mebibyte));
+    snprintf(text, sizeof text, "%.4g MB", static_cast<double>(bytes) / static_cast<double>(mebibyte));
     return text;
 }
 
@@ -99,40 +95,27 @@ bool check_boot_record(Work &work)
     return true;
 }
 
-struct Layout {
-    unsigned type;
-    bool active;
-    unsigned long long sectors; ///< 0: the rest of the disk
-};
-
-const Layout layout[] = {
-    {0x04, true, boot_partition_bytes / sector_bytes},
-    {0x83, false, system_image_bytes_max / sector_bytes},
-    {0x06, false, 0},
-};
-
 /// Every way in which an entry of the table differs from the layout.
 std::vector<std::string> faults_of(const Work &work, size_t index)
 {
-    const TableEntry &entry = work.table[index];
-    const Layout &wanted = layout[index];
+    const Partition &entry = work.table[index];
+    const PartitionLayout &wanted = internal_disk_layout[index];
     std::vector<std::string> faults;
     if (entry.type == 0)
-        return {"none"};
+        return {"does not exist"};
     if (entry.type != wanted.type)
         faults.push_back("type " + hexadecimal(entry.type) + " instead of " + hexadecimal(wanted.type));
     if (entry.active != wanted.active)
         faults.push_back(wanted.active ? "not active" : "active");
-    if (wanted.sectors != 0 && entry.size != wanted.sectors)
-        faults.push_back(megabytes(entry.size) + " instead of " + megabytes(wanted.sectors));
-    if (index > 0 && entry.start != work.table[index - 1].start + work.table[index - 1].size)
-        faults.push_back("not right behind partition " + std::to_string(index));
-    unsigned long long end = (entry.start + entry.size) * sector_bytes;
+    if (wanted.size != 0 && entry.size != wanted.size)
+        faults.push_back(megabytes(entry.size) + " instead of " + megabytes(wanted.size));
+    if (index > 0 && entry.offset != work.table[index - 1].offset + work.table[index - 1].size)
+        faults.push_back("does not directly follow partition " + std::to_string(index));
+    unsigned long long end = entry.offset + entry.size;
     if (end > work.disk.size)
-        faults.push_back("ends behind the end of the disk");
-    else if (wanted.sectors == 0 && work.disk.size - end >= mebibyte)
-        faults.push_back("leaves " + megabytes((work.disk.size - end) / sector_bytes) +
-                         " of the disk unused");
+        faults.push_back("extends past the end of the disk");
+    else if (wanted.size == 0 && work.disk.size - end >= mebibyte)
+        faults.push_back("leaves " + megabytes(work.disk.size - end) + " of the disk unused");
     return faults;
 }
 
@@ -140,18 +123,18 @@ std::vector<std::string> faults_of(const Work &work, size_t index)
 bool check_partition_table(Work &work)
 {
     bool right = true;
-    for (size_t i = 0; i < std::size(layout); ++i) {
+    for (size_t i = 0; i < std::size(internal_disk_layout); ++i) {
         std::string where = "partition " + std::to_string(i + 1) + ": ";
         std::vector<std::string> faults = faults_of(work, i);
         for (const std::string &text : faults)
             fault(work, where + text);
         if (faults.empty())
-            good(work, where + megabytes(work.table[i].size) + ", type " + hexadecimal(layout[i].type) +
-                           (layout[i].active ? ", active" : ""));
+            good(work, where + megabytes(work.table[i].size) + ", type " + hexadecimal(work.table[i].type) +
+                           (work.table[i].active ? ", active" : ""));
         right = right && faults.empty();
     }
     if (work.table[3].type != 0)
-        fault(work, "partition 4: there must be none");
+        fault(work, "partition 4: must not exist");
     return right;
 }
 
@@ -160,9 +143,9 @@ bool check_partition_table(Work &work)
 /// Copies a partition out and has its file system checked; its file, or nothing when it is not sound.
 std::string check_file_system(Work &work, const std::string &where, size_t index)
 {
-    const TableEntry &entry = work.table[index];
+    const Partition &partition = work.table[index];
     std::string copy = work.scratch.path + "/partition" + std::to_string(index + 1);
-    copy_piece(work.disk, entry.start * sector_bytes, entry.size * sector_bytes, copy);
+    copy_piece(work.disk, partition.offset, partition.size, copy);
     try {
         run_tool({"fsck.fat", "-n", copy});
     } catch (const std::runtime_error &error) {
@@ -220,7 +203,7 @@ void check_boot_loader(Work &work, const std::string &partition)
     std::string loader = boot_file(work, partition, "ldlinux.sys");
     if (loader.empty() || (needs_second_file(loader) && boot_file(work, partition, "ldlinux.c32").empty()))
         return;
-    if (read_bytes(work.disk, work.table[0].start * sector_bytes, sector_bytes).substr(3, 8) != "SYSLINUX")
+    if (read_bytes(work.disk, work.table[0].offset, sector_bytes).substr(3, 8) != "SYSLINUX")
         fault(work, "boot partition: its first sector does not start ldlinux.sys; syslinux has not run");
     else
         good(work, "boot partition: the boot loader is installed");
@@ -233,7 +216,7 @@ void check_kernel(Work &work, const std::string &partition)
         return;
     std::string size = "vmlinux: " + std::to_string(kernel.size()) + " bytes";
     if (work.check.kernel.empty()) {
-        if (kernel.size() < kernel_mark_at + 4 || kernel.substr(kernel_mark_at, 4) != "HdrS")
+        if (kernel.size() < kernel_mark_at + 4 || kernel.substr(kernel_mark_at, 4) != kernel_mark)
             fault(work, size + ", but not a kernel that the boot loader can start");
         else
             good(work, size + ", a kernel (to compare it, name the original: --kernel)");
@@ -250,7 +233,7 @@ void check_configuration(Work &work, const std::string &partition)
     if (found == configuration)
         good(work, "syslinux.cfg: its 55 bytes");
     else if (!found.empty())
-        fault(work, "syslinux.cfg: not the 55 bytes of: " + std::string(configuration, 54));
+        fault(work, "syslinux.cfg: not the 55 bytes of: " + std::string(boot_line));
 }
 
 void check_boot_partition(Work &work)
@@ -287,7 +270,7 @@ void check_system_checksum(Work &work, unsigned long long offset)
 
 void check_system_image(Work &work)
 {
-    unsigned long long offset = work.table[1].start * sector_bytes;
+    unsigned long long offset = work.table[1].offset;
     const std::string &original = work.check.system_image;
     if (original.empty())
         return check_system_checksum(work, offset);

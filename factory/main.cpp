@@ -1,14 +1,12 @@
 // qel-factory, the tool of the production line: makes what a cabinet is made from, and checks what became
 // of it. Here are its commands and options; the work is done in the files beside this one.
 
-#include "boot_file.h"
-#include "disk_check.h"
-#include "stick.h"
-#include "try_install.h"
-
-#include "cabinet/images.h"
-#include "cabinet/tools.h"
-#include "target_option.h"
+#include "common/version.h"
+#include "factory/boot_file.h"
+#include "factory/disk_check.h"
+#include "factory/stick.h"
+#include "factory/try_install.h"
+#include "images/system_image.h"
 
 #include <CLI/CLI.hpp>
 
@@ -125,11 +123,18 @@ int try_it(Options &options)
 
 // ---- Options ----
 
+void add_target(CLI::App &command, Options &options)
+{
+    command.add_option("--target", options.target, "take the loader that is built for this machine")
+        ->check(CLI::IsMember(targets))
+        ->capture_default_str();
+}
+
 void add_delivery(CLI::App &command, Options &options)
 {
     command.add_option("--kernel", options.delivery.kernel,
                        "boot file, kernel and RAM disk in one; without it that of this source tree");
-    add_target(command, options.target);
+    add_target(command, options);
     command.add_option("--system-image", options.delivery.system_image,
                        "cramfs for /usr; without it that of this source tree");
     command.add_option("--storage", options.delivery.storage,
@@ -166,7 +171,7 @@ void add_commands(CLI::App &app, Options &options)
     CLI::App *kernel =
         app.add_subcommand("make-kernel", "make the boot file \"vmlinux\" of this source tree");
     add_output(*kernel, options, "file");
-    add_target(*kernel, options.target);
+    add_target(*kernel, options);
 
     CLI::App *system = app.add_subcommand("make-system-image", "make the system image \"qel_usr.cramfs\"");
     add_output(*system, options, "file");
@@ -213,6 +218,7 @@ int main(int argc, char **argv)
     Options options;
     CLI::App app("Makes factory sticks for cabinets and checks the disks that were installed from them.",
                  "qel-factory");
+    app.set_version_flag("--version", version_line("qel-factory"));
     app.require_subcommand(1);
     add_commands(app, options);
     try {

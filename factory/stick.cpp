@@ -3,10 +3,10 @@
 
 #include "stick.h"
 
-#include "disk_reader.h"
-
-#include "cabinet/images.h"
-#include "cabinet/tools.h"
+#include "common/child.h"
+#include "common/files.h"
+#include "images/disks.h"
+#include "images/partitions.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -17,9 +17,6 @@ namespace fs = std::filesystem;
 namespace
 {
 
-const char *const boot_line = "DEFAULT vmlinux root=/dev/ram0 usb-storage.delay_use=1";
-const char *const application_prefix = "qel_application_";
-const unsigned long cramfs_magic = 0x28cd3d45;
 const unsigned long long stick_slack_bytes = 8 * mebibyte; ///< boot loader, tables, and room for changes
 
 [[noreturn]] void refuse(const std::string &text)
@@ -60,7 +57,7 @@ void check_kernel(const Delivery &delivery)
 {
     require_file(delivery.kernel, "name the boot file with --kernel; qel-factory make-kernel makes one");
     DiskReader file(delivery.kernel);
-    if (read_bytes(file, 0x202, 4) != "HdrS")
+    if (read_bytes(file, kernel_mark_at, 4) != kernel_mark)
         refuse(delivery.kernel +
                ": not a kernel that the boot loader can start; --kernel wants the boot file "
                "(bzImage) with the RAM disk inside, as qel-factory make-kernel makes it");

@@ -2,7 +2,7 @@
 // itself. Before it is written, everything that would go wrong at the line is tried out here.
 #pragma once
 
-#include "cabinet/images.h"
+#include "images/layout.h"
 
 #include <functional>
 #include <string>

@@ -3,12 +3,13 @@
 
 #include "try_install.h"
 
-#include "disk_check.h"
-
-#include "cabinet/cabinet.h"
-#include "cabinet/images.h"
-#include "interrupt.h"
-#include "view.h"
+#include "common/child.h"
+#include "common/interrupt.h"
+#include "factory/disk_check.h"
+#include "images/disks.h"
+#include "images/partitions.h"
+#include "machine/drive/cabinet.h"
+#include "machine/view/view.h"
 
 #include <stdio.h>
 

@@ -2,7 +2,7 @@
 // starts from its own disk.
 #pragma once
 
-#include "stick.h"
+#include "factory/stick.h"
 
 /// Shows each stage; makes a stick of the delivery first when `stick` is empty. True when the disk passed
 /// the checker and its application ran from it.

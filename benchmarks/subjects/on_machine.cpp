@@ -5,6 +5,7 @@
 //
 // and "bench|end" when it has done as many rounds as the file "rounds" on the stick says.
 
+#include "places.h"
 #include "process.h"
 #include "trees.h"
 
@@ -16,7 +17,10 @@
 #include <filesystem>
 #include <stdexcept>
 
-static const std::string stick = "/disk/sda1", tree = "/storage/tree";
+namespace
+{
+
+const std::string stick = "/disk/sda1", tree = "/storage/tree";
 
 struct Tree {
     const char *name;
@@ -24,7 +28,7 @@ struct Tree {
 };
 
 /// Smaller than elsewhere: a folder of FAT is a list, and this processor is emulated.
-static const Tree trees[] = {
+const Tree trees[] = {
     {"10 x 100 files", [](const std::string &path) { make_tree(path, 10, 100); }},
     {"1,000 files in one folder", [](const std::string &path) { make_tree(path, 0, 1000); }},
     {"a Wine prefix", make_wine_prefix},
@@ -35,16 +39,16 @@ struct Remover {
     std::vector<std::string> command;
 };
 
-static const Remover removers[] = {
+const Remover removers[] = {
     {"product", {stick + "/library", "remove", tree}},
     {"minimal", {stick + "/minimal", "remove", tree}},
     {"rm", {"/bin/busybox", "rm", "-rf", tree}},
 };
 
-static void run_round(int round)
+void run_round(int round)
 {
     for (const Tree &kind : trees) {
-        for (int i = 0; i < 3; i++) {
+        for (int i = 0; i < 3; ++i) {
             const Remover &remover = removers[(round + i) % 3];
             kind.make(tree);
             sync();
@@ -54,6 +58,8 @@ static void run_round(int round)
     }
 }
 
+} // namespace
+
 int main()
 {
     try {
@@ -61,7 +67,7 @@ int main()
         if (mount(nullptr, "/storage", nullptr, MS_REMOUNT, nullptr))
             throw std::runtime_error("/storage cannot be written");
         const int rounds = std::stoi(lines_of(stick + "/rounds").at(0));
-        for (int round = 0; round < rounds; round++)
+        for (int round = 0; round < rounds; ++round)
             run_round(round);
         puts("bench|end");
     } catch (const std::exception &error) {

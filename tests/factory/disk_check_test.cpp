@@ -155,20 +155,20 @@ TEST_F(DiskChecker, FindsWrongPartitionSizes)
 {
     patch_table(2, 12, little_endian(57344 - 1024));
     EXPECT_THAT(faults(), ElementsAre("partition 2: 27.5 MB instead of 28 MB",
-                                      "partition 3: not right behind partition 2"));
+                                      "partition 3: does not directly follow partition 2"));
 }
 
 TEST_F(DiskChecker, FindsAMissingAndASuperfluousPartition)
 {
     patch(disk, 446 + 32, std::string(16, '\0'));
     patch_table(4, 4, "\x83");
-    EXPECT_THAT(faults(), ElementsAre("partition 3: none", "partition 4: there must be none"));
+    EXPECT_THAT(faults(), ElementsAre("partition 3: does not exist", "partition 4: must not exist"));
 }
 
 TEST_F(DiskChecker, FindsADiskThatIsShorterThanItsPartitions)
 {
     fs::resize_file(disk, 47 * mebibyte);
-    EXPECT_THAT(faults(), ElementsAre("partition 3: ends behind the end of the disk"));
+    EXPECT_THAT(faults(), ElementsAre("partition 3: extends past the end of the disk"));
 }
 
 TEST_F(DiskChecker, FindsAStorageThatLeavesADiskUnused)

@@ -1,11 +1,14 @@
 // The production line of the tests: a small delivery made for each test, and what becomes of it.
 #pragma once
 
-#include "disk_check.h"
-#include "stick.h"
+#include "factory/disk_check.h"
+#include "factory/stick.h"
 
-#include "cabinet/images.h"
-#include "cabinet/tools.h"
+#include "common/child.h"
+#include "common/files.h"
+#include "images/disks.h"
+#include "images/partitions.h"
+#include "images/system_image.h"
 
 #include <gtest/gtest.h>
 

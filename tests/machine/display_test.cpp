@@ -1,19 +1,11 @@
-// The board's display: the picture that the graphics commands draw, the picture of all that it shows, and
-// qel-bitmap, which makes such pictures.
+// The board's display: the picture that the graphics commands draw, and the picture of all that it shows.
 
 #include "machine_test.h"
 
-#include "cabinet/lcd.h"
-
-#include <gmock/gmock.h>
-#include <png.h>
-
-#include <algorithm>
+#include "machine/drive/lcd.h"
 
 namespace
 {
-
-using testing::HasSubstr;
 
 /// Bytes 0, 17 and 1023 are not 0: dots 0 and 1 of row 0, dot 15 of row 1, and the last dot of all.
 std::string three_bytes_image()
@@ -52,24 +44,6 @@ std::string row_of(const LcdDots &dots, unsigned row, unsigned from, unsigned co
     for (unsigned column = from; column < from + columns; ++column)
         text += dots[row][column] ? '#' : '.';
     return text;
-}
-
-/// Runs qel-bitmap; what it prints, and then its exit status.
-std::string qel_bitmap(const std::string &words, const ScratchFolder &folder)
-{
-    return run_tool(
-        {"sh", "-c", "cd \"$0\" && \"$1\" " + words + "; echo status $?", folder.path, MACHINE_TEST_BITMAP});
-}
-
-/// Writes a PNG file of gray pixels with an alpha channel: two bytes a pixel.
-void write_gray(const std::string &path, unsigned width, unsigned height, const std::string &pixels)
-{
-    png_image image = {};
-    image.version = PNG_IMAGE_VERSION;
-    image.width = width;
-    image.height = height;
-    image.format = PNG_FORMAT_GA;
-    ASSERT_TRUE(png_image_write_to_file(&image, path.c_str(), 0, pixels.data(), 0, nullptr));
 }
 
 } // namespace
@@ -116,12 +90,13 @@ TEST(DisplayPicture, HasTheGraphicsInTheMiddleAndTheTextOverIt)
     set_dot(board.picture, 127, 63, true);
     board.lcd[0] = "L";
     LcdDots dots = lcd_dots(board);
-    // The letter's stem, and its foot on the base line; the picture begins 8 dots from the left.
+    // The picture begins 8 dots from the left; the letter is a stem and a foot.
     EXPECT_EQ(row_of(dots, 0, 0, 10), "........#.");
-    for (unsigned row = 5; row <= 10; ++row)
+    EXPECT_EQ(row_of(dots, 3, 0, 6), "......");
+    for (unsigned row = 4; row <= 9; ++row)
         EXPECT_EQ(row_of(dots, row, 0, 6), "#.....") << row;
-    EXPECT_EQ(row_of(dots, 11, 0, 6), "#####.");
-    EXPECT_EQ(row_of(dots, 12, 0, 6), "......");
+    EXPECT_EQ(row_of(dots, 10, 0, 6), "#####.");
+    EXPECT_EQ(row_of(dots, 11, 0, 6), "......");
     EXPECT_EQ(row_of(dots, 63, 134, 10), ".#........");
 }
 
@@ -139,70 +114,4 @@ TEST(DisplayPicture, ShowsDotsAsDarkSquares)
     EXPECT_EQ(pixel(17, 12), 0xb2); // the dot beside it
     EXPECT_EQ(pixel(0, 0), 0xa8);   // the rim
     EXPECT_EQ(pixel(743, 343), 0xa8);
-}
-
-// ---- qel-bitmap ----
-
-TEST(BitmapTool, UnpacksWhatItPacked)
-{
-    ScratchFolder folder;
-    write_file(folder.path + "/image", three_bytes_image());
-    EXPECT_EQ(qel_bitmap("unpack image image.png", folder), "status 0\n");
-    EXPECT_EQ(qel_bitmap("pack image.png again", folder), "status 0\n");
-    EXPECT_EQ(read_file(folder.path + "/again"), three_bytes_image());
-    EXPECT_EQ(qel_bitmap("pack --c-array some_name image.png image.h", folder), "status 0\n");
-    EXPECT_EQ(qel_bitmap("unpack image.h from_c.png", folder), "status 0\n");
-    EXPECT_EQ(read_file(folder.path + "/from_c.png"), read_file(folder.path + "/image.png"));
-}
-
-TEST(BitmapTool, TakesDarkPixelsThatAreNotTransparent)
-{
-    ScratchFolder folder;
-    std::string white(2 * 128 * 64, '\xff'), pixels = white;
-    pixels[0] = '\x00';           // black
-    pixels[2 * 9] = '\x10';       // dark
-    pixels[2 * 128 * 2] = '\x20'; // dark, but transparent:
-    pixels[2 * 128 * 2 + 1] = '\x00';
-    write_gray(folder.path + "/picture.png", 128, 64, pixels);
-    std::string expected(1024, '\0'), inverted(1024, '\xff');
-    expected[0] = '\x01';
-    expected[1] = '\x02';
-    inverted[0] = '\xfe';
-    inverted[1] = '\xfd';
-    EXPECT_EQ(qel_bitmap("pack picture.png image", folder), "status 0\n");
-    EXPECT_EQ(read_file(folder.path + "/image"), expected);
-    EXPECT_EQ(qel_bitmap("pack --invert picture.png image", folder), "status 0\n");
-    EXPECT_EQ(read_file(folder.path + "/image"), inverted);
-}
-
-TEST(BitmapTool, WritesACArrayWithARowInEachLine)
-{
-    ScratchFolder folder;
-    write_file(folder.path + "/image", three_bytes_image());
-    qel_bitmap("unpack image image.png && \"$1\" pack --c-array logo image.png logo.h", folder);
-    std::string text = read_file(folder.path + "/logo.h");
-    EXPECT_TRUE(text.starts_with("const unsigned char logo[1024] = {\n"
-                                 "    0x03, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,"
-                                 " 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,\n"
-                                 "    0x00, 0x80, 0x00,"))
-        << text;
-    EXPECT_TRUE(text.ends_with(" 0x00, 0x80,\n};\n")) << text;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 66);
-}
-
-TEST(BitmapTool, RefusesWhatIsNoPictureOrImage)
-{
-    ScratchFolder folder;
-    write_gray(folder.path + "/small.png", 2, 1, "\xff\xff\xff\xff");
-    write_file(folder.path + "/text", "no picture\n");
-    write_file(folder.path + "/short.h", "const unsigned char a[1024] = { 0x01, 0x02 };\n");
-    EXPECT_EQ(qel_bitmap("pack small.png image 2>&1", folder),
-              "error: small.png is 2 by 1 pixels; make it 128 by 64\nstatus 1\n");
-    EXPECT_THAT(qel_bitmap("pack text image 2>&1", folder), HasSubstr("error: text: "));
-    for (const std::string name : {"text", "short.h"})
-        EXPECT_EQ(qel_bitmap("unpack " + name + " picture.png 2>&1", folder),
-                  "error: " + name + ": neither 1024 bytes nor a C array of 1024 bytes\nstatus 1\n");
-    EXPECT_THAT(qel_bitmap("pack --c-array 9x small.png image 2>&1", folder),
-                HasSubstr("9x is no name in C"));
-    EXPECT_THAT(qel_bitmap("2>&1", folder), HasSubstr("\nstatus 2\n"));
 }

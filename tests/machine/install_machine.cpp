@@ -2,8 +2,8 @@
 
 #include "install_machine.h"
 
-#include "boot_file.h"
-#include "disk_check.h"
+#include "factory/boot_file.h"
+#include "factory/disk_check.h"
 
 #include <algorithm>
 #include <filesystem>

@@ -3,7 +3,7 @@
 
 #include "machine_test.h"
 
-#include "stick.h"
+#include "factory/stick.h"
 
 /// A machine with a blank internal disk, told to install. Its tools are the real ones, behind scripts that
 /// say how they were called: a tool may end before anybody has seen its name from outside.

@@ -2,7 +2,7 @@
 
 #include "install_machine.h"
 
-#include "disk_check.h"
+#include "factory/disk_check.h"
 
 #include <gmock/gmock.h>
 

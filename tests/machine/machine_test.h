@@ -2,9 +2,14 @@
 // recorder (recorder.cpp) in the place of the X server.
 #pragma once
 
-#include "cabinet/cabinet.h"
-#include "cabinet/images.h"
-#include "cabinet/monitor.h"
+#include "common/child.h"
+#include "common/files.h"
+#include "images/disks.h"
+#include "images/partitions.h"
+#include "images/ram_disk.h"
+#include "images/system_image.h"
+#include "machine/drive/cabinet.h"
+#include "machine/drive/monitor.h"
 
 #include <gtest/gtest.h>
 

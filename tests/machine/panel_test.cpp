@@ -2,7 +2,7 @@
 
 #include "machine_test.h"
 
-#include "panel.h"
+#include "machine/view/panel.h"
 
 #include <gmock/gmock.h>
 

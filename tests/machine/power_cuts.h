@@ -4,7 +4,7 @@
 
 #include "install_machine.h"
 
-#include "cabinet/write_log.h"
+#include "machine/drive/write_log.h"
 
 #include <map>
 #include <random>

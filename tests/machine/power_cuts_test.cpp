@@ -3,7 +3,7 @@
 
 #include "power_cuts.h"
 
-#include "disk_check.h"
+#include "factory/disk_check.h"
 
 #include <gmock/gmock.h>
 

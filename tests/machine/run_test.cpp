@@ -2,7 +2,7 @@
 
 #include "machine_test.h"
 
-#include "cabinet/screen.h"
+#include "machine/drive/screen.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -11,7 +11,6 @@ namespace
 {
 
 const char *const run = MACHINE_TEST_RUN;
-const char *const run_update = MACHINE_TEST_RUN_UPDATE;
 
 /// Runs it and returns what it prints; `status` receives its exit status.
 std::string run_with(const std::vector<std::string> &options, int &status, const char *program = run)
@@ -160,9 +159,10 @@ TEST(Run, RefusesAnOptionItDoesNotKnow)
 
 TEST(Run, RefusesATargetItDoesNotKnowAndNamesThoseItDoes)
 {
-    for (const char *program : {run, run_update}) {
+    for (const std::vector<std::string> &words :
+         {std::vector<std::string>{"--target", "mips"}, {"update", "--target", "mips"}}) {
         int status = -1;
-        std::string output = run_with({"--target", "mips"}, status, program);
+        std::string output = run_with(words, status);
         EXPECT_EQ(status, 2);
         EXPECT_NE(output.find("mips not in {x86-64,i586}\n"), std::string::npos) << output;
     }
@@ -182,7 +182,7 @@ TEST_P(RunUpdateOfTarget, ShowsTheExchangeAndTheUpdaterAsProcess1)
     std::string recording = folder.path + "/link.pcapng";
     int status = -1;
     std::string output =
-        run_with({"--seconds", "4", "--record", recording, "--target", GetParam()}, status, run_update);
+        run_with({"update", "--seconds", "4", "--record", recording, "--target", GetParam()}, status);
     EXPECT_EQ(status, 0) << output;
     // In this order: the display's three texts, what the updater prints, and what process 1 then is.
     size_t at = 0;
@@ -201,7 +201,7 @@ TEST(RunUpdate, SendsTheUpdaterThatIsNamed)
     std::string updater = folder.path + "/updater", recording = folder.path + "/link.pcapng";
     write_file(updater, "#!/bin/sh\necho my own updater\nexec /bin/busybox sleep 1000\n");
     int status = -1;
-    std::string output = run_with({updater, "--record", recording, "--seconds", "2"}, status, run_update);
+    std::string output = run_with({"update", updater, "--record", recording, "--seconds", "2"}, status);
     EXPECT_EQ(status, 0) << output;
     EXPECT_NE(output.find("console  my own updater\n"), std::string::npos) << output;
     std::string trace = run_tool({MACHINE_TEST_HOST, "trace", recording, "--messages"});
@@ -211,6 +211,6 @@ TEST(RunUpdate, SendsTheUpdaterThatIsNamed)
 TEST(RunUpdate, RefusesAnUpdaterThatIsNotThere)
 {
     int status = -1;
-    std::string output = run_with({"/nonexistent"}, status, run_update);
+    std::string output = run_with({"update", "/nonexistent"}, status);
     EXPECT_EQ(status, 2) << output;
 }

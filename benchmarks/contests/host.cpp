@@ -1,0 +1,2 @@
+#include "contests.h"
+void add_host_contests(std::vector<Contest> &) {}

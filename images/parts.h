@@ -1,0 +1,26 @@
+// Where the pieces of a cabinet are that other builds make: the loader, the kernel and the programs that
+// run inside the machine.
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// The machines that the loader is built for; the first one, unless another is named.
+inline const std::vector<std::string> targets = {"x86-64", "i586"};
+
+struct Parts {
+    std::string target;        ///< one of `targets`
+    std::string source_folder; ///< the source tree
+    std::string build_folder;  ///< where CMake has built the programs that run inside the machine, and this one
+    std::string loader;        ///< the stripped static loader
+    std::string kernel_folder; ///< holds vmlinux, bzImage and gen_init_cpio (machine/kernel/build.sh)
+    std::string first_program; ///< /init of the RAM disk
+    std::string xfake;
+    std::string sample_application;
+    std::string installer_scripts; ///< folder of the scripts sfdisk, mkdosfs and syslinux
+    std::string work_folder;       ///< where images that can be used again are kept
+};
+
+/// The parts of this source tree, with the loader for `target`; QEL_LOADER in the environment names another
+/// loader. Throws std::runtime_error when one is missing, with the command that makes it.
+Parts find_parts(const std::string &target = targets.front());
