@@ -9,6 +9,7 @@ import pathlib
 import re
 import subprocess
 import tempfile
+import time
 import unittest
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
@@ -20,7 +21,8 @@ VERSION = (ROOT / "VERSION").read_text().strip()
 
 def run(*command, **options):
     """What the command printed; all of it is shown when it failed."""
-    result = subprocess.run([str(word) for word in command], capture_output=True, text=True, **options)
+    result = subprocess.run([str(word) for word in command], capture_output=True, text=True, timeout=300,
+                            **options)
     if result.returncode != 0:
         raise AssertionError(f"{command} ended with {result.returncode}:\n{result.stdout}{result.stderr}")
     return result.stdout
@@ -29,7 +31,7 @@ def run(*command, **options):
 def make_clean_system():
     if not SYSTEM.exists():
         print("making a clean system (once, half a minute) ...", flush=True)
-        new = SYSTEM.with_suffix(".new")
+        new = SYSTEM.with_name("clean-system-new.tar")
         sources = [path for path in SOURCES if pathlib.Path(path).exists()]
         run("mmdebstrap", "--variant=essential", "--format=tar", "--include=python3,libstdc++6", "bookworm", new, *sources)
         new.rename(SYSTEM)
@@ -96,10 +98,14 @@ class Packages(unittest.TestCase):
         self.assertTrue(any(flag.startswith(f"-L{self.system}") for flag in flags), flags)
         run("g++", "-std=c++20", "host_answers.cpp", "link.cpp", "-o", self.system / "host_answers", *flags,
             cwd=ROOT / "examples")
-        self.inside("sh", "-c", "/host_answers 'good morning' /tmp/link --listen & "
-                    "while [ ! -e /tmp/link ]; do sleep 0.1; done; "
-                    "qel-host query text --socket /tmp/link >/answer; kill $!")
-        self.assertEqual((self.system / "answer").read_text(), '"good morning"\n')
+        host = subprocess.Popen(["chroot", self.system, "/host_answers", "good morning", "/tmp/link", "--listen"],
+                                stdout=subprocess.DEVNULL)
+        self.addCleanup(host.wait)
+        self.addCleanup(host.kill)
+        while not (self.system / "tmp/link").exists():
+            self.assertIsNone(host.poll(), "the example has ended")
+            time.sleep(0.01)
+        self.assertEqual(self.inside("qel-host", "query", "text", "--socket", "/tmp/link"), '"good morning"\n')
 
     def test_removing_them_leaves_nothing(self):
         run("cp", "-a", self.system, f"{self.system}.purged")
