@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 usage() {
     cat <<'USAGE'
 usage: benchmarks/run.sh [--rounds N] [--only REGEX] [--results FILE]
-       benchmarks/run.sh --calls | --limits
+       benchmarks/run.sh --calls | --limits | --version
 
 Measures the loader, its library and qel-host in turns with their best peers, in one run, writes every sample to a
 file, and prints a table of medians and ratios. Needs root. Goals: docs/performance.md.
@@ -24,6 +24,7 @@ words=("$@") results=build/bench/results.json calls=0
 while [ $# -gt 0 ]; do
     case "$1" in
     --help) usage; exit 0 ;;
+    --version) exec tools/version.sh benchmarks/run.sh ;;
     --rounds | --only | --results)
         [ $# -ge 2 ] || { echo "error: $1 needs a value (benchmarks/run.sh --help)" >&2; exit 2; }
         [ "$1" != --results ] || results=$2

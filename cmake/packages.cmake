@@ -1,9 +1,10 @@
 # Debian packages: qel-host with qel-where and the dissector, libqel-dev with the libraries. The programs of the
 # factory and of the simulated cabinet need this source tree and are run from it.
 
+include(GNUInstallDirs)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "QEL loader")
-set(CPACK_PACKAGE_CONTACT "QEL loader maintainers <maintainers@lists.debian.org>")
+set(CPACK_PACKAGE_CONTACT "QEL loader maintainers <maintainers@qel-loader.example>")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL host development)
@@ -19,15 +20,16 @@ set(CPACK_DEBIAN_HOST_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_HOST_PACKAGE_DEPENDS python3)
 set(CPACK_DEBIAN_HOST_PACKAGE_SUGGESTS wireshark)
 set(CPACK_DEBIAN_HOST_DESCRIPTION "host's end of a QEL cabinet's link
- qel-host sends updaters, files and queries to a cabinet, answers its questions, and reads recordings of the
- link. qel-where explains a place at which the cabinet's loader has stopped. A dissector shows the link in
- Wireshark.")
+qel-host sends updaters, files and queries to a cabinet, answers its questions,
+and reads recordings of the link. qel-where explains a place at which the
+cabinet's loader has stopped. A dissector shows the link in Wireshark.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libqel-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "libraries for programs on QEL cabinets and on their hosts
- Static libraries with headers and pkg-config files: qel_utility has files, strings, the console and assertions,
- qel_tolbrin has the cabinet's board and its host link.")
+Static libraries with headers and pkg-config files: qel_utility has files,
+strings, the console and assertions, qel_tolbrin has the cabinet's board and
+its host link.")
 
 # What each package has to say of itself. cmake/compress_docs.cmake compresses it in the package.
 string(TIMESTAMP today "%a, %d %b %Y %H:%M:%S +0000" UTC)

@@ -1,6 +1,7 @@
 // qel-factory, the tool of the production line: makes what a cabinet is made from, and checks what became
 // of it. Here are its commands and options; the work is done in the files beside this one.
 
+#include "common/version.h"
 #include "factory/boot_file.h"
 #include "factory/disk_check.h"
 #include "factory/stick.h"
@@ -217,6 +218,7 @@ int main(int argc, char **argv)
     Options options;
     CLI::App app("Makes factory sticks for cabinets and checks the disks that were installed from them.",
                  "qel-factory");
+    app.set_version_flag("--version", version_line("qel-factory"));
     app.require_subcommand(1);
     add_commands(app, options);
     try {

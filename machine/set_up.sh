@@ -22,8 +22,6 @@ for word in "$@"; do
 done
 
 need_packages build product tools cabinet
-    libncurses-dev libfreetype-dev fonts-terminus-otb qemu-system-x86 busybox-static xvfb x11-xkb-utils xkb-data \
-    syslinux extlinux mtools dosfstools fdisk minizip zip util-linux
 [ ${#presets[@]} -gt 0 ] || exit 0
 
 mkdir -p build/machine

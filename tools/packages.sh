@@ -7,8 +7,7 @@ declare -A packages=(
     [build]="g++ cmake ninja-build"
     [product]="musl-tools binutils file python3"
     [i586]="g++-multilib ca-certificates"
-    [tools]="python3 libcli11-dev nlohmann-json3-dev libpng-dev libx11-dev libncurses-dev libfreetype-dev
-        fonts-terminus-otb"
+    [tools]="python3 libcli11-dev nlohmann-json3-dev libpng-dev libx11-dev libncurses-dev"
     [cabinet]="qemu-system-x86 busybox-static xvfb x11-xkb-utils xkb-data syslinux extlinux mtools dosfstools fdisk
         minizip zip util-linux"
     [kernel]="linux-source-6.1 gcc make patch flex bison libelf-dev libssl-dev bc cpio kmod xz-utils"
@@ -16,7 +15,7 @@ declare -A packages=(
     [gtest]="libgtest-dev libgmock-dev"
     [tests]="make git minizip zip wine64 tshark pkgconf mandoc tmux"
     [style]="clang clang-format clang-tidy git pyflakes3 shellcheck codespell libbenchmark-dev libboost-dev"
-    [release]="dpkg-dev lintian mmdebstrap bash-completion"
+    [release]="dpkg-dev lintian mmdebstrap"
     [bench]="make libbenchmark-dev libboost-dev busybox-static tini rsync strace findutils tshark"
 )
 

@@ -4,6 +4,7 @@
 
 #include "common/files.h"
 #include "common/interrupt.h"
+#include "common/version.h"
 #include "images/ram_disk.h"
 #include "machine/drive/lcd.h"
 
@@ -93,6 +94,7 @@ int main(int argc, char **argv)
     Options options;
     CLI::App app("", is_update ? "./run update" : "./run");
     app.formatter_fn([](const CLI::App *, const std::string &, CLI::AppFormatMode) { return usage; });
+    app.set_version_flag("--version", version_line("./run"));
     add_options(app, options, is_update);
     try {
         app.parse(argc - is_update, argv + is_update);
