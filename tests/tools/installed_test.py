@@ -178,8 +178,8 @@ class ManualPages(unittest.TestCase):
         for page, commands in self.PAGES.items():
             self.assertEqual(self.described_in(page), set().union(*map(self.options_of, commands)), page)
 
-    def test_the_script_run_has_exactly_the_commands_of_the_factory(self):
-        told = run([ROOT / "run", "--help"])
+    def test_the_script_run_has_all_commands_of_the_factory(self):
+        commands = re.findall(r"^  ([a-z][a-z-]+) ", run([ROOT / "run", "--help"]), re.M)
         factory = run([BUILD / "factory/qel-factory", "--help"]).split("Subcommands:")[1]
         commands = set(re.findall(r"^  ([a-z][a-z-]+) ", factory, re.M))
         self.assertIn("make-stick", commands)
