@@ -7,6 +7,10 @@
 
 #include <stdint.h>
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 /// Receives one packet as the driver framed it. The bytes are valid during the call only; the result is
 /// not looked at.
 typedef int qel_lpc_recv_function(void *context, const void *bytes, int len);
@@ -61,3 +65,7 @@ int qel_lpc_set_pacing(int on);
 
 /// Returns 1 when pacing is on, else 0. Mind that `qel_lpc_set_pacing` reports the opposite.
 int qel_lpc_get_pacing(void);
+
+#ifdef __cplusplus
+}
+#endif
