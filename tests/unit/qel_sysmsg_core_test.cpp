@@ -111,6 +111,18 @@ TEST_F(SysmsgNumbers, AreSpentByMessagesThatNobodyConfirms)
     EXPECT_EQ(peer.transmissions.back().at(8), 3);
 }
 
+TEST_F(SysmsgNumbers, DoNotStartAgainWhenThoseReceivedAreForgotten)
+{
+    if (!in_fresh_process())
+        return;
+    peer.confirms();
+    EXPECT_EQ(request(), 1);
+    qel_sysmsg_forget_sequence();
+    message = bytes_of(post_22);
+    EXPECT_EQ(request(), 1);
+    EXPECT_EQ(message.at(8), 3);
+}
+
 TEST_F(SysmsgNumbers, AreWrittenIntoTheMessageOfTheCaller)
 {
     peer.confirms();

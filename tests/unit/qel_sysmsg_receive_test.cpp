@@ -33,6 +33,22 @@ TEST_F(SysmsgReceive, ConfirmsASequencedMessageBeforeItHandsItOn)
     EXPECT_THAT(peer.handled, ElementsAre("16 00 00 00 0C 00 00 00 4D 99 99 99"));
 }
 
+TEST_F(SysmsgReceive, AcceptsAnyNumberAtFirst)
+{
+    if (!in_fresh_process())
+        return;
+    peer.receive(numbered(22, 1));
+    EXPECT_THAT(peer.handled, ElementsAre("16 00 00 00 0C 00 00 00 01 00 00 00"));
+}
+
+TEST_F(SysmsgReceive, StopsWithoutASendFunctionForItsConfirm)
+{
+    if (!in_fresh_process())
+        return;
+    peer.con.send = nullptr;
+    EXPECT_STOPS_ON("con->send", sysmsg_unit, peer.receive(numbered(22, 1)));
+}
+
 TEST_F(SysmsgReceive, ConfirmsARepeatEachTimeAndHandsItOnOnce)
 {
     peer.receive(numbered(22, 77));
