@@ -117,7 +117,7 @@ TEST_F(SysmsgReceive, StopsOnAMessageThatHasNoRoomForItsSize)
 {
     if (!in_fresh_process())
         return;
-    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B 00 00 00 05"));
+    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 05 00 00 00").data(), 5));
 }
 
 TEST_F(SysmsgReceive, StopsOnASingleByte)
@@ -174,4 +174,5 @@ TEST_F(SysmsgReceive, StopsOnAHandlerThatLetsAnotherMessageIn)
     peer.on_handle = [this](const Bytes &) { peer.con.poll(peer.con.poll_ctx); };
     peer.delivers(0, bytes_of("0B 00 00 00 08 00 00 00"));
     EXPECT_STOPS_ON("!reenter", sysmsg_unit, peer.receive("0C 00 00 00 08 00 00 00"));
+    EXPECT_STOPS_ON("!reenter", sysmsg_unit, qel_sysmsg_receive(nullptr, nullptr, 0)); // looked at first
 }

@@ -23,6 +23,8 @@ TEST_F(SysmsgConfirm, EndsTheSendAsSoonAsItArrives)
     peer.on_send = [this](int, const Bytes &sent) { peer.delivers(300, confirm_of(sent)); };
     EXPECT_EQ(request(), 1);
     EXPECT_EQ(peer.now_ms(), 300);
+    // The time is read before the first transmission, behind it, and after every poll.
+    EXPECT_EQ(peer.kernel.count("gettimeofday"), 2 + 300);
     EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: " + std::string(sent_post_22))));
     EXPECT_THAT(peer.handled, IsEmpty());
 }
@@ -211,6 +213,19 @@ TEST_F(SysmsgReply, MayComeInTheSamePollAsTheConfirm)
     peer.answers("1D 00 00 00 10 00 00 00 09 00 00 00 2A 00 00 00");
     EXPECT_EQ(query(), 1);
     EXPECT_EQ(peer.polls, 1);
+}
+
+TEST_F(SysmsgReply, IsAwaitedByAnyWaitButZeroWhileOthersMaySendUnsequencedMessages)
+{
+    peer.on_poll = [this] { qel_sysmsg_notify_11(&peer.con); };
+    peer.on_send = [this](int n, const Bytes &sent) {
+        if (n == 1) {
+            peer.delivers(10, confirm_of(sent));
+            peer.delivers(20, reply_29(9, 42));
+        }
+    };
+    EXPECT_EQ(qel_sysmsg_send_sequenced(&peer.con, message.data(), -2, 29, reply, sizeof reply), 1);
+    EXPECT_EQ(reply[12], 42);
 }
 
 TEST_F(SysmsgReply, MayBeUnsequenced)

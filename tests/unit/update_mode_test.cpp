@@ -152,6 +152,11 @@ TEST_F(UpdateMode, WiresTransportLinkAndMessagesTogether)
     kernel.on_calloc = [&](size_t count, size_t size) { return made.emplace_back(real_calloc(count, size)); };
     qel_run_update_mode();
     ASSERT_EQ(made.size(), 3U);
+    std::vector<std::string> calls = kernel.calls("calloc open");
+    for (std::string &call : calls)
+        call = call.substr(0, call.find_first_of(" 0123456789"));
+    calls.resize(5);
+    EXPECT_THAT(calls, ElementsAre("calloc", "open", "calloc", "calloc", "open"));
     const auto *lpc = static_cast<qel_lpc *>(made[0]);
     const auto *comms = static_cast<qel_comms *>(made[1]);
     const auto *con = static_cast<qel_sysmsg_con *>(made[2]);
@@ -368,6 +373,7 @@ TEST_F(UpdateHandler, PrintsTheProgramAndExitsWith1WhenTheUpdaterCannotBeRun)
     const pid_t child = real_fork();
     if (child == 0) {
         real_dup2(console, STDOUT_FILENO);
+        atexit([] { real_write(STDOUT_FILENO, "exit\n", 5); });
         qel_update_handler(nullptr, message.data());
         real__exit(99);
     }
@@ -376,5 +382,5 @@ TEST_F(UpdateHandler, PrintsTheProgramAndExitsWith1WhenTheUpdaterCannotBeRun)
     ASSERT_EQ(real_waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_EQ(disk.content("/console"), "exec failed: /tmp/updater\n");
+    EXPECT_EQ(disk.content("/console"), "exec failed: /tmp/updater\nexit\n");
 }
