@@ -199,12 +199,71 @@ TEST_F(FilesystemLimits, RulesArePlainPatternsWithEscapes)
                  qel_cpdirtree_with_foo("/src", "/dst", nullptr, -1));
 }
 
+TEST_F(FilesystemLimits, BareRulesAreCutAt509Bytes)
+{
+    const std::string source = path_of(700);
+    disk.make_file(source, "text");
+    // The last names of the path: 396 bytes of it, 497 and 598.
+    for (const size_t start : {304U, 203U, 102U}) {
+        ASSERT_EQ(source[start - 1], '/');
+        const qel_copy_foo rule = {1, source.c_str() + start};
+        output_of([&] { EXPECT_EQ(_qel_cpdirtree_with_foo(source.c_str(), "/dst", 0, &rule, 1), 1); });
+        EXPECT_EQ(disk.has("/dst"), start == 102) << start;
+    }
+}
+
+TEST_F(FilesystemLimits, WalksHandOverEveryFileWhateverComesOfIt)
+{
+    static int calls;
+    calls = 0;
+    disk.make_file("/a/1");
+    disk.make_file("/a/2");
+    disk.make_file("/a/3");
+    qel_recurse_files_in_folder("/a", "b", [](auto...) { return ++calls % 2; }, nullptr);
+    EXPECT_EQ(calls, 3);
+    qel_recurse_files_in_folder("/a", "b", [](auto...) { return calls++ % 2; }, nullptr);
+    EXPECT_EQ(calls, 6);
+}
+
+TEST_F(FilesystemLimits, ABatchIsReadUpToItsTwentiethEntryAndItsFailureLasts)
+{
+    disk.make_folder("/a");
+    Listing twenty;
+    for (char letter = 'a'; letter < 'a' + 20; ++letter)
+        twenty.add(std::string(1, letter).c_str(), DT_REG);
+    kernel.on_readdir = twenty;
+    kernel.on_unlink = [](auto...) { return 0; };
+    Output output;
+    EXPECT_EQ(qel_rmdircontents("/a"), 1);
+    EXPECT_EQ(kernel.count("readdir"), 21);
+
+    kernel.forget_calls();
+    kernel.on_readdir = twenty;
+    kernel.fail_nth("unlink", 1, EPERM);
+    EXPECT_EQ(qel_rmdircontents("/a"), 0);
+    EXPECT_EQ(kernel.count("unlink"), 20);
+}
+
+TEST_F(FilesystemLimits, RemovalsAskWhetherSomethingIsThereAndTryToTheEnd)
+{
+    disk.make_file("/a/file");
+    Output output;
+    EXPECT_EQ(qel_rmdirtree("/a/file/below"), 0); // ENOTDIR
+    kernel.fail("opendir", EMFILE);
+    EXPECT_EQ(qel_rmdircontents("/missing"), 1);
+    EXPECT_EQ(qel_rmdirtree("/a"), 0);
+    EXPECT_THAT(kernel.calls("rmdir"), ElementsAre("rmdir /a"));
+}
+
 TEST_F(FilesystemLimits, WritablePathsOfCopiesMayBeLong)
 {
     disk.make_file("/src/a", "text");
     const std::string folder = path_of(505);
     output_of([&] { EXPECT_EQ(qel_cpdirtree("/src", folder.c_str()), 1); });
     EXPECT_EQ(disk.content(folder + "/src/a"), "text");
+    disk.make_folder("/empty");
+    output_of([&] { qel_cpdirtree("/empty", path_of(508).c_str()); });
+    EXPECT_TRUE(disk.has(path_of(508) + "/em")); // the tree itself is cut at 511 bytes
     output_of([&] { qel_mergedircontents("/src", (path_of(1500) + "/a").c_str()); });
     EXPECT_TRUE(disk.has(path_of(1500)));
 }

@@ -379,6 +379,16 @@ TEST_F(SysmsgReply, StopsWhenItIsOneByteTooLong)
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit, query());
 }
 
+TEST_F(SysmsgReply, StopsWhenItIsOneByteTooLongForABigBuffer)
+{
+    if (!in_fresh_process())
+        return;
+    std::vector<uint8_t> room(40001);
+    peer.answers("1D 00 00 00 41 9C 00 00 09 00*39992");
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
+                    qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, room.data(), 40000));
+}
+
 TEST_F(SysmsgReply, DoesNotMatterToASendThatWantsNone)
 {
     peer.on_send = [this](int n, const Bytes &sent) {
