@@ -1,4 +1,4 @@
-/// The system calls of a start-up, beside the list of what it requires.
+// The system calls of a start-up, compared with their list.
 #pragma once
 
 #include <string>

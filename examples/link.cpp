@@ -23,7 +23,7 @@ static const int packet_bytes = 35;
     exit(1);
 }
 
-/// The libraries' own version of this function parks the program for ever, as the loader must. Any program
+/// The libraries' own version of this function parks the program forever, as the loader must. Any program
 /// may bring a version of its own.
 void qel_assert_fail(const char *expression, const char *file, int line)
 {

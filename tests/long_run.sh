@@ -31,7 +31,7 @@ END
 }
 
 refuse() {
-    echo "error: $* (tests/long_run.sh --help tells more)" >&2
+    echo "error: $* (see tests/long_run.sh --help)" >&2
     exit 2
 }
 

@@ -270,7 +270,7 @@ def main(words):
         print(__doc__.strip())
         return 0
     if len(words) != 1 or words[0] not in actions:
-        print("error: say --check, --missing or --places (--help tells more)", file=sys.stderr)
+        print("error: say --check, --missing or --places (see --help)", file=sys.stderr)
         return 2
     return actions[words[0]]()
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Puts the 32-bit musl (headers, libc.a, start files) into build/i586-sysroot for the preset product-i586.
-# Its package cannot be installed beside the 64-bit one; apt fetches it through lists of its own, so
+# Its package cannot be installed alongside the 64-bit one; apt fetches it through lists of its own, so
 # that this machine's list of architectures stays as it is. Quick when it is all there; needs no root but
 # for installing g++-multilib.
 set -euo pipefail
@@ -25,7 +25,7 @@ mkdir -p "$work"/{state/lists/partial,cache/archives/partial,root}
 options=(-o APT::Architecture=i386 -o APT::Architectures=i386 -o Acquire::Languages=none
     -o "Dir::State=$PWD/$work/state" -o "Dir::Cache=$PWD/$work/cache" -o Dir::State::status=/dev/null
     -o "APT::Sandbox::User=$(id -un)")
-# One list that cannot be had, of some other suite, does no harm: the download tells.
+# A missing list of another suite is harmless: a failing download would show it.
 (cd "$work" && { apt-get "${options[@]}" update || true; } &&
     apt-get "${options[@]}" download musl-dev) >"$work/log" 2>&1 || {
     cat "$work/log" >&2

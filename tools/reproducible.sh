@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 
 if [ "${1:-}" = --help ]; then
     echo "usage: tools/reproducible.sh [PRESET...]"
-    echo "PRESET is product (when there is none) or product-i586, and has been built already."
+    echo "PRESET is product (the default) or product-i586, and has been built already."
     echo "Exit code: 0 when both builds are the same, 1 when not, 2 for a wrong call."
     exit
 fi

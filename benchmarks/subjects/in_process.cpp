@@ -1,5 +1,5 @@
-// What is measured inside one process, with Google Benchmark: the CRC beside its usual forms, and the packet
-// link beside the least that can move a message. The product's code is compiled for size, as it ships, the
+// What is measured inside one process, with Google Benchmark: the CRC compared with its usual forms, and the
+// packet link with the least that can move a message. The product's code is compiled for size, as it ships, the
 // peers for speed.
 
 #include "qel_tolbrin/qel_comms.h"

@@ -1,4 +1,4 @@
-// The product's file library as a command, so that a whole process can be timed beside rm, cp and find. It is
+// The product's file library as a command, so that a whole process can be compared with rm, cp and find. It is
 // built exactly as the product is.
 
 #include "qel_utility/qel_filesystem.h"

@@ -1,4 +1,4 @@
-// A fresh product for each input, its heap, and how findings are told.
+// A fresh product for each input, its heap, and how findings are reported.
 
 #include "fuzz/fuzz.h"
 #include "support/stops.h"

@@ -5,7 +5,7 @@
 
 #include "factory/stick.h"
 
-/// A machine with a blank internal disk, told to install. Its tools are the real ones, behind scripts that
+/// A machine with a blank internal disk that is to install. Its tools are the real ones, behind scripts that
 /// say how they were called: a tool may end before anybody has seen its name from outside.
 struct InstallMachine : Machine {
     std::vector<FileAt> stick; ///< the system image, a stand-in for the kernel, and no archive, to begin with
@@ -20,7 +20,7 @@ void add_archive(InstallMachine &machine);
 /// qel_application_1. Returns what is on the stick.
 Delivery take_factory_stick(InstallMachine &machine);
 
-/// Takes the loader that tells at which check it stops.
+/// Takes the loader that reports at which check it stops.
 void take_telling_loader(Machine &machine);
 
 /// Lets a tool do no more than say how it was called and run a line of shell.

@@ -206,7 +206,7 @@ TEST(Panel, HasABlankForATab)
 namespace
 {
 
-/// ./run in a terminal of tmux, under a shell that tells the exit status and then waits.
+/// ./run in a terminal of tmux, under a shell that shows the exit status and then waits.
 struct TmuxTerminal {
     ScratchFolder folder;
     std::string socket = folder.path + "/tmux";

@@ -188,7 +188,7 @@ std::string ask_monitor(Machine &machine, const std::string &line)
 using States = std::map<std::string, int>;
 
 /// The processor is halted, and no interrupt can come. Or it is in a boot sector, no interrupt can come, and
-/// for the tenth time all registers are the same: half a boot sector may fault for ever, for the BIOS only
+/// for the tenth time all registers are the same: half a boot sector may fault forever, for the BIOS only
 /// returns to it.
 bool is_halted_for_good(Machine &machine, States &states)
 {

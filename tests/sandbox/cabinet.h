@@ -45,7 +45,7 @@ class Cabinet : public Sandbox
 
     // ---- Programs ----
 
-    /// Puts the helper program at `path`. `runs` has a line for each run; without one it stays for ever.
+    /// Puts the helper program at `path`. `runs` has a line for each run; without one it stays forever.
     void add_program(const std::string &path, const std::string &runs = "");
     /// How often the helper program of that name was started.
     size_t runs(const std::string &name) const;

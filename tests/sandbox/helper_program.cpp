@@ -4,12 +4,12 @@
 //
 //   exit N         ends with this exit code          kill N     ends by this signal
 //   print TEXT     to standard output                fill N     N times an x to standard output, at once
-//   input          reads standard input to its end   stay       stays for ever
+//   input          reads standard input to its end   stay       stays forever
 //   prefix         fills the Wine prefix             orphan     leaves a child behind, which ends at once
 //   move FROM TO   renames                           folder P   makes a folder
 //   quiet          at the start: reports nothing
 //
-// When the words are used up it ends with exit code 0; without a line for this run it stays for ever.
+// When the words are used up it ends with exit code 0; without a line for this run it stays forever.
 
 #include "sandbox/settings.h"
 

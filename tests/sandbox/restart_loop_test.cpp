@@ -1,4 +1,4 @@
-// The loop that runs the application for ever, the X server beside it, and the processes they leave.
+// The loop that runs the application forever, the X server, and the processes they leave.
 
 #include "sandbox/cabinet.h"
 

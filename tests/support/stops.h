@@ -51,7 +51,7 @@ class LeaksAllowed
     LeaksAllowed &operator=(const LeaksAllowed &) = delete;
 };
 
-/// Runs `statement` and tells whether and where it stopped. Memory it had in hand counts as no leak.
+/// Runs `statement` and reports whether and where it stopped. Memory it had in hand counts as no leak.
 StopResult stop_of(const std::function<void()> &statement);
 
 /// Any line will do.

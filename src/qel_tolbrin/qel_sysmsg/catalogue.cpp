@@ -1,5 +1,5 @@
 // The messages of fixed size that are built and sent: notices, posts and answers. Queries are in
-// queries.cpp; byte blocks, and the files that travel in them, in transfers.cpp. The layouts are told in
+// queries.cpp; byte blocks, and the files that travel in them, in transfers.cpp. The layouts are given in
 // the header, at each operation.
 
 #include "qel_tolbrin/qel_sysmsg/catalogue.h"

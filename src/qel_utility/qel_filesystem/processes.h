@@ -30,7 +30,7 @@ void qel_exec_wait(const char *path, const char *const argv[], const char *const
 /// go onto the stack) and no input, and returns what exactly one read of at most 10239 bytes gives: the
 /// output of the first write, or its beginning, and of further writes as far as they were made by then. The
 /// rest is lost. Waits for the end. Deliberate: the read has no other end than output, so a program that
-/// prints nothing blocks the caller for ever. Stops when a socket pair (1731, 1734), the exec, in the child
+/// prints nothing blocks the caller forever. Stops when a socket pair (1731, 1734), the exec, in the child
 /// (1744) or the fork (1746) fails, and if a read ever gave more than it was asked for (1762). Returns a
 /// static buffer, NUL-terminated, that the next call overwrites.
 const char *qel_wine_exec_capture(const char *program, const char *const args[], int arg_count);

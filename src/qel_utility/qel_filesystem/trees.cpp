@@ -106,7 +106,7 @@ int qel_rmdircontents(const char *folder)
         stayed = _remove_batch(folder, &batch);
         if (stayed || (batch.is_cut && batch.count == 0))
             result = 0;
-        // A batch that was cut and of which all stayed would come again for ever.
+        // A batch that was cut and of which all stayed would come again forever.
     } while (batch.count == batch_entries || (batch.is_cut && stayed < batch.count));
     return result;
 }
