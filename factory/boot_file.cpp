@@ -1,5 +1,5 @@
-// The boot file is made by the kernel's own build (machine/kernel/build.sh), and kept beside this build's
-// programs, because the RAM disk holds some of them.
+// The boot file is made by the kernel's own build (machine/kernel/build.sh), and kept with this build's
+// programs, some of which are on the RAM disk.
 
 #include "boot_file.h"
 

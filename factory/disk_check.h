@@ -1,5 +1,5 @@
-// The disk checker: says whether a disk is one that the loader's installer left well. It only reads, and
-// it believes nothing that it can look at itself.
+// The disk checker: judges whether the loader's installer has left a disk well. It only reads, and it
+// relies on nothing that it can look at itself.
 #pragma once
 
 #include <string>

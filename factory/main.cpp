@@ -1,5 +1,5 @@
 // qel-factory, the tool of the production line: makes what a cabinet is made from, and checks what became
-// of it. Here are its commands and options; the work is done in the files beside this one.
+// of it. Here are its commands and options; the other files of this folder do the work.
 
 #include "common/version.h"
 #include "factory/boot_file.h"
@@ -18,6 +18,7 @@ namespace
 {
 
 struct Options {
+    int (*command)(Options &options) = nullptr;
     std::string output;
     std::string folder;
     std::string stick;
@@ -54,7 +55,7 @@ void complete(Options &options)
         delivery.storage = usual_storage(parts);
 }
 
-void tell_file(const std::string &file)
+void print_size_of(const std::string &file)
 {
     printf("%s: %.1f MB\n", file.c_str(), static_cast<double>(fs::file_size(file)) / 1024 / 1024);
 }
@@ -63,7 +64,7 @@ int make_stick_image(Options &options)
 {
     complete(options);
     make_factory_stick(options.output, options.delivery, show_progress);
-    tell_file(options.output);
+    print_size_of(options.output);
     printf("Copy it to a stick, which loses all it held:\n"
            "    dd if=%s of=/dev/sdX bs=4M conv=fsync\n"
            "WARNING: a cabinet that is started from this stick wipes its internal disk without asking.\n",
@@ -75,31 +76,31 @@ int make_disk_image(Options &options)
 {
     complete(options);
     make_installed_disk(options.output, options.delivery, show_progress);
-    tell_file(options.output);
+    print_size_of(options.output);
     return 0;
 }
 
-int make_kernel(const Options &options)
+int make_kernel(Options &options)
 {
     show_progress("making the boot file (half a minute when something has changed)");
     fs::copy_file(usual_boot_file(find_parts(options.target)), options.output,
                   fs::copy_options::overwrite_existing);
-    tell_file(options.output);
+    print_size_of(options.output);
     return 0;
 }
 
-int make_system(const Options &options)
+int make_system(Options &options)
 {
     show_progress("packing the system image");
     if (options.folder.empty())
         fs::copy_file(usual_system_image(find_parts()), options.output, fs::copy_options::overwrite_existing);
     else
         pack_system_image(options.output, options.folder);
-    tell_file(options.output);
+    print_size_of(options.output);
     return 0;
 }
 
-int check(const Options &options)
+int check(Options &options)
 {
     std::vector<Finding> findings = check_disk(options.check);
     long faults = 0;
@@ -125,7 +126,7 @@ int try_it(Options &options)
 
 void add_target(CLI::App &command, Options &options)
 {
-    command.add_option("--target", options.target, "take the loader that is built for this machine")
+    command.add_option("--target", options.target, "the machine that the loader is built for")
         ->check(CLI::IsMember(targets))
         ->capture_default_str();
 }
@@ -133,15 +134,15 @@ void add_target(CLI::App &command, Options &options)
 void add_delivery(CLI::App &command, Options &options)
 {
     command.add_option("--kernel", options.delivery.kernel,
-                       "boot file, kernel and RAM disk in one; without it that of this source tree");
+                       "boot file, kernel and RAM disk in one (default: the one of this source tree)");
     add_target(command, options);
     command.add_option("--system-image", options.delivery.system_image,
-                       "cramfs for /usr; without it that of this source tree");
+                       "cramfs for /usr (default: the one of this source tree)");
     command.add_option("--storage", options.delivery.storage,
                        "what /storage is to hold: a folder, or a storage.zip made of one");
     command.add_option("--application", options.delivery.application,
-                       "program to put on the stick beside the storage archive; the first start takes it\n"
-                       "over. With neither of both it is the sample application");
+                       "program to put on the stick in addition to the storage archive; the first start\n"
+                       "copies it. Without --storage and --application: the sample application");
     command
         .add_option_function<unsigned>(
             "--disk-size",
@@ -160,26 +161,33 @@ void add_commands(CLI::App &app, Options &options)
 {
     CLI::App *stick = app.add_subcommand(
         "make-stick", "make the image of a bootable factory stick, after trying out all that is on it");
+    stick->callback([&] { options.command = make_stick_image; });
     add_output(*stick, options, "image");
     add_delivery(*stick, options);
     stick->footer("A cabinet that is started from such a stick wipes its internal disk without asking.");
 
     CLI::App *disk = app.add_subcommand("make-disk", "make the image of an internal disk as installed");
+    disk->callback([&] { options.command = make_disk_image; });
     add_output(*disk, options, "image");
     add_delivery(*disk, options);
 
     CLI::App *kernel =
         app.add_subcommand("make-kernel", "make the boot file \"vmlinux\" of this source tree");
+    kernel->callback([&] { options.command = make_kernel; });
     add_output(*kernel, options, "file");
     add_target(*kernel, options);
 
     CLI::App *system = app.add_subcommand("make-system-image", "make the system image \"qel_usr.cramfs\"");
+    system->callback([&] { options.command = make_system; });
     add_output(*system, options, "file");
-    system->add_option("FOLDER", options.folder, "what /usr is to hold; without it that of this source tree")
+    system
+        ->add_option("FOLDER", options.folder,
+                     "what /usr is to hold (default: what this source tree puts there)")
         ->check(CLI::ExistingDirectory);
 
-    CLI::App *disk_check = app.add_subcommand(
-        "check-disk", "say whether a disk is one that the installer left well; it is only read");
+    CLI::App *disk_check =
+        app.add_subcommand("check-disk", "judge whether a disk is well installed; only reads it");
+    disk_check->callback([&] { options.command = check; });
     disk_check->add_option("DISK", options.check.disk, "image or device")->required();
     disk_check->add_option("--kernel", options.check.kernel, "the boot file that must be on it")
         ->check(CLI::ExistingFile);
@@ -190,25 +198,10 @@ void add_commands(CLI::App &app, Options &options)
 
     CLI::App *install = app.add_subcommand(
         "install", "install a simulated cabinet from a factory stick, check its disk, and start it");
-    install->add_option("--stick", options.stick, "image of the stick; without it a new one is made")
+    install->callback([&] { options.command = try_it; });
+    install->add_option("--stick", options.stick, "image of the stick (default: a new one is made)")
         ->check(CLI::ExistingFile);
     add_delivery(*install, options);
-}
-
-int run(const CLI::App &app, Options &options)
-{
-    std::string command = app.get_subcommands().front()->get_name();
-    if (command == "make-stick")
-        return make_stick_image(options);
-    if (command == "make-disk")
-        return make_disk_image(options);
-    if (command == "make-kernel")
-        return make_kernel(options);
-    if (command == "make-system-image")
-        return make_system(options);
-    if (command == "check-disk")
-        return check(options);
-    return try_it(options);
 }
 
 } // namespace
@@ -227,7 +220,7 @@ int main(int argc, char **argv)
         return app.exit(error) == 0 ? 0 : 2;
     }
     try {
-        return run(app, options);
+        return options.command(options);
     } catch (const std::exception &error) {
         fflush(stdout);
         fprintf(stderr, "error: %s\n", error.what());

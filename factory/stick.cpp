@@ -41,8 +41,8 @@ void try_step(const std::string &advice, const std::function<void()> &step)
     }
 }
 
-/// Makes partition 1 start the kernel on it. The tool's exit code does not tell when a file did not fit; what
-/// it prints does.
+/// Makes partition 1 start the kernel on it. When a file does not fit, the tool prints so, but exits
+/// with 0.
 void make_bootable(const std::string &image)
 {
     std::string complaint = run_tool(

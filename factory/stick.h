@@ -12,11 +12,11 @@ struct Delivery {
     std::string kernel;       ///< the boot file, kernel and RAM disk in one
     std::string system_image; ///< a cramfs
     std::string storage;      ///< a folder, or an archive made of one, with what /storage holds
-    std::string application;  ///< a program that stands on the stick beside the archive
+    std::string application;  ///< a program that is on the stick as well as the archive
     unsigned long long disk_bytes = 128 * mebibyte; ///< size of the internal disk that it is for
 };
 
-/// Told of each step before it is taken.
+/// Called before each step.
 using Progress = std::function<void(const std::string &step)>;
 
 /// Writes the disk as the installer and the first start would leave it. Throws std::runtime_error, saying

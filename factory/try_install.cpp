@@ -98,7 +98,7 @@ bool try_install(const std::string &stick, const Delivery &delivery, const Progr
     CabinetSetup setup;
     setup.internal_disk = scratch.path + "/internal_disk";
     setup.seconds_max = install_seconds_max + start_seconds_max;
-    setup.tell_stops = true;
+    setup.report_stops = true;
 
     announce(1, "a factory stick and a blank disk");
     setup.stick = scratch.path + "/stick";

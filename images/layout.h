@@ -1,5 +1,5 @@
-// What an installed disk and a factory stick look like. Makers and checker share these values, which are given;
-// the checker shares nothing of how a disk is made: it reads the bytes of the result.
+// What an installed disk and a factory stick look like. Makers and checker share these values, which are
+// given; the checker shares nothing of how a disk is made: it reads the bytes of the result.
 #pragma once
 
 #include <stddef.h>

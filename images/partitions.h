@@ -4,7 +4,7 @@
 #include <array>
 #include <string>
 
-/// A partition, in bytes; `type` 0: there is none.
+/// A partition, in bytes; `type` 0 if it does not exist.
 struct Partition {
     bool active;
     unsigned type;

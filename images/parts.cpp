@@ -23,8 +23,9 @@ std::string folder_with(const std::string &mark)
         if (fs::exists(folder / mark))
             return folder;
     }
-    throw std::runtime_error("this program is not in the source tree that makes the pieces of a cabinet; name "
-                             "each piece, or run the program that ./run builds");
+    throw std::runtime_error(
+        "this program is not in the source tree that makes the pieces of a cabinet; name "
+        "each piece, or run the program that ./run builds");
 }
 
 std::string loader_for(const std::string &target, const std::string &source)

@@ -11,8 +11,9 @@ inline const std::vector<std::string> targets = {"x86-64", "i586"};
 struct Parts {
     std::string target;        ///< one of `targets`
     std::string source_folder; ///< the source tree
-    std::string build_folder;  ///< where CMake has built the programs that run inside the machine, and this one
-    std::string loader;        ///< the stripped static loader
+    std::string
+        build_folder;   ///< where CMake has built the programs that run inside the machine, and this one
+    std::string loader; ///< the stripped static loader
     std::string kernel_folder; ///< holds vmlinux, bzImage and gen_init_cpio (machine/kernel/build.sh)
     std::string first_program; ///< /init of the RAM disk
     std::string xfake;

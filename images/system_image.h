@@ -14,6 +14,6 @@ void make_system_image(const std::string &image, const std::vector<FileAt> &file
 /// cramfs.
 void pack_system_image(const std::string &image, const std::string &folder);
 
-/// The path of the usual system image: Debian's Xvfb behind Xfake, with its libraries and keyboard tables, and
-/// the libraries of the sample application. It is made anew only when one of its files has changed.
+/// The path of the usual system image: Debian's Xvfb behind Xfake, with its libraries and keyboard tables,
+/// and the libraries of the sample application. It is made anew only when one of its files has changed.
 std::string usual_system_image(const Parts &parts);

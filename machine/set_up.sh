@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Makes what the simulated cabinet needs before its tools are built: Debian packages, the loader
-# (build/product, build/product-i586) and the kernel (build/machine/kernel, a link into the cache). Quick when
-# all is there; the kernel takes about 5 minutes on 2 cores, once.
+# (build/product, build/product-i586) and the kernel (build/machine/kernel, a link to its folder). Quick when all
+# is there; the kernel takes about 5 minutes on 2 cores, once, and none if QEL_KERNEL_CACHE names a folder with one
+# that machine/kernel/build.sh has built.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . tools/packages.sh
@@ -35,5 +36,6 @@ for preset in "${presets[@]}"; do
     fi
 done
 
-kernel=$(machine/kernel/build.sh)
+kernel=${QEL_KERNEL_CACHE:-}
+[ -n "$kernel" ] || kernel=$(machine/kernel/build.sh)
 ln -sfn "$kernel" build/machine/kernel

@@ -30,8 +30,8 @@ struct Options {
 /// What both start from: the RAM disk, made in `folder`, and the place of the internal disk there.
 CabinetSetup common_setup(const Options &options, const Parts &parts, const std::string &folder);
 
-/// Shows what the cabinet does from now on, on a panel if the options and the terminal permit one, and switches
-/// the power on.
+/// Shows what the cabinet does from now on, on a panel if the options and the terminal permit one, and
+/// switches the power on.
 void start(Cabinet &cabinet, const CabinetSetup &setup, const Options &options, View &view,
            const std::string &how_to_end);
 

@@ -65,7 +65,7 @@ CabinetSetup common_setup(const Options &options, const Parts &parts, const std:
     setup.ram_disk = folder + "/ram_disk";
     setup.internal_disk = folder + "/internal_disk";
     setup.board.mode = options.mode;
-    setup.tell_stops = true;
+    setup.report_stops = true;
     setup.seconds_max = std::numeric_limits<double>::infinity();
     make_ram_disk(setup.ram_disk, parts, ram_disk_list(parts));
     return setup;

@@ -3,12 +3,11 @@
 #include "app.h"
 
 #include "common/interrupt.h"
+#include "host/recording.h"
 #include "images/disks.h"
 #include "images/system_image.h"
 #include "machine/app/terminal.h"
 #include "machine/drive/screen.h"
-
-#include "recording.h"
 
 #include <filesystem>
 #include <stdexcept>

@@ -1,6 +1,6 @@
 #!/bin/sh
-# A sample updater for ./run update: says what it is, on the console and on the display, and stays, because
-# it is process 1 of the machine now.
+# A sample updater for ./run update: says what it is, on the console and on the display, and keeps running,
+# because it is process 1 of the machine now.
 echo "updater: process $$ has taken the loader's place"
 sleep 2 # so that the loader's last word stays on the display for a moment
 printf '2Updating\000' >/dev/qellpc_lcd

@@ -1,5 +1,5 @@
-// ./run update: a cabinet in update mode, qel-host as its host, and an updater that travels from one to the other
-// and takes the loader's place.
+// ./run update: a cabinet in update mode, qel-host as its host, and an updater that travels from one to the
+// other and takes the loader's place.
 
 #include "app.h"
 
@@ -35,13 +35,13 @@ const int unverified = 6;
 struct Host {
     Descriptor output;
     pid_t process;
-    std::string line;   ///< what it has printed of a line that has not ended
-    std::string result; ///< how it ended
+    std::string line; ///< what it has printed of a line that has not ended
 };
 
 Host start_host(const Options &options, const Parts &parts, const std::string &socket)
 {
-    std::vector<std::string> words = {parts.build_folder + "/host/qel-host", "--json", "update", "--socket", socket};
+    std::vector<std::string> words = {parts.build_folder + "/host/qel-host", "--json", "update", "--socket",
+                                      socket};
     if (!options.record.empty())
         words.insert(words.end(), {"--record", options.record});
     words.push_back(options.updater.empty() ? parts.source_folder + "/machine/app/sample_updater.sh"
@@ -58,17 +58,19 @@ Host start_host(const Options &options, const Parts &parts, const std::string &s
         close(ends[0]);
         throw;
     }
-    return {{ends[0]}, process, "", ""};
+    return {{ends[0]}, process, ""};
 }
 
-/// The result line of qel-host in words: the error, or what proves that the loader has taken the updater.
+/// The result of qel-host in words: what proves that the loader has taken the updater, or the error's code,
+/// whose message qel-host has printed, and the loader's last sign of life.
 std::string describe_result(const nlohmann::json &line)
 {
-    if (!line.at("error").is_null())
-        return line["error"].at("message");
-    std::string text = "proof: " + line.at("proof").get<std::string>();
-    if (const auto &result = line.at("result"); result.is_object() && !result.at("last_sign_s").is_null())
-        text += "; last sign of life after " + result["last_sign_s"].dump() + " s";
+    const nlohmann::json &error = line.at("error"), &result = line.at("result");
+    std::string text = error.is_null() ? "proof: " + line.at("proof").get<std::string>()
+                                       : "error: " + error.at("code").get<std::string>();
+    if (result.is_object() && !result.at("last_sign_s").is_null())
+        text +=
+            "; the loader's last sign of life came " + result["last_sign_s"].dump() + " s before the watch";
     return text;
 }
 
@@ -86,7 +88,7 @@ bool show_host(View &view, const Cabinet &cabinet, Host &host)
         if (!object.is_object())
             show_line(view, uptime(cabinet), "host", line);
         else if (object.contains("command"))
-            show_line(view, uptime(cabinet), "host", host.result = describe_result(object));
+            show_line(view, uptime(cabinet), "host", describe_result(object));
     }
     return count != 0;
 }
@@ -112,7 +114,8 @@ bool display_shows(const Cabinet &cabinet, const std::string &text)
 }
 
 /// Runs qel-host to its end.
-void send_updater(const Options &options, const Parts &parts, const std::string &socket, Cabinet &cabinet, View &view)
+void send_updater(const Options &options, const Parts &parts, const std::string &socket, Cabinet &cabinet,
+                  View &view)
 {
     Host host = start_host(options, parts, socket);
     auto host_ended = [&] { return !show_host(view, cabinet, host); };
@@ -122,7 +125,7 @@ void send_updater(const Options &options, const Parts &parts, const std::string 
     if (interrupted())
         throw std::runtime_error("interrupted");
     if (status != 0 && !(WIFEXITED(status) && WEXITSTATUS(status) == unverified))
-        throw std::runtime_error("qel-host did not deliver the updater: " + host.result);
+        throw std::runtime_error("qel-host did not deliver the updater");
 }
 
 } // namespace

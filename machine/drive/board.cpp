@@ -37,8 +37,7 @@ std::optional<std::string> answer_to(const Board &board, const std::string &comm
     }
 }
 
-/// A byte is a column of 8 dots, its bit 0 on top. What does not fit beside column 127 or below row 63 is
-/// lost.
+/// A byte is a column of 8 dots, its bit 0 on top. Dots right of column 127 or below row 63 are lost.
 void draw_column(Board &board, unsigned char byte)
 {
     const unsigned band_rows = 8;

@@ -34,7 +34,7 @@ struct Board {
 bool take_command_record(Board &board, const std::string &record, std::string &command,
                          std::optional<std::string> &answer);
 
-/// Takes one record of the LCD node and returns the row it changes, or -1 for a record that is none.
+/// Takes one record of the LCD node and returns the row it changes, or -1 if it is not an LCD record.
 int take_lcd_record(Board &board, const std::string &record);
 
 /// A command in words and its bytes: "get mode (5)".

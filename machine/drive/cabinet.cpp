@@ -1,6 +1,6 @@
 // Drives a cabinet: passes on what the machine says, answers for the board, and waits. What the machine
 // says arrives on ports: the console's bytes; the board's frames (a minor byte, a length byte, the
-// record); and the lines of the attendant (machine/inside/attendant.cpp tells them).
+// record); and the lines of the attendant (listed in machine/inside/attendant.cpp).
 
 #include "cabinet.h"
 
@@ -175,8 +175,8 @@ void power_on(Cabinet &cabinet, const CabinetSetup &setup)
     for (const std::string &path : setup.wait_for)
         cabinet.service_port.out += "wait " + path + "\n";
     cabinet.service_port.out += "go\n";
-    if (setup.tell_stops)
-        cabinet.service_port.out += "tell stops\n";
+    if (setup.report_stops)
+        cabinet.service_port.out += "report stops\n";
 }
 
 void power_off(Cabinet &cabinet)

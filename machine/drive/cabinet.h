@@ -33,11 +33,11 @@ struct CabinetSetup {
     bool start_from_stick = false;     ///< BIOS start: the stick comes before the internal disk
     std::vector<std::string> wait_for; ///< paths in the machine that must exist before the loader starts
     Board board;
-    bool terminal = false;    ///< a shell on its own terminal
-    bool tell_stops = false;  ///< look once a second for a program that a failed check has stopped
-    std::string host_link;    ///< path for a UNIX socket of host-comms records
-    std::string clock;        ///< the machine's time at power-on in UTC ("2024-03-05T07:08:09"); empty: now
-    double seconds_max = 120; ///< after that the machine is ended and every call throws
+    bool terminal = false;     ///< a shell on its own terminal
+    bool report_stops = false; ///< look once a second for programs that a failed check has stopped
+    std::string host_link;     ///< path for a UNIX socket of host-comms records
+    std::string clock;         ///< the machine's time at power-on in UTC ("2024-03-05T07:08:09"); empty: now
+    double seconds_max = 120;  ///< after that the machine is ended and every call throws
 };
 
 /// Something that happened in or around the machine.
@@ -127,5 +127,5 @@ void type(Cabinet &cabinet, const std::string &keys);
 /// How often a program whose words contain `words` has been started.
 int count_starts(const Cabinet &cabinet, const std::string &words);
 
-/// The first program_stopped of the events; nullptr while there is none.
+/// The first program_stopped of the events; nullptr before that.
 const Event *first_stop(const Cabinet &cabinet);

@@ -9,8 +9,8 @@ namespace
 const unsigned character_columns = lcd_dot_columns / lcd_columns, row_rows = 16;
 const unsigned letter_columns = 5, letter_rows = 7, letter_top = 4;
 
-/// Letters of 5 by 7 dots, from the blank to "~": a column in each 7 bits from the lowest on, its lowest bit on
-/// top.
+/// Letters of 5 by 7 dots, from the blank to "~": a column in each 7 bits from the lowest on, its lowest bit
+/// on top.
 const uint64_t letters[] = {
     // clang-format off
     0x0, 0x17c000, 0xe00380, 0x14fe53f94, 0x1255fd524, 0x62c8209a3, 0x50415a4b6, 0x61c400, 0x8288e00,

@@ -9,7 +9,7 @@ using nlohmann::json;
 namespace
 {
 
-/// The next object that is no event; pumps meanwhile.
+/// The next object that is not an event; pumps meanwhile.
 json next_answer(Cabinet &cabinet)
 {
     std::string &in = cabinet.monitor_port.in;

@@ -1,5 +1,6 @@
-// QEMU as a process. It emulates unless QEL_ACCEL names another accelerator: a /dev/kvm may exist and still hang
-// every kernel. The internal disk is a virtio disk that the kernel calls hdc, so that the first USB stick is sda.
+// QEMU as a process. It emulates unless QEL_ACCEL names another accelerator: a /dev/kvm may exist and still
+// hang every kernel. The internal disk is a virtio disk that the kernel calls hdc, so that the first USB
+// stick is sda.
 
 #include "qemu.h"
 
@@ -120,7 +121,7 @@ void add_ports(Words &words, Cabinet &cabinet, const CabinetSetup &setup, std::v
 
 void start_qemu(Cabinet &cabinet, const CabinetSetup &setup)
 {
-    // A cabinet's processor has no RDRAND; with it the kernel need not collect randomness before it goes on.
+    // RDRAND, so that no program waits until the kernel has gathered random bytes.
     const char *accel = getenv("QEL_ACCEL"), *processor = "qemu64,+rdrand";
     Words words = {"qemu-system-x86_64", "-nodefaults", "-no-user-config"};
     add(words, {"-accel", accel == nullptr ? "tcg" : accel, "-cpu", processor, "-m", "256"});

@@ -21,14 +21,14 @@ struct WriteLog {
 };
 
 /// Reads the log of a machine that is off. Discarded sectors and notes are left out: nothing is known of what
-/// the former hold. Throws std::runtime_error when the file is none.
+/// the former hold. Throws std::runtime_error if it is not a write log.
 WriteLog read_write_log(const std::string &file);
 
-/// Does one write again, only its first `size_max` bytes.
+/// Replays one write, at most its first `size_max` bytes.
 void write_again(const std::string &disk, const WriteLog &log, size_t entry,
                  unsigned long long size_max = ~0ULL);
 
-/// Does all writes from entry `begin` up to, but not including, entry `end` again.
+/// Replays all writes from entry `begin` up to, but not including, entry `end`.
 void write_again(const std::string &disk, const WriteLog &log, size_t begin, size_t end);
 
 /// Of the entries before `end`, those that a disk may lose when the power goes: written after the last flush,

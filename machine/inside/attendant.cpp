@@ -1,5 +1,5 @@
-// The attendant tells the outside what happens in the machine, and looks into it on demand. It is a child
-// of process 1 that the loader never waits for. Lines to the outside on the port "service":
+// The attendant reports to the outside what happens in the machine, and looks into it on demand. It is a
+// child of process 1 that the loader never waits for. Lines to the outside on the port "service":
 //
 //   loader                       process 1 is about to become the loader (written by the first program)
 //   start PID PROGRAM ARG...     a child of process 1 became this program
@@ -12,7 +12,7 @@
 // Lines from the outside:
 //
 //   run COMMAND                  runs COMMAND with busybox' shell and sends back what it prints
-//   tell stops                   from now on "stop" is told
+//   report stops                   from now on "stop" is reported
 
 #include "inside.h"
 #include "stops.h"
@@ -86,7 +86,7 @@ std::string command_line(int process)
     return words.empty() ? "?" : words;
 }
 
-void tell_end(int port, int process, unsigned status)
+void report_end(int port, int process, unsigned status)
 {
     int code = static_cast<int>(status);
     char line[64];
@@ -109,7 +109,7 @@ void handle_process_event(int port, const proc_event &event, std::set<int> &chil
     } else if (event.what == proc_event::PROC_EVENT_EXIT) {
         int process = event.event_data.exit.process_tgid;
         if (event.event_data.exit.process_pid == process && children.erase(process) > 0)
-            tell_end(port, process, event.event_data.exit.exit_code);
+            report_end(port, process, event.event_data.exit.exit_code);
     }
 }
 
@@ -148,11 +148,11 @@ void take_wish(int port, StopWatch &stops)
         _exit(0);
     if (line.starts_with("run "))
         run_command(port, line.substr(4));
-    else if (line == "tell stops")
+    else if (line == "report stops")
         begin_to_watch(stops);
 }
 
-void tell_stops(int port, StopWatch &stops, const std::set<int> &children)
+void report_stops(int port, StopWatch &stops, const std::set<int> &children)
 {
     for (const auto &[process, code] : new_stops(stops, children))
         say(port, "stop " + std::to_string(process) + " " + code);
@@ -187,6 +187,6 @@ void run_attendant(int port)
             take_notes(port, notes);
         if (sources[2].revents != 0)
             take_wish(port, stops);
-        tell_stops(port, stops, children);
+        report_stops(port, stops, children);
     }
 }

@@ -1,13 +1,13 @@
 // The first program of the simulated cabinet's kernel. It connects the board driver and the machine's
-// attendant with the outside, leaves /proc and /sys unmounted and every descriptor closed as it found
-// them, and then becomes the loader, which so has process number 1 and sees a machine just started.
+// attendant to the outside, leaves /proc and /sys unmounted and every descriptor closed as it found
+// them, and then becomes the loader, which is thus process 1 on a fresh machine.
 //
 // What the outside wants done before that arrives as lines on the port "service":
 //
 //   wait PATH    wait until PATH exists (a disk or a stick that takes its time to appear)
 //   go           become the loader
 //
-// In a machine without that port, started by itself from a stick or its disk, nothing is waited for.
+// A machine without that port, started by itself from a stick or its disk, waits for nothing.
 
 #include "inside.h"
 
@@ -28,6 +28,7 @@ namespace
 {
 
 const char *const loader = "/sbin/qel_application_loader";
+const unsigned virtual_console_major = 229; // of /dev/hvc0, which the kernel fixes
 
 void mount_kernel_file_systems()
 {
@@ -115,7 +116,7 @@ int main(int, char **argv, char **environment)
     if (service >= 0 && is_child())
         run_attendant(service);
     if (access("/sys/class/tty/hvc0", F_OK) == 0) {
-        mknod("/cabinet/terminal", S_IFCHR | 0600, makedev(229, 0));
+        mknod("/cabinet/terminal", S_IFCHR | 0600, makedev(virtual_console_major, 0));
         if (is_child())
             run_shell("/cabinet/terminal");
     }

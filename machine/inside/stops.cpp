@@ -81,10 +81,10 @@ std::map<int, std::string> new_stops(StopWatch &watch, const std::set<int> &chil
     std::set<int> looked_at = children;
     looked_at.insert(1);
     // The number of a process that has ended may come again.
-    std::erase_if(watch.told, [&](int process) { return !looked_at.contains(process); });
+    std::erase_if(watch.reported, [&](int process) { return !looked_at.contains(process); });
     for (int process : looked_at) {
         std::string code = code_on(stack_of(watch.processes, process));
-        if (!code.empty() && watch.told.insert(process).second)
+        if (!code.empty() && watch.reported.insert(process).second)
             found[process] = code;
     }
     return found;

@@ -76,7 +76,7 @@ configure() {
 
 # A message per tenth of the objects goes to descriptor 8.
 compile() {
-    local line done=0 objects=970
+    local line done=0 objects=970 # as counted in a build
     make -C "$folder/source" O="$folder/build" -j"$(nproc)" bzImage 2>&1 |
         while IFS= read -r line; do
             echo "$line"

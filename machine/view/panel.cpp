@@ -30,28 +30,9 @@ const size_t board_line_rows = 2, console_line_rows = 4;
 
 // ---- Steps ----
 
-const char *name_of(Step step)
-{
-    switch (step) {
-    case Step::kernel:
-        return "kernel";
-    case Step::loader:
-        return "loader";
-    case Step::disks:
-        return "disks";
-    case Step::x_server:
-        return "X server";
-    case Step::application:
-        return "application";
-    case Step::update:
-        return "waiting for a host";
-    case Step::connected:
-        return "connected";
-    case Step::updater:
-        return "updater";
-    }
-    return "";
-}
+/// In the order of Step.
+const char *const step_names[] = {
+    "kernel", "loader", "disks", "X server", "application", "waiting for a host", "connected", "updater"};
 
 bool is_of_update_mode(Step step)
 {
@@ -144,7 +125,7 @@ void draw_head(Drawing &drawing, const Panel &panel, double seconds, int columns
             put(drawing, steps_row, column, " > ");
             column += 3;
         }
-        std::string name = name_of(step);
+        std::string name = step_names[static_cast<size_t>(step)];
         if (step == panel.step)
             put(drawing, steps_row, column, name = "[" + name + "]", Style::present_step);
         else

@@ -1,6 +1,6 @@
-// The cabinet's front panel as text: the display, what goes over the board, the console beside them, and how
-// far the start-up has come. What happens is noted in a Panel; drawing it makes rows of characters of it and
-// nothing else, so that it can be compared, printed, or put on a terminal (panel_screen.h).
+// The cabinet's front panel as text: the display, what goes over the board, the console to their right, and
+// how far the start-up has come. Events are noted in a Panel; drawing turns it into rows of characters, which
+// can be compared, printed, or put on a terminal (panel_screen.h).
 #pragma once
 
 #include "machine/drive/cabinet.h"
@@ -23,14 +23,14 @@ struct PanelLine {
 struct Panel {
     std::string title;
     bool update_mode = false; ///< the board's mode byte asks for it
-    std::string stop;         ///< what describe_stop() says of the first stop; empty: there was none
+    std::string stop;         ///< the first stop as describe_stop() puts it; empty before it
     Step step = Step::kernel;
     std::deque<PanelLine> console; ///< what the loader prints and starts; the newest last
     std::deque<PanelLine> board;   ///< commands and the host link; the newest last
 };
 
-/// Console bytes or a row of the display with all that is no character as "<07>"; carriage returns are left
-/// out.
+/// Console bytes or a row of the display, with bytes that cannot be printed as "<07>" and without carriage
+/// returns.
 std::string printable(const std::string &bytes);
 
 /// What a program_stopped event means, in a line.

@@ -3,8 +3,8 @@
 
 #include "machine/view/panel.h"
 
-/// Takes the terminal; false when standard output is none, or one that cannot place the cursor or is too
-/// small for a panel, and then nothing has changed.
+/// Takes the terminal. Returns false, with nothing changed, if standard output is not a terminal, or one that
+/// cannot place the cursor or is too small for a panel.
 bool take_screen();
 
 /// Shows the panel, in the size that the terminal has now. Keys that were typed are dropped.

@@ -2,6 +2,7 @@
 
 #include "qel_application_loader/application.h"
 #include "qel_utility/qel_filesystem.h"
+#include "qel_utility/qel_filesystem/internal.h"
 #include "qel_utility/qel_log.h"
 
 #include <stdio.h>

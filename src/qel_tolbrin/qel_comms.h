@@ -13,8 +13,12 @@
 
 #include <stdint.h>
 
-/// Receives a whole message. It belongs to the link and is overwritten by the next one: copy what you
-/// keep. Must not feed another packet into the link.
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Receives a whole message. It belongs to the link and is overwritten by the next one: copy what is to
+/// be kept. Must not feed another packet into the link.
 typedef void qel_comms_recv_function(void *context, const void *message, int len);
 
 /// Returns the buffer for the next packet, with room for `packet_size_max` bytes.
@@ -86,7 +90,7 @@ int qel_comms_poll(void *link);
 //
 // CRC-16/AUG-CCITT: polynomial 0x1021, most significant bit first, start register 0xFFFF, 16 zero bits
 // shifted through at the end, no final XOR. The bytes "123456789" give 0xE5CC, no bytes give 0x1D0F.
-// A length of 0 leaves a register unchanged. The tables behind it (8 KiB) are made at first use.
+// A length of 0 or less leaves a register unchanged. The tables behind it (8 KiB) are made at first use.
 
 /// Returns the CRC of the bytes.
 uint16_t qel_crc16(const void *bytes, int length);
@@ -105,3 +109,7 @@ uint16_t qel_crc16_update_final(uint16_t crc, const void *bytes, int length);
 
 /// Returns the register unchanged: the CRC once it is final.
 uint16_t qel_crc16_value(uint16_t crc);
+
+#ifdef __cplusplus
+}
+#endif

@@ -90,6 +90,7 @@ int qel_h8_command(const uint8_t *command, int command_len, uint8_t *reply, int 
 {
     QEL_ASSERT(command);
     QEL_ASSERT(command_len > 0);
+    QEL_ASSERT(!reply || reply_len >= 0);
 
     if (command_device == -1)
         command_device = _open_device("/dev/qellpc_command", O_RDWR);

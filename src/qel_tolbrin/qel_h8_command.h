@@ -9,14 +9,19 @@
 
 #include <stdint.h>
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 // ---- The transaction ----
 
 /// Sends `command` (1 byte or more) and reads up to `reply_len` bytes into `reply` unless that is null;
 /// bytes that the reply does not fill hold 0xAB. A short read ends the reply. A command of more than 64
 /// bytes goes out in records: 64-byte ones that begin with the byte 20, and a last one that begins with the
 /// command number.
-/// Stops on a null or empty command ("command", "command_len > 0"), a failed open ("f != -1"), a short
-/// write ("n == len"; "n == bytes_to_write" in records) and a failed read ("n >= 0").
+/// Stops on a null or empty command ("command", "command_len > 0"), a reply buffer of less than nothing
+/// ("!reply || reply_len >= 0"), a failed open ("f != -1"), a write
+/// that is not taken whole ("n == len"; "n == bytes_to_write" in records) and a failed read ("n >= 0").
 /// Returns the number of reply bytes, 0 without a reply buffer.
 int qel_h8_command(const uint8_t *command, int command_len, uint8_t *reply, int reply_len);
 
@@ -65,3 +70,7 @@ void qel_h8_gfx_draw_bitmap(const uint8_t *image);
 /// Stops on a null text ("text"), a row outside 0 to 3 ("row >= 0", "row < 4"), a failed open ("f != -1")
 /// or a short write ("bytes_written == bytes"). Returns the result of the close.
 int qel_lcd_write_row(int row, const char *text);
+
+#ifdef __cplusplus
+}
+#endif

@@ -7,8 +7,12 @@
 
 #include <stdint.h>
 
-/// Receives one packet as the driver framed it. The bytes are valid only during the call; the result is
-/// ignored.
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Receives one packet as the driver framed it. The bytes are valid during the call only; the result is
+/// not looked at.
 typedef int qel_lpc_recv_function(void *context, const void *bytes, int len);
 
 /// One open device. Made by `qel_lpc_open`, owned by its creator; there is no close.
@@ -61,3 +65,7 @@ int qel_lpc_set_pacing(int on);
 
 /// Returns 1 when pacing is on, else 0. Mind that `qel_lpc_set_pacing` reports the opposite.
 int qel_lpc_get_pacing(void);
+
+#ifdef __cplusplus
+}
+#endif

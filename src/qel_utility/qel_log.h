@@ -7,6 +7,10 @@
 
 #include <stdio.h>
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 // ---- Assertions ----
 
 /// Stops the program when `expr` is false, reporting the expression's text, the unit and this line.
@@ -30,15 +34,16 @@
 /// Stops the program: forms the location code of `file` and `line`, prints nothing, and sleeps
 /// forever, because the first process must not exit. `expression` is only for debuggers. A second failure
 /// while the first is being handled waits one second and exits with status 1.
-[[noreturn]] void qel_assert_fail(const char *expression, const char *file, int line);
+__attribute__((noreturn)) void qel_assert_fail(const char *expression, const char *file, int line);
 
 /// Writes the location code of a check, such as "ERROR HDC407", into `code` (at most `size` bytes with
-/// the NUL): three letters made from the base name of `file`, then the line. The letters come from the
-/// sum of the squares of the name's characters, modulo 65536, least significant letter first.
+/// the NUL; nothing for a size of 0 or less): three letters made from the base name of `file`, then the line.
+/// The letters come from the sum of the squares of the name's characters, modulo 65536, least significant
+/// letter first.
 void qel_location_code(const char *file, int line, char *code, int size);
 
 /// What QEL_FATAL_ERROR calls; not for direct use.
-[[noreturn]] __attribute__((format(printf, 4, 5))) void
+__attribute__((noreturn, format(printf, 4, 5))) void
 _qel_fatal_error(const char *file, int line, const char *function, const char *format, ...);
 
 // ---- Console ----
@@ -46,8 +51,13 @@ _qel_fatal_error(const char *file, int line, const char *function, const char *f
 /// A second sink for fatal errors; null at start and never set by the loader.
 extern FILE *qel_log_file;
 
-/// Writes the local time as "YYYY-MM-DD hh:mm:ss - " to `stream`. Returns the number of characters.
+/// Writes the local time as "YYYY-MM-DD hh:mm:ss - " to `stream`, a time that has no date as zeros. Returns
+/// the number of characters.
 int qel_log_timestamp(FILE *stream);
 
 /// Prints to standard output and flushes it. Returns the result of the flush: 0, or EOF with errno.
 __attribute__((format(printf, 1, 2))) int qel_print(const char *format, ...);
+
+#ifdef __cplusplus
+}
+#endif

@@ -3,12 +3,12 @@
 #include "qel_utility/qel_string.h"
 #include "qel_utility/qel_log.h"
 
-#include <ctype.h>
 #include <string.h>
 
+/// 1 for the blanks of ASCII, whatever the locale.
 static int _is_space(char character)
 {
-    return isspace((unsigned char)character) != 0;
+    return character == ' ' || (character >= '\t' && character <= '\r');
 }
 
 // ---- Whitespace ----
@@ -99,7 +99,7 @@ int qel_str_replace(const char *src, char *dst, int dst_size, const char *patter
         count = _emit(dst, size, count, replacement, replacement + strlen(replacement));
         src = match + strlen(pattern);
     }
-    return (int)_emit(dst, size, count, src, src + strlen(src)) + 1;
+    return (int)(_emit(dst, size, count, src, src + strlen(src)) + 1);
 }
 
 // ---- File names ----
@@ -111,7 +111,7 @@ int qel_filename_is_valid(const char *name)
 
     for (; *name; name++) {
         unsigned char byte = (unsigned char)*name;
-        if (byte < 128 && (!isprint(byte) || strchr("\\:*?\"<>|/", byte)))
+        if (byte < ' ' || byte == '\x7F' || strchr("\\:*?\"<>|/", byte))
             return 0;
     }
     return 1;

@@ -1,8 +1,13 @@
 /// String operations on NUL-terminated byte strings, in place or into a caller's buffer.
 ///
 /// Whitespace is blank, tab, newline, vertical tab, form feed and carriage return; printable means the
-/// printable ASCII characters. A null string stops the program ("s"), unless noted otherwise.
+/// printable ASCII characters, both whatever the locale. A null string stops the program ("s"), unless said
+/// otherwise.
 #pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 // ---- Whitespace ----
 
@@ -41,3 +46,7 @@ int qel_str_replace(const char *src, char *dst, int dst_size, const char *patter
 /// Returns 1 when `name` can be one file-name component on a vfat partition, else 0: not null,
 /// not empty, no control character, none of \ : * ? " < > | and no slash. Bytes of 128 and more pass.
 int qel_filename_is_valid(const char *name);
+
+#ifdef __cplusplus
+}
+#endif

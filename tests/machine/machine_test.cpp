@@ -12,7 +12,7 @@ Machine::Machine(const std::string &target) : parts(find_parts(target))
     system = {{"xorg/bin/Xfake", recorder}};
     setup.kernel = parts.kernel_folder + "/vmlinux";
     setup.ram_disk = folder.path + "/ram_disk.img";
-    setup.tell_stops = true;
+    setup.report_stops = true;
 }
 
 void make_disk(Machine &machine)

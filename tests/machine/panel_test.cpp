@@ -299,7 +299,7 @@ TEST(RunOnATerminal, PrintsLinesWhereNoPanelFitsOrIsWanted)
 
 TEST(RunUpdateOnATerminal, DrawsThePanel)
 {
-    TmuxTerminal terminal(80, 24, std::string(MACHINE_TEST_RUN_UPDATE) + " --seconds 1000");
+    TmuxTerminal terminal(80, 24, std::string(MACHINE_TEST_RUN) + " update --seconds 1000");
     std::string screen = terminal.screen_with("[updater]");
     EXPECT_THAT(screen, HasSubstr("|TOLBRIN Update...       |"));
     EXPECT_THAT(screen, HasSubstr("|Starting updater...     |"));

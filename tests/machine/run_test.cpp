@@ -2,15 +2,21 @@
 
 #include "machine_test.h"
 
+#include "common/link_socket.h"
 #include "machine/drive/screen.h"
+
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
+#include <regex>
 
 namespace
 {
 
 const char *const run = MACHINE_TEST_RUN;
+const char *const script = MACHINE_TEST_SCRIPT;
 
 /// Runs it and returns what it prints; `status` receives its exit status.
 std::string run_with(const std::vector<std::string> &options, int &status, const char *program = run)
@@ -150,11 +156,90 @@ TEST(Run, WritesPicturesOfTheScreenAndOfTheDisplay)
     EXPECT_EQ(picture.substr(12, 12), std::string("IHDR\0\0\x02\xe8\0\0\x01\x58", 12)); // 744 by 344
 }
 
-TEST(Run, RefusesAnOptionItDoesNotKnow)
+TEST(Run, HasOneHelpThatTheScriptPrintsBeforeAnythingIsBuilt)
+{
+    const std::string help = run_tool({run, "--help"});
+    EXPECT_TRUE(help.starts_with("usage: ./run [OPTION...] ")) << help;
+    EXPECT_EQ(run_tool({run, "update", "--help"}), help);
+    EXPECT_EQ(run_tool({script, "--help"}), help);
+    EXPECT_EQ(run_tool({script, "update", "--plain", "--help"}), help);
+}
+
+TEST(Run, TakesEveryOptionOfItsHelp)
+{
+    const std::map<std::string, std::string> values = {
+        {" BYTE", "2"},   {" N", "1"},      {" MACHINE", "i586"}, {" PNG", "p"}, {" PCAPNG", "p"},
+        {" SOCKET", "s"}, {" FOLDER", "/"}, {" FILE", "/bin/sh"}, {"", ""}};
+    const std::string help = run_tool({run, "--help"});
+    const size_t only_run = help.find("\nNot with update:");
+    const std::regex option("\n  (--[a-z-]+)( [A-Z]+)?");
+    for (std::sregex_iterator match(help.begin(), help.end(), option), none; match != none; ++match) {
+        std::vector<std::string> words = {(*match)[1], "--nonsense"};
+        if ((*match)[2].matched)
+            words.insert(words.begin() + 1, values.at((*match)[2]));
+        int status = -1;
+        EXPECT_EQ(
+            run_with(words, status),
+            "The following argument was not expected: --nonsense\nRun with --help for more information.\n"
+            "status 2\n")
+            << words[0];
+        words.insert(words.begin(), "update");
+        const std::string refused = run_with(words, status);
+        EXPECT_EQ(refused.starts_with("The following arguments were not expected: "),
+                  static_cast<size_t>(match->position()) > only_run)
+            << words[1] << ": " << refused;
+    }
+}
+
+TEST(Run, RefusesWhatItsHelpDoesNotList)
 {
     int status = -1;
-    run_with({"--nonsense"}, status);
-    EXPECT_EQ(status, 2);
+    EXPECT_EQ(run_with({"--nonsense"}, status, script),
+              "error: unknown option: --nonsense (./run --help lists them all)\nstatus 2\n");
+    EXPECT_EQ(run_with({"coffee"}, status, script),
+              "error: unknown command: coffee (./run --help lists them all)\nstatus 2\n");
+}
+
+TEST(Run, PrintsTheCommandLineOfAQemuWithTheAcceleratorThatIsNamed)
+{
+    int status = -1;
+    std::string output = run_with({"--seconds", "1", "--plain", "--print-qemu"}, status);
+    EXPECT_NE(output.find("\nqemu-system-x86_64 -nodefaults -no-user-config -accel tcg "), std::string::npos)
+        << output;
+    setenv("QEL_ACCEL", "tcg,thread=single", 1);
+    output = run_with({"--seconds", "1", "--plain", "--print-qemu"}, status);
+    unsetenv("QEL_ACCEL");
+    EXPECT_NE(output.find(" -accel tcg,thread=single -cpu "), std::string::npos) << output;
+}
+
+TEST(Run, LeavesTheLinkToTheCabinetThatHasIt)
+{
+    Machine machine;
+    const std::string link = machine.setup.host_link = machine.folder.path + "/link";
+    machine.setup.board.mode = 3;
+    start(machine);
+    auto shown = [&](const std::string &text) {
+        const std::vector<Event> &events = machine.cabinet.events;
+        return std::any_of(events.begin(), events.end(), [&](const Event &event) {
+            return event.kind == Event::lcd_row && event.text == text;
+        });
+    };
+    ASSERT_TRUE(wait_until(
+        machine.cabinet, [&] { return shown("TOLBRIN Update..."); }, patience));
+    int status = -1;
+    std::string output = run_with({"--seconds", "1", "--plain", "--link", link}, status);
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(output.find("error: " + link +
+                          ": Address already in use; choose a name for the socket that nothing else has\n"),
+              std::string::npos)
+        << output;
+
+    // The first cabinet's loader still hears a host: length and CRC of a packet, then message 5.
+    const Descriptor host = {connect_link(link)};
+    const char connect[] = "\x00\x00\x00\x0c\x66\x86\x05\x00\x00\x00\x0c\x00\x00\x00\x78\x56\x34\x12";
+    ASSERT_EQ(send(host.number, connect, sizeof connect - 1, 0), 18);
+    EXPECT_TRUE(wait_until(
+        machine.cabinet, [&] { return shown("*Connected*"); }, patience));
 }
 
 TEST(Run, RefusesATargetItDoesNotKnowAndNamesThoseItDoes)

@@ -7,9 +7,9 @@
 #include <unistd.h>
 
 [[noreturn]] void parking(const char *expression, const char *file,
-                          int line) __asm__("__real__Z15qel_assert_failPKcS0_i");
+                          int line) __asm__("__real_qel_assert_fail");
 [[noreturn]] void telling(const char *expression, const char *file,
-                          int line) __asm__("__wrap__Z15qel_assert_failPKcS0_i");
+                          int line) __asm__("__wrap_qel_assert_fail");
 
 void telling(const char *expression, const char *file, int line)
 {

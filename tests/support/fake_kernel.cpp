@@ -143,7 +143,8 @@ static std::string open_flags(int flags)
 {
     static const std::pair<int, const char *> names[] = {
         {O_CREAT, "O_CREAT"},   {O_TRUNC, "O_TRUNC"},       {O_APPEND, "O_APPEND"},
-        {O_NOCTTY, "O_NOCTTY"}, {O_NONBLOCK, "O_NONBLOCK"}, {O_CLOEXEC, "O_CLOEXEC"}};
+        {O_NOCTTY, "O_NOCTTY"}, {O_NONBLOCK, "O_NONBLOCK"}, {O_CLOEXEC, "O_CLOEXEC"},
+        {O_EXCL, "O_EXCL"},     {O_DSYNC, "O_DSYNC"},       {O_NOFOLLOW, "O_NOFOLLOW"}};
     static const char *const access_modes[] = {"O_RDONLY", "O_WRONLY", "O_RDWR", "O_ACCMODE"};
     std::string text = access_modes[flags & O_ACCMODE];
     for (const auto &[bit, name] : names) {

@@ -27,7 +27,7 @@ Stop::Stop(const char *expression, const char *file, int at_line)
 }
 
 [[noreturn]] void wrap_assert_fail(const char *expression, const char *file,
-                                   int line) __asm__("__wrap__Z15qel_assert_failPKcS0_i");
+                                   int line) __asm__("__wrap_qel_assert_fail");
 
 void wrap_assert_fail(const char *expression, const char *file, int line)
 {

@@ -25,7 +25,7 @@ struct Stop : std::exception {
 };
 
 [[noreturn]] void real_assert_fail(const char *expression, const char *file,
-                                   int line) __asm__("__real__Z15qel_assert_failPKcS0_i");
+                                   int line) __asm__("__real_qel_assert_fail");
 
 /// From now on, tests run in this process: a child that a test made of itself.
 void tests_run_here();

@@ -4,11 +4,14 @@
 #include "support/output.h"
 #include "support/scratch_disk.h"
 #include "support/stops.h"
+#include "support/transcript.h"
 
 #include "qel_application_loader/application.h"
 
 #include <errno.h>
 #include <gmock/gmock.h>
+
+#include <algorithm>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -35,6 +38,16 @@ class FindApplication : public OnScratchDisk
         printed = output_of([&] { qel_find_application(&application); });
     }
 
+    /// Finds, and gives the calls of these names; a close without its descriptor.
+    std::vector<std::string> calls_of_find(const std::string &names)
+    {
+        find();
+        std::vector<std::string> calls = kernel.calls(names);
+        for (std::string &call : calls)
+            call = call.rfind("close ", 0) == 0 ? "close" : call;
+        return calls;
+    }
+
     qel_application application;
     std::string printed;
 };
@@ -47,6 +60,8 @@ TEST_F(FindApplication, TakesTheOneOnStorageAndRunsItFromThere)
     EXPECT_STREQ(application.app_path, "/storage/qel_application_1");
     EXPECT_EQ(printed, "candidate: /storage/qel_application_1\n");
     EXPECT_THAT(kernel.calls("mount"), IsEmpty());
+    const std::string whole_name(application.app_name, sizeof application.app_name);
+    EXPECT_EQ(whole_name, "qel_application_1" + std::string(1000 - 17, '\0'));
 }
 
 TEST_F(FindApplication, RunsOneInAFolderOnStorageWhereItLies)
@@ -71,14 +86,29 @@ TEST_F(FindApplication, CopiesANewerOneFromAStickToStorageAndRunsItFromThere)
                        "copy: /disk/sda1/qel_application_2 -> /storage/qel_application_2\n");
 }
 
+TEST_F(FindApplication, CopiesOneWithTheLongestNameAndPath)
+{
+    std::string folder = "/disk";
+    while (folder.size() < 743)
+        folder += "/" + std::string(std::min<size_t>(200, 742 - folder.size()), 'd');
+    const std::string name = "qel_application_" + std::string(239, 'z');
+    ASSERT_EQ(folder.size() + 1 + name.size(), 999U);
+    disk.make_file(folder + "/" + name, "new");
+    find();
+    EXPECT_EQ(application.app_name, name);
+    EXPECT_EQ(application.app_path, "/storage/" + name);
+    EXPECT_EQ(disk.content("/storage/" + name), "new");
+}
+
 TEST_F(FindApplication, MakesStorageWritableOnlyForTheCopy)
 {
     disk.make_file("/disk/sda1/qel_application_2", "new");
-    find();
-    EXPECT_THAT(kernel.calls("mount open sync"),
+    EXPECT_THAT(calls_of_find("mount open close chmod sync"),
                 ElementsAre("mount /dev/disk/hdc3 /storage vfat 32 null",
+                            "chmod /storage/qel_application_2 0777",
                             "open /disk/sda1/qel_application_2 O_RDONLY",
-                            "open /storage/qel_application_2 O_RDWR|O_CREAT|O_TRUNC",
+                            "open /storage/qel_application_2 O_RDWR|O_CREAT|O_TRUNC", "close", "close",
+                            "chmod /storage/qel_application_2 0777",
                             "mount /dev/disk/hdc3 /storage vfat 33 null", "sync"));
 }
 
@@ -102,8 +132,10 @@ TEST_F(FindApplication, CopiesOneFromAFolderOfAStickThatIsOnlyCalledStorage)
 
 TEST_F(FindApplication, StopsWhenThereIsNone)
 {
-    disk.make_file("/storage/readme");
+    for (const char *name : {"readme", "qel_application", "qel_applications", "QEL_application_1", "1qel_application_1"})
+        disk.make_file(std::string("/storage/") + name);
     EXPECT_STOPS("*app_file", loader_unit, 189, find());
+    EXPECT_STREQ(application.app_path, "/"); // made up before it is looked at
 }
 
 TEST_F(FindApplication, StopsWhenTheCopyFailsAndLeavesStorageWritable)
@@ -166,7 +198,7 @@ class RunApplication : public OnScratchDisk
     std::string run(const char *name)
     {
         const std::string path = std::string("/storage/") + name;
-        strcpy(application.app_name, name);
+        strcpy(application.app_name, path.c_str() + path.rfind('/') + 1);
         strcpy(application.app_path, path.c_str());
         return output_of([&] {
             try {
@@ -189,22 +221,18 @@ class RunApplication : public OnScratchDisk
 
 static const char removal[] = "removing dir tree \"/qel_home/.wine\"\n";
 
-TEST_F(RunApplication, RemovesTheWinePrefixSaysWhatItRunsGoesToStorageAndWaits)
+TEST_F(RunApplication, RemovesTheWinePrefixSaysWhatItRunsGoesToStorageAndWaitsInEveryPass)
 {
-    kernel.leave_at("waitpid", 1);
-    EXPECT_EQ(run("qel_application_1"), std::string(removal) + "run: /storage/qel_application_1\n");
-    EXPECT_THAT(kernel.calls("chmod unlink chdir fork waitpid"),
-                ElementsAre("chmod /qel_home/.wine 0777", "unlink /qel_home/.wine", "chdir /storage", "fork",
-                            "waitpid 4711 0"));
-}
-
-TEST_F(RunApplication, StartsAgainAtOnceWheneverTheApplicationEnds)
-{
-    kernel.leave_at("waitpid", 4);
-    const std::string pass = std::string(removal) + "run: /storage/qel_application_1\n";
-    EXPECT_EQ(run("qel_application_1"), pass + pass + pass + pass);
-    EXPECT_EQ(kernel.count("sleep"), 0);
-    EXPECT_EQ(kernel.count("chdir"), 4);
+    strcpy(application.app_path, "/storage/qel_application_1");
+    kernel.leave_at("waitpid", 2);
+    Transcript transcript(kernel, "chmod unlink chdir fork waitpid sleep");
+    EXPECT_THROW(qel_run_application_for_ever(&application), LeftProduct);
+    const std::string said = std::string("> ") + removal + "run: /storage/qel_application_1\n";
+    EXPECT_THAT(transcript.lines(),
+                ElementsAre("chmod /qel_home/.wine 0777", "unlink /qel_home/.wine", said, "chdir /storage",
+                            "fork", "waitpid 4711 0", //
+                            "chmod /qel_home/.wine 0777", "unlink /qel_home/.wine", said, "chdir /storage",
+                            "fork", "waitpid 4711 0"));
 }
 
 TEST_F(RunApplication, RemovesTheWinePrefixOfEveryRun)
@@ -218,14 +246,6 @@ TEST_F(RunApplication, RemovesTheWinePrefixOfEveryRun)
     kernel.leave_at("waitpid", 3);
     run("qel_application_1");
     EXPECT_EQ(kernel.count("fork"), 3);
-}
-
-TEST_F(RunApplication, ShowsWhatItRunsBeforeTheChildIsMade)
-{
-    kernel.leave_at("fork", 1);
-    Output output;
-    EXPECT_THROW(qel_run_application_for_ever(&application), LeftProduct);
-    EXPECT_EQ(output.flushed(), std::string(removal) + "run: \n");
 }
 
 TEST_F(RunApplication, IgnoresAFailedChangeOfFolder)
@@ -304,8 +324,12 @@ TEST_F(RunApplication, TakesExeSoAnywhereInThePath)
 TEST_F(RunApplication, TakesAnyOtherExtensionForAProgram)
 {
     play_child();
-    run("qel_application_game.exe");
-    EXPECT_THAT(kernel.calls("execve"), ElementsAre(StartsWith("execve /storage/qel_application_game.exe ")));
+    for (const char *name : {"qel_application_game.exe", "qel_application_game.EXE.SO", "qel_application.so"}) {
+        kernel.forget_calls();
+        run(name);
+        EXPECT_THAT(kernel.calls("execve"),
+                    ElementsAre(StartsWith("execve /storage/" + std::string(name) + " ")));
+    }
 }
 
 TEST_F(RunApplication, FlushesTheMessageOfAChildThatCannotStart)

@@ -338,7 +338,7 @@ const std::vector<Scenario> applications = {
     {"RunApplication", "became /storage/qel_application_1",
      [](Ground &ground) { return run_application(ground, "qel_application_1"); },
      run_rules(REMOVING_PREFIX "run: /storage/qel_application_1\nexec failed: qel_application_1\n")},
-    {"RunWindowsApplication", "became " QEL_WINE,
+    {"RunWindowsApplication", "became /usr/wine/bin/wine",
      [](Ground &ground) { return run_application(ground, "qel_application_1.exe.so"); },
      run_rules(REMOVING_PREFIX
                "run: /storage/qel_application_1.exe.so\nwine failed: qel_application_1.exe.so\n")},

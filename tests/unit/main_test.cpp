@@ -2,17 +2,12 @@
 // other files.
 
 #include "support/fresh_process.h"
-#include "support/output.h"
 #include "support/scratch_disk.h"
 #include "support/stops.h"
+#include "support/transcript.h"
 
 #include <errno.h>
 #include <gmock/gmock.h>
-
-#include <sstream>
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 /// The loader's main under another name.
 int qel_loader_main(int argc, char **argv);
@@ -62,20 +57,16 @@ class Main : public OnScratchDisk
             return 4711;
         };
     }
-    /// The lines that main prints in this mode.
-    std::vector<std::string> lines(std::vector<std::string> arguments)
+    /// What main does and shows in this mode, as far as the steps of start_up.h and their neighbours show.
+    std::vector<std::string> steps(std::vector<std::string> arguments)
     {
         std::vector<char *> argv;
         for (std::string &argument : arguments)
             argv.push_back(argument.data());
         argv.push_back(nullptr);
-        Output output;
+        Transcript transcript(kernel, "mount umount sync dup2 sleep opendir symlink fork chdir");
         EXPECT_THROW(qel_loader_main(static_cast<int>(arguments.size()), argv.data()), LeftProduct);
-        std::vector<std::string> all;
-        std::istringstream text(output.text());
-        for (std::string line; std::getline(text, line);)
-            all.push_back(line);
-        return all;
+        return transcript.lines();
     }
 
     const LeaksAllowed link_for_life;
@@ -83,62 +74,56 @@ class Main : public OnScratchDisk
     int mode_byte = 0;
 };
 
-static const std::string board_nodes =
-    "dev:  qellpc_firmware qellpc_midi qellpc_lcd qellpc_command qellpc_button qellpc_test qellpc_console "
-    "qellpc_host_comms qellpc_reserved1 qellpc_reserved2";
+using Lines = std::vector<std::string>;
+
+/// The parts, one behind the other.
+static Lines all_of(const std::vector<Lines> &parts)
+{
+    Lines all;
+    for (const Lines &part : parts)
+        all.insert(all.end(), part.begin(), part.end());
+    return all;
+}
+
+static const Lines kernel_and_board = {
+    "> QEL Loader...\nmount: /sys /proc\n",
+    "mount sysfs /sys sysfs 0 null",
+    "mount proc /proc proc 0 null",
+    "mount none /proc/bus/usb usbfs 0 null",
+    "> dev: ",
+    ">  qellpc_firmware qellpc_midi qellpc_lcd qellpc_command qellpc_button qellpc_test qellpc_console "
+    "qellpc_host_comms qellpc_reserved1 qellpc_reserved2\n",
+};
+static const Lines silence = {"dup2 5001 0", "dup2 5001 1", "dup2 5001 2"};
+/// Begins behind an unfinished line, if there is one.
+static Lines disks(const std::string &line_end)
+{
+    return {"> " + line_end + "dev: ", "opendir /sys/class/sound", "opendir /sys/block", "opendir /sys/block", "opendir /sys/block/sda",
+            "> \nmount:", "opendir /dev/disk"};
+}
+static Lines system_and_application(const std::string &printed)
+{
+    return {"> " + printed + "mount: /usr",
+            "mount /dev/disk/hdc2 /usr cramfs 1 null",
+            ">  /storage\n",
+            "mount /dev/disk/hdc3 /storage vfat 1 null",
+            "symlink /tmp /qel_home",
+            "opendir /storage",
+            "opendir /disk",
+            "opendir /disk/sda1",
+            "fork", // the X server
+            "> /tmp -> /qel_home\ncandidate: /storage/qel_application_1\n"
+            "removing dir tree \"/qel_home/.wine\"\nrun: /storage/qel_application_1\n",
+            "chdir /storage",
+            "fork"};
+}
 
 TEST_F(Main, TakesItsStepsInOrder)
 {
     if (!in_fresh_process())
         return;
-    EXPECT_THAT(lines({"loader"}),
-                ElementsAre("QEL Loader...", "mount: /sys /proc", board_nodes,
-                            "dev: ", "mount:", "mount: /usr /storage", "/tmp -> /qel_home",
-                            "candidate: /storage/qel_application_1", "removing dir tree \"/qel_home/.wine\"",
-                            "run: /storage/qel_application_1"));
-    EXPECT_THAT(kernel.calls("mount"),
-                ElementsAre("mount sysfs /sys sysfs 0 null", "mount proc /proc proc 0 null",
-                            "mount none /proc/bus/usb usbfs 0 null",
-                            "mount /dev/disk/hdc2 /usr cramfs 1 null",
-                            "mount /dev/disk/hdc3 /storage vfat 1 null"));
-    EXPECT_EQ(kernel.count("fork"), 2); // the X server and the application
-}
-
-TEST_F(Main, SilencesTheStandardStreamsBeforeItLooksForDisksUnlessAConsoleIsWanted)
-{
-    if (!in_fresh_process())
-        return;
-    lines({"loader"});
-    const std::vector<std::string> calls = kernel.calls("read dup2 opendir");
-    ASSERT_GT(calls.size(), 4U);
-    EXPECT_EQ(calls[0], "read 5001 64"); // the mode byte
-    EXPECT_EQ(calls[1], "dup2 5001 0");
-    EXPECT_EQ(calls[2], "dup2 5001 1");
-    EXPECT_EQ(calls[3], "dup2 5001 2");
-    EXPECT_EQ(calls[4], "opendir /sys/class/sound");
-}
-
-TEST_F(Main, LeavesTheStandardStreamsAloneWhenAConsoleIsWanted)
-{
-    if (!in_fresh_process())
-        return;
-    mode_byte = 1;
-    EXPECT_EQ(lines({"loader"}).at(3), "Want console...");
-    EXPECT_THAT(kernel.calls("dup2"), IsEmpty());
-}
-
-TEST_F(Main, RunsTheUpdateModeBeforeItSilencesTheStandardStreams)
-{
-    if (!in_fresh_process())
-        return;
-    mode_byte = 2;
-    lines({"loader"});
-    const std::vector<std::string> calls = kernel.calls("open dup2");
-    ASSERT_GT(calls.size(), 7U);
-    EXPECT_EQ(calls[0], "open /dev/qellpc_command O_RDWR");
-    EXPECT_EQ(calls[1], "open /dev/qellpc_host_comms O_RDWR|O_NONBLOCK");
-    EXPECT_EQ(kernel.calls("sleep dup2").at(0), "sleep 5"); // a stick was found
-    EXPECT_EQ(kernel.count("dup2"), 3);
+    EXPECT_EQ(steps({"loader"}),
+              all_of({kernel_and_board, silence, disks(""), system_and_application("\n")}));
 }
 
 TEST_F(Main, IgnoresTheOtherBitsOfTheModeByte)
@@ -146,22 +131,56 @@ TEST_F(Main, IgnoresTheOtherBitsOfTheModeByte)
     if (!in_fresh_process())
         return;
     mode_byte = 0xFC;
-    lines({"loader"});
-    EXPECT_EQ(kernel.count("dup2"), 3);
-    EXPECT_EQ(kernel.count("sleep"), 0);
+    EXPECT_EQ(steps({"loader"}),
+              all_of({kernel_and_board, silence, disks(""), system_and_application("\n")}));
+}
+
+TEST_F(Main, RunsTheUpdateModeBeforeItSilencesTheStandardStreams)
+{
+    if (!in_fresh_process())
+        return;
+    mode_byte = 2;
+    EXPECT_EQ(steps({"loader"}), all_of({kernel_and_board,
+                                         {"sleep 5"}, // a stick was found
+                                         silence,
+                                         disks(""),
+                                         system_and_application("\n")}));
+}
+
+TEST_F(Main, SaysThatAConsoleIsWantedBeforeTheUpdateModeAndLeavesTheStandardStreamsAlone)
+{
+    if (!in_fresh_process())
+        return;
+    mode_byte = 0x83;
+    EXPECT_EQ(steps({"loader"}), all_of({kernel_and_board,
+                                         {"> Want console...\n", "sleep 5"},
+                                         disks(""),
+                                         system_and_application("\n")}));
 }
 
 TEST_F(Main, WaitsForAStickAndInstallsBeforeItMountsTheSystem)
 {
     if (!in_fresh_process())
         return;
-    mode_byte = 1;
-    EXPECT_THAT(lines({"loader", "qelinstall"}),
-                ElementsAre("QEL Loader...", "mount: /sys /proc", board_nodes, "Want console...",
-                            "Waiting for external media", "dev: ", "mount:", "Installing...",
-                            "dev: ", "copy: /disk/sda1/qel_usr.cramfs -> /dev/disk/hdc2",
-                            "copy: /disk/sda1/vmlinux -> /boot/vmlinux", "Install complete.",
-                            "mount: /usr /storage", "/tmp -> /qel_home",
-                            "candidate: /storage/qel_application_1", "removing dir tree \"/qel_home/.wine\"",
-                            "run: /storage/qel_application_1"));
+    EXPECT_EQ(steps({"loader", "qelinstall"}),
+              all_of({kernel_and_board,
+                      silence,
+                      {"> Waiting for external media"},
+                      disks("\n"),
+                      {"> \nInstalling...\n", "fork", "sync", "> dev: ", "opendir /sys/block", "> \n", "fork",
+                       "fork", "mount /dev/disk/hdc1 /boot vfat 0 null", "fork", "umount /boot", "sync"},
+                      system_and_application("copy: /disk/sda1/qel_usr.cramfs -> /dev/disk/hdc2\n"
+                                             "copy: /disk/sda1/vmlinux -> /boot/vmlinux\n"
+                                             "Install complete.\n")}));
+}
+
+TEST_F(Main, InstallsWithTheConsoleAndBehindTheUpdateModeToo)
+{
+    if (!in_fresh_process())
+        return;
+    mode_byte = 3;
+    const Lines lines = steps({"loader", "qelinstall"});
+    ASSERT_GT(lines.size(), 8U);
+    EXPECT_EQ(Lines(lines.begin() + 6, lines.begin() + 9),
+              Lines({"> Want console...\n", "sleep 5", "> Waiting for external media"}));
 }

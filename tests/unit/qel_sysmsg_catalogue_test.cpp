@@ -4,7 +4,9 @@
 #include "support/scratch.h"
 #include "support/sysmsg_fixture.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
+#include <malloc.h>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -64,7 +66,7 @@ static const Operation sequenced_operations[] = {
      "0E 00 00 00 18 00 00 00 ## 00*3 02 00 00 00 07 00 00 00 04 03 02 01"},
     {"reply_plugins, none", RETURNS(qel_sysmsg_reply_plugins(con, nullptr, 0)),
      "0E 00 00 00 10 00 00 00 ## 00*3 00*4"},
-    {"post_18", RETURNS(qel_sysmsg_post_18(con, "name")), "12 00 00 00 88 00 00 00 ## 'name' 00*123"},
+    {"post_18", RETURNS(qel_sysmsg_post_18(con, "%s%n")), "12 00 00 00 88 00 00 00 ## '%s%n' 00*123"},
     {"post_18, cut", RETURNS(qel_sysmsg_post_18(con, longer.c_str())),
      "12 00 00 00 88 00 00 00 ## 6E*99 00 00*27"},
     {"post_19", RETURNS(qel_sysmsg_post_19(con, "name", 0x01020304, twenty)),
@@ -89,16 +91,16 @@ static const Operation sequenced_operations[] = {
     {"post_34", RETURNS(qel_sysmsg_post_34(con)), "22 00 00 00 0C 00 00 00 ## 00*3"},
     {"reply_info", RETURNS(qel_sysmsg_reply_info(con, 1, 2, 0xFFFFFFFF)),
      "25 00 00 00 18 00 00 00 ## 00*3 01 00 00 00 02 00 00 00 FF FF FF FF"},
-    {"reply_item_size", RETURNS(qel_sysmsg_reply_item_size(con, 1, "name", 2, 0x0102030405060708)),
-     "28 00 00 00 40 00 00 00 ## 00*3 01 00 00 00 'name' 00*28 02 00 00 00 00*4 08 07 06 05 04 03 02 01"},
+    {"reply_item_size", RETURNS(qel_sysmsg_reply_item_size(con, 1, "name", 2, 0x8182838485868788)),
+     "28 00 00 00 40 00 00 00 ## 00*3 01 00 00 00 'name' 00*28 02 00 00 00 00*4 88 87 86 85 84 83 82 81"},
     {"reply_item_size, cut", RETURNS(qel_sysmsg_reply_item_size(con, 1, forty.c_str(), 2, 3)),
      "28 00 00 00 40 00 00 00 ## 00*3 01 00 00 00 6E*30 00*2 02 00 00 00 00*4 03 00*7"},
     {"reply_item_size, no name", RETURNS(qel_sysmsg_reply_item_size(con, 1, nullptr, 2, 3)),
      "28 00 00 00 40 00 00 00 ## 00*3 01 00 00 00 00*32 02 00 00 00 00*4 03 00*7"},
-    {"reply_42", RETURNS(qel_sysmsg_reply_42(con, 0x0102030405060708, 9)),
-     "2A 00 00 00 20 00 00 00 ## 00*3 00*4 08 07 06 05 04 03 02 01 09 00*7"},
-    {"reply_plugin_size", RETURNS(qel_sysmsg_reply_plugin_size(con, 7, 0x0102030405060708)),
-     "2C 00 00 00 18 00 00 00 ## 00*3 07 00 00 00 08 07 06 05 04 03 02 01"},
+    {"reply_42", RETURNS(qel_sysmsg_reply_42(con, 0x8182838485868788, 0x9192939495969798)),
+     "2A 00 00 00 20 00 00 00 ## 00*3 00*4 88 87 86 85 84 83 82 81 98 97 96 95 94 93 92 91"},
+    {"reply_plugin_size", RETURNS(qel_sysmsg_reply_plugin_size(con, 7, 0x8182838485868788)),
+     "2C 00 00 00 18 00 00 00 ## 00*3 07 00 00 00 88 87 86 85 84 83 82 81"},
     {"post_45", RETURNS(qel_sysmsg_post_45(con, 0x01020304)),
      "2D 00 00 00 18 00 00 00 ## 00*3 04 03 02 01 00*8"},
     {"reply_text", RETURNS(qel_sysmsg_reply_text(con, "text")),
@@ -127,6 +129,63 @@ class Catalogue : public Sysmsg
 class CatalogueFiles : public Catalogue
 {
 };
+
+// ---- Memory ----
+
+/// Confirms the message that was sent, and answers one of type 48 with one byte.
+static void confirm_at_once(const Bytes &sent, qel_sysmsg_con *con)
+{
+    static uint8_t number = 1;
+    if (!qel_sysmsg_has_sequence(sent[0]))
+        return;
+    qel_sysmsg_receive(con, confirm_of(sent).data(), 12);
+    if (sent[0] != 48)
+        return;
+    number = static_cast<uint8_t>(number % 200 + 1);
+    const uint8_t answer[] = {49, 0, 0, 0, 17, 0, 0, 0, number, 0, 0, 0, 1, 0, 0, 0, 'a'};
+    qel_sysmsg_receive(con, answer, sizeof answer);
+}
+
+TEST(CatalogueMemory, IsGivenBackBehindEveryMessage)
+{
+    static const void *plain;
+    static uint32_t plain_len;
+    static Bytes last;
+    static qel_sysmsg_con con;
+    con.send = [](void *, const void *bytes, int) {
+        memcpy(last.data(), bytes, 12);
+        return 0;
+    };
+    con.poll = [](void *) { return confirm_at_once(last, &con), 0; };
+    last.resize(12);
+    con.recv = [](auto...) {};
+    qel_sysmsg_forget_sequence();
+    static const std::vector<std::function<void()>> operations = {
+        [] { qel_sysmsg_send_updater(&con, "x", 1); },  [] { qel_sysmsg_transfer_data(&con, "x", 1); },
+        [] { qel_sysmsg_reply_plugins(&con, two_ids, 2); }, [] { qel_sysmsg_reply_text(&con, "x"); },
+        [] { qel_sysmsg_decipher(&con, "x", 1, &plain, &plain_len); },
+    };
+    for (size_t each = 0; each < operations.size(); ++each) {
+        operations[each]();
+        const size_t before = mallinfo2().uordblks;
+        operations[each]();
+        operations[each]();
+        EXPECT_EQ(mallinfo2().uordblks, before) << "operation " << each;
+    }
+}
+
+TEST_F(Catalogue, AsksForTheMemoryOfABlockOfAnyLengthAndStopsWithoutIt)
+{
+    if (!in_fresh_process())
+        return;
+    peer.kernel.watches_memory = 1;
+    peer.kernel.fail("malloc", ENOMEM);
+    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_send_updater(&peer.con, "x", 0x7FFFFFFF));
+    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_transfer_data(&peer.con, "x", 0x7FFFFFFF));
+    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_reply_plugins(&peer.con, two_ids, 0x10000002));
+    EXPECT_THAT(peer.kernel.calls("malloc"),
+                ElementsAre("malloc 2147483659", "malloc 2147483663", "malloc 1073741848"));
+}
 
 // ---- Operations that only send ----
 

@@ -111,6 +111,18 @@ TEST_F(SysmsgNumbers, AreSpentByMessagesThatNobodyConfirms)
     EXPECT_EQ(peer.transmissions.back().at(8), 3);
 }
 
+TEST_F(SysmsgNumbers, DoNotStartAgainWhenThoseReceivedAreForgotten)
+{
+    if (!in_fresh_process())
+        return;
+    peer.confirms();
+    EXPECT_EQ(request(), 1);
+    qel_sysmsg_forget_sequence();
+    message = bytes_of(post_22);
+    EXPECT_EQ(request(), 1);
+    EXPECT_EQ(message.at(8), 3);
+}
+
 TEST_F(SysmsgNumbers, AreWrittenIntoTheMessageOfTheCaller)
 {
     peer.confirms();
@@ -177,13 +189,13 @@ TEST_F(SysmsgSend, PutsASequencedByteBlockBehindItsLengthAt12)
 TEST_F(SysmsgSend, StopsOnAByteBlockWithoutConnectionBytesOrLength)
 {
     peer.kernel.watches_memory = 1;
-    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_send_blob(nullptr, 10, "x", 1));
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_send_blob(nullptr, 10, nullptr, 0));
     EXPECT_EQ(peer.kernel.count("malloc"), 0); // it stops at once
-    EXPECT_STOPS_ON("blob", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, nullptr, 1));
+    EXPECT_STOPS_ON("blob", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, nullptr, 0));
     EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, "x", 0));
     EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_send_blob(&peer.con, 10, "x", -1));
-    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_request_blob(nullptr, 2, "x", 1));
-    EXPECT_STOPS_ON("blob", sysmsg_unit, qel_sysmsg_request_blob(&peer.con, 2, nullptr, 1));
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_request_blob(nullptr, 2, nullptr, 0));
+    EXPECT_STOPS_ON("blob", sysmsg_unit, qel_sysmsg_request_blob(&peer.con, 2, nullptr, 0));
     EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_request_blob(&peer.con, 2, "x", 0));
     EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_request_blob(&peer.con, 2, "x", -1));
     EXPECT_THAT(peer.sent, IsEmpty());
@@ -201,7 +213,7 @@ TEST_F(SysmsgSend, StopsOnAByteBlockOfTheWrongKindOfType)
 
 TEST_F(SysmsgMisuse, NoConnection)
 {
-    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_request(nullptr, message.data()));
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_request(nullptr, bytes_of("0B 00 00 00 08 00 00 00").data()));
 }
 
 TEST_F(SysmsgMisuse, NoSendFunction)
@@ -246,7 +258,7 @@ TEST_F(SysmsgMisuse, AWaitWithoutABuffer)
         return;
     message[8] = 5; // the number is looked at later
     EXPECT_STOPS_ON("buf", sysmsg_unit,
-                    qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, nullptr, 16));
+                    qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, nullptr, 0));
 }
 
 TEST_F(SysmsgMisuse, AWaitWithAnEmptyBuffer)
@@ -270,7 +282,7 @@ TEST_F(SysmsgMisuse, ASendWhileAConfirmIsAwaited)
     if (!in_fresh_process())
         return;
     peer.on_poll = [this] { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
-    EXPECT_STOPS_ON("!pending_ack", sysmsg_unit, request());
+    EXPECT_STOPS_ON("!pending_ack", sysmsg_unit, query());
 }
 
 TEST_F(SysmsgMisuse, ASendWhileAReplyIsAwaited)

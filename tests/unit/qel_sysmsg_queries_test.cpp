@@ -244,6 +244,44 @@ TEST_F(QueryPathExists, StopsOnALongerAnswer)
                     qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", &exists));
 }
 
+// ---- Answers that are too short ----
+
+/// Leaves something else than zeros where the next call has its variables.
+[[gnu::noinline]] static void soil_the_stack()
+{
+    volatile char soil[4096];
+    for (volatile char &byte : soil)
+        byte = '\x5A';
+}
+
+TEST_F(QueryInfo, AndItsLikeReadWhatAShortAnswerLacksAsZeros)
+{
+    // A whole answer first, of which nothing is left over for the short one.
+    uint32_t exists = 1;
+    peer.answers("1D 00 00 00 10 00 00 00 09 00*3 04 03 02 01");
+    EXPECT_EQ(qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", &exists), 1);
+    peer.answers("1D 00 00 00 0C 00 00 00 0A 00*3");
+    soil_the_stack();
+    EXPECT_EQ(qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", &exists), 1);
+    EXPECT_EQ(exists, 0U);
+
+    qel_sysmsg_info info = {4711, 1, 1, 1};
+    peer.answers("25 00 00 00 18 00 00 00 0B 00*3 01 00 00 00 02 00 00 00 03 00 00 00");
+    EXPECT_EQ(qel_sysmsg_get_info(&peer.con, &info), 1);
+    peer.answers("25 00 00 00 10 00 00 00 0C 00*3 05 00 00 00");
+    soil_the_stack();
+    EXPECT_EQ(qel_sysmsg_get_info(&peer.con, &info), 1);
+    EXPECT_TRUE(info.a == 5 && info.b == 0 && info.c == 0);
+
+    uint64_t first = 1, second = 1;
+    peer.answers("2A 00 00 00 20 00 00 00 0D 00*3 00*4 88 87 86 85 84 83 82 81 98 97 96 95 94 93 92 91");
+    EXPECT_EQ(qel_sysmsg_query_41(&peer.con, &first, &second), 1);
+    peer.answers("2A 00 00 00 0C 00 00 00 0E 00*3");
+    soil_the_stack();
+    EXPECT_EQ(qel_sysmsg_query_41(&peer.con, &first, &second), 1);
+    EXPECT_TRUE(first == 0 && second == 0);
+}
+
 // ---- Info ----
 
 TEST_F(QueryInfo, FillsAllButTheCallersOwnField)
@@ -285,12 +323,12 @@ TEST_F(QueryInfo, NeedsARecord)
 TEST_F(QueryItemSize, SendsBothValuesAndTheName)
 {
     peer.answers("28 00 00 00 40 00 00 00 09 00*3 01 00 00 00 'name' 00*28 02 00 00 00 00*4 "
-                 "08 07 06 05 04 03 02 01");
+                 "88 87 86 85 84 83 82 81");
     uint64_t size = 0;
     EXPECT_EQ(qel_sysmsg_get_item_size(&peer.con, 1, "name", 2, &size), 1);
     EXPECT_EQ(request_sent(),
               shown("27 00 00 00 40 00 00 00 ## 00*3 01 00 00 00 'name' 00*28 02 00 00 00 00*12"));
-    EXPECT_EQ(size, 0x0102030405060708U);
+    EXPECT_EQ(size, 0x8182838485868788U);
 }
 
 TEST_F(QueryItemSize, SendsZerosForNoNameAndCutsALongOne)
@@ -342,13 +380,13 @@ TEST_F(QueryItemSize, StopsOnALongerAnswer)
 
 TEST_F(Query41, ReturnsBothValues)
 {
-    peer.answers("2A 00 00 00 20 00 00 00 09 00*3 00*4 08 07 06 05 04 03 02 01 09 00*7");
+    peer.answers("2A 00 00 00 20 00 00 00 09 00*3 00*4 88 87 86 85 84 83 82 81 98 97 96 95 94 93 92 91");
     uint64_t first = 0;
     uint64_t second = 0;
     EXPECT_EQ(qel_sysmsg_query_41(&peer.con, &first, &second), 1);
     EXPECT_EQ(request_sent(), shown("29 00 00 00 0C 00 00 00 ## 00*3"));
-    EXPECT_EQ(first, 0x0102030405060708U);
-    EXPECT_EQ(second, 9U);
+    EXPECT_EQ(first, 0x8182838485868788U);
+    EXPECT_EQ(second, 0x9192939495969798U);
 }
 
 TEST_F(Query41, LeavesTheResultsAloneWithoutAnAnswer)
@@ -386,11 +424,11 @@ TEST_F(Query41, NeedsNeitherResult)
 
 TEST_F(QueryPluginSize, SendsTheIdAndReturnsTheSize)
 {
-    peer.answers("2C 00 00 00 18 00 00 00 09 00*3 07 00 00 00 08 07 06 05 04 03 02 01");
+    peer.answers("2C 00 00 00 18 00 00 00 09 00*3 07 00 00 00 88 87 86 85 84 83 82 81");
     uint64_t size = 0;
-    EXPECT_EQ(qel_sysmsg_get_plugin_size(&peer.con, 7, &size), 1);
-    EXPECT_EQ(request_sent(), shown("2B 00 00 00 18 00 00 00 ## 00*3 07 00 00 00 00*8"));
-    EXPECT_EQ(size, 0x0102030405060708U);
+    EXPECT_EQ(qel_sysmsg_get_plugin_size(&peer.con, 0x80000007, &size), 1);
+    EXPECT_EQ(request_sent(), shown("2B 00 00 00 18 00 00 00 ## 00*3 07 00 00 80 00*8"));
+    EXPECT_EQ(size, 0x8182838485868788U);
 }
 
 TEST_F(QueryPluginSize, LeavesTheResultAloneWithoutAnAnswer)

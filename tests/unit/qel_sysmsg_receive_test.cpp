@@ -33,6 +33,23 @@ TEST_F(SysmsgReceive, ConfirmsASequencedMessageBeforeItHandsItOn)
     EXPECT_THAT(peer.handled, ElementsAre("16 00 00 00 0C 00 00 00 4D 99 99 99"));
 }
 
+TEST(SysmsgFirstMessage, MayHaveAnyNumber)
+{
+    if (!in_fresh_process())
+        return;
+    ScriptedPeer peer; // nothing has been forgotten yet
+    peer.receive(numbered(22, 1));
+    EXPECT_THAT(peer.handled, ElementsAre("16 00 00 00 0C 00 00 00 01 00 00 00"));
+}
+
+TEST_F(SysmsgReceive, StopsWithoutASendFunctionForItsConfirm)
+{
+    if (!in_fresh_process())
+        return;
+    peer.con.send = nullptr;
+    EXPECT_STOPS_ON("con->send", sysmsg_unit, peer.receive(numbered(22, 1)));
+}
+
 TEST_F(SysmsgReceive, ConfirmsARepeatEachTimeAndHandsItOnOnce)
 {
     peer.receive(numbered(22, 77));
@@ -101,7 +118,7 @@ TEST_F(SysmsgReceive, StopsOnAMessageThatHasNoRoomForItsSize)
 {
     if (!in_fresh_process())
         return;
-    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B 00 00 00 05"));
+    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 05 00 00 00").data(), 5));
 }
 
 TEST_F(SysmsgReceive, StopsOnASingleByte)
@@ -158,4 +175,5 @@ TEST_F(SysmsgReceive, StopsOnAHandlerThatLetsAnotherMessageIn)
     peer.on_handle = [this](const Bytes &) { peer.con.poll(peer.con.poll_ctx); };
     peer.delivers(0, bytes_of("0B 00 00 00 08 00 00 00"));
     EXPECT_STOPS_ON("!reenter", sysmsg_unit, peer.receive("0C 00 00 00 08 00 00 00"));
+    EXPECT_STOPS_ON("!reenter", sysmsg_unit, qel_sysmsg_receive(nullptr, nullptr, 0)); // looked at first
 }

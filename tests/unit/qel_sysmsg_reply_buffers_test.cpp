@@ -74,6 +74,8 @@ TEST_F(QueryText, IsNoneWhenItsNulIsMissing)
 {
     peer.answers("2F 00 00 00 15 00 00 00 09 00*3 05 00 00 00 'textX'");
     EXPECT_EQ(qel_sysmsg_get_text(&peer.con), nullptr);
+    peer.answers("2F 00 00 00 15 00 00 00 0A 00*3 05 00 00 00 'te' 00 'tX'"); // only its last byte counts
+    EXPECT_EQ(qel_sysmsg_get_text(&peer.con), nullptr);
 }
 
 TEST_F(QueryText, IsNoneWhenItWouldEndBehindTheBuffer)
@@ -137,10 +139,27 @@ TEST_F(QueryDecipher, FailsOnAFirstAnswerWithoutALength)
     EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 0);
 }
 
+TEST_F(QueryDecipher, KeepsWhatItsBufferHeldWhenItGrows)
+{
+    if (!in_fresh_process())
+        return;
+    const void *plain;
+    uint32_t length;
+    peer.answers("31 00 00 00 13 00 00 00 09 00*3 03 00 00 00 'abc'");
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 1);
+    // An answer without a length leaves that of the one before.
+    peer.answers("31 00 00 00 0C 00 00 00 0A 00*3");
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, std::string(300, 'X').data(), 300, &plain, &length), 1);
+    EXPECT_EQ(hex_of(plain, length), hex("'abc'"));
+}
+
 TEST_F(QueryDecipher, EmptiesItsResultsEvenWithoutAnAnswer)
 {
     const void *plain = "x";
     uint32_t length = 99;
+    peer.answers("31 00 00 00 13 00 00 00 09 00*3 03 00 00 00 'abc'");
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 1);
+    peer.on_send = nullptr;
     EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 0);
     EXPECT_EQ(plain, nullptr);
     EXPECT_EQ(length, 0U);
@@ -200,7 +219,7 @@ TEST_F(QueryDecipher, NeedsEverything)
     EXPECT_STOPS_ON("cipher", sysmsg_unit, qel_sysmsg_decipher(&peer.con, nullptr, 0, nullptr, nullptr));
     EXPECT_STOPS_ON("cipher_len > 0", sysmsg_unit, qel_sysmsg_decipher(&peer.con, "x", 0, nullptr, nullptr));
     EXPECT_STOPS_ON("cipher_len > 0", sysmsg_unit, qel_sysmsg_decipher(&peer.con, "x", -1, &plain, &length));
-    EXPECT_STOPS_ON("plain", sysmsg_unit, qel_sysmsg_decipher(&peer.con, "x", 1, nullptr, &length));
+    EXPECT_STOPS_ON("plain", sysmsg_unit, qel_sysmsg_decipher(&peer.con, "x", 1, nullptr, nullptr));
     EXPECT_STOPS_ON("plain_len", sysmsg_unit, qel_sysmsg_decipher(&peer.con, "x", 1, &plain, nullptr));
     EXPECT_STREQ(static_cast<const char *>(plain), "untouched");
     EXPECT_EQ(length, 99U);

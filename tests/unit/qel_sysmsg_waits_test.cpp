@@ -23,6 +23,8 @@ TEST_F(SysmsgConfirm, EndsTheSendAsSoonAsItArrives)
     peer.on_send = [this](int, const Bytes &sent) { peer.delivers(300, confirm_of(sent)); };
     EXPECT_EQ(request(), 1);
     EXPECT_EQ(peer.now_ms(), 300);
+    // The time is read before the first transmission, behind it, and after every poll.
+    EXPECT_EQ(peer.kernel.count("gettimeofday"), 2 + 300);
     EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: " + std::string(sent_post_22))));
     EXPECT_THAT(peer.handled, IsEmpty());
 }
@@ -57,6 +59,16 @@ TEST_F(SysmsgConfirm, IsTakenAfterAnyOfTheThreeTransmissions)
         EXPECT_EQ(qel_sysmsg_request(&late.con, message.data()), 1);
         EXPECT_EQ(late.now_ms(), 1000 * (wanted - 1) + 10);
     }
+}
+
+TEST_F(SysmsgConfirm, IsWaitedForFromTheEndOfATransmission)
+{
+    peer.on_send = [this](int, const Bytes &) { peer.kernel.advance_usec(300000); };
+    EXPECT_EQ(request(), 0);
+    const std::string text = sent_post_22;
+    EXPECT_THAT(peer.sent,
+                ElementsAre(shown("0 ms: " + text), shown("1300 ms: " + text), shown("2600 ms: " + text)));
+    EXPECT_EQ(peer.now_ms(), 3900);
 }
 
 TEST_F(SysmsgConfirm, OfAnEarlierTransmissionIsAsGood)
@@ -132,7 +144,7 @@ TEST_F(SysmsgConfirm, TimeIsMeasuredInWholeMilliseconds)
 
 TEST_F(SysmsgConfirm, TimeIsMeasuredWhateverTheCentury)
 {
-    for (const time_t start : {time_t{0}, time_t{2147483647}, time_t{4294967295}, time_t{10000000000}}) {
+    for (const time_t start : {time_t{0}, time_t{86399}, time_t{2147483}, time_t{2147483647}, time_t{4294967295}, time_t{10000000000}}) {
         ScriptedPeer silent;
         silent.starts_at(start, 999000);
         message = bytes_of(post_22);
@@ -203,6 +215,19 @@ TEST_F(SysmsgReply, MayComeInTheSamePollAsTheConfirm)
     EXPECT_EQ(peer.polls, 1);
 }
 
+TEST_F(SysmsgReply, IsAwaitedByAnyWaitButZeroWhileOthersMaySendUnsequencedMessages)
+{
+    peer.on_poll = [this] { qel_sysmsg_notify_11(&peer.con); };
+    peer.on_send = [this](int n, const Bytes &sent) {
+        if (n == 1) {
+            peer.delivers(10, confirm_of(sent));
+            peer.delivers(20, reply_29(9, 42));
+        }
+    };
+    EXPECT_EQ(qel_sysmsg_send_sequenced(&peer.con, message.data(), -2, 29, reply, sizeof reply), 1);
+    EXPECT_EQ(reply[12], 42);
+}
+
 TEST_F(SysmsgReply, MayBeUnsequenced)
 {
     peer.answers("26 00 00 00 0C 00 00 00 2A 00 00 00");
@@ -211,11 +236,36 @@ TEST_F(SysmsgReply, MayBeUnsequenced)
     EXPECT_EQ(peer.sent.size(), 1U);
 }
 
+TEST_F(SysmsgReply, IsKnownByAllBitsOfItsTypeAndSize)
+{
+    // Type 0x01000126 and 40000 bytes; the same low byte or half is another type.
+    Bytes long_reply = bytes_of("26 01 00 01 40 9C 00 00 2A 00*39991");
+    std::vector<uint8_t> room(40000);
+    peer.on_send = [&](int, const Bytes &sent) {
+        peer.delivers(0, confirm_of(sent));
+        peer.delivers(0, bytes_of("26 00 00 00 0C 00 00 00 01 00 00 00"));
+        peer.delivers(0, bytes_of("26 01 00 00 0C 00 00 00 01 00 00 00"));
+        peer.delivers(0, long_reply);
+    };
+    EXPECT_EQ(qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 0x01000126, room.data(), 40000), 1);
+    EXPECT_EQ(hex_of(room), hex_of(long_reply));
+}
+
 TEST_F(SysmsgReply, IsWaitedForUntil15SecondsAfterTheFirstTransmission)
 {
     peer.on_send = [this](int n, const Bytes &sent) {
         if (n == 3)
             peer.delivers(500, confirm_of(sent)); // at 2500 ms, which starts no new time
+    };
+    EXPECT_EQ(query(), 0);
+    EXPECT_EQ(peer.now_ms(), 15000);
+}
+
+TEST_F(SysmsgReply, IsWaitedForFromTheBeginningOfTheFirstTransmission)
+{
+    peer.on_send = [this](int, const Bytes &sent) {
+        peer.kernel.advance_usec(300000);
+        peer.delivers(700, confirm_of(sent));
     };
     EXPECT_EQ(query(), 0);
     EXPECT_EQ(peer.now_ms(), 15000);
@@ -327,6 +377,16 @@ TEST_F(SysmsgReply, StopsWhenItIsOneByteTooLong)
         return;
     peer.answers("1D 00 00 00 11 00 00 00 09 00 00 00 2A 00 00 00 00");
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit, query());
+}
+
+TEST_F(SysmsgReply, StopsWhenItIsOneByteTooLongForABigBuffer)
+{
+    if (!in_fresh_process())
+        return;
+    std::vector<uint8_t> room(40001);
+    peer.answers("1D 00 00 00 41 9C 00 00 09 00*39992");
+    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
+                    qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, room.data(), 40000));
 }
 
 TEST_F(SysmsgReply, DoesNotMatterToASendThatWantsNone)

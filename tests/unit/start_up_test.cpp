@@ -61,6 +61,7 @@ TEST_F(InstallRequested, ByTheArgumentAnywhereInTheList)
     EXPECT_EQ(requested_by({"loader", "qelinstall", "a", "b"}), 1);
     EXPECT_EQ(requested_by({"loader", "a", "", "qelinstall"}), 1);
     EXPECT_EQ(requested_by({"loader", "qelinstall", "qelinstallx"}), 1);
+    EXPECT_EQ(requested_by({"loader", "qelinstall", "qelinstall"}), 1);
 }
 
 TEST_F(InstallRequested, NotByAnArgumentThatIsLongerOrShorter)
@@ -202,21 +203,21 @@ TEST_F(SoundAndDiskNodes, AreSoundThenTheInternalDisksThenTheUsbDisksOnOneLine)
 {
     disk.make_folder("/dev");
     disk.make_file("/sys/class/sound/timer/dev", "116:33\n");
-    disk.make_file("/sys/block/sda/dev", "8:0\n");
-    disk.make_file("/sys/block/sda/sda1/dev", "8:1\n");
+    disk.make_file("/sys/block/sdb/dev", "8:16\n");
+    disk.make_file("/sys/block/sdb/sdb1/dev", "8:17\n");
     disk.make_file("/sys/block/hdc/dev", "22:0\n");
     Output output;
     qel_make_sound_and_disk_nodes();
-    EXPECT_EQ(output.flushed(), "dev:  timer hdc sda sda1\n");
+    EXPECT_EQ(output.flushed(), "dev:  timer hdc sdb sdb1\n");
 }
 
 TEST_F(MountExternalMedia, TriesTheUsbDisksAndPrintsAroundTheirLines)
 {
-    disk.make_file("/dev/disk/sda1");
+    disk.make_file("/dev/disk/sdb1");
     disk.make_file("/dev/disk/hdc1");
     Output output;
     qel_mount_external_media();
-    EXPECT_EQ(output.flushed(), "mount:sda1 mounted\n\n");
+    EXPECT_EQ(output.flushed(), "mount:sdb1 mounted\n\n");
 }
 
 TEST_F(MountSystem, MountsTheImageThenStorageBothReadOnly)

@@ -6,6 +6,8 @@
 #include "support/stops.h"
 
 #include "qel_application_loader/update_mode.h"
+#include "qel_tolbrin/qel_comms.h"
+#include "qel_tolbrin/qel_lpc_comms.h"
 #include "qel_tolbrin/qel_sysmsg.h"
 
 #include <errno.h>
@@ -23,7 +25,7 @@ namespace
 
 const int link_file = 500;
 const int lcd_file = 501;
-const time_t start_s = 1000;
+const time_t start_s = 5000000000; // beyond 32 bits
 
 // Packets as they travel: length and CRC, big-endian, then the message.
 const std::string connect_packet("\x00\x00\x00\x0c\x66\x86\x05\x00\x00\x00\x0c\x00\x00\x00\x78\x56\x34\x12",
@@ -69,9 +71,9 @@ class UpdateMode : public OnScratchDisk
         kernel.on_write = [this](int file, const void *buffer, size_t size) {
             const std::string record(static_cast<const char *>(buffer), size);
             if (file == link_file)
-                sent.push_back({tenths(), record});
+                events.push_back(time() + name_of(record));
             else if (file == lcd_file)
-                rows.push_back({tenths(), record.substr(0, size - 1)});
+                events.push_back(time() + "row " + record.substr(0, size - 1));
             else
                 return real_write(file, buffer, size);
             return static_cast<ssize_t>(size);
@@ -93,64 +95,90 @@ class UpdateMode : public OnScratchDisk
 
     const LeaksAllowed link_for_life;
 
-    struct Timed {
-        int at; ///< tenths of a second since the start
-        std::string what;
-        bool operator==(const Timed &) const = default;
-        friend std::ostream &operator<<(std::ostream &out, const Timed &timed)
-        {
-            return out << timed.at << ": " << testing::PrintToString(timed.what);
-        }
-    };
-
     int tenths() const
     {
         return static_cast<int>((kernel.clock_usec - start_s * 1000000LL) / 100000);
     }
-    /// What was shown on row 2, with the second in which it was shown.
-    std::vector<std::string> status_rows() const
+    std::string time() const
     {
-        std::vector<std::string> result;
-        for (const auto &row : rows)
-            if (row.what[0] == '2')
-                result.push_back(std::to_string(row.at / 10) + " s" + row.what);
-        return result;
+        return std::to_string(tenths() / 10) + "." + std::to_string(tenths() % 10) + " ";
     }
-    /// The seconds in which `packet` was sent.
-    std::vector<int> seconds_of(const std::string &packet) const
+    static std::string name_of(const std::string &packet)
     {
-        std::vector<int> result;
-        for (const auto &packet_sent : sent)
-            if (packet_sent.what == packet)
-                result.push_back(packet_sent.at / 10);
-        return result;
+        return packet == answer_packet ? "answer" : packet == notice_packet ? "notice" : packet;
+    }
+    /// What the update mode shows and sends, behind the banner, until it has found the stick.
+    std::vector<std::string> run()
+    {
+        qel_run_update_mode();
+        const std::vector<std::string> banner = {"0.0 row 0", "0.0 row 1TOLBRIN Update...", "0.0 row 2"};
+        EXPECT_GE(events.size(), 5U);
+        EXPECT_EQ(std::vector<std::string>(events.begin(), events.begin() + 3), banner);
+        const std::string found = events.at(events.size() - 2), cleared = events.back();
+        EXPECT_EQ(found.substr(found.find(' ')), " row 2*Found storage device*");
+        EXPECT_EQ(cleared.substr(cleared.find(' ')), " row 2");
+        EXPECT_EQ(atoi(cleared.c_str()), atoi(found.c_str()) + 5);
+        EXPECT_THAT(kernel.calls("sleep"), ElementsAre("sleep 5"));
+        return {events.begin() + 3, events.end() - 2};
     }
 
     int stick_at = 0;                              ///< when /sys/block/sda appears
     std::vector<std::pair<int, std::string>> host; ///< what the host sends, and when
     std::deque<std::string> incoming;
-    std::vector<Timed> sent;
-    std::vector<Timed> rows;
+    std::vector<std::string> events; ///< rows shown and packets sent: "1.0 notice", "0.3 row 2*Connected*"
 };
 
-TEST_F(UpdateMode, ShowsTheBannerAndGoesOnAfterFiveSecondsWhenAStickIsThereFromTheStart)
+TEST_F(UpdateMode, OpensTheLinkShowsTheBannerAndGoesOnAfterFiveSecondsWhenAStickIsThereFromTheStart)
 {
     if (!in_fresh_process())
         return;
     qel_run_update_mode();
-    EXPECT_THAT(rows, ElementsAre(Timed{0, "0"}, Timed{0, "1TOLBRIN Update..."}, Timed{0, "2"},
-                                  Timed{0, "2*Found storage device*"}, Timed{50, "2"}));
-    EXPECT_THAT(sent, IsEmpty());
-    EXPECT_EQ(kernel.count("read"), 0);
-    EXPECT_THAT(kernel.calls("sleep"), ElementsAre("sleep 5"));
+    EXPECT_THAT(events, ElementsAre("0.0 row 0", "0.0 row 1TOLBRIN Update...", "0.0 row 2",
+                                    "0.0 row 2*Found storage device*", "5.0 row 2"));
+    const std::string lcd = "open /dev/qellpc_lcd O_WRONLY";
+    // The link stays open.
+    EXPECT_THAT(kernel.calls("open close time access read usleep sleep"),
+                ElementsAre("open /dev/qellpc_host_comms O_RDWR|O_NONBLOCK", lcd, "close 501", lcd, "close 501", lcd,
+                            "close 501", "time", "access /sys/block/sda 4", lcd, "close 501", "sleep 5", lcd,
+                            "close 501"));
 }
 
-TEST_F(UpdateMode, OpensTheLinkBeforeItShowsTheBanner)
+TEST_F(UpdateMode, WiresTransportLinkAndMessagesTogether)
 {
     if (!in_fresh_process())
         return;
+    std::vector<void *> made;
+    kernel.watches_memory = 1;
+    kernel.on_calloc = [&](size_t count, size_t size) { return made.emplace_back(real_calloc(count, size)); };
     qel_run_update_mode();
-    EXPECT_EQ(kernel.calls("open").front().find("open /dev/qellpc_host_comms"), 0U);
+    ASSERT_EQ(made.size(), 3U);
+    std::vector<std::string> calls = kernel.calls("calloc open");
+    for (std::string &call : calls)
+        call = call.substr(0, call.find_first_of(" 0123456789"));
+    calls.resize(5);
+    EXPECT_THAT(calls, ElementsAre("calloc", "open", "calloc", "calloc", "open"));
+    const auto *lpc = static_cast<qel_lpc *>(made[0]);
+    const auto *comms = static_cast<qel_comms *>(made[1]);
+    const auto *con = static_cast<qel_sysmsg_con *>(made[2]);
+    EXPECT_TRUE(lpc->fd == link_file && lpc->recv == qel_comms_receive_packet && lpc->recv_ctx == comms);
+    EXPECT_TRUE(comms->packet_send_begin == qel_lpc_get_tx_buf &&
+                comms->packet_send_end == qel_lpc_packet_send_end && comms->send_ctx == lpc);
+    EXPECT_TRUE(comms->poll == qel_lpc_poll && comms->poll_ctx == lpc);
+    EXPECT_TRUE(comms->recv == qel_sysmsg_receive && comms->recv_ctx == con);
+    EXPECT_EQ(comms->packet_size_max, 35);
+    EXPECT_TRUE(con->recv == qel_update_handler && con->send == qel_comms_send && con->send_ctx == comms);
+    EXPECT_TRUE(con->poll == qel_comms_poll && con->poll_ctx == comms);
+}
+
+TEST_F(UpdateMode, LooksForTheStickThenAtTheClockThenAtTheLinkWithoutSleeping)
+{
+    if (!in_fresh_process())
+        return;
+    stick_at = 2;
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_THAT(kernel.calls("access time read usleep"),
+                ElementsAre("time", "access /sys/block/sda 4", "time", "read 500 64", "access /sys/block/sda 4",
+                            "time", "read 500 64", "access /sys/block/sda 4"));
 }
 
 TEST_F(UpdateMode, AnnouncesItselfOnceASecondWithoutAPeerAndLeavesRow2Empty)
@@ -158,25 +186,17 @@ TEST_F(UpdateMode, AnnouncesItselfOnceASecondWithoutAPeerAndLeavesRow2Empty)
     if (!in_fresh_process())
         return;
     stick_at = 65;
-    qel_run_update_mode();
-    EXPECT_THAT(seconds_of(notice_packet), ElementsAre(1, 2, 3, 4, 5, 6));
-    EXPECT_EQ(sent.size(), 6U);
-    EXPECT_THAT(status_rows(), ElementsAre("0 s2", "6 s2*Found storage device*", "11 s2"));
+    EXPECT_THAT(run(), ElementsAre("1.0 notice", "2.0 notice", "3.0 notice", "4.0 notice", "5.0 notice",
+                                   "6.0 notice"));
 }
 
-TEST_F(UpdateMode, AnswersEveryConnectAtOnceWithItsValue)
+TEST_F(UpdateMode, ShowsAndAnswersEveryConnectAtOnceWithItsValue)
 {
     if (!in_fresh_process())
         return;
     host = {{2, connect_packet}, {6, connect_packet}};
     stick_at = 9;
-    qel_run_update_mode();
-    ASSERT_EQ(sent.size(), 2U);
-    EXPECT_EQ(sent[0].what, answer_packet);
-    EXPECT_EQ(sent[1].what, answer_packet);
-    EXPECT_LE(sent[0].at, 4);
-    EXPECT_THAT(status_rows(), ElementsAre("0 s2", "0 s2*Connected*", "0 s2*Connected*",
-                                           "0 s2*Found storage device*", "5 s2"));
+    EXPECT_THAT(run(), ElementsAre("0.3 row 2*Connected*", "0.3 answer", "0.7 row 2*Connected*", "0.7 answer"));
 }
 
 TEST_F(UpdateMode, SaysNothingWhileThePeerConnectsEverySecondAndClearsRow2AtTheSecondSilentSecond)
@@ -185,11 +205,10 @@ TEST_F(UpdateMode, SaysNothingWhileThePeerConnectsEverySecondAndClearsRow2AtTheS
         return;
     host = {{5, connect_packet}, {15, connect_packet}, {25, connect_packet}};
     stick_at = 75;
-    qel_run_update_mode();
     // The count changes are seen at the turns to seconds 1, 2 and 3; seconds 4 and 5 end silent.
-    EXPECT_THAT(seconds_of(notice_packet), ElementsAre(4, 5, 6, 7));
-    EXPECT_THAT(status_rows(), ElementsAre("0 s2", "0 s2*Connected*", "1 s2*Connected*", "2 s2*Connected*",
-                                           "5 s2", "7 s2*Found storage device*", "12 s2"));
+    EXPECT_THAT(run(), ElementsAre("0.6 row 2*Connected*", "0.6 answer", "1.6 row 2*Connected*", "1.6 answer",
+                                   "2.6 row 2*Connected*", "2.6 answer", "4.0 notice", "5.0 notice", "5.0 row 2",
+                                   "6.0 notice", "7.1 notice"));
 }
 
 TEST_F(UpdateMode, StopsAnnouncingItselfWhenThePeerComesBackBeforeRow2IsCleared)
@@ -198,11 +217,9 @@ TEST_F(UpdateMode, StopsAnnouncingItselfWhenThePeerComesBackBeforeRow2IsCleared)
         return;
     host = {{5, connect_packet}, {25, connect_packet}};
     stick_at = 55;
-    qel_run_update_mode();
     // Silent are seconds 2, then 4 and 5; the connect of second 2 keeps the text for two more.
-    EXPECT_THAT(seconds_of(notice_packet), ElementsAre(2, 4, 5));
-    EXPECT_THAT(status_rows(), ElementsAre("0 s2", "0 s2*Connected*", "2 s2*Connected*", "5 s2",
-                                           "5 s2*Found storage device*", "10 s2"));
+    EXPECT_THAT(run(), ElementsAre("0.6 row 2*Connected*", "0.6 answer", "2.0 notice", "2.6 row 2*Connected*",
+                                   "2.6 answer", "4.0 notice", "5.0 notice", "5.0 row 2"));
 }
 
 TEST_F(UpdateMode, IgnoresEveryOtherMessage)
@@ -211,9 +228,42 @@ TEST_F(UpdateMode, IgnoresEveryOtherMessage)
         return;
     host = {{2, notice_packet}};
     stick_at = 5;
-    qel_run_update_mode();
-    EXPECT_THAT(sent, IsEmpty());
-    EXPECT_THAT(status_rows(), ElementsAre("0 s2", "0 s2*Found storage device*", "5 s2"));
+    EXPECT_THAT(run(), IsEmpty());
+}
+
+TEST_F(UpdateMode, TakesEveryOtherSecondThanTheLastForANewOneWhereverTheClockGoes)
+{
+    if (!in_fresh_process())
+        return;
+    // A notice that takes its 15 ms across a turn, an hour ahead, an hour back, and standing still.
+    const std::vector<long> looks_ms = {500, 1990, 2500, 2900, 3603000, 3603500, 3000, 3900, 4000};
+    kernel.on_access = [&, next = 0U](auto...) mutable {
+        if (next == looks_ms.size())
+            return 0;
+        kernel.clock_usec = start_s * 1000000LL + looks_ms[next++] * 1000;
+        return -1;
+    };
+    EXPECT_THAT(run(), ElementsAre("2.0 notice", "2.5 notice", "3603.0 notice", "3.0 notice", "4.0 notice"));
+}
+
+TEST_F(UpdateMode, CountsConnectsFromTheStartOfTheProcessIn32Bits)
+{
+    if (!in_fresh_process())
+        return;
+    // 65536 of them before the wait, which knows of none.
+    qel_sysmsg_con deaf = {};
+    deaf.send = [](auto...) { return 0; };
+    const std::string connect = connect_packet.substr(6);
+    {
+        FakeKernel board;
+        board.on_open = [](auto...) { return lcd_file; };
+        board.on_close = [](auto...) { return 0; };
+        board.on_write = [](int, const void *, size_t size) { return static_cast<ssize_t>(size); };
+        for (int i = 0; i < 0x10000; ++i)
+            qel_update_handler(&deaf, connect.data());
+    }
+    stick_at = 45;
+    EXPECT_THAT(run(), ElementsAre("2.0 notice", "3.0 notice", "3.0 row 2", "4.0 notice"));
 }
 
 TEST_F(UpdateMode, WritesAnUpdaterAndTakesItAsTheProgramEvenWhenAStickComesRightBehindIt)
@@ -226,7 +276,7 @@ TEST_F(UpdateMode, WritesAnUpdaterAndTakesItAsTheProgramEvenWhenAStickComesRight
     EXPECT_THROW(qel_run_update_mode(), LeftProduct);
     EXPECT_EQ(disk.content("/tmp/updater"), "\x7f"
                                             "ELF");
-    EXPECT_EQ(rows.back().what, "2Starting updater...");
+    EXPECT_EQ(events.back(), "0.3 row 2Starting updater...");
     EXPECT_THAT(kernel.calls("execve"),
                 ElementsAre("execve /tmp/updater [/tmp/updater] [HOME=/qel_home TERM=linux "
                             "WINEDEBUG=fixme-all,warn-all LD_LIBRARY_PATH=/usr/xorg/lib DISPLAY=unix:0]"));
@@ -265,7 +315,9 @@ class UpdateHandler : public UpdateMode
 
 TEST_F(UpdateHandler, MakesTheUpdaterExecutable)
 {
+    umask(0);
     receive_updater(message);
+    umask(022);
     EXPECT_EQ(disk.content("/tmp/updater"), "ABCD");
     EXPECT_EQ(disk.mode("/tmp/updater"), 0755U);
 }
@@ -291,8 +343,19 @@ TEST_F(UpdateHandler, ClosesTheUpdaterSoThatItCanRun)
     receive_updater(message);
     std::vector<std::string> calls = kernel.calls();
     calls.resize(3);
-    EXPECT_THAT(calls,
-                ElementsAre(StartsWith("open /tmp/updater "), StartsWith("write "), StartsWith("close ")));
+    EXPECT_THAT(calls, ElementsAre("open /tmp/updater O_WRONLY|O_CREAT", StartsWith("write "),
+                                   StartsWith("close ")));
+    EXPECT_THAT(kernel.calls("open close execve"),
+                ElementsAre("open /tmp/updater O_WRONLY|O_CREAT", StartsWith("close "),
+                            "open /dev/qellpc_lcd O_WRONLY", "close 501", StartsWith("execve ")));
+}
+
+TEST_F(UpdateHandler, WritesTheUpdaterOnceThoughItFallsShort)
+{
+    kernel.shorten_nth("write", 1, 2);
+    receive_updater(message);
+    EXPECT_EQ(disk.content("/tmp/updater"), "AB");
+    EXPECT_EQ(kernel.count("write"), 2); // the second is the display's
 }
 
 TEST_F(UpdateHandler, TriesToRunTheUpdaterEvenWhenItCouldNotBeWritten)
@@ -310,6 +373,7 @@ TEST_F(UpdateHandler, PrintsTheProgramAndExitsWith1WhenTheUpdaterCannotBeRun)
     const pid_t child = real_fork();
     if (child == 0) {
         real_dup2(console, STDOUT_FILENO);
+        atexit([] { real_write(STDOUT_FILENO, "exit\n", 5); });
         qel_update_handler(nullptr, message.data());
         real__exit(99);
     }
@@ -318,5 +382,5 @@ TEST_F(UpdateHandler, PrintsTheProgramAndExitsWith1WhenTheUpdaterCannotBeRun)
     ASSERT_EQ(real_waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 1);
-    EXPECT_EQ(disk.content("/console"), "exec failed: /tmp/updater\n");
+    EXPECT_EQ(disk.content("/console"), "exec failed: /tmp/updater\nexit\n");
 }

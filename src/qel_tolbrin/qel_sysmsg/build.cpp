@@ -23,7 +23,9 @@ void _qel_sysmsg_put_text(void *message, int offset, unsigned field_bytes, const
 
 void *_qel_sysmsg_new_block(uint32_t type, const void *block, int block_len, int offset)
 {
+    QEL_ASSERT(block_len >= 0);
     uint32_t size = (uint32_t)offset + 4 + (uint32_t)block_len;
+    QEL_ASSERT(size <= _qel_sysmsg_bytes_max);
     void *message = malloc(size);
     QEL_ASSERT(message);
     _qel_sysmsg_begin(message, type, size);

@@ -5,8 +5,10 @@
 /// results filled, or 0 with the results untouched unless said otherwise. Every operation can take as long
 /// as the core's time limits allow, and stops the program where the core does; the connection is required.
 ///
-/// A text longer than its field is cut; the field's last byte is then the NUL. Required pointers are named;
-/// a null one stops the program with its name. An answer that is longer than the buffer it goes
+/// A message has 2^31 - 1 bytes at most; a longer block stops the program ("size <= _qel_sysmsg_bytes_max").
+///
+/// Texts that are longer than their field are cut, one byte of the field being the NUL. Required pointers
+/// are named; without one the program stops on its name. An answer that is longer than the buffer it goes
 /// to stops the program in `qel_sysmsg_receive`.
 ///
 /// After each operation: the message's type, its size in bytes, and the fields by their offsets. "name[31]
@@ -17,6 +19,10 @@
 #include <stdint.h>
 
 #include "qel_tolbrin/qel_sysmsg/core.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 // ---- Connecting and updating ----
 
@@ -108,8 +114,8 @@ int qel_sysmsg_file_end(struct qel_sysmsg_con *con);
 int qel_sysmsg_chunk_size(void);
 
 /// Sends `length` bytes as the file `path`: begin, data messages of at most `qel_sysmsg_chunk_size` bytes
-/// (none for a length of 0), end. Returns the result of the end alone; whether begin and data were
-/// confirmed is deliberately ignored.
+/// (none for a length of 0), end. Stops on a negative length ("length >= 0"). Returns the result of the end
+/// alone; whether begin and data were confirmed is deliberately not looked at.
 int qel_sysmsg_send_buffer_as_file(struct qel_sysmsg_con *con, const void *data, int length,
                                    const char *path);
 
@@ -127,11 +133,14 @@ int qel_sysmsg_test_pattern_sequenced(struct qel_sysmsg_con *con);
 // ---- Queries and their answers ----
 
 /// Asks for the peer's plugins: at most `plugin_max` ids go to `plugins`, their number to `plugin_count`.
-/// Requires "plugins" and "plugin_count"; an answer with more ids than that stops the program, in the core
-/// or here ("msg->num_plugins <= plugin_max"). Type 13, 12 bytes; answered by type 14.
+/// Requires "plugins", "plugin_count" and room for 0 ("plugin_max >= 0") to 536870907 ids
+/// ("(uint32_t)plugin_max <= (_qel_sysmsg_bytes_max - 16) / 4"); an answer with more than there is room for
+/// stops the program, in the core or here ("msg->num_plugins <= plugin_max").
+/// Type 13, 12 bytes; answered by type 14.
 int qel_sysmsg_get_plugins(struct qel_sysmsg_con *con, uint32_t *plugins, int32_t plugin_max,
                            uint32_t *plugin_count);
 
+/// Stops on more than 536870907 ids ("count <= (_qel_sysmsg_bytes_max - 16) / 4").
 /// Type 14, 16 + 4 x count bytes: count at 12, that many ids from 16.
 int qel_sysmsg_reply_plugins(struct qel_sysmsg_con *con, const uint32_t *ids, uint32_t count);
 
@@ -204,6 +213,11 @@ int qel_sysmsg_reply_text(struct qel_sysmsg_con *con, const char *text);
 int qel_sysmsg_decipher(struct qel_sysmsg_con *con, const void *cipher, int cipher_len, const void **plain,
                         uint32_t *plain_len);
 
-/// `length` may be 0 for "cannot be deciphered", and `bytes` null then.
+/// `length` may be 0 for "cannot be deciphered", and `bytes` null then. Stops on a negative one
+/// ("block_len >= 0").
 /// Type 49, length + 16 bytes: length at 12, bytes from 16.
 int qel_sysmsg_reply_plain(struct qel_sysmsg_con *con, const void *bytes, int length);
+
+#ifdef __cplusplus
+}
+#endif

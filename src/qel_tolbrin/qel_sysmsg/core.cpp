@@ -73,7 +73,8 @@ static struct qel_sysmsg_confirmed _header_of(const void *message)
 /// The same for what the peer sent. Where there is no room for a size, it reads as one that `len` is not.
 static struct qel_sysmsg_confirmed _received_header(const void *message, uint32_t len)
 {
-    return len >= 8 ? _header_of(message, len) : qel_sysmsg_confirmed{0, ~len, 0, {}};
+    return len >= 8 && len <= _qel_sysmsg_bytes_max ? _header_of(message, len)
+                                                    : qel_sysmsg_confirmed{0, ~len, 0, {}};
 }
 
 /// The clock of all time limits: wraps every 49 days, so only differences mean anything.

@@ -11,7 +11,12 @@
 /// `qel_sysmsg_receive` with the link; then send and poll.
 #pragma once
 
+#include <assert.h>
 #include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 struct qel_sysmsg_con;
 
@@ -23,7 +28,7 @@ struct qel_sysmsg_confirmed {
     uint8_t sequence;  ///< 1 to 255; 0 is "not numbered yet" and never sent
     uint8_t padding[3];
 };
-static_assert(sizeof(struct qel_sysmsg_confirmed) == 12);
+static_assert(sizeof(struct qel_sysmsg_confirmed) == 12, "as on the wire");
 
 /// The application's handler. The message is valid only during the call. The handler may send unsequenced
 /// messages; it must not start a sequenced send or cause another message to be received.
@@ -97,8 +102,9 @@ int qel_sysmsg_send_sequenced(struct qel_sysmsg_con *con, void *message, int wai
 int qel_sysmsg_request(struct qel_sysmsg_con *con, void *message);
 
 /// Sends `blob_len` bytes as an unsequenced message of type `type`: their number at offset 8, the bytes
-/// from 12. Stops the program unless "con", "blob", "blob_len > 0", and on a sequenced type. The message is
-/// built on the heap ("message") and freed.
+/// from 12. Stops the program unless "con", "blob", "blob_len > 0", on a message of more than 2^31 - 1 bytes
+/// ("size <= _qel_sysmsg_bytes_max") and on a sequenced type. The message is built on the heap ("message")
+/// and freed.
 void qel_sysmsg_send_blob(struct qel_sysmsg_con *con, uint32_t type, const void *blob, int blob_len);
 
 /// The same as a sequenced message: their number at offset 12, the bytes from 16. Returns the result of
@@ -115,3 +121,7 @@ int qel_sysmsg_flag_off(void);
 
 /// A place for a breakpoint. Requires a text ("message") that is not empty ("*message"); does nothing.
 void qel_sysmsg_trace(const char *message);
+
+#ifdef __cplusplus
+}
+#endif

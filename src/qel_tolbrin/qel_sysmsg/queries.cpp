@@ -76,6 +76,8 @@ int qel_sysmsg_get_plugins(struct qel_sysmsg_con *con, uint32_t *plugins, int32_
 {
     QEL_ASSERT(plugins);
     QEL_ASSERT(plugin_count);
+    QEL_ASSERT(plugin_max >= 0);
+    QEL_ASSERT((uint32_t)plugin_max <= (_qel_sysmsg_bytes_max - 16) / 4);
 
     int32_t reply_size = 4 * plugin_max + 16;
     auto *reply = (uint8_t *)calloc(1, (size_t)reply_size);

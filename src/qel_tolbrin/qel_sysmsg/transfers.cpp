@@ -33,7 +33,7 @@ int qel_sysmsg_file_begin(struct qel_sysmsg_con *con, const char *path)
 {
     QEL_ASSERT(path);
 
-    return qel_sysmsg_request_blob(con, qel_sysmsg_type_file_begin, path, (int)strlen(path) + 1);
+    return qel_sysmsg_request_blob(con, qel_sysmsg_type_file_begin, path, (int)(strlen(path) + 1));
 }
 
 int qel_sysmsg_file_data(struct qel_sysmsg_con *con, const void *block, int length)
@@ -48,6 +48,8 @@ int qel_sysmsg_chunk_size(void)
 
 int qel_sysmsg_send_buffer_as_file(struct qel_sysmsg_con *con, const void *data, int length, const char *path)
 {
+    QEL_ASSERT(length >= 0);
+
     const auto *next = (const uint8_t *)data;
     qel_sysmsg_file_begin(con, path);
     while (length > 0) {
@@ -101,6 +103,8 @@ int qel_sysmsg_test_pattern_sequenced(struct qel_sysmsg_con *con)
 
 int qel_sysmsg_reply_plugins(struct qel_sysmsg_con *con, const uint32_t *ids, uint32_t count)
 {
+    QEL_ASSERT(count <= (_qel_sysmsg_bytes_max - 16) / 4);
+
     uint32_t size = 16 + 4 * count;
     void *message = malloc(size);
     QEL_ASSERT(message);
@@ -126,7 +130,7 @@ int qel_sysmsg_reply_text(struct qel_sysmsg_con *con, const char *text)
 {
     QEL_ASSERT(con);
 
-    return _reply_block(con, qel_sysmsg_type_text, text, text ? (int)strlen(text) + 1 : 0);
+    return _reply_block(con, qel_sysmsg_type_text, text, text ? (int)(strlen(text) + 1) : 0);
 }
 
 int qel_sysmsg_reply_plain(struct qel_sysmsg_con *con, const void *bytes, int length)

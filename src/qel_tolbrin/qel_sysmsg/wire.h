@@ -8,7 +8,7 @@
 // ---- Types ----
 
 /// The layouts belong to the operations of catalogue.h.
-enum qel_sysmsg_type : uint32_t {
+enum qel_sysmsg_type {
     qel_sysmsg_type_transfer_begin = 1,
     qel_sysmsg_type_transfer_data = 2,
     qel_sysmsg_type_transfer_end = 3,
@@ -58,13 +58,13 @@ enum qel_sysmsg_type : uint32_t {
 
 // ---- Fields ----
 
-inline uint32_t qel_sysmsg_get32(const void *message, int offset)
+static inline uint32_t qel_sysmsg_get32(const void *message, int offset)
 {
     const uint8_t *field = (const uint8_t *)message + offset;
     return (uint32_t)field[0] | (uint32_t)field[1] << 8 | (uint32_t)field[2] << 16 | (uint32_t)field[3] << 24;
 }
 
-inline void qel_sysmsg_put32(void *message, int offset, uint32_t value)
+static inline void qel_sysmsg_put32(void *message, int offset, uint32_t value)
 {
     uint8_t *field = (uint8_t *)message + offset;
     field[0] = (uint8_t)value;
@@ -74,12 +74,12 @@ inline void qel_sysmsg_put32(void *message, int offset, uint32_t value)
 }
 
 /// 64-bit values have their low word first.
-inline uint64_t qel_sysmsg_get64(const void *message, int offset)
+static inline uint64_t qel_sysmsg_get64(const void *message, int offset)
 {
     return qel_sysmsg_get32(message, offset) | (uint64_t)qel_sysmsg_get32(message, offset + 4) << 32;
 }
 
-inline void qel_sysmsg_put64(void *message, int offset, uint64_t value)
+static inline void qel_sysmsg_put64(void *message, int offset, uint64_t value)
 {
     qel_sysmsg_put32(message, offset, (uint32_t)value);
     qel_sysmsg_put32(message, offset + 4, (uint32_t)(value >> 32));

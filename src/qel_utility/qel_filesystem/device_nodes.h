@@ -6,7 +6,11 @@
 
 #include <sys/types.h>
 
-/// Makes the character node `path`. Stops when that fails, even because it exists (1914).
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Makes the character node `path`. Stops when that fails, also because it exists (1914).
 void qel_make_lpc_node(const char *path, unsigned major, unsigned minor);
 
 /// Makes the board driver's ten nodes in /dev, minor 0 to 9, with the major number that /proc/devices
@@ -24,6 +28,11 @@ int qel_make_node_from_sysfs(const char *sysfs_folder, const char *dest_folder, 
 void qel_make_sound_nodes(void);
 
 /// Makes, in /dev/disk, the nodes of the disks whose names begin with `prefix` and of their partitions;
-/// partitions whose nodes are already readable are skipped silently. Stops when /dev/disk cannot be
-/// made (2351). Returns 1 when a partition node was made, else 0.
+/// partitions whose nodes are readable already are passed over in silence. Stops when /dev/disk cannot be
+/// made (2351). Returns 1 when the node of a partition was made, or found but not readable; else 0, also for
+/// a partition without a file `dev`.
 int qel_make_disk_nodes(const char *prefix);
+
+#ifdef __cplusplus
+}
+#endif

@@ -272,7 +272,8 @@ int qel_get_folder_size_with_threshold(const char *path, int64_t threshold, int6
     struct stat status;
     if (stat(path, &status))
         return 1;
-    *size += status.st_size;
+    if (__builtin_add_overflow(*size, status.st_size, size))
+        *size = INT64_MAX;
     if (threshold != 0 && *size > threshold)
         return 0;
     if (!(status.st_mode & folder_bit))
@@ -315,11 +316,11 @@ void qel_get_disk_space(const char *path, int64_t *free_bytes, int64_t *total_by
     struct statfs space;
     int err = statfs(buffers[current], &space);
     QEL_ASSERT_AT(814, !err);
-    int32_t unit_bytes = (int32_t)space.f_bsize;
+    auto unit_bytes = (uint64_t)(int32_t)space.f_bsize;
     if (free_bytes)
-        *free_bytes = (int64_t)space.f_bavail * unit_bytes;
+        *free_bytes = (int64_t)(space.f_bavail * unit_bytes);
     if (total_bytes)
-        *total_bytes = (int64_t)space.f_blocks * unit_bytes;
+        *total_bytes = (int64_t)(space.f_blocks * unit_bytes);
 }
 
 int64_t qel_get_free_disk_space(const char *path)
@@ -333,7 +334,7 @@ int64_t qel_get_free_disk_space(const char *path)
 
 int qel_get_current_dir(char *result, int size)
 {
-    result = getcwd(result, (size_t)size);
+    result = getcwd(result, size > 0 ? (size_t)size : 0);
     QEL_ASSERT_AT(1108, result);
 
     return printf("Got current directory: \"%s\".\n", result);

@@ -7,6 +7,9 @@
 
 #include <dirent.h>
 
+/// Runs Windows programs, for the loader too.
+#define QEL_WINE "/usr/wine/bin/wine"
+
 /// Stops the program with a fatal error at `line` unless `path` is absolute. Null stops with "s" (235).
 #define QEL_REQUIRE_ABSOLUTE_AT(line, path)                                                                  \
     do {                                                                                                     \
@@ -26,6 +29,8 @@ enum {
     tree_path_bytes = 512, ///< the path buffers of removing and copying trees
 };
 
+#pragma GCC visibility push(hidden)
+
 /// Writes `folder`/`name` into `path`, cut at `size` bytes with the NUL.
 void _qel_join_path(char *path, int size, const char *folder, const char *name);
 
@@ -43,3 +48,5 @@ void _qel_mkdir_if_missing(const char *path, int line);
 
 /// Stops the program at `line` with the text of a failed comparison of errno with EEXIST.
 void _qel_require_eexist(int error, int line);
+
+#pragma GCC visibility pop

@@ -4,7 +4,11 @@
 /// point of the USB disk node NAME. `flags` is Linux' mount flags word.
 #pragma once
 
-/// Makes `mount_point` unless it exists, and mounts `device` on it; `data` goes to the kernel as it is.
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/// Makes `mount_point` unless it exists and mounts `device` on it; `data` goes to the kernel as it is.
 /// Stops when the folder cannot be made (1959) or the mount fails (1964). Returns 0.
 int qel_mount(const char *fstype, const char *device, const char *mount_point, unsigned long flags,
               const void *data);
@@ -31,3 +35,7 @@ void qel_mount_usb_disks(const char *prefix);
 /// read-write remount the disk node for the first. Keep both as they are.
 void qel_remount_usb_rw(void);
 void qel_remount_usb_ro(void);
+
+#ifdef __cplusplus
+}
+#endif

@@ -6,7 +6,7 @@
 #include "qel_utility/qel_log.h"
 #include "qel_utility/qel_string.h"
 
-#include <ctype.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -28,6 +28,13 @@ static int _is_allowed(char character)
     default:
         return (unsigned char)character >= ' ' && character != '\x7F';
     }
+}
+
+/// 1 for the letters A to Z in either case, whatever the locale.
+static int _is_letter(char character)
+{
+    int upper = character & ~0x20;
+    return upper >= 'A' && upper <= 'Z';
 }
 
 static void _replace_all(char *s, char from, char to)
@@ -75,7 +82,7 @@ int _qel_path_root_len(const char *s, int flavour)
         return s && s[0] == '/';
 
     QEL_ASSERT_AT(117, s);
-    if (isalpha((unsigned char)s[0]) && s[1] == ':' && s[2] == '/')
+    if (_is_letter(s[0]) && s[1] == ':' && s[2] == '/')
         return 3;
     return s[0] == '/' && s[1] == '/' ? 2 : 0;
 }
@@ -170,8 +177,8 @@ void qel_path_normalize(char *path)
     if (length > 0 && !qel_path_is_root_dir(path) && path[length - 1] == '/')
         path[length - 1] = '\0';
     _collapse_slashes(path);
-    if (path[0] && path[1] == ':')
-        path[0] = (char)toupper((unsigned char)path[0]);
+    if (_is_letter(path[0]) && path[1] == ':')
+        path[0] = (char)(path[0] & ~0x20);
 }
 
 int qel_path_normalize_strict(char *path)
@@ -203,6 +210,19 @@ void qel_filename_make_valid(char *filename)
 
 // ---- Composers ----
 
+/// Writes `text`, cut at `room` bytes with the NUL; without room, nothing. The two may overlap. Returns the
+/// length of `text`.
+static int _write(char *to, ptrdiff_t room, const char *text)
+{
+    size_t length = strlen(text);
+    if (room > 0) {
+        size_t stored = length < (size_t)room ? length : (size_t)room - 1;
+        memmove(to, text, stored);
+        to[stored] = '\0';
+    }
+    return (int)length;
+}
+
 void qel_parent_dir(const char *path, char *parent_dir, int parent_dir_size)
 {
     QEL_REQUIRE_VALID_AT(1128, path);
@@ -213,7 +233,7 @@ void qel_parent_dir(const char *path, char *parent_dir, int parent_dir_size)
     int parent_dir_len = (int)(cp - path);
     QEL_ASSERT_AT(1137, parent_dir_size >= (parent_dir_len + 2));
 
-    memcpy(parent_dir, path, (size_t)parent_dir_len + 1);
+    memmove(parent_dir, path, (size_t)parent_dir_len + 1);
     parent_dir[parent_dir_len + 1] = '\0';
     if (!qel_path_is_root_dir(parent_dir))
         parent_dir[parent_dir_len] = '\0';
@@ -236,7 +256,8 @@ int qel_child_path(const char *parent, const char *child, char *dst, int dst_siz
     QEL_REQUIRE_VALID_AT(1151, child);
     QEL_ASSERT_AT(1152, *child != '/');
 
-    return snprintf(dst, (size_t)dst_size, "%s%s%s", parent, qel_path_is_root_dir(parent) ? "" : "/", child);
+    size_t room = dst_size > 0 ? (size_t)dst_size : 0;
+    return snprintf(dst, room, "%s%s%s", parent, qel_path_is_root_dir(parent) ? "" : "/", child);
 }
 
 int qel_sibling_path(const char *path, const char *sibling, char *dst, int dst_size)
@@ -246,10 +267,10 @@ int qel_sibling_path(const char *path, const char *sibling, char *dst, int dst_s
     QEL_REQUIRE_VALID_AT(1167, sibling);
     QEL_ASSERT_AT(1168, sibling[0] != '/');
 
-    snprintf(dst, (size_t)dst_size, "%s", path);
-    char *slash = strrchr(dst, '/');
+    _write(dst, dst_size, path);
+    char *slash = dst_size > 0 ? strrchr(dst, '/') : nullptr;
     QEL_ASSERT_AT(1173, slash);
-    return snprintf(slash + 1, (size_t)(dst + dst_size - (slash + 1)), "%s", sibling);
+    return _write(slash + 1, dst + dst_size - (slash + 1), sibling);
 }
 
 int qel_filename_part(const char *path, char *filename, int size)
@@ -260,7 +281,7 @@ int qel_filename_part(const char *path, char *filename, int size)
     const char *cp = strrchr(path, '/');
     QEL_ASSERT_AT(1188, cp);
 
-    return snprintf(filename, (size_t)size, "%s", cp + 1);
+    return _write(filename, size, cp + 1);
 }
 
 int qel_path_put_extension(const char *ext, char *path, int path_size)
@@ -274,5 +295,5 @@ int qel_path_put_extension(const char *ext, char *path, int path_size)
     char *component = slash ? slash : path;
     char *dot = strrchr(component, '.');
     char *end = dot ? dot : component + strlen(component);
-    return snprintf(end, (size_t)(path + path_size - end), "%s", ext);
+    return _write(end, path + path_size - end, ext);
 }

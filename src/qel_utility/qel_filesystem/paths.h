@@ -2,12 +2,16 @@
 ///
 /// A path is a NUL-terminated byte string with "/" as separator. It comes in two flavours: 0 is Unix
 /// ("/" is the root), 1 is the DOS form that Windows programs use ("C:/" and "//" are roots). The
-/// library itself works with flavour 0 throughout.
+/// library itself works with flavour 0 throughout. Letters are those of ASCII, whatever the locale.
 ///
 /// A path is valid when every byte after the root prefix is printable ASCII other than \ : * ? " < > |
 /// or a byte of 128 and more, when it does not end in a slash (unless it is the root), and when no two
 /// slashes are adjacent. It is absolute when it is valid and begins with a root prefix.
 #pragma once
+
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 // ---- Tests ----
 
@@ -50,15 +54,18 @@ int qel_path_normalize_strict(char *path);
 /// slashes first. Null (247) and any other path (254) stop the program.
 void qel_path_to_dos(char *path);
 
-/// Makes a file name that every file system of the machine accepts: whitespace normalised, every
-/// slash and every character that a path may not have replaced by "_". Null stops (103).
+/// Replaces what no file name of the machine may hold: whitespace is normalised, every character that may
+/// not stand in a path and every slash becomes "_". Whether the rest is a name is the caller's to see: it can
+/// be empty, "." or "..", or too long. Null stops (103).
 void qel_filename_make_valid(char *filename);
 
 // ---- Composers ----
 //
 // They write into a caller's buffer of the given size in bytes. A path that breaks the rules stops the
 // program with "Path is not valid" or "Path is not absolute" at the line given. Where the result is
-// int, it is that of the last bounded format, as snprintf gives it; longer text is cut.
+// int, it is that of the last bounded format, as snprintf gives it; longer text is cut, and a size of 0 or
+// less writes nothing. One buffer may serve as path and as result but in qel_child_path; `sibling` must lie
+// outside.
 
 /// Writes the folder of `path`: "/a/b" gives "/a", "/a" gives "/", "a/b" gives "a".
 /// Stops when the path is not valid (1128), the buffer is null (1129), the path is the root (1131), it
@@ -75,7 +82,7 @@ int qel_child_path(const char *parent, const char *child, char *dst, int dst_siz
 
 /// Writes `path` with its last component replaced by `sibling`. Stops when `path` is the root (1165) or
 /// not absolute (1166), `sibling` is not valid (1167) or begins with a slash (1168), or the copy was
-/// cut before its first slash (1173). The result is the sibling's length.
+/// cut before its first slash (1173), also for a size of 0 or less. The result is the sibling's length.
 int qel_sibling_path(const char *path, const char *sibling, char *dst, int dst_size);
 
 /// Writes the text after the last slash. Stops when the path is not valid (1182), the buffer null
@@ -87,3 +94,7 @@ int qel_filename_part(const char *path, char *filename, int size);
 /// or does not begin with a dot (1197), the path is not valid (1198) or the size not above 0 (1199).
 /// The result is the extension's length.
 int qel_path_put_extension(const char *ext, char *path, int path_size);
+
+#ifdef __cplusplus
+}
+#endif

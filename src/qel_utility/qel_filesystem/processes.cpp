@@ -118,6 +118,8 @@ void qel_exec_wait(const char *path, const char *const argv[], const char *const
 
 const char *qel_wine_exec_capture(const char *program, const char *const args[], int arg_count)
 {
+    if (arg_count < 0)
+        arg_count = 0;
     const char **argv = (const char **)alloca(sizeof *argv * ((size_t)arg_count + 3));
     argv[0] = QEL_WINE;
     argv[1] = program;

@@ -6,8 +6,9 @@
 /// whose program cannot be started parks like any stopped program, and its parent waits for it forever.
 #pragma once
 
-/// Runs Windows programs.
-#define QEL_WINE "/usr/wine/bin/wine"
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 /// The environment of the X server, the application and everything run under Wine. Null-terminated.
 extern const char *const qel_loader_env[];
@@ -25,12 +26,13 @@ void qel_exec_wait_checked(const char *path, const char *const argv[], const cha
 void qel_exec_wait(const char *path, const char *const argv[], const char *const envp[],
                    const char *input_text);
 
-/// Runs a program under Wine with `arg_count` further arguments and no input, and returns the output of
-/// its first write: exactly one read of at most 10239 bytes is made, the rest is lost. Waits for the end.
-/// Deliberate: only output ends the read, so a program that prints nothing blocks the caller forever.
-/// Stops when a socket pair (1731, 1734), the exec, in the child (1744) or the fork (1746) fails, and if
-/// a read ever returned more than requested (1762).
-/// Returns a static buffer, NUL-terminated, that the next call overwrites.
+/// Runs a program under Wine with `arg_count` further arguments (none for a negative number; their pointers
+/// go onto the stack) and no input, and returns what exactly one read of at most 10239 bytes gives: the
+/// output of the first write, or its beginning, and of further writes as far as they were made by then. The
+/// rest is lost. Waits for the end. Deliberate: the read has no other end than output, so a program that
+/// prints nothing blocks the caller for ever. Stops when a socket pair (1731, 1734), the exec, in the child
+/// (1744) or the fork (1746) fails, and if a read ever gave more than it was asked for (1762). Returns a
+/// static buffer, NUL-terminated, that the next call overwrites.
 const char *qel_wine_exec_capture(const char *program, const char *const args[], int arg_count);
 
 /// Makes `target` a symbolic link with the content `name`, replacing an older link or file; a folder
@@ -39,3 +41,7 @@ const char *qel_wine_exec_capture(const char *program, const char *const args[],
 /// Stops when `name` is null (1852) or empty (1853), `target` null (1854) or empty (1855), or the link
 /// cannot be made for any other reason than a folder in its place (1892). Returns 1.
 int qel_symlink(const char *name, const char *target);
+
+#ifdef __cplusplus
+}
+#endif

@@ -11,12 +11,13 @@
 #include <fnmatch.h>
 #include <limits.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 
 enum {
     batch_entries = 20,
-    batch_bytes = 5120, ///< holds a batch of names of up to 255 bytes with their NULs
+    batch_bytes = 5120, ///< holds a full batch of names of up to 255 bytes with their NULs
 };
 
 // ---- Search ----
@@ -43,9 +44,11 @@ void qel_find_file_with_prefix(const char *folder, const char *prefix, char *fou
 
 // ---- Removing ----
 
-/// Up to 20 entries of a folder: their names, each with its NUL, one after another.
+/// Up to 20 entries of a folder: their names, each with its NUL, one after another. Fewer when there is no
+/// room for the next name: some file systems have names of more than 255 bytes.
 struct _batch {
     int count;
+    int is_cut; ///< there was no room for the next name
     int is_folder[batch_entries];
     char names[batch_bytes];
 };
@@ -58,30 +61,35 @@ static int _read_batch(const char *folder, struct _batch *batch)
         return 0;
 
     batch->count = 0;
+    batch->is_cut = 0;
     char *end = batch->names;
     const struct dirent *entry;
-    while (batch->count < batch_entries && (entry = _qel_next_entry(dir))) {
-        batch->is_folder[batch->count++] = entry->d_type == DT_DIR;
-        end = stpcpy(end, entry->d_name) + 1;
+    while (batch->count < batch_entries && !batch->is_cut && (entry = _qel_next_entry(dir))) {
+        auto *behind = (char *)memccpy(end, entry->d_name, '\0', (size_t)(batch->names + batch_bytes - end));
+        if (behind) {
+            batch->is_folder[batch->count++] = entry->d_type == DT_DIR;
+            end = behind;
+        } else {
+            batch->is_cut = 1;
+        }
     }
     closedir(dir);
     return 1;
 }
 
-/// Returns 1 when all entries of the batch were removed, else 0.
+/// Returns how many entries of the batch could not be removed, or not with all that was in them.
 static int _remove_batch(const char *folder, const struct _batch *batch)
 {
-    int result = 1;
+    int stayed = 0;
     const char *name = batch->names;
     for (int i = 0; i < batch->count; i++, name += strlen(name) + 1) {
         char path[tree_path_bytes];
         _qel_join_path(path, sizeof path, folder, name);
-        if (batch->is_folder[i] && !qel_rmdircontents(path))
-            result = 0;
-        if (batch->is_folder[i] ? qel_rmdir(path) : qel_unlink(path))
-            result = 0;
+        int emptied = !batch->is_folder[i] || qel_rmdircontents(path);
+        int removed = (batch->is_folder[i] ? qel_rmdir(path) : qel_unlink(path)) == 0;
+        stayed += !emptied || !removed;
     }
-    return result;
+    return stayed;
 }
 
 int qel_rmdircontents(const char *folder)
@@ -90,14 +98,16 @@ int qel_rmdircontents(const char *folder)
     QEL_REQUIRE_ABSOLUTE_AT(975, folder);
 
     printf("removing contents of \"%s\"\n", folder);
-    int result = 1;
+    int result = 1, stayed;
     struct _batch batch;
     do {
         if (!_read_batch(folder, &batch))
             return !qel_file_exists(folder);
-        if (!_remove_batch(folder, &batch))
+        stayed = _remove_batch(folder, &batch);
+        if (stayed || (batch.is_cut && batch.count == 0))
             result = 0;
-    } while (batch.count == batch_entries);
+        // A batch that was cut and of which all stayed would come again for ever.
+    } while (batch.count == batch_entries || (batch.is_cut && stayed < batch.count));
     return result;
 }
 
@@ -143,15 +153,17 @@ void qel_recurse_files_in_folder(const char *src, const char *dst_root,
 
 // ---- Copying ----
 
-/// Returns 1 when the pattern of a rule matches the path, else 0.
+/// Returns 1 when the pattern of a rule matches the path, else 0. One that matches the last components
+/// matches what is behind one of the slashes.
 static int _rule_matches(const char *pattern, const char *path)
 {
-    char anywhere[tree_path_bytes];
-    if (pattern[0] != '/' && pattern[0] != '*') {
-        _qel_join_path(anywhere, sizeof anywhere, "*", pattern);
-        pattern = anywhere;
+    if (pattern[0] == '/' || pattern[0] == '*')
+        return fnmatch(pattern, path, 0) == 0;
+    while ((path = strchr(path, '/'))) {
+        if (fnmatch(pattern, ++path, 0) == 0)
+            return 1;
     }
-    return fnmatch(pattern, path, 0) == 0;
+    return 0;
 }
 
 /// Returns 1 when a rule leaves the entry out, else 0.
@@ -205,9 +217,15 @@ int _qel_cpdirtree(const char *src, const char *dst, int replace)
 /// Has `create` make folders of a text that it may not change; the result is of no interest.
 static void _create(int (*create)(char *), const char *path)
 {
-    char writable[PATH_MAX];
-    snprintf(writable, sizeof writable, "%s", path);
+    char usual[PATH_MAX];
+    size_t bytes = strlen(path) + 1;
+    auto *writable = bytes <= sizeof usual ? usual : (char *)malloc(bytes);
+    if (!writable)
+        return;
+    memcpy(writable, path, bytes);
     create(writable);
+    if (writable != usual)
+        free(writable);
 }
 
 int qel_cpdirtree_with_foo(const char *src, const char *dst_folder, const struct qel_copy_foo *copy_foo,

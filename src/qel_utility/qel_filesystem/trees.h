@@ -4,15 +4,22 @@
 /// directory listing, so links are never entered unless noted otherwise. A failing entry does not end a
 /// walk: it makes the result 0, and the work done stays. Trees must not change during a walk.
 ///
+/// chmod with mode 0777 stands before each removal and behind each copy of a file, and it follows links: what
+/// a removed link leads to stays with mode 0777.
+///
 /// Every folder of a walk is checked like the first: one whose name breaks the path rules (paths.h) stops
 /// the program, as does such a file in a copy. Other entries are removed without a check.
 ///
 /// Depth is bounded by the stack and the number of open handles; paths are cut at 512 bytes, in the search
-/// at 1000. Keep trees below that: a path cut in the wrong place names a folder above it, and the walk
-/// recurses until the stack is used up.
+/// and in measuring (files.h) at 1000. Keep trees below that: a path cut in the wrong place names a folder
+/// above it, and the walk goes round until the stack is used up.
 #pragma once
 
 #include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
 
 // ---- Search ----
 
@@ -28,19 +35,19 @@ void qel_find_file_with_prefix(const char *folder, const char *prefix, char *fou
 // ---- Removing ----
 
 /// Removes everything in `folder`, which stays; prints "removing contents of ..." for it and for every
-/// folder in it. Entries are read in batches of up to 20 and removed with the folder closed.
-/// Deliberate: entries that cannot be removed are read again in every batch, so twenty of them keep this
-/// function running without end.
-/// Stops when `folder` is null (974) or not absolute (975).
-/// Returns 1 when everything was removed or the folder does not exist; 0 when an entry remains or the
-/// folder exists but cannot be opened.
+/// folder in it. Entries are read in batches of up to 20, fewer when their names have more than 5120 bytes
+/// with their NULs, and removed with the folder closed. Deliberate: entries that cannot be removed are read
+/// again in every batch, so that twenty of them keep this function going without end. Stops when `folder` is
+/// null (974) or not absolute (975). Returns 1 when everything went or the folder does not exist; 0 when
+/// something stayed or the folder exists but cannot be opened.
 int qel_rmdircontents(const char *folder);
 
 /// Removes a folder with its contents, or a file; prints "removing dir tree ...".
 /// Stops when `folder` is null (1044) or not absolute (1045).
-/// Returns 1 when it no longer exists or never did, else 0.
-/// Deliberate: a link to a folder counts as the folder. The contents of its target are removed, the
-/// link itself stays, and the result is 0.
+/// Returns 1 when it is gone or never was there, else 0.
+/// Deliberate: a link to a folder passes for the folder. The contents of its target are removed, the
+/// link itself stays, and the result is 0. A socket or a block device passes for a folder too
+/// (qel_file_is_dir): it stays, and the result is 0.
 int qel_rmdirtree(const char *folder);
 
 // ---- Walking ----
@@ -56,7 +63,9 @@ void qel_recurse_files_in_folder(const char *src, const char *dst_root,
 
 // ---- Copying ----
 //
-// Copies follow links: a link to a file becomes a file, a link to a folder a folder.
+// Copies follow links: a link to a file becomes a file, a link to a folder a folder. Source and destination
+// must lie apart: a tree copied onto itself, or to where it stands already, is deleted, because what stands
+// at the destination is removed first. One copied into itself goes deeper until its paths are cut.
 
 /// A filter rule of a tree copy. `pattern` is an fnmatch pattern for the whole source path ("*" spans
 /// "/"); one that begins with neither "/" nor "*" matches the last components ("foo" means "*/foo").
@@ -77,12 +86,14 @@ int qel_cpdirtree_with_foo(const char *src, const char *dst_folder, const struct
 /// The same without rules.
 int qel_cpdirtree(const char *src, const char *dst_folder);
 
-/// Makes `dst` an exact copy of `src`; its old content is removed. Prints "copying contents of ...".
-/// Stops when `src` (1295) or `dst` (1296) is not absolute. Returns 1 or 0.
+/// Makes `dst` an exact copy of `src`; what was in `dst` is gone. Prints "copying contents of ...".
+/// Stops when `src` (1295) or `dst` (1296) is not absolute. A `dst` directly under the root stops at 902,
+/// when what was there has been removed already. Returns 1 or 0.
 int qel_cpdircontents(const char *src, const char *dst);
 
-/// Copies the contents of `src` over `dst`; entries that only `dst` has stay. Prints "copying contents of
-/// ...". Stops when `src` (1315) or `dst` (1316) is not absolute. Returns 1 or 0.
+/// Copies what is in `src` over `dst`; what only `dst` has stays. Prints "copying contents of ...".
+/// Stops when `src` (1315) or `dst` (1316) is not absolute, and for a `dst` directly under the root (902).
+/// Returns 1 or 0.
 int qel_mergedircontents(const char *src, const char *dst);
 
 /// The worker of the copies: copies `src`, a file or a folder, to the path `dst`. A set `replace` removes
@@ -92,3 +103,7 @@ int _qel_cpdirtree_with_foo(const char *src, const char *dst, int replace,
 
 /// The worker without rules.
 int _qel_cpdirtree(const char *src, const char *dst, int replace);
+
+#ifdef __cplusplus
+}
+#endif

@@ -2,6 +2,10 @@
 /// the Wine prefix before every run, so links made here do not survive one.
 #pragma once
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 /// Unpacks the archives in /storage/archives into /storage/win_apps and removes them, links every file of
 /// the applications there into the Wine prefix /qel_home/.wine under its own relative path, and imports
 /// the registry files that are then in /qel_home/.wine/reg_keys. Prints its progress.
@@ -21,3 +25,7 @@ void qel_import_reg_files(const char *folder);
 
 /// Imports one registry file into the Wine prefix and ignores how that ended.
 void qel_wine_import_reg(const char *file);
+
+#ifdef __cplusplus
+}
+#endif

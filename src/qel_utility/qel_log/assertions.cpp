@@ -20,7 +20,7 @@ void qel_location_code(const char *file, int line, char *code, int size)
         int character = (signed char)*name; // NOLINT(bugprone-signed-char-misuse): signed by definition
         sum = (uint16_t)(sum + character * character);
     }
-    snprintf(code, (size_t)size, "ERROR %c%c%c%d", 'A' + sum % 26, 'A' + sum / 26 % 26,
+    snprintf(code, size > 0 ? (size_t)size : 0, "ERROR %c%c%c%d", 'A' + sum % 26, 'A' + sum / 26 % 26,
              'A' + sum / 26 / 26 % 26, line);
 }
 

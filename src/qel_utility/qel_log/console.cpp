@@ -11,7 +11,9 @@ int qel_log_timestamp(FILE *stream)
 {
     time_t now = time(nullptr);
     const struct tm *local = localtime(&now);
-    return fprintf(stream, "%04d-%02d-%02d %02d:%02d:%02d - ", local->tm_year + 1900, local->tm_mon + 1,
+    if (!local)
+        return fprintf(stream, "0000-00-00 00:00:00 - ");
+    return fprintf(stream, "%04lld-%02d-%02d %02d:%02d:%02d - ", local->tm_year + 1900LL, local->tm_mon + 1,
                    local->tm_mday, local->tm_hour, local->tm_min, local->tm_sec);
 }
 

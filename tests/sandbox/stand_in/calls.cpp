@@ -204,9 +204,9 @@ unsigned wrap_sleep(unsigned seconds)
 // ---- Stops ----
 
 [[noreturn]] void real_assert_fail(const char *expression, const char *file,
-                                   int line) __asm__("__real__Z15qel_assert_failPKcS0_i");
+                                   int line) __asm__("__real_qel_assert_fail");
 [[noreturn]] void wrap_assert_fail(const char *expression, const char *file,
-                                   int line) __asm__("__wrap__Z15qel_assert_failPKcS0_i");
+                                   int line) __asm__("__wrap_qel_assert_fail");
 
 void wrap_assert_fail(const char *expression, const char *file, int line)
 {
