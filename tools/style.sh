@@ -41,5 +41,7 @@ export NINJA_STATUS='[%f/%t] '
 quiet=(--quiet)
 [ ! -t 1 ] || quiet=()
 # What clang-tidy says besides its findings is a number of warnings in the headers of others.
-ninja -C build/style -k 0 "${quiet[@]}" | grep -vE '^([0-9]+ warnings? generated|Suppressed [0-9]+|ninja: )'
-[ "${PIPESTATUS[0]}" -eq 0 ] && exit $failed
+ninja -C build/style -k 0 "${quiet[@]}" \
+    > >(grep -vE '^([0-9]+ warnings? generated|Suppressed [0-9]+|ninja: )' || true) || failed=1
+wait
+exit $failed
