@@ -6,5 +6,6 @@
 /// The version alone, such as "1.0.0".
 extern const char qel_version[];
 
-/// "NAME 1.0.0 (2c311acf9d)": with the commit where it is known, which "-dirty" follows when files had changed.
+/// "NAME 1.0.0 (2c311acf9d)": with the commit where it is known, which "-dirty" follows when files had
+/// changed.
 std::string version_line(const std::string &name);

@@ -24,10 +24,11 @@ check() {
 files() { git ls-files --deduplicate "$@" | while read -r name; do [ ! -f "$name" ] || echo "$name"; done; }
 scripts() { git grep -lE -m 1 "^#!.*\b($1)\$"; }
 
-files '*.cpp' '*.h' | check clang-format --dry-run --Werror
-{ scripts 'sh|bash'; echo tools/packages.sh; } | check shellcheck
-{ scripts python3; files '*.py'; } | sort -u | check pyflakes3
-files | check codespell
+failed=0
+files '*.cpp' '*.h' | check clang-format --dry-run --Werror || failed=1
+{ scripts 'sh|bash'; echo tools/packages.sh; } | check shellcheck || failed=1
+{ scripts python3; files '*.py'; } | sort -u | check pyflakes3 || failed=1
+files | check codespell || failed=1
 
 echo "clang-tidy: the product, the tools, the benchmarks and the examples"
 mkdir -p build
@@ -40,5 +41,7 @@ export NINJA_STATUS='[%f/%t] '
 quiet=(--quiet)
 [ ! -t 1 ] || quiet=()
 # What clang-tidy says besides its findings is a number of warnings in the headers of others.
-ninja -C build/style -k 0 "${quiet[@]}" | grep -vE '^([0-9]+ warnings? generated|Suppressed [0-9]+|ninja: )'
-exit "${PIPESTATUS[0]}"
+ninja -C build/style -k 0 "${quiet[@]}" \
+    > >(grep -vE '^([0-9]+ warnings? generated|Suppressed [0-9]+|ninja: )' || true) || failed=1
+wait
+exit $failed
