@@ -177,17 +177,13 @@ TEST(Run, TakesEveryOptionOfItsHelp)
         std::vector<std::string> words = {(*match)[1], "--nonsense"};
         if ((*match)[2].matched)
             words.insert(words.begin() + 1, values.at((*match)[2]));
+        const std::string only_that = "The following argument was not expected: --nonsense\n"
+                                      "Run with --help for more information.\nstatus 2\n";
         int status = -1;
-        EXPECT_EQ(
-            run_with(words, status),
-            "The following argument was not expected: --nonsense\nRun with --help for more information.\n"
-            "status 2\n")
-            << words[0];
+        EXPECT_EQ(run_with(words, status), only_that) << words[0];
         words.insert(words.begin(), "update");
-        const std::string refused = run_with(words, status);
-        EXPECT_EQ(refused.starts_with("The following arguments were not expected: "),
-                  static_cast<size_t>(match->position()) > only_run)
-            << words[1] << ": " << refused;
+        EXPECT_EQ(run_with(words, status) == only_that, static_cast<size_t>(match->position()) < only_run)
+            << words[1];
     }
 }
 
