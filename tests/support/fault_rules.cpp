@@ -104,6 +104,8 @@ const std::vector<UnbrokenCall> &unbroken_calls()
 {
     static const std::vector<UnbrokenCall> calls = {
         {"sync", "has no result"},
+        {"exit", "does not return"},
+        {"free", "has no result"},
         {"_exit", "does not return"},
         {"time", "fails for a bad pointer only, and is given none"},
         {"gettimeofday", "fails for a bad pointer only, and is given one to a variable"},

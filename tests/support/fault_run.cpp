@@ -1,32 +1,31 @@
-// The runs of the fault sweeps. Every run is a forked process: stops may leave files open and state behind,
-// and standard streams may go anywhere. It tells its end through a file in memory, and then its process ends
-// with status 0, also where the product calls exit; every other end is a crash.
+// The runs of the fault sweeps, in this process: each begins with the product's variables as they were at the
+// start, and what it leaves open is closed.
 
 #include "support/fault_run.h"
+#include "support/product_reset.h"
 #include "support/scratch_disk.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <gtest/gtest-spi.h>
 #include <signal.h>
 #include <stdio_ext.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <set>
-#include <sstream>
 
 // ---- The ground ----
 
 Ground::Ground()
 {
+    kernel.throws_at_exit = true;
     kernel.set_time(1000);
     kernel.on_mount = [](auto...) { return 0; };
     kernel.on_umount = [](auto...) { return 0; };
@@ -103,6 +102,14 @@ void Ground::watch_descriptors()
     kernel.on_fclose = [this](FILE *stream) {
         return give_back(stream, streams, " a stream", closed_twice, real_fclose);
     };
+}
+
+void Ground::give_back_streams()
+{
+    for (DIR *folder : folders)
+        real_closedir(folder);
+    for (FILE *stream : streams)
+        real_fclose(stream);
 }
 
 /// Thrown where the process would have become another program.
@@ -206,105 +213,62 @@ static std::string result_of(const Scenario &scenario, Ground &ground)
         return "left";
     } catch (const ChildExit &exit) {
         return "exit " + std::to_string(exit.status);
+    } catch (const ProductExit &exit) {
+        return "exit " + std::to_string(exit.status);
     }
 }
 
-// ---- What is told to the parent ----
+// ---- The run ----
 
-/// The texts of a run, in the order in which they are told.
-template <typename AnyRun> static auto texts_of(AnyRun &run)
-{
-    return std::array{&run.result,  &run.stop,      &run.unit,         &run.line,
-                      &run.printed, &run.left_open, &run.closed_twice, &run.complaints};
-}
+/// What a run may leave behind in this process, put back at its end.
+struct Traces {
+    Traces() : folder(real_open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0))
+    {
+        reset_product();
+        for (int file = 0; file < descriptors_max; ++file)
+            was_open[file] = fcntl(file, F_GETFD) != -1;
+    }
+    ~Traces()
+    {
+        for (int file = 0; file < descriptors_max; ++file) {
+            if (!was_open[file])
+                real_close(file);
+        }
+        EXPECT_EQ(fchdir(folder), 0);
+        real_close(folder);
+    }
+    Traces(const Traces &) = delete;
+    Traces &operator=(const Traces &) = delete;
 
-static void tell(int file, const Run &run)
+    static constexpr int descriptors_max = 64;
+    int folder;
+    bool was_open[descriptors_max];
+};
+
+static std::string complaints_of(const testing::TestPartResultArray &failures)
 {
     std::string text;
-    for (const std::string *part : texts_of(run))
-        text += *part + '\0';
-    for (const Call &call : run.calls)
-        text +=
-            call.text + '\0' + std::to_string(call.printed_before) + ' ' + std::to_string(call.moved) + '\0';
-    real_write(file, text.data(), text.size());
-}
-
-static std::string content_of(int file)
-{
-    std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
-    pread(file, text.data(), text.size(), 0);
+    for (int i = 0; i < failures.size(); i++)
+        text += failures.GetTestPartResult(i).message() + std::string("\n");
     return text;
 }
 
-static Run read_run(int file)
+static Run run_here(const Scenario &scenario, const Injection *injection)
 {
-    std::istringstream parts(content_of(file));
-    Run run;
-    for (std::string *part : texts_of(run))
-        std::getline(parts, *part, '\0');
-    std::string numbers;
-    for (Call call; std::getline(parts, call.text, '\0') && std::getline(parts, numbers, '\0');) {
-        std::istringstream(numbers) >> call.printed_before >> call.moved;
-        run.calls.push_back(call);
-    }
-    return run;
-}
-
-// ---- The process of a run ----
-
-/// A run on its way: what its end, wherever that is, needs to be told.
-struct Progress {
-    int file;
-    Ground ground;
-    std::vector<size_t> printed; ///< before each call
-    std::map<std::string, std::string> open_before;
+    const Traces traces;
     testing::TestPartResultArray failures;
-    testing::ScopedFakeTestPartResultReporter failures_go_here{
+    const testing::ScopedFakeTestPartResultReporter failures_go_here{
         testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures};
-};
-
-/// Completes the run and ends the process.
-[[noreturn]] static void end(Run run, const Progress &progress)
-{
-    run.closed_twice = progress.ground.closed_twice;
-    run.calls = comparable_calls(progress.ground.kernel, progress.printed);
-    for (int i = 0; i < progress.failures.size(); i++)
-        run.complaints += progress.failures.GetTestPartResult(i).message() + std::string("\n");
-    tell(progress.file, run);
-    std::error_code ignored;
-    std::filesystem::remove_all(progress.ground.disk.path(), ignored);
-    real__exit(0);
-}
-
-/// The product has called exit: standard output still is the file in memory that stop_of looks into.
-static void end_by_exit(int status, void *context)
-{
-    const auto *progress = static_cast<const Progress *>(context);
-    Run run;
-    run.result = "exit " + std::to_string(status);
-    fflush(stdout);
-    run.printed = content_of(STDOUT_FILENO);
-    run.left_open = opened_since(progress->open_before, progress->ground.disk);
-    end(run, *progress);
-}
-
-[[noreturn]] static void run_in_child(const Scenario &scenario, const Injection *injection, int file)
-{
-    const struct rlimit no_core = {};
-    setrlimit(RLIMIT_CORE, &no_core);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    tests_run_here();
-    Progress progress = {};
-    progress.file = file;
-    progress.ground.kernel.on_record = [&] { progress.printed.push_back(printed_so_far()); };
-    on_exit(end_by_exit, &progress);
+    Ground ground;
+    std::vector<size_t> printed;
+    ground.kernel.on_record = [&] { printed.push_back(printed_so_far()); };
     if (injection)
-        plan(progress.ground.kernel, *injection);
+        plan(ground.kernel, *injection);
     Run run;
     const StopResult stop = stop_of([&] {
-        progress.open_before = descriptors(progress.ground.disk);
-        run.result = result_of(scenario, progress.ground);
-        run.left_open = opened_since(progress.open_before, progress.ground.disk);
+        const auto open_before = descriptors(ground.disk);
+        run.result = result_of(scenario, ground);
+        run.left_open = opened_since(open_before, ground.disk);
     });
     if (stop.stopped) {
         run.stop = stop.text;
@@ -312,7 +276,31 @@ static void end_by_exit(int status, void *context)
         run.line = std::to_string(stop.line);
     }
     run.printed = stop.output;
-    end(run, progress);
+    run.closed_twice = ground.closed_twice;
+    run.calls = comparable_calls(ground.kernel, printed);
+    run.complaints = complaints_of(failures);
+    ground.give_back_streams();
+    return run;
+}
+
+// ---- A run that may crash ----
+
+/// Whether a process that runs the scenario ends in order.
+static bool survives(const Scenario &scenario, const Injection *injection)
+{
+    const pid_t process = real_fork();
+    if (process == 0) {
+        const struct rlimit no_core = {};
+        setrlimit(RLIMIT_CORE, &no_core);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        real_dup2(real_open("/dev/null", O_WRONLY, 0), STDERR_FILENO);
+        tests_run_here();
+        run_here(scenario, injection);
+        real__exit(0);
+    }
+    int status = 0;
+    EXPECT_EQ(real_waitpid(process, &status, 0), process);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 /// The folder of all runs' scratch folders; what crashes leave in it is gone with this process. It is in
@@ -332,23 +320,14 @@ static const Scratch &place_of_runs()
 Run run_once(const Scenario &scenario, const Injection *injection)
 {
     const Scratch &place = place_of_runs();
-    const int file = memfd_create("run", MFD_CLOEXEC);
-    const pid_t process = real_fork();
-    if (process == 0) {
-        setenv("TMPDIR", place.path().c_str(), 1);
-        try {
-            run_in_child(scenario, injection, file);
-        } catch (...) {
-            real__exit(1); // a crash; never on as a second runner of tests
-        }
-    }
-    int status = 0;
-    EXPECT_EQ(real_waitpid(process, &status, 0), process);
-    Run run = read_run(file);
-    real_close(file);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        run = {};
+    setenv("TMPDIR", place.path().c_str(), 1);
+    const bool may_crash = injection && injection->name == "localtime";
+    const bool crashes = may_crash && !survives(scenario, injection);
+    Run run;
+    if (crashes)
         run.result = crashed;
-    }
+    else
+        run = run_here(scenario, injection);
+    unsetenv("TMPDIR");
     return run;
 }

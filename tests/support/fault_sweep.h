@@ -131,6 +131,8 @@ struct Ground {
 
     Ground();
     void fork_gives_child();
+    /// Closes what the product left open.
+    void give_back_streams();
 
     Scratch disk;
     FakeKernel kernel{disk.path()};

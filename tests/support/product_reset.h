@@ -1,0 +1,7 @@
+/// The product as it was at the start of the program: its variables stand in sections of their own, which
+/// tests/CMakeLists.txt has objcopy name.
+#pragma once
+
+/// Puts every variable of the product back. True when there are any to put back: false in a program that
+/// is linked with the plain libraries.
+bool reset_product();
