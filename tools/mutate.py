@@ -287,7 +287,7 @@ def passes(program, test_filter, wall_seconds):
 def test_filters(name, skipped):
     """From the room's own tests to those that take longest."""
     room = [f"{suite}.*" for suite in suites_of(name)]
-    sweeps = ["*FaultSweep*", "Sweep.*"]
+    sweeps = ["*/Tape.*", "Sweep.*"]
     filters = [":".join(room)] if room else []
     filters.append("-" + ":".join(room + sweeps))
     filters.append(":".join(sweeps))

@@ -4,8 +4,6 @@
 
 #include <stddef.h>
 
-#include <vector>
-
 namespace
 {
 
@@ -25,22 +23,48 @@ __attribute__((no_sanitize("address", "undefined"))) void copy_bytes(volatile ch
 }
 
 struct Section {
-    Section(char *section_begin, const char *section_end)
-        : begin(section_begin), bytes(static_cast<size_t>(section_end - section_begin))
-    {
-        copy_bytes(bytes.data(), begin, bytes.size());
-    }
     char *begin;
-    std::vector<char> bytes;
+    const char *end;
 };
 
 const Section sections[] = {{bss_begin, bss_end}, {data_begin, data_end}};
+
+size_t size_of(const Section &section)
+{
+    return static_cast<size_t>(section.end - section.begin);
+}
+
+} // namespace
+
+std::vector<char> product_state()
+{
+    std::vector<char> state(size_of(sections[0]) + size_of(sections[1]));
+    char *to = state.data();
+    for (const Section &section : sections) {
+        copy_bytes(to, section.begin, size_of(section));
+        to += size_of(section);
+    }
+    return state;
+}
+
+void restore_product(const std::vector<char> &state)
+{
+    const char *from = state.data();
+    for (const Section &section : sections) {
+        copy_bytes(section.begin, from, size_of(section));
+        from += size_of(section);
+    }
+}
+
+namespace
+{
+
+const std::vector<char> state_at_start = product_state();
 
 } // namespace
 
 bool reset_product()
 {
-    for (const Section &section : sections)
-        copy_bytes(section.begin, section.bytes.data(), section.bytes.size());
-    return !sections[0].bytes.empty();
+    restore_product(state_at_start);
+    return !state_at_start.empty();
 }
