@@ -194,6 +194,73 @@ struct at {
     const char *original;
 };
 
+/// What a call works on.
+struct Handle {
+    const void *stream = nullptr;
+    int file = -1;
+    const void *bytes = nullptr;
+};
+
+[[maybe_unused]] static Handle handle(...)
+{
+    return {};
+}
+[[maybe_unused]] static Handle handle(const FILE *stream)
+{
+    return {stream};
+}
+[[maybe_unused]] static Handle handle(const DIR *stream)
+{
+    return {stream};
+}
+[[maybe_unused]] static Handle handle(const void *bytes, size_t, size_t, const FILE *stream)
+{
+    return {stream, -1, bytes};
+}
+[[maybe_unused]] static Handle handle(const char *bytes, int, const FILE *stream)
+{
+    return {stream, -1, bytes};
+}
+[[maybe_unused]] static Handle handle(int file)
+{
+    return {nullptr, file};
+}
+[[maybe_unused]] static Handle handle(int file, int)
+{
+    return {nullptr, file};
+}
+[[maybe_unused]] static Handle handle(int file, const void *bytes, size_t)
+{
+    return {nullptr, file, bytes};
+}
+[[maybe_unused]] static Handle handle(pid_t, const int *, int)
+{
+    return {};
+}
+[[maybe_unused]] static Handle handle(int, int, int, const int *ends)
+{
+    return {nullptr, -1, ends};
+}
+
+static void made(const char *name, const Handle &on, long long result, const void *pointer, int error)
+{
+    if (!active->on_made)
+        return;
+    const int error_before = errno;
+    active->on_made({name, on.stream, on.file, on.bytes, result, pointer, error});
+    errno = error_before;
+}
+
+template <typename Number>
+static Number made(const char *name, const Handle &on, Number result, int error = 0)
+{
+    if constexpr (std::is_pointer_v<Number>)
+        made(name, on, result != nullptr, result, error);
+    else
+        made(name, on, static_cast<long long>(result), nullptr, error);
+    return result;
+}
+
 /// A close that fails has closed all the same.
 static int gives_back(const std::string &name)
 {
@@ -210,11 +277,13 @@ static int gives_back(const std::string &name)
             if (error) {                                                                                     \
                 if (gives_back(#name))                                                                       \
                     active->on_##name ? active->on_##name arguments : libc_##symbol libc_arguments;          \
+                made<result>(#name, handle arguments, failure, error);                                       \
                 errno = error;                                                                               \
                 return failure;                                                                              \
             }                                                                                                \
-            if (active->on_##name)                                                                           \
-                return active->on_##name arguments;                                                          \
+            return made<result>(#name, handle arguments,                                                     \
+                                active->on_##name ? active->on_##name arguments                              \
+                                                  : libc_##symbol libc_arguments);                           \
         }                                                                                                    \
         return libc_##symbol libc_arguments;                                                                 \
     }
@@ -229,6 +298,7 @@ static int gives_back(const std::string &name)
         if (active && is_recorded arguments) {                                                               \
             const FakeKernel::Turn turn = active->next(#name, #name, spelled text);                          \
             if (turn.error) {                                                                                \
+                made<result>(#name, handle arguments, failure, turn.error);                                  \
                 errno = turn.error;                                                                          \
                 return failure;                                                                              \
             }                                                                                                \
@@ -236,7 +306,7 @@ static int gives_back(const std::string &name)
             const size_t record = active->calls().size() - 1;                                                \
             const result moved = active->on_##name ? active->on_##name arguments : real_##name arguments;    \
             active->note_transfer(record, static_cast<long>(moved));                                         \
-            return moved;                                                                                    \
+            return made<result>(#name, handle arguments, moved);                                             \
         }                                                                                                    \
         return real_##name arguments;                                                                        \
     }
@@ -276,6 +346,14 @@ void wrap__exit(int status)
     real__exit(status);
 }
 
+extern "C" [[noreturn]] void wrap_exit(int status) __asm__("__wrap_exit");
+void wrap_exit(int status)
+{
+    if (active && active->throws_at_exit)
+        throw ProductExit(status);
+    real_exit(status);
+}
+
 // ---- Memory ----
 
 /// 1 when an allocation is to fail.
@@ -289,10 +367,24 @@ static int is_refused(const char *name, size_t size)
     return error != 0;
 }
 
+/// Keeps the books of the heap. A block that was freed and had again is a new one.
+static void *had(void *block)
+{
+    if (active && block)
+        active->blocks.insert(block);
+    return block;
+}
+
+static void gone(const void *block)
+{
+    if (active)
+        active->blocks.erase(block);
+}
+
 extern "C" void *wrap_malloc(size_t size) __asm__("__wrap_malloc");
 void *wrap_malloc(size_t size)
 {
-    return is_refused("malloc", size) ? nullptr : real_malloc(size);
+    return is_refused("malloc", size) ? nullptr : had(real_malloc(size));
 }
 
 extern "C" void *wrap_calloc(size_t count, size_t size) __asm__("__wrap_calloc");
@@ -301,13 +393,23 @@ void *wrap_calloc(size_t count, size_t size)
     if (is_refused("calloc", count * size))
         return nullptr;
     const bool is_asked = active && active->watches_memory && active->on_calloc;
-    return is_asked ? active->on_calloc(count, size) : real_calloc(count, size);
+    return had(is_asked ? active->on_calloc(count, size) : real_calloc(count, size));
 }
 
 extern "C" void *wrap_realloc(void *block, size_t size) __asm__("__wrap_realloc");
 void *wrap_realloc(void *block, size_t size)
 {
-    return is_refused("realloc", size) ? nullptr : real_realloc(block, size);
+    if (is_refused("realloc", size))
+        return nullptr;
+    gone(block);
+    return had(real_realloc(block, size));
+}
+
+extern "C" void wrap_free(void *block) __asm__("__wrap_free");
+void wrap_free(void *block)
+{
+    gone(block);
+    real_free(block);
 }
 
 // ---- The clock ----

@@ -48,6 +48,16 @@ struct ChildExit : std::exception {
     int status;
 };
 
+/// Thrown in place of exit, where a test has the product in its own process (FakeKernel::throws_at_exit).
+struct ProductExit : std::exception {
+    explicit ProductExit(int exit_status) : status(exit_status) {}
+    const char *what() const noexcept override
+    {
+        return "the product called exit";
+    }
+    int status;
+};
+
 class FakeKernel
 {
   public:
@@ -85,6 +95,17 @@ class FakeKernel
     }
     /// Told of every call, once it is recorded and before it is made.
     std::function<void()> on_record;
+    /// A call that has come to its end, for tapes; the last record is its own.
+    struct Made {
+        const char *name;
+        const void *stream; ///< FILE or DIR
+        int file;           ///< descriptor
+        const void *bytes;  ///< what was read or is to be written; of socketpair, both ends
+        long long result;   ///< number, or 1 for a pointer that is not null
+        const void *pointer;
+        int error; ///< what the test let it fail with
+    };
+    std::function<void(const Made &)> on_made;
     /// 1 when a call arrived through this spelling ("open64").
     int was_reached(const std::string &symbol) const
     {
@@ -109,12 +130,16 @@ class FakeKernel
 #include "support/kernel_calls.def"
 #undef KERNEL_CALL
     std::function<void()> on_sync;
+    /// Set, exit leaves the product by a ProductExit.
+    bool throws_at_exit = false;
     /// Asked before the clock goes on; may throw to end an endless loop.
     std::function<void(unsigned seconds)> on_sleep;
     std::function<void(unsigned microseconds)> on_usleep;
 
     /// Set, malloc, calloc and realloc are calls like all others: recorded, and made to fail.
     int watches_memory = 0;
+    /// The blocks that were had through malloc, calloc and realloc since this object exists, and not freed.
+    std::set<const void *> blocks;
     /// Asked then for the block of a calloc that does not fail, instead of libc.
     std::function<void *(size_t count, size_t size)> on_calloc;
 
@@ -174,7 +199,9 @@ class FakeKernel
 extern "C" void *real_malloc(size_t size) __asm__("__real_malloc");
 extern "C" void *real_calloc(size_t count, size_t size) __asm__("__real_calloc");
 extern "C" void *real_realloc(void *block, size_t size) __asm__("__real_realloc");
+extern "C" void real_free(void *block) __asm__("__real_free");
 extern "C" void real_sync() __asm__("__real_sync");
+extern "C" [[noreturn]] void real_exit(int status) __asm__("__real_exit");
 extern "C" [[noreturn]] void real__exit(int status) __asm__("__real__exit");
 extern "C" unsigned real_sleep(unsigned seconds) __asm__("__real_sleep");
 extern "C" int real_usleep(useconds_t microseconds) __asm__("__real_usleep");

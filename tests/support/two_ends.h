@@ -16,6 +16,9 @@
 #include "support/link_referee.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -97,7 +100,8 @@ class TwoEnds
 {
   public:
     TwoEnds(Faults faults, uint32_t seed, int exchanges, int is_chatty)
-        : sides{Side(faults, seed + 1), Side(faults, seed + 2)}
+        : sides{Side(faults, seed + 1), Side(faults, seed + 2)},
+          latest(now + (exchanges + 10LL) * exchange_usec_max)
     {
         start(sides[0], [=](int socket) { End(socket, seed + 3).ask(exchanges); });
         start(sides[1], [=](int socket) { End(socket, seed + 4).serve(is_chatty); });
@@ -109,6 +113,7 @@ class TwoEnds
         while (!sides[0].is_done && !testing::Test::HasFailure()) {
             for (Side &side : sides)
                 listen(side);
+            EXPECT_LT(now, latest) << "the asking end waits for ever";
             now += std::clamp(std::min(sides[0].line.due(), sides[1].line.due()) - now, 1000LL, 50000LL);
             if (!sides[0].is_done)
                 take_turn(sides[0], sides[1].line, 0);
@@ -116,6 +121,7 @@ class TwoEnds
         }
         while (!sides[1].is_done && !testing::Test::HasFailure()) {
             listen(sides[1]);
+            EXPECT_LT(now, latest) << "the serving end does not stop";
             now += 50000;
             take_turn(sides[1], sides[0].line, 1);
         }
@@ -146,6 +152,10 @@ class TwoEnds
         ASSERT_EQ(real_socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
         side.process = real_fork();
         if (side.process == 0) {
+            // One that spins without asking for its turn ends, and with it the test's wait for its record.
+            const struct rlimit processor_seconds = {60, 60};
+            setrlimit(RLIMIT_CPU, &processor_seconds);
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
             real_close(ends[0]);
             body(ends[1]);
             real__exit(0);
@@ -271,6 +281,9 @@ class TwoEnds
 
     static void finish(Side &side)
     {
+        // In a failing run, nothing says that the end is going to end.
+        if (testing::Test::HasFailure() && side.process > 0)
+            kill(side.process, SIGKILL);
         real_close(side.socket);
         int status = 0;
         ASSERT_EQ(real_waitpid(side.process, &status, 0), side.process);
@@ -278,5 +291,8 @@ class TwoEnds
         EXPECT_EQ(WEXITSTATUS(status), 0) << "99: an end stopped on a failed check";
     }
 
+    /// An exchange waits 15 s for its reply at most, and 3 s for its confirm.
+    static constexpr long long exchange_usec_max = 60000000;
     long long now = 1000000000;
+    long long latest; ///< when the run must be over
 };
