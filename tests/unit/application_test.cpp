@@ -132,7 +132,8 @@ TEST_F(FindApplication, CopiesOneFromAFolderOfAStickThatIsOnlyCalledStorage)
 
 TEST_F(FindApplication, StopsWhenThereIsNone)
 {
-    for (const char *name : {"readme", "qel_application", "qel_applications", "QEL_application_1", "1qel_application_1"})
+    for (const char *name :
+         {"readme", "qel_application", "qel_applications", "QEL_application_1", "1qel_application_1"})
         disk.make_file(std::string("/storage/") + name);
     EXPECT_STOPS("*app_file", loader_unit, 189, find());
     EXPECT_STREQ(application.app_path, "/"); // made up before it is looked at
@@ -228,11 +229,10 @@ TEST_F(RunApplication, RemovesTheWinePrefixSaysWhatItRunsGoesToStorageAndWaitsIn
     Transcript transcript(kernel, "chmod unlink chdir fork waitpid sleep");
     EXPECT_THROW(qel_run_application_for_ever(&application), LeftProduct);
     const std::string said = std::string("> ") + removal + "run: /storage/qel_application_1\n";
-    EXPECT_THAT(transcript.lines(),
-                ElementsAre("chmod /qel_home/.wine 0777", "unlink /qel_home/.wine", said, "chdir /storage",
-                            "fork", "waitpid 4711 0", //
-                            "chmod /qel_home/.wine 0777", "unlink /qel_home/.wine", said, "chdir /storage",
-                            "fork", "waitpid 4711 0"));
+    EXPECT_THAT(transcript.lines(), ElementsAre("chmod /qel_home/.wine 0777", "unlink /qel_home/.wine", said,
+                                                "chdir /storage", "fork", "waitpid 4711 0", //
+                                                "chmod /qel_home/.wine 0777", "unlink /qel_home/.wine", said,
+                                                "chdir /storage", "fork", "waitpid 4711 0"));
 }
 
 TEST_F(RunApplication, RemovesTheWinePrefixOfEveryRun)
@@ -324,7 +324,8 @@ TEST_F(RunApplication, TakesExeSoAnywhereInThePath)
 TEST_F(RunApplication, TakesAnyOtherExtensionForAProgram)
 {
     play_child();
-    for (const char *name : {"qel_application_game.exe", "qel_application_game.EXE.SO", "qel_application.so"}) {
+    for (const char *name :
+         {"qel_application_game.exe", "qel_application_game.EXE.SO", "qel_application.so"}) {
         kernel.forget_calls();
         run(name);
         EXPECT_THAT(kernel.calls("execve"),

@@ -27,6 +27,14 @@ namespace
         byte = soil;
 }
 
+/// Has its frame, and all below it, where that byte was left.
+[[gnu::noinline]] long read_number_below()
+{
+    volatile char room[512];
+    room[0] = 0;
+    return qel_h8_read_number() + room[0];
+}
+
 class BoardLimits : public testing::Test
 {
   protected:
@@ -46,7 +54,7 @@ class BoardLimits : public testing::Test
             return ssize_t{64};
         };
         soil_the_stack('5');
-        return qel_h8_read_number();
+        return read_number_below();
     }
 
     FakeKernel kernel;
@@ -85,6 +93,16 @@ TEST_F(BoardLimits, NothingIsOpenedForWhatIsRefusedNorClosedAfterAShortWrite)
     kernel.fail("write", EIO);
     EXPECT_STOPS_ON("bytes_written == bytes", h8_unit, qel_lcd_write_row(0, ""));
     EXPECT_THAT(kernel.calls(), ElementsAre("open /dev/qellpc_lcd O_WRONLY", "write 5001 2"));
+}
+
+TEST_F(BoardLimits, TheCommandDeviceMayBeDescriptor0)
+{
+    if (!in_fresh_process())
+        return;
+    kernel.on_open = [](auto...) { return 0; };
+    EXPECT_EQ(qel_h8_signal(0), 0);
+    EXPECT_EQ(qel_h8_signal(7), 0);
+    EXPECT_THAT(kernel.calls(), ElementsAre("open /dev/qellpc_command O_RDWR", "write 0 1", "write 0 1"));
 }
 
 // ---- Transport ----
@@ -186,8 +204,8 @@ TEST_F(CommsLimits, PollsWithTheContextOfThePoll)
 {
     int contexts[2] = {};
     qel_comms *link = qel_comms_create(
-        35, begin_packet, end_packet, &contexts[0], [](void *context) { return ++*static_cast<int *>(context); },
-        &contexts[1]);
+        35, begin_packet, end_packet, &contexts[0],
+        [](void *context) { return ++*static_cast<int *>(context); }, &contexts[1]);
     EXPECT_EQ(qel_comms_poll(link), 1);
     EXPECT_THAT(contexts, ElementsAre(0, 1));
     free(link);
@@ -213,7 +231,8 @@ TEST_F(CommsLimits, TheMessageBufferIsZeroedOfTheExactSizeAndGivenBackWhenItGrow
     {
         FakeKernel kernel;
         kernel.watches_memory = 1;
-        for (const char *first_packet : {"00 00 00 64 00 00 41", "00 00 00 63 00 00 41", "00 00 00 65 00 00 41"})
+        for (const char *first_packet :
+             {"00 00 00 64 00 00 41", "00 00 00 63 00 00 41", "00 00 00 65 00 00 41"})
             feed(first_packet);
         EXPECT_THAT(kernel.calls(), ElementsAre("calloc 100", "calloc 101"));
     }

@@ -5,6 +5,7 @@
 #include "support/output.h"
 #include "support/scratch.h"
 #include "support/stops.h"
+#include "support/transcript.h"
 
 #include "qel_utility/qel_log.h"
 
@@ -168,4 +169,18 @@ TEST_F(FatalError, GoesToNoLogFileAtStart)
     if (!in_fresh_process())
         return;
     EXPECT_EQ(qel_log_file, nullptr);
+}
+
+TEST_F(Console, HasTheFatalErrorBeforeTheLogHasIt)
+{
+    const Scratch scratch;
+    qel_log_file = real_fopen(scratch.at("log").c_str(), "w");
+    Transcript transcript(kernel, "localtime");
+    EXPECT_THROW(QEL_FATAL_ERROR("Message\n"), Stop);
+    const std::vector<std::string> lines = transcript.lines();
+    fclose(qel_log_file);
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0], "localtime");
+    EXPECT_EQ(lines[1].substr(0, 32), "> 2024-03-05 07:08:09 - ERROR - ");
+    EXPECT_EQ(lines[2], "localtime");
 }

@@ -62,9 +62,9 @@ TEST_F(DumpFolder, IsFlushedAndClosesTheFolder)
 
 TEST_F(DumpFile, FramesTheFileWithDashes)
 {
-    disk.make_file("/boot/syslinux.cfg", "one\ntwo 100%\n");
+    disk.make_file("/boot/syslinux.cfg", "one\ntwo 100%% %d\n");
     EXPECT_EQ(output_of([] { qel_dump_file("/boot/syslinux.cfg"); }),
-              DASHES "/boot/syslinux.cfg\n" DASHES "one\ntwo 100%\n" DASHES "\n");
+              DASHES "/boot/syslinux.cfg\n" DASHES "one\ntwo 100%% %d\n" DASHES "\n");
 }
 
 TEST_F(DumpFile, PrintsLongLinesAndAnUnfinishedLastLineWhole)

@@ -93,8 +93,17 @@ TEST_F(FilesystemLimits, NodesHaveTheLongestNamesAndPlainDecimalNumbers)
     std::vector<std::string> made = kernel.calls("mknod");
     made.resize(4);
     EXPECT_THAT(made, ElementsAre("mknod /dev/snd/" + longest + " 020666 116:33",
-                                  "mknod /dev/disk/" + longest + " 060666 10:11", "mknod /dev/card 020666 1:2",
-                                  "mknod /dev/qellpc_firmware 020666 254:0"));
+                                  "mknod /dev/disk/" + longest + " 060666 10:11",
+                                  "mknod /dev/card 020666 1:2", "mknod /dev/qellpc_firmware 020666 254:0"));
+}
+
+TEST_F(FilesystemLimits, TheBoardMayHaveAnyNumberButZero)
+{
+    make_nodes_as_files(kernel, disk);
+    disk.make_folder("/dev");
+    disk.make_file("/proc/devices", "-1 qellpc\n");
+    output_of(qel_make_lpc_nodes);
+    EXPECT_EQ(kernel.count("mknod"), 10);
 }
 
 TEST_F(FilesystemLimits, APartitionOfAnyOneDiskCounts)
@@ -129,8 +138,9 @@ TEST_F(FilesystemLimits, MountsTakeTheLongestNamesAndAllFlags)
     kernel.on_mount = [](auto...) { return 0; };
     EXPECT_EQ(output_of([] { qel_mount_usb_disks("sd"); }), longest + " mounted\n");
     qel_mount("vfat", "/dev/a", "/a", 0x210401, nullptr);
-    EXPECT_THAT(kernel.calls("mount"), ElementsAre("mount /dev/disk/" + longest + " /disk/" + longest + " vfat 1 null",
-                                                   "mount /dev/a /a vfat 2163713 null"));
+    EXPECT_THAT(kernel.calls("mount"),
+                ElementsAre("mount /dev/disk/" + longest + " /disk/" + longest + " vfat 1 null",
+                            "mount /dev/a /a vfat 2163713 null"));
 }
 
 TEST_F(FilesystemLimits, DumpsTakeTheLongestNames)
@@ -194,7 +204,8 @@ TEST_F(FilesystemLimits, RulesArePlainPatternsWithEscapes)
     const WorkingFolder here(disk.path());
     disk.make_folder("/.hidden");
     const qel_copy_foo rule = {1, "*hidden"};
-    EXPECT_EQ(_qel_cpdirtree_with_foo(".hidden", "/dst", 0, &rule, 1), 1);
+    EXPECT_EQ(_qel_cpdirtree_with_foo(".hidden", "/other", 0, &rule, 1), 1);
+    EXPECT_FALSE(disk.has("/other"));
     EXPECT_STOPS("!copy_foo_count || copy_foo", filesystem_unit, 1225,
                  qel_cpdirtree_with_foo("/src", "/dst", nullptr, -1));
 }
@@ -219,9 +230,11 @@ TEST_F(FilesystemLimits, WalksHandOverEveryFileWhateverComesOfIt)
     disk.make_file("/a/1");
     disk.make_file("/a/2");
     disk.make_file("/a/3");
-    qel_recurse_files_in_folder("/a", "b", [](auto...) { return ++calls % 2; }, nullptr);
+    qel_recurse_files_in_folder(
+        "/a", "b", [](auto...) { return ++calls % 2; }, nullptr);
     EXPECT_EQ(calls, 3);
-    qel_recurse_files_in_folder("/a", "b", [](auto...) { return calls++ % 2; }, nullptr);
+    qel_recurse_files_in_folder(
+        "/a", "b", [](auto...) { return calls++ % 2; }, nullptr);
     EXPECT_EQ(calls, 6);
 }
 

@@ -68,7 +68,8 @@ TEST_P(HostLinkEnds, AccountForEveryMessageWhenBothAskAtOnce)
     expect_a_telling_run(ends);
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, HostLinkEnds, testing::Values(1U, 20040101U, 4711U));
+INSTANTIATE_TEST_SUITE_P(Seeds, HostLinkEnds, testing::Values(1U, 20040101U, 4711U),
+                         [](const auto &seed) { return "Seed" + std::to_string(seed.param); });
 
 TEST(HostLinkEndsOnAGoodLine, LoseNothingAndRepeatNothing)
 {

@@ -73,9 +73,9 @@ TEST_F(Install, KeepsItsOrder)
     qel_install();
     EXPECT_THAT(transcript.lines(),
                 ElementsAre("> Installing...\n", "fork", "sync", // sfdisk
-                            "> dev: ", "mkdir /dev/disk 0755",  // the new partitions' nodes
-                            "access /dev/disk/hdc2 4", "mknod /dev/disk/hdc2 060666 22:2",
-                            ">  (hdc) hdc2\n", "fork", // mkdosfs, boot
+                            "> dev: ", "mkdir /dev/disk 0755",   // the new partitions' nodes
+                            "access /dev/disk/hdc2 4", "mknod /dev/disk/hdc2 060666 22:2", ">  (hdc) hdc2\n",
+                            "fork", // mkdosfs, boot
                             "open /disk/sda1/qel_usr.cramfs O_RDONLY",
                             "open /dev/disk/hdc2 O_RDWR|O_CREAT|O_TRUNC", "fork", // mkdosfs, storage
                             "mkdir /boot 0755", "mount /dev/disk/hdc1 /boot vfat 0 null",

@@ -98,8 +98,9 @@ static const Lines silence = {"dup2 5001 0", "dup2 5001 1", "dup2 5001 2"};
 /// Begins behind an unfinished line, if there is one.
 static Lines disks(const std::string &line_end)
 {
-    return {"> " + line_end + "dev: ", "opendir /sys/class/sound", "opendir /sys/block", "opendir /sys/block", "opendir /sys/block/sda",
-            "> \nmount:", "opendir /dev/disk"};
+    return {"> " + line_end + "dev: ", "opendir /sys/class/sound", "opendir /sys/block",
+            "opendir /sys/block",      "opendir /sys/block/sda",   "> \nmount:",
+            "opendir /dev/disk"};
 }
 static Lines system_and_application(const std::string &printed)
 {
@@ -152,10 +153,10 @@ TEST_F(Main, SaysThatAConsoleIsWantedBeforeTheUpdateModeAndLeavesTheStandardStre
     if (!in_fresh_process())
         return;
     mode_byte = 0x83;
-    EXPECT_EQ(steps({"loader"}), all_of({kernel_and_board,
-                                         {"> Want console...\n", "sleep 5"},
-                                         disks(""),
-                                         system_and_application("\n")}));
+    EXPECT_EQ(
+        steps({"loader"}),
+        all_of(
+            {kernel_and_board, {"> Want console...\n", "sleep 5"}, disks(""), system_and_application("\n")}));
 }
 
 TEST_F(Main, WaitsForAStickAndInstallsBeforeItMountsTheSystem)

@@ -172,7 +172,7 @@ TEST_P(ExecWaitBoth, GivesTheChildTheFirstEndAsItsStandardInput)
     };
     const char *const environment[] = {"A=1", nullptr};
     EXPECT_STOPS("0", filesystem_unit, GetParam().exec_line, run("/no", {"/no", "x"}, "text", environment));
-    EXPECT_THAT(kernel.calls("dup2 execve write"),
+    EXPECT_THAT(kernel.calls("dup2 execve write close"),
                 ElementsAre("dup2 " + std::to_string(first_end) + " 0", "execve /no [/no x] [A=1]"));
 }
 
@@ -197,6 +197,7 @@ TEST_P(ExecWaitBoth, StopsOnAShortOrFailedWrite)
     EXPECT_STOPS("n == data_len", filesystem_unit, GetParam().write_line, run(cat, {cat}, "text"));
     kernel.fail("write", EPIPE);
     EXPECT_STOPS("n == data_len", filesystem_unit, GetParam().write_line, run(cat, {cat}, "text"));
+    EXPECT_EQ(kernel.count("shutdown"), 0);
 }
 
 TEST_P(ExecWaitBoth, PrintsNothingOfItsOwn)
@@ -429,6 +430,7 @@ TEST_F(WineExecCapture, IsEmptyAfterAReadThatFailsOrGivesNothing)
     kernel.on_read = [](auto...) { return 0; };
     EXPECT_EQ(capture("printf output"), "");
     kernel.on_read = nullptr;
+    EXPECT_EQ(capture("printf output"), "output");
     kernel.fail("read", EIO);
     EXPECT_EQ(capture("printf output"), "");
 }
@@ -559,6 +561,8 @@ TEST_F(Symlink, UnlinksPlainlyBeforeItPrints)
 TEST_F(Symlink, DoesNotFlushWhatItPrints)
 {
     Output output;
+    qel_symlink("/tmp", "/qel_home");
+    kernel.fail("symlink", EEXIST);
     qel_symlink("/tmp", "/qel_home");
     EXPECT_EQ(output.flushed(), "");
 }

@@ -213,7 +213,8 @@ TEST_F(SysmsgSend, StopsOnAByteBlockOfTheWrongKindOfType)
 
 TEST_F(SysmsgMisuse, NoConnection)
 {
-    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_request(nullptr, bytes_of("0B 00 00 00 08 00 00 00").data()));
+    EXPECT_STOPS_ON("con", sysmsg_unit,
+                    qel_sysmsg_request(nullptr, bytes_of("0B 00 00 00 08 00 00 00").data()));
 }
 
 TEST_F(SysmsgMisuse, NoSendFunction)

@@ -144,7 +144,8 @@ TEST_F(SysmsgConfirm, TimeIsMeasuredInWholeMilliseconds)
 
 TEST_F(SysmsgConfirm, TimeIsMeasuredWhateverTheCentury)
 {
-    for (const time_t start : {time_t{0}, time_t{86399}, time_t{2147483}, time_t{2147483647}, time_t{4294967295}, time_t{10000000000}}) {
+    for (const time_t start : {time_t{0}, time_t{86399}, time_t{2147483}, time_t{2147483647},
+                               time_t{4294967295}, time_t{10000000000}}) {
         ScriptedPeer silent;
         silent.starts_at(start, 999000);
         message = bytes_of(post_22);

@@ -138,9 +138,9 @@ TEST_F(UpdateMode, OpensTheLinkShowsTheBannerAndGoesOnAfterFiveSecondsWhenAStick
     const std::string lcd = "open /dev/qellpc_lcd O_WRONLY";
     // The link stays open.
     EXPECT_THAT(kernel.calls("open close time access read usleep sleep"),
-                ElementsAre("open /dev/qellpc_host_comms O_RDWR|O_NONBLOCK", lcd, "close 501", lcd, "close 501", lcd,
-                            "close 501", "time", "access /sys/block/sda 4", lcd, "close 501", "sleep 5", lcd,
-                            "close 501"));
+                ElementsAre("open /dev/qellpc_host_comms O_RDWR|O_NONBLOCK", lcd, "close 501", lcd,
+                            "close 501", lcd, "close 501", "time", "access /sys/block/sda 4", lcd,
+                            "close 501", "sleep 5", lcd, "close 501"));
 }
 
 TEST_F(UpdateMode, WiresTransportLinkAndMessagesTogether)
@@ -177,8 +177,8 @@ TEST_F(UpdateMode, LooksForTheStickThenAtTheClockThenAtTheLinkWithoutSleeping)
     stick_at = 2;
     EXPECT_THAT(run(), IsEmpty());
     EXPECT_THAT(kernel.calls("access time read usleep"),
-                ElementsAre("time", "access /sys/block/sda 4", "time", "read 500 64", "access /sys/block/sda 4",
-                            "time", "read 500 64", "access /sys/block/sda 4"));
+                ElementsAre("time", "access /sys/block/sda 4", "time", "read 500 64",
+                            "access /sys/block/sda 4", "time", "read 500 64", "access /sys/block/sda 4"));
 }
 
 TEST_F(UpdateMode, AnnouncesItselfOnceASecondWithoutAPeerAndLeavesRow2Empty)
@@ -196,7 +196,8 @@ TEST_F(UpdateMode, ShowsAndAnswersEveryConnectAtOnceWithItsValue)
         return;
     host = {{2, connect_packet}, {6, connect_packet}};
     stick_at = 9;
-    EXPECT_THAT(run(), ElementsAre("0.3 row 2*Connected*", "0.3 answer", "0.7 row 2*Connected*", "0.7 answer"));
+    EXPECT_THAT(run(),
+                ElementsAre("0.3 row 2*Connected*", "0.3 answer", "0.7 row 2*Connected*", "0.7 answer"));
 }
 
 TEST_F(UpdateMode, SaysNothingWhileThePeerConnectsEverySecondAndClearsRow2AtTheSecondSilentSecond)
@@ -207,8 +208,8 @@ TEST_F(UpdateMode, SaysNothingWhileThePeerConnectsEverySecondAndClearsRow2AtTheS
     stick_at = 75;
     // The count changes are seen at the turns to seconds 1, 2 and 3; seconds 4 and 5 end silent.
     EXPECT_THAT(run(), ElementsAre("0.6 row 2*Connected*", "0.6 answer", "1.6 row 2*Connected*", "1.6 answer",
-                                   "2.6 row 2*Connected*", "2.6 answer", "4.0 notice", "5.0 notice", "5.0 row 2",
-                                   "6.0 notice", "7.1 notice"));
+                                   "2.6 row 2*Connected*", "2.6 answer", "4.0 notice", "5.0 notice",
+                                   "5.0 row 2", "6.0 notice", "7.1 notice"));
 }
 
 TEST_F(UpdateMode, StopsAnnouncingItselfWhenThePeerComesBackBeforeRow2IsCleared)
@@ -343,8 +344,8 @@ TEST_F(UpdateHandler, ClosesTheUpdaterSoThatItCanRun)
     receive_updater(message);
     std::vector<std::string> calls = kernel.calls();
     calls.resize(3);
-    EXPECT_THAT(calls, ElementsAre("open /tmp/updater O_WRONLY|O_CREAT", StartsWith("write "),
-                                   StartsWith("close ")));
+    EXPECT_THAT(
+        calls, ElementsAre("open /tmp/updater O_WRONLY|O_CREAT", StartsWith("write "), StartsWith("close ")));
     EXPECT_THAT(kernel.calls("open close execve"),
                 ElementsAre("open /tmp/updater O_WRONLY|O_CREAT", StartsWith("close "),
                             "open /dev/qellpc_lcd O_WRONLY", "close 501", StartsWith("execve ")));
