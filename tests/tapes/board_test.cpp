@@ -97,9 +97,6 @@ const std::vector<Scenario> sequences = {
 
 // ---- Transport and packet link ----
 
-/// Opened once, and never closed.
-const char *const link_device = "/dev/qellpc_host_comms";
-
 /// Of a device that is read and written by the ground.
 const int some_descriptor = 5001;
 

@@ -10,9 +10,6 @@
 namespace
 {
 
-const int fopen_line = 403;
-const int opendir_line = 433;
-
 /// A result and, of -1, the error.
 std::string result_with_errno(int result)
 {

@@ -64,7 +64,6 @@ std::string as_child(Ground &ground, std::string (*run)(Ground &))
 }
 
 /// What a child, or a stop, has in hand: the pair for the input.
-const char *const both_ends = "socket socket";
 
 const std::vector<Scenario> programs = {
     {"ExecWaitChecked", run_checked},

@@ -12,8 +12,6 @@
 namespace
 {
 
-const char *const sysmsg_unit = "qel_tolbrin/qel_sysmsg";
-
 /// A peer that confirms everything at once, and answers with `answer`, if that is not empty.
 struct Peer {
     Peer(Ground &fresh_ground, const std::string &answer_bytes)
