@@ -1,6 +1,6 @@
 // What is measured inside one process, with Google Benchmark: the CRC compared with its usual forms, and the
-// packet link with the least that can move a message. The product's code is compiled for size, as it ships, the
-// peers for speed.
+// packet link with the least that can move a message. The product's code is compiled for size, as it ships,
+// the peers for speed.
 
 #include "qel_tolbrin/qel_comms.h"
 

@@ -1,5 +1,5 @@
-// The product's file library as a command, so that a whole process can be compared with rm, cp and find. It is
-// built exactly as the product is.
+// The product's file library as a command, so that a whole process can be compared with rm, cp and find. It
+// is built exactly as the product is.
 
 #include "qel_utility/qel_filesystem.h"
 

@@ -29,9 +29,7 @@ int wrap_mount(const char *source, const char *folder, const char *, unsigned lo
     return real_mount(bound, folder, nullptr, MS_BIND, nullptr);
 }
 
-void wrap_sync()
-{
-}
+void wrap_sync() {}
 
 int wrap_open(const char *path, int flags, mode_t mode)
 {

@@ -9,6 +9,9 @@
 
 #ifdef __cplusplus
 extern "C" {
+#define QEL_NORETURN [[noreturn]]
+#else
+#define QEL_NORETURN _Noreturn
 #endif
 
 // ---- Assertions ----
@@ -34,7 +37,7 @@ extern "C" {
 /// Stops the program: forms the location code of `file` and `line`, prints nothing, and sleeps
 /// forever, because the first process must not exit. `expression` is only for debuggers. A second failure
 /// while the first is being handled waits one second and exits with status 1.
-__attribute__((noreturn)) void qel_assert_fail(const char *expression, const char *file, int line);
+QEL_NORETURN void qel_assert_fail(const char *expression, const char *file, int line);
 
 /// Writes the location code of a check, such as "ERROR HDC407", into `code` (at most `size` bytes with
 /// the NUL; nothing for a size of 0 or less): three letters made from the base name of `file`, then the line.
@@ -43,8 +46,8 @@ __attribute__((noreturn)) void qel_assert_fail(const char *expression, const cha
 void qel_location_code(const char *file, int line, char *code, int size);
 
 /// What QEL_FATAL_ERROR calls; not for direct use.
-__attribute__((noreturn, format(printf, 4, 5))) void
-_qel_fatal_error(const char *file, int line, const char *function, const char *format, ...);
+QEL_NORETURN void _qel_fatal_error(const char *file, int line, const char *function, const char *format,
+                                   ...) __attribute__((format(printf, 4, 5)));
 
 // ---- Console ----
 

@@ -196,11 +196,11 @@ TEST_F(Catalogue, AsksForTheMemoryOfABlockOfAnyLengthAndStopsWithoutIt)
         return;
     peer.kernel.watches_memory = 1;
     peer.kernel.fail("malloc", ENOMEM);
-    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_send_updater(&peer.con, "x", 0x7FFFFFFF));
-    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_transfer_data(&peer.con, "x", 0x7FFFFFFF));
-    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_reply_plugins(&peer.con, two_ids, 0x10000002));
+    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_send_updater(&peer.con, "x", 0x7FFFFFFF - 12));
+    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_transfer_data(&peer.con, "x", 0x7FFFFFFF - 16));
+    EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_reply_plugins(&peer.con, two_ids, 536870907));
     EXPECT_THAT(peer.kernel.calls("malloc"),
-                ElementsAre("malloc 2147483659", "malloc 2147483663", "malloc 1073741848"));
+                ElementsAre("malloc 2147483647", "malloc 2147483647", "malloc 2147483644"));
 }
 
 // ---- Operations that only send ----
