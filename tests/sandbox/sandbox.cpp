@@ -58,11 +58,12 @@ Sandbox::Sandbox() : root(make_root())
     for (const char *folder : {"/bin", "/dev", "/lib", "/lib64", "/proc", "/machine"})
         make_folder(folder);
     make_file("/dev/null", "");
-    // Sanitizers report into a file, since there may be no console, and give freed memory back at once, so
-    // that growth can be told; leaks are of no interest in a process that never ends, and where memory runs
-    // out the product is told so.
+    // Sanitizers report into a file, since there may be no console. It lies in the root: for a folder they
+    // would call mkdir, which is wrapped, before instrumented code can run. They give freed memory back at
+    // once, so that growth shows; leaks are of no interest in a process that never ends, and where memory
+    // runs out the product learns it.
     for (const char *options : {"ASAN_OPTIONS", "UBSAN_OPTIONS"})
-        set(options, "log_path=/machine/sanitizer:detect_leaks=0:quarantine_size_mb=0:"
+        set(options, "log_path=/sanitizer:detect_leaks=0:quarantine_size_mb=0:"
                      "thread_local_quarantine_size_kb=0:allocator_may_return_null=1");
 }
 
@@ -256,9 +257,9 @@ void Sandbox::end()
 
 void Sandbox::report_sanitizers() const
 {
-    for (const std::string &name : names("/machine")) {
+    for (const std::string &name : names("/")) {
         if (begins_with(name, "sanitizer"))
-            ADD_FAILURE() << content("/machine/" + name);
+            ADD_FAILURE() << content("/" + name);
     }
 }
 
