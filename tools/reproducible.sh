@@ -20,7 +20,7 @@ export CCACHE_DISABLE=1
 copy=$(mktemp -d)/another-name/deeper
 trap 'rm -rf "${copy%/another-name/deeper}"' EXIT
 mkdir -p "$copy/build"
-cp -r CMakeLists.txt CMakePresets.json cmake src docs "$copy"
+cp -r CMakeLists.txt CMakePresets.json VERSION cmake src docs "$copy"
 [ ! -e build/i586-sysroot ] || cp -r build/i586-sysroot "$copy/build"
 
 for preset in "${@:-product}"; do
