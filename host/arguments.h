@@ -1,24 +1,35 @@
-/// Words of the command line as what messages carry. A word that does not fit is thrown as CommandError
-/// with exit code 2.
+// Words of the command line as values, fields and files. What does not fit is thrown as Failure: wrong_call, or
+// bad_file.
 #pragma once
 
-#include <stdint.h>
+#include "common/files.h"
+#include "fields.h"
 
 #include <string>
 #include <vector>
 
-/// A decimal number, a hexadecimal one with 0x, or an octal one with a leading 0; 32 bits.
-uint32_t to_value(const std::string &word);
-
-/// Pairs of hexadecimal digits; blanks and colons between them are welcome.
-std::vector<uint8_t> to_bytes(const std::string &word);
-
-/// The same, exactly `count` of them.
-std::vector<uint8_t> to_record(const std::string &word, size_t count);
-
-/// What the file holds; it must not be empty nor too long for a message. A file that cannot be read is
-/// thrown as FileError.
-std::vector<uint8_t> file_content(const std::string &path);
-
-/// The usage line for a call with the wrong number of arguments.
 [[noreturn]] void wrong_call(const std::string &text);
+
+/// A number, decimal or hexadecimal with 0x.
+uint64_t to_number(const std::string &word, uint64_t most);
+
+/// Pairs of hexadecimal digits, blanks and colons between them are welcome; or @FILE, the bytes of a file.
+std::string to_bytes(const std::string &word);
+
+/// A message of the catalogue by name or number; null for a number that it does not have. `type` is the number.
+const CatalogueMessage *to_message(const std::string &word, uint32_t &type);
+
+/// What a field gets from a word; a list field, from several.
+FieldValue to_field(const CatalogueMessage &message, const CatalogueField &field,
+                    const std::vector<std::string> &words);
+
+/// A regular file of this computer that can be read, and its size.
+struct LocalFile {
+    Descriptor descriptor;
+    uint64_t size;
+    std::string path;
+};
+LocalFile open_file(const std::string &path);
+
+/// Reads up to `count` bytes from byte `offset` on. What is missing, the file does not have.
+std::string read_piece(const LocalFile &file, uint64_t offset, size_t count);

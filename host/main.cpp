@@ -1,286 +1,210 @@
-// qel-host: the other end of the host link, for people who make, test and service cabinets. This file reads
-// the command line, opens the link, runs the command and turns what ended it into an exit code.
+// qel-host: the other end of the host link, for people who make, test and service cabinets. This file reads the
+// command line, opens the link, runs the command, prints its result and turns that into an exit code.
+
+#include "arguments.h"
+#include "call.h"
+#include "common/clock.h"
+#include "common/interrupt.h"
+#include "common/version.h"
+#include "errors.h"
 
 #include <CLI/CLI.hpp>
 
-#include <stdio.h>
-#include <unistd.h>
+#include <math.h>
+#include <signal.h>
+#include <stdlib.h>
 
-#include "arguments.h"
-#include "catalogue.h"
-#include "commands.h"
-#include "errors.h"
-#include "trace.h"
+#include <algorithm>
 
 namespace
 {
 
-struct LinkOptions {
-    std::string device;
-    std::string socket;
-    std::string listen;
-    std::string record;
-    bool unpaced = false;
-    double wait_s = 5;
-};
+const char *const exit_codes = "Exit codes: 0 done; 1 not done, or not known to be; 2 wrong call; 3 this computer;\n"
+                               "4 a check of the link's libraries; 5 interrupted; 6 sent, but nothing can show that\n"
+                               "it arrived. QEL_HOST_LINK=device:NODE, socket:PATH or listen:PATH says where the\n"
+                               "other end is when no option does.\n";
 
-/// Runs a command on the link that has been opened for it.
-using Command = std::function<int(Link &link)>;
+// ---- Options ----
 
-const char *const exit_codes =
-    "Exit codes: 0 done; 1 the other end did not answer, refused or hung up; 2 wrong call;\n"
-    "3 a file, folder, socket or device of this computer cannot be used;\n"
-    "4 a check of the link's libraries failed; 5 interrupted.";
-
-// ---- The link ----
-
-/// Waits for one peer, then takes the socket away again.
-void wait_for_peer(Link &link, const std::string &path)
+void add_place(CLI::App &app, LinkOptions &options, const std::string &kind, const std::string &what)
 {
-    int listener = transport_listen(path);
-    fprintf(stderr, "waiting for a peer at %s\n", path.c_str());
-    bool accepted = false;
-    while (!accepted && !was_interrupted())
-        accepted = transport_accept(link.transport, listener, 100);
-    close(listener);
-    unlink(path.c_str());
-    if (!accepted)
-        throw CommandError(exit_interrupted, "interrupted");
+    app.add_option_function<std::string>(
+           "--" + kind, [&options, kind](const std::string &path) { options.places.push_back({kind, path}); }, what)
+        ->trigger_on_parse();
 }
 
-void check_other_end(const LinkOptions &options)
+void add_options(CLI::App &app, Call &call)
 {
-    int ways = !options.device.empty() + !options.socket.empty() + !options.listen.empty();
-    if (ways != 1)
-        wrong_call("say where the other end is, with one of --device, --socket and --listen");
+    app.set_version_flag("--version", std::string("qel-host ") + qel_version);
+    app.add_flag("--json", call.output.json, "print JSON, an object for each line; the last is the result");
+    app.add_flag("--quiet", call.output.quiet, "print errors only, besides results");
+    app.add_flag("--verbose", call.output.verbose, "show every message, in and out");
+    app.add_flag("--unverified-ok", call.unverified_ok, "exit code 0 instead of 6");
+    auto *group = app.add_option_group("Link", "Where the other end is, and how to talk to it");
+    add_place(*group, call.link, "device", "the board driver's node, as /dev/qellpc_host_comms");
+    add_place(*group, call.link, "socket", "a socket to connect to: the simulated cabinet, or a qel-host");
+    add_place(*group, call.link, "listen", "a socket to make and wait at for a peer");
+    group->add_option("--wait", call.link.wait_s, "seconds to try while nobody is at the socket (5)")
+        ->check(CLI::Range(0.0, 1e9));
+    group->add_flag("--no-pacing", call.link.unpaced, "no pause of 15 ms before each packet; not for a real board");
+    group->add_option("--record", call.link.record, "record the link to this pcapng file");
 }
 
-void open_link(Link &link, const LinkOptions &options)
+void add_commands(CLI::App &app, Call &call)
 {
-    link_start(link);
-    transport_set_pacing(link.transport, !options.unpaced);
+    add_connect(app, call.command);
+    add_monitor(app, call.command);
+    add_update(app, call.command);
+    add_send_file(app, call.command);
+    add_query(app, call.command);
+    add_post(app, call.command);
+    add_test_pattern(app, call.command);
+    add_batch(app, call.command, call);
+    add_serve(app, call.command);
+    add_trace(app, call.command);
+    add_catalogue(app, call.command);
+    add_completion(app, call.command);
+    for (CLI::App *sub : app.get_subcommands({}))
+        add_options(*sub, call);
+}
+
+// ---- Where the other end is ----
+
+void take_environment(LinkOptions &options)
+{
+    const char *value = getenv("QEL_HOST_LINK");
+    if (value == nullptr || !options.places.empty())
+        return;
+    std::string text = value;
+    size_t colon = std::min(text.find(':'), text.size());
+    std::string kind = text.substr(0, colon), path = colon == text.size() ? "" : text.substr(colon + 1);
+    if (path.empty() || (kind != "device" && kind != "socket" && kind != "listen"))
+        wrong_call("QEL_HOST_LINK is \"" + text + "\"; make it device:NODE, socket:PATH or listen:PATH");
+    options.places.push_back({kind, path});
+}
+
+void check_places(const LinkOptions &options, const Command &command)
+{
+    if (options.places.empty())
+        wrong_call("say where the other end is, with --device, --socket or --listen");
+    if (options.places.size() == 1)
+        return;
+    bool listens = std::ranges::any_of(options.places, [](const Place &place) { return place.kind == "listen"; });
+    if (listens || !command.takes_several)
+        wrong_call("name one link; update, send-file, query, post and batch take several --device and --socket");
     if (!options.record.empty())
-        transport_record(link.transport, options.record);
-    if (!options.device.empty())
-        transport_open_device(link.transport, options.device);
-    if (!options.socket.empty())
-        transport_connect(link.transport, options.socket, options.wait_s);
+        wrong_call("a recording is of one link: leave out --record, or name one link");
 }
 
-int run_on_link(const LinkOptions &options, const Command &command, bool listens_itself)
+// ---- Running ----
+
+Ended run_on_link(Call &call)
 {
-    static Link link; // for the life of the process, as the libraries keep it
-    check_other_end(options);
-    open_link(link, options);
-    if (!options.listen.empty() && !listens_itself)
-        wait_for_peer(link, options.listen);
-    int result;
+    static Session session; // for the life of the process, as the library keeps its callbacks
+    Ended ended;
     try {
-        result = command(link);
-    } catch (...) {
-        fflush(stdout);
-        link_print_counts(link);
-        throw;
+        open_link(session, call.link, call.command);
+        ended = carry_out(call.command, session, call.unverified_ok);
+    } catch (const std::exception &error) {
+        ended = failed(call.command.name, error);
+        ended.proof = call.command.shows_proof ? Json("none") : Json();
     }
-    fflush(stdout);
-    link_print_counts(link);
-    return result;
+    ended.link = session.name;
+    transport_read(session.link.transport); // so that the other end is not reset for what was not read
+    note(counts_text(session.link));
+    return ended;
 }
 
-int serve(Link &link, const LinkOptions &link_options, ServeOptions options)
+Ended run_without_link(const Call &call)
 {
-    if (link_options.listen.empty())
-        return command_serve(link, options);
-    options.listener = transport_listen(link_options.listen);
-    printf("serving %s at %s\n", options.folder.c_str(), link_options.listen.c_str());
-    int result = command_serve(link, options);
-    unlink(link_options.listen.c_str());
-    return result;
+    Session none;
+    Ended ended = carry_out(call.command, none, call.unverified_ok);
+    ended.link = ended.counts = nullptr;
+    return ended;
 }
 
-// ---- The command line ----
-
-struct CommandLine {
-    LinkOptions link;
-    ConnectOptions connect;
-    UpdateOptions update;
-    SendFileOptions send_file;
-    TestPatternOptions test_pattern;
-    QueryOptions query;
-    PostOptions post;
-    ServeOptions serve;
-    std::string trace_file;
-    bool trace_messages = false;
-    bool lua = false;
-    std::function<int()> run; ///< the command that was called
-};
-
-void add_link_options(CLI::App &app, LinkOptions &options)
+int show(const Ended &ended)
 {
-    auto *group = app.add_option_group("Where the other end is, and how to talk to it");
-    group->add_option("--device", options.device, "the board driver's node, as /dev/qellpc_host_comms");
-    group->add_option("--socket", options.socket,
-                      "a socket to connect to: the simulated cabinet, or a qel-host");
-    group->add_option("--listen", options.listen, "a socket to make and wait at for a peer");
-    group->add_option("--wait", options.wait_s, "seconds to try while nobody listens at the socket (5)")
-        ->check(CLI::NonNegativeNumber);
-    group->add_flag("--no-pacing", options.unpaced,
-                    "no pause of 15 ms before each packet; not for a real board");
-    group->add_option("--record", options.record, "record the link to this pcapng file");
+    if (ended.fault.exit != 0)
+        print_error(ended.text);
+    try {
+        if (output.json)
+            print_json(ended_json(ended));
+        else if (!ended.answer.empty())
+            print_line(ended.answer);
+    } catch (const Failure &failure) {
+        print_error(failure.what());
+        return failure.fault.exit;
+    }
+    return ended.fault.exit;
 }
 
-/// Adds a command that talks to the other end.
-CLI::App *add_command(CLI::App &app, CommandLine &line, const std::string &name,
-                      const std::string &description, const Command &command, bool listens_itself = false)
+int run(Call &call)
 {
-    CLI::App *result = app.add_subcommand(name, description);
-    result->callback([&line, command, listens_itself] {
-        line.run = [&line, command, listens_itself] {
-            return run_on_link(line.link, command, listens_itself);
-        };
-    });
-    return result;
+    Ended ended;
+    try {
+        if (call.command.has_link) {
+            take_environment(call.link);
+            check_places(call.link, call.command);
+        }
+        if (call.command.check)
+            call.command.check();
+        if (call.command.has_link && call.link.places.size() > 1)
+            return run_on_several(call);
+        ended = call.command.has_link ? run_on_link(call) : run_without_link(call);
+    } catch (const std::exception &error) {
+        ended = failed(call.command.name, error);
+        ended.proof = call.command.shows_proof ? Json("none") : Json();
+    }
+    ended.seconds = round((seconds_now() - call.started_at) * 1000) / 1000;
+    return show(ended);
 }
 
-void add_senders(CLI::App &app, CommandLine &line)
+/// What a call was meant to be that cannot be read: so that its error is of the right form and name.
+Ended wrong_words(const CLI::App &app, const Call &call, const CLI::ParseError &error)
 {
-    auto *connect =
-        add_command(app, line, "connect", "Announce the host once a second and show what is answered",
-                    [&line](Link &link) { return command_connect(link, line.connect); });
-    connect->add_option("--seconds", line.connect.seconds, "end after so many seconds (until Ctrl-C)")
-        ->check(CLI::PositiveNumber);
-
-    auto *update = add_command(app, line, "update", "Send an updater, which takes the loader's place",
-                               [&line](Link &link) { return command_update(link, line.update); });
-    update->add_option("file", line.update.file, "the program")->required();
-    update->add_flag("!--no-announce", line.update.announce, "send at once, without waiting for the loader");
-    update
-        ->add_option("--loader-wait", line.update.wait_s,
-                     "seconds to wait for the loader's first answer (60)")
-        ->check(CLI::NonNegativeNumber);
-    update
-        ->add_option(
-            "--watch", line.update.watch_s,
-            "seconds to watch afterwards that the loader is silent (3); 0 for an updater that itself "
-            "answers on the link")
-        ->check(CLI::NonNegativeNumber);
-
-    auto *send_file = add_command(app, line, "send-file", "Send a file",
-                                  [&line](Link &link) { return command_send_file(link, line.send_file); });
-    send_file->add_option("local", line.send_file.local, "the file here")->required();
-    send_file->add_option("remote", line.send_file.remote, "its path there")->required();
-    send_file->add_option("--chunk", line.send_file.chunk_bytes, "bytes in a message (22050)")
-        ->check(CLI::Range(1, 22050));
-
-    auto *pattern =
-        add_command(app, line, "test-pattern", "Send test patterns, which the other end can check",
-                    [&line](Link &link) { return command_test_pattern(link, line.test_pattern); });
-    pattern->add_flag("--sequenced", line.test_pattern.sequenced, "those that are confirmed");
-    pattern->add_option("--count", line.test_pattern.count, "how many (1)")->check(CLI::PositiveNumber);
+    Ended ended = failed("", Failure(fault::wrong_call, std::string(error.what()) + " (--help shows how)"));
+    for (const std::string &word : call.words) {
+        output.json |= word == "--json";
+        auto is_meant = [&](const CLI::App *sub) { return sub->get_name() == word; };
+        if (ended.command.empty() && !app.get_subcommands(is_meant).empty())
+            ended.command = word;
+    }
+    return ended;
 }
 
-void add_askers(CLI::App &app, CommandLine &line)
+int read_and_run(int argc, char **argv)
 {
-    auto *query = add_command(app, line, "query", "Ask the other end and print its answer",
-                              [&line](Link &link) { return command_query(link, line.query); });
-    query->add_option("what", line.query.what, "one of the queries below")->required();
-    query->add_option("arguments", line.query.arguments, "its arguments");
-    query->add_option("--tries", line.query.tries, "ask again so often, on a bad link (1)")
-        ->check(CLI::PositiveNumber);
-    query->parse_complete_callback([&line] { check_query(line.query); });
-    query->footer("Queries:\n" + query_list());
-
-    auto *post = add_command(app, line, "post", "Send one of the other messages",
-                             [&line](Link &link) { return command_post(link, line.post); });
-    post->add_option("message", line.post.message, "one of the messages below")->required();
-    post->add_option("arguments", line.post.arguments, "its arguments");
-    post->parse_complete_callback([&line] { check_post(line.post); });
-    post->footer("Messages (RECORD: 20 bytes as 40 hexadecimal digits):\n" + post_list());
-}
-
-void add_serve(CLI::App &app, CommandLine &line)
-{
-    ServeOptions &options = line.serve;
-    auto *serve_command = add_command(
-        app, line, "serve", "Answer queries and receive files; an updater ends it, as it ends the loader",
-        [&line](Link &link) { return serve(link, line.link, line.serve); }, true);
-    serve_command
-        ->add_option("folder", options.folder, "the other end's root: its files, plugins/ID, items/NAME")
-        ->required();
-    serve_command->add_flag("--once", options.once, "with --listen: end with the first peer");
-    serve_command->add_option("--seconds", options.seconds, "end after so many seconds (until Ctrl-C)")
-        ->check(CLI::PositiveNumber);
-    serve_command->add_flag("--notices", options.notices,
-                            "send a type-11 notice once a second, as the loader does");
-    serve_command->add_option("--info", options.info, "the three values of get_info")->expected(3);
-    serve_command->add_option("--values", options.values, "the two values of query_41")->expected(2);
-    serve_command->add_option("--answer", options.answer, "the text of query_23");
-    serve_command->add_option("--text", options.text, "the text of get_text");
-}
-
-int trace(const CommandLine &line)
-{
-    std::vector<uint8_t> file = file_content(line.trace_file);
-    return trace_recording(file, {!line.trace_messages}, stdout) ? exit_done : exit_file_error;
-}
-
-void add_offline(CLI::App &app, CommandLine &line)
-{
-    auto *trace_command = app.add_subcommand("trace", "Print a recording of the link");
-    trace_command->add_option("file", line.trace_file, "the pcapng file")->required();
-    trace_command->add_flag("--messages", line.trace_messages, "messages only, not their packets");
-    trace_command->callback([&line] { line.run = [&line] { return trace(line); }; });
-
-    auto *catalogue_command =
-        app.add_subcommand("catalogue", "Print the messages of the link and their fields");
-    catalogue_command->add_flag("--lua", line.lua, "as the table in host/wireshark/qel_link.lua");
-    catalogue_command->callback([&line] {
-        line.run = [&line] {
-            printf("%s", line.lua ? catalogue_as_lua().c_str() : catalogue_as_text().c_str());
-            return exit_done;
-        };
-    });
-}
-
-/// Reads the command line. Returns the exit code when there is nothing to run, else -1.
-int read_command_line(int argc, char **argv, CommandLine &line)
-{
+    Call call;
+    call.started_at = seconds_now();
+    call.words.assign(argv + 1, argv + argc);
     CLI::App app("The other end of the cabinet's host link.", "qel-host");
     app.require_subcommand(1);
-    app.fallthrough();
     app.footer(exit_codes);
-    add_link_options(app, line.link);
-    add_senders(app, line);
-    add_askers(app, line);
-    add_serve(app, line);
-    add_offline(app, line);
+    add_options(app, call);
+    add_commands(app, call);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? exit_done : exit_wrong_call;
+        if (error.get_exit_code() != 0)
+            return show(wrong_words(app, call, error));
+        std::string text = error.get_name() == "CallForVersion" ? error.what() : app.help();
+        return show({.answer = text.substr(0, text.find_last_not_of('\n') + 1)});
     }
-    return -1;
+    output = call.output;
+    return run(call);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    CommandLine line;
+    signal(SIGPIPE, SIG_IGN);
+    catch_interrupts(fault::interrupted.exit);
     try {
-        int code = read_command_line(argc, argv, line);
-        if (code != -1)
-            return code;
-        catch_interrupts();
-        return line.run();
-    } catch (const CommandError &error) {
-        fprintf(stderr, "error: %s\n", error.what());
-        // At once: the libraries may have been left in the middle of something.
-        fflush(stdout);
-        _exit(error.code);
-    } catch (const std::exception &error) { // no memory, for instance
-        fprintf(stderr, "error: %s\n", error.what());
-        return exit_file_error;
+        return read_and_run(argc, argv);
+    } catch (const std::exception &error) {
+        print_error(error.what());
+        return fault::internal.exit;
     }
 }

@@ -1,5 +1,4 @@
-/// How far a long transmission is: a bar that is redrawn on a terminal, a line for each tenth elsewhere.
-/// On standard error, so that standard output carries results only.
+// How far a long transmission is: a bar that is redrawn on a terminal, a line for each tenth elsewhere, as notes.
 #pragma once
 
 #include <stdint.h>
@@ -8,10 +7,10 @@
 
 struct Progress {
     std::string what;
-    uint64_t total;    ///< bytes
-    double started_at; ///< as by seconds_now
-    double shown_at = 0;
-    uint64_t tenths = 0; ///< shown so far
+    uint64_t total;      ///< bytes
+    double started_at;   ///< as by seconds_now
+    double shown_at = 0; ///< on a terminal
+    uint64_t tenths = 0; ///< shown so far, elsewhere
 };
 
 Progress progress_start(const std::string &what, uint64_t total);

@@ -1,6 +1,5 @@
 // Writes and reads recordings. A pcapng file is a row of blocks, each with its type and length in front
-// and its length again at the end, padded to 4 bytes. Numbers are in the byte order of the machine that
-// wrote the section, which its first word tells.
+// and its length again at the end, padded to 4 bytes. Numbers are little-endian, as this machine is.
 //
 // Section header        Interface description   Enhanced packet
 //   0  4  0x0A0D0D0A      0  4  1                 0  4  6
@@ -95,33 +94,30 @@ struct Interface {
     uint64_t ticks_per_second;
 };
 
-/// The section being read: how its numbers are spelled, and its interfaces so far.
-struct Section {
-    bool swapped = false;
-    std::vector<Interface> interfaces;
-};
+/// The interfaces of the section being read, so far.
+using Interfaces = std::vector<Interface>;
 
 /// The caller has made sure that the bytes are there.
-uint16_t get16(const Section &section, std::span<const uint8_t> bytes, size_t offset)
+uint16_t get16(std::span<const uint8_t> bytes, size_t offset)
 {
     uint16_t number;
     memcpy(&number, &bytes[offset], sizeof number);
-    return section.swapped ? __builtin_bswap16(number) : number;
+    return number;
 }
 
-uint32_t get32(const Section &section, std::span<const uint8_t> bytes, size_t offset)
+uint32_t get32(std::span<const uint8_t> bytes, size_t offset)
 {
     uint32_t number;
     memcpy(&number, &bytes[offset], sizeof number);
-    return section.swapped ? __builtin_bswap32(number) : number;
+    return number;
 }
 
 /// Returns the option's value; empty when it is not there. Broken options end the search.
-std::span<const uint8_t> find_option(const Section &section, std::span<const uint8_t> options, uint16_t code)
+std::span<const uint8_t> find_option(std::span<const uint8_t> options, uint16_t code)
 {
     while (options.size() >= 4) {
-        uint16_t this_code = get16(section, options, 0);
-        size_t length = get16(section, options, 2);
+        uint16_t this_code = get16(options, 0);
+        size_t length = get16(options, 2);
         if (this_code == end_of_options || padded(length) > options.size() - 4)
             break;
         if (this_code == code)
@@ -131,86 +127,79 @@ std::span<const uint8_t> find_option(const Section &section, std::span<const uin
     return {};
 }
 
-/// Ticks per second: 10 to the power of the option's byte, or 2 when its top bit is set. 0 when that is
-/// more than 64 bits can hold.
+/// Ticks per second: 10 to the power of the option's byte, at most nanoseconds. 0 for any other.
 uint64_t read_resolution(std::span<const uint8_t> option)
 {
     if (option.empty())
         return us_per_second;
+    const int power_max = 9;
     uint64_t ticks = 1;
-    uint64_t base = option[0] & 0x80 ? 2 : 10;
-    for (int power = option[0] & 0x7F; power > 0; power--) {
-        if (__builtin_mul_overflow(ticks, base, &ticks))
-            return 0;
-    }
-    return ticks;
+    for (int power = 0; power < option[0] && power < power_max; ++power)
+        ticks *= 10;
+    return option[0] <= power_max ? ticks : 0;
 }
 
-const char *read_section(Section &section, std::span<const uint8_t> body)
+const char *read_section(Interfaces &interfaces, std::span<const uint8_t> body)
 {
     if (body.size() < 16)
         return "section header too short";
-    section.interfaces.clear();
-    uint16_t version = get16(section, body, 4);
+    interfaces.clear();
+    uint16_t version = get16(body, 4);
     return version == 1 ? nullptr : "unknown version of the file format";
 }
 
-const char *read_interface(Section &section, std::span<const uint8_t> body)
+const char *read_interface(Interfaces &interfaces, std::span<const uint8_t> body)
 {
     if (body.size() < 8)
         return "interface description too short";
-    uint64_t ticks = read_resolution(find_option(section, body.subspan(8), time_resolution_option));
+    uint64_t ticks = read_resolution(find_option(body.subspan(8), time_resolution_option));
     if (ticks == 0)
         return "time resolution out of range";
-    section.interfaces.push_back({get16(section, body, 0), ticks});
+    interfaces.push_back({get16(body, 0), ticks});
     return nullptr;
 }
 
 uint64_t to_us(uint64_t ticks, uint64_t ticks_per_second)
 {
-    __extension__ using Wide = unsigned __int128;
-    return static_cast<uint64_t>(static_cast<Wide>(ticks) * us_per_second / ticks_per_second);
+    return ticks / ticks_per_second * us_per_second + ticks % ticks_per_second * us_per_second / ticks_per_second;
 }
 
-const char *read_packet(const Section &section, std::span<const uint8_t> body, RecordingContents &contents)
+const char *read_packet(const Interfaces &interfaces, std::span<const uint8_t> body, RecordingContents &contents)
 {
     if (body.size() < 20)
         return "packet block too short";
-    uint32_t interface = get32(section, body, 0);
-    if (interface >= section.interfaces.size())
+    uint32_t interface = get32(body, 0);
+    if (interface >= interfaces.size())
         return "packet of an interface that was not described";
-    size_t kept = get32(section, body, 12);
+    size_t kept = get32(body, 12);
     if (kept > body.size() - 20 || padded(kept) > body.size() - 20)
         return "packet longer than its block";
-    if (section.interfaces[interface].link_type != recording_link_type) {
-        contents.foreign++;
+    if (interfaces[interface].link_type != recording_link_type) {
+        ++contents.foreign;
         return nullptr;
     }
-    uint64_t ticks = uint64_t{get32(section, body, 4)} << 32 | get32(section, body, 8);
-    auto flags = find_option(section, body.subspan(20 + padded(kept)), packet_flags_option);
-    uint32_t direction = flags.size() == 4 ? get32(section, flags, 0) & 3 : 0;
-    contents.packets.push_back({to_us(ticks, section.interfaces[interface].ticks_per_second),
+    uint64_t ticks = uint64_t{get32(body, 4)} << 32 | get32(body, 8);
+    auto flags = find_option(body.subspan(20 + padded(kept)), packet_flags_option);
+    uint32_t direction = flags.size() == 4 ? get32(flags, 0) & 3 : 0;
+    contents.packets.push_back({to_us(ticks, interfaces[interface].ticks_per_second),
                                 direction == 3 ? Direction::unknown : Direction{direction},
                                 body.subspan(20, kept)});
     return nullptr;
 }
 
 /// Takes the block at the front of `rest`. Returns its length, or 0 and the problem.
-size_t read_block(Section &section, std::span<const uint8_t> rest, RecordingContents &contents,
+size_t read_block(Interfaces &interfaces, std::span<const uint8_t> rest, RecordingContents &contents,
                   const char *&problem)
 {
     problem = "cut off in the middle of a block";
     if (rest.size() < 12)
         return 0;
-    uint32_t type = get32(section, rest, 0);
-    if (type == section_block) {
-        uint32_t magic = get32(Section{}, rest, 8);
-        section.swapped = magic == __builtin_bswap32(byte_order_magic);
-        problem = "no byte order in the section header";
-        if (magic != byte_order_magic && !section.swapped)
-            return 0;
+    uint32_t type = get32(rest, 0);
+    if (type == section_block && get32(rest, 8) != byte_order_magic) {
+        problem = "not a little-endian pcapng file";
+        return 0;
     }
-    size_t length = get32(section, rest, 4);
+    size_t length = get32(rest, 4);
     problem = "block length cannot be right";
     if (length < 12 || length % 4 != 0)
         return 0;
@@ -218,19 +207,19 @@ size_t read_block(Section &section, std::span<const uint8_t> rest, RecordingCont
     if (length > rest.size())
         return 0;
     problem = "the two lengths of a block differ";
-    if (get32(section, rest, length - 4) != length)
+    if (get32(rest, length - 4) != length)
         return 0;
 
     auto body = rest.subspan(8, length - 12);
     problem = nullptr;
     if (type == section_block)
-        problem = read_section(section, body);
+        problem = read_section(interfaces, body);
     else if (type == interface_block)
-        problem = read_interface(section, body);
+        problem = read_interface(interfaces, body);
     else if (type == packet_block)
-        problem = read_packet(section, body, contents);
+        problem = read_packet(interfaces, body, contents);
     else if (type == simple_packet_block)
-        contents.foreign++; // without time and direction it is of no use here
+        ++contents.foreign; // without time and direction it is of no use here
     return problem == nullptr ? length : 0;
 }
 
@@ -273,7 +262,7 @@ uint64_t recording_now_us()
 RecordingContents recording_read(std::span<const uint8_t> file)
 {
     RecordingContents contents;
-    Section section;
+    Interfaces interfaces;
     size_t offset = 0;
     const char *problem = nullptr;
     uint32_t first_word = 0;
@@ -282,7 +271,7 @@ RecordingContents recording_read(std::span<const uint8_t> file)
     if (first_word != section_block)
         problem = "not a pcapng file";
     while (problem == nullptr && offset < file.size())
-        offset += read_block(section, file.subspan(offset), contents, problem);
+        offset += read_block(interfaces, file.subspan(offset), contents, problem);
     if (problem != nullptr)
         contents.problem = std::string(problem) + " (at byte " + std::to_string(offset) + ")";
     return contents;

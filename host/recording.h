@@ -1,9 +1,9 @@
-/// Recordings of the host link: pcapng files that Wireshark opens (host/wireshark/qel_link.lua takes them
-/// apart) and `qel-host trace` prints. One enhanced packet block for each record of the transport, with
-/// its time in microseconds and its direction; the link type is the first user-defined one.
-///
-/// The directions are those of the end that records: outbound is what it sends. What records for a cabinet
-/// stands at the host end too, so that outbound goes from the host to the cabinet.
+// Recordings of the host link: pcapng files that Wireshark opens (host/wireshark/qel_link.lua takes them
+// apart) and `qel-host trace` prints. One enhanced packet block for each record of the transport, with
+// its time in microseconds and its direction; the link type is the first user-defined one.
+//
+// The directions are those of the end that records: outbound is what it sends. What records for a cabinet
+// stands at the host end too, so that outbound goes from the host to the cabinet.
 #pragma once
 
 #include <stddef.h>
@@ -47,7 +47,7 @@ struct RecordingContents {
     std::string problem; ///< what ended the reading before the file's end, with the offset; else empty
 };
 
-/// Takes the bytes of a pcapng file apart: any writer's, either byte order, any number of sections and
-/// interfaces. Nothing in the file is trusted; reading ends at the first block that cannot be right, and
+/// Takes the bytes of a pcapng file apart: little-endian, as every computer that records here writes them, with
+/// any number of sections and interfaces. Nothing in the file is trusted; reading ends at the first block that cannot be right, and
 /// what came before stays. The result refers to `file` and must not outlive it.
 RecordingContents recording_read(std::span<const uint8_t> file);

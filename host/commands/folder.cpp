@@ -1,7 +1,7 @@
 // Walks paths part by part from the folder's descriptor, so that there is no moment in which a path could
 // lead elsewhere.
 
-#include "folder.h"
+#include "commands/folder.h"
 
 #include <dirent.h>
 #include <errno.h>
@@ -52,7 +52,7 @@ std::vector<std::string> parts_of(const std::string &path, std::string &problem)
 int open_parent(const Folder &folder, const std::vector<std::string> &parts, bool make)
 {
     int here = fcntl(folder.descriptor, F_DUPFD_CLOEXEC, 0);
-    for (size_t i = 0; here != -1 && i + 1 < parts.size(); i++) {
+    for (size_t i = 0; here != -1 && i + 1 < parts.size(); ++i) {
         if (make)
             mkdirat(here, parts[i].c_str(), 0777);
         int next = openat(here, parts[i].c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -93,7 +93,7 @@ Folder folder_open(const std::string &path)
 {
     int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor == -1)
-        throw FileError("folder " + path + ": " + error_text(errno) + "; name an existing one");
+        throw Failure(fault::bad_file, "folder " + path + ": " + error_text(errno) + "; name an existing one");
     return {path, descriptor};
 }
 
@@ -109,9 +109,9 @@ uint64_t folder_file_size(const Folder &folder, const std::string &path)
     return look_at(folder, path, entry) && S_ISREG(entry.st_mode) ? static_cast<uint64_t>(entry.st_size) : 0;
 }
 
-std::vector<uint32_t> folder_numbers(const Folder &folder, const std::string &path)
+std::vector<uint64_t> folder_numbers(const Folder &folder, const std::string &path)
 {
-    std::vector<uint32_t> numbers;
+    std::vector<uint64_t> numbers;
     int descriptor = openat(folder.descriptor, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     DIR *names = descriptor == -1 ? nullptr : fdopendir(descriptor);
     if (names == nullptr)
@@ -153,12 +153,12 @@ std::string incoming_begin(IncomingFile &incoming, const Folder &folder, const s
     return "";
 }
 
-std::string incoming_add(IncomingFile &incoming, std::span<const uint8_t> bytes)
+std::string incoming_add(IncomingFile &incoming, const std::string &bytes)
 {
     if (incoming.file == -1)
         return "no file has begun";
-    while (!bytes.empty()) {
-        ssize_t n = write(incoming.file, bytes.data(), bytes.size());
+    for (size_t done = 0; done < bytes.size();) {
+        ssize_t n = write(incoming.file, bytes.data() + done, bytes.size() - done);
         if (n == -1 && errno == EINTR)
             continue;
         if (n == -1) {
@@ -166,9 +166,9 @@ std::string incoming_add(IncomingFile &incoming, std::span<const uint8_t> bytes)
             incoming_drop(incoming);
             return problem;
         }
-        incoming.bytes += static_cast<uint64_t>(n);
-        bytes = bytes.subspan(static_cast<size_t>(n));
+        done += static_cast<size_t>(n);
     }
+    incoming.bytes += bytes.size();
     return "";
 }
 

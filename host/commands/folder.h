@@ -1,12 +1,11 @@
-/// A folder that is shown to the other end as its root: "/a/b" means FOLDER/a/b. No path leads out of it:
-/// ".." is refused, and symbolic links are not followed, whatever is in the folder.
-///
-/// Problems come back as text, "" when there is none.
+// A folder that is shown to the other end as its root: "/a/b" means FOLDER/a/b. No path leads out of it: ".." is
+// refused, and symbolic links are not followed, whatever is in the folder.
+//
+// Problems come back as text, "" when there is none.
 #pragma once
 
 #include <stdint.h>
 
-#include <span>
 #include <string>
 #include <vector>
 
@@ -24,7 +23,7 @@ struct IncomingFile {
     uint64_t bytes = 0;
 };
 
-/// Opens an existing folder; throws FileError when it cannot.
+/// Opens an existing folder; throws Failure when it cannot.
 Folder folder_open(const std::string &path);
 
 bool folder_has(const Folder &folder, const std::string &path);
@@ -33,7 +32,7 @@ bool folder_has(const Folder &folder, const std::string &path);
 uint64_t folder_file_size(const Folder &folder, const std::string &path);
 
 /// The files in a folder whose names are decimal numbers from 1 on, in order.
-std::vector<uint32_t> folder_numbers(const Folder &folder, const std::string &path);
+std::vector<uint64_t> folder_numbers(const Folder &folder, const std::string &path);
 
 // ---- Receiving files ----
 
@@ -41,7 +40,7 @@ std::vector<uint32_t> folder_numbers(const Folder &folder, const std::string &pa
 std::string incoming_begin(IncomingFile &incoming, const Folder &folder, const std::string &path);
 
 /// Adds to it. After a problem the file is thrown away.
-std::string incoming_add(IncomingFile &incoming, std::span<const uint8_t> bytes);
+std::string incoming_add(IncomingFile &incoming, const std::string &bytes);
 
 /// Puts it in its place, with this mode.
 std::string incoming_end(IncomingFile &incoming, unsigned mode);

@@ -1,0 +1,98 @@
+// Opening the link, and what ends a command.
+
+#include "call.h"
+
+#include "common/clock.h"
+#include "common/interrupt.h"
+#include "errors.h"
+
+#include <math.h>
+#include <unistd.h>
+
+namespace
+{
+
+/// Waits for one peer, then takes the socket away again.
+void wait_for_peer(Session &session, const std::string &path, double wait_s)
+{
+    Transport &transport = session.link.transport;
+    const double end = seconds_now() + wait_s;
+    int listener = transport_listen(path);
+    auto stop = [&] {
+        close(listener);
+        unlink(path.c_str());
+    };
+    note("waiting for a peer at " + path);
+    try {
+        while (!transport_accept(transport, listener, end - seconds_now())) {
+            transport.may_go_on();
+            if (seconds_now() >= end)
+                throw Failure(fault::cannot_open,
+                              "socket " + path + ": nobody has come; start the other end, or --wait longer");
+        }
+    } catch (...) {
+        stop();
+        throw;
+    }
+    stop();
+}
+
+} // namespace
+
+std::string name_of(const Place &place)
+{
+    return place.kind + ":" + place.path;
+}
+
+void open_link(Session &session, const LinkOptions &options, const Command &command)
+{
+    const Place &place = options.places.at(0);
+    Transport &transport = session.link.transport;
+    session.name = name_of(place);
+    session_start(session);
+    transport.paced = !options.unpaced;
+    if (!options.record.empty())
+        transport_record(transport, options.record);
+    try {
+        if (place.kind == "device")
+            transport_open_device(transport, place.path);
+        else if (place.kind == "socket")
+            transport_connect(transport, place.path, options.wait_s);
+        else if (!command.takes_peers)
+            wait_for_peer(session, place.path, options.wait_s);
+    } catch (const Failure &) {
+        throw;
+    } catch (const std::runtime_error &error) {
+        throw Failure(fault::cannot_open, error.what());
+    }
+}
+
+Ended carry_out(const Command &command, Session &session, bool unverified_ok)
+{
+    Ended ended = {.command = command.name, .link = session.name};
+    Outcome outcome = {.proof = command.shows_proof ? Json("none") : Json()};
+    const double started_at = seconds_now();
+    try {
+        command.run(session, outcome);
+    } catch (const Failure &failure) {
+        if (unverified_ok && failure.fault == fault::unverified)
+            note(failure.what());
+        else
+            ended.fault = failure.fault, ended.text = failure.what();
+    }
+    ended.proof = outcome.proof;
+    ended.result = outcome.result;
+    ended.answer = outcome.answer;
+    ended.counts = counts_json(session.link);
+    ended.seconds = round((seconds_now() - started_at) * 1000) / 1000;
+    session.on_message = nullptr;
+    session.link.on_progress = nullptr;
+    session.outlives_peer = false;
+    return ended;
+}
+
+Ended failed(const std::string &command, const std::exception &reason)
+{
+    const auto *failure = dynamic_cast<const Failure *>(&reason);
+    return {.command = command, .fault = failure == nullptr ? fault::internal : failure->fault, .text = reason.what()};
+}

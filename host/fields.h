@@ -1,0 +1,58 @@
+// Messages and their fields as the catalogue has them: read, built, and shown as text and JSON.
+#pragma once
+
+#include "catalogue.h"
+
+#include <stdint.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <variant>
+#include <vector>
+
+using Json = nlohmann::ordered_json;
+using Message = std::vector<uint8_t>;
+
+/// A number; a text, or bytes; numbers; texts.
+using FieldValue = std::variant<uint64_t, std::string, std::vector<uint64_t>, std::vector<std::string>>;
+
+/// Fields by name.
+using FieldValues = std::map<std::string, FieldValue>;
+
+uint32_t type_of(Bytes message);
+
+/// The number of a sequenced message; 0 of others.
+uint8_t number_of(Bytes message);
+
+/// The field of a message that has passed both checks of the catalogue.
+FieldValue field_value(Bytes message, const CatalogueField &field);
+
+/// All fields of such a message. Empty when its type is unknown.
+FieldValues fields_of(Bytes message);
+
+/// How much a text of this field may have, in bytes.
+uint32_t text_max(const CatalogueMessage &message, const CatalogueField &field);
+
+/// Builds a message: lengths and counts are computed, and what `values` lacks is zero. Texts must not be longer
+/// than text_max, records must have their length.
+Message build_message(uint32_t type, const FieldValues &values = {});
+
+/// Builds a message of any type whose body is given.
+Message build_raw(uint32_t type, const std::string &body);
+
+/// A message of any bytes, as the results of --json show it.
+Json message_json(Bytes message);
+
+/// A message in one line: name, type, number, size and every field, as in
+/// `get_plugin_size (43) number 7, 24 bytes: plugin_id=3`. What is wrong with it comes last. Any bytes will do.
+std::string describe_message(Bytes message);
+
+/// Characters as a quoted text; what could upset a terminal is escaped.
+std::string in_quotes(const std::string &characters);
+
+/// All bytes in hexadecimal: `00ff10`.
+std::string hex(const std::string &bytes);
+
+/// The first bytes, at most `shown`, in hexadecimal, and how many there are: `40 bytes 00 01 02 ...`.
+std::string hex_bytes(Bytes bytes, size_t shown = 16);

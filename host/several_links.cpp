@@ -1,0 +1,170 @@
+// One process of this program for each link, all together: what a process says as JSON becomes its line.
+
+#include "call.h"
+#include "commands/queries.h"
+#include "common/child.h"
+#include "common/files.h"
+#include "common/interrupt.h"
+#include "errors.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace
+{
+
+const int look_every_ms = 50;
+
+struct Runner {
+    Place place;
+    pid_t process = 0;
+    int output = -1; ///< what it prints, or -1 when it has ended
+    std::string text = {};
+    int exit = 0;
+};
+
+/// The words of the call without its links and without --json.
+std::vector<std::string> common_words(const std::vector<std::string> &words)
+{
+    std::vector<std::string> kept;
+    for (size_t i = 0; i < words.size(); ++i) {
+        const std::string &word = words[i];
+        if (word == "--") {
+            kept.insert(kept.end(), words.begin() + static_cast<ptrdiff_t>(i), words.end());
+            break;
+        }
+        if (word == "--device" || word == "--socket")
+            ++i;
+        else if (!word.starts_with("--device=") && !word.starts_with("--socket=") && word != "--json")
+            kept.push_back(word);
+    }
+    return kept;
+}
+
+/// Standard input to its end, for all of them.
+std::string whole_input()
+{
+    std::string text;
+    for (;;) {
+        pollfd input = {STDIN_FILENO, POLLIN, 0};
+        if (interrupted())
+            throw Failure(fault::interrupted, "interrupted");
+        if (poll(&input, 1, look_every_ms) != 1)
+            continue;
+        char bytes[4096];
+        ssize_t n = read(STDIN_FILENO, bytes, sizeof bytes);
+        if (n == 0 || (n < 0 && errno != EINTR && errno != EAGAIN))
+            return text;
+        text.append(bytes, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    }
+}
+
+void start(Runner &runner, const std::vector<std::string> &words, const std::string &input)
+{
+    const Descriptor in = {memfd_create("input", MFD_CLOEXEC)};
+    int ends[2];
+    if (in.number < 0 || pipe2(ends, O_CLOEXEC) != 0)
+        throw std::runtime_error("no pipe for a process; close some programs and try again");
+    write_file(path_of(in), input);
+    const Descriptor out = {ends[1]};
+    std::vector<std::string> all = {"/proc/self/exe", "--json", "--quiet", "--" + runner.place.kind, runner.place.path};
+    all.insert(all.end(), words.begin(), words.end());
+    // A group of its own: what ends it comes from here alone.
+    runner.process = start_child({.words = all, .input = in.number, .output = out.number, .errors = -1,
+                                  .inherited = {}, .own_group = true});
+    runner.output = ends[0];
+}
+
+/// The last line that it has printed.
+Json result_of(const Runner &runner)
+{
+    std::string text = runner.text.substr(0, runner.text.find_last_not_of('\n') + 1);
+    Json result = Json::parse(text.substr(text.rfind('\n') + 1), nullptr, false);
+    if (!result.is_object() || !result.contains("exit")) {
+        result = ended_json(failed("", std::runtime_error("a process of qel-host has ended without a result; "
+                                                          "report this as a fault of qel-host")));
+        result["link"] = name_of(runner.place);
+    }
+    return result;
+}
+
+std::string line_of(const Json &result, const Command &command)
+{
+    std::string outcome = result["proof"].is_string() ? result["proof"].get<std::string>() : "-";
+    if (!result["error"].is_null())
+        outcome = result["error"]["code"];
+    char seconds[30];
+    snprintf(seconds, sizeof seconds, "%.1f", result["seconds"].is_number() ? result["seconds"].get<double>() : 0);
+    std::string line = result["link"].get<std::string>() + "\t" + result["exit"].dump() + "\t" + outcome + "\t" + seconds;
+    if (command.answer_of && result["exit"] == 0)
+        line += "\t" + command.answer_of(result["result"]);
+    std::ranges::replace(line, '\n', ' ');
+    return line;
+}
+
+void print_result(Runner &runner, const Command &command)
+{
+    Json result = result_of(runner);
+    runner.exit = result["exit"];
+    if (output.json)
+        print_json(result);
+    else
+        print_line(line_of(result, command));
+    if (!result["error"].is_null())
+        print_error(result["link"].get<std::string>() + ": " + result["error"]["message"].get<std::string>());
+}
+
+/// Takes what a process prints, and prints its line when it has ended.
+void take(Runner &runner, const Command &command)
+{
+    char bytes[4096];
+    ssize_t n = read(runner.output, bytes, sizeof bytes);
+    if (n > 0)
+        runner.text.append(bytes, static_cast<size_t>(n));
+    if (n > 0 || (n < 0 && errno == EINTR))
+        return;
+    close(runner.output);
+    runner.output = -1;
+    wait_for_child(runner.process);
+    print_result(runner, command);
+}
+
+void take_all(std::vector<Runner> &runners, const Command &command)
+{
+    bool asked_to_end = false;
+    auto runs = [](const Runner &runner) { return runner.output >= 0; };
+    while (std::ranges::any_of(runners, runs)) {
+        std::vector<pollfd> outputs;
+        for (const Runner &runner : runners)
+            outputs.push_back({runner.output, POLLIN, 0}); // negative ones are left out
+        poll(outputs.data(), outputs.size(), look_every_ms);
+        for (size_t i = 0; i < runners.size(); ++i)
+            if (runs(runners[i]) && outputs[i].revents != 0)
+                take(runners[i], command);
+        if (!interrupted() || std::exchange(asked_to_end, true))
+            continue;
+        for (const Runner &runner : runners)
+            if (runs(runner))
+                kill(runner.process, SIGTERM);
+    }
+}
+
+} // namespace
+
+int run_on_several(const Call &call)
+{
+    std::string input = call.command.reads_input ? whole_input() : "";
+    std::vector<std::string> words = common_words(call.words);
+    std::vector<Runner> runners;
+    for (const Place &place : call.link.places)
+        start(runners.emplace_back(Runner{.place = place}), words, input);
+    take_all(runners, call.command);
+    auto failed_one = std::ranges::find_if(runners, [](const Runner &runner) { return runner.exit != 0; });
+    return failed_one == runners.end() ? 0 : failed_one->exit;
+}
