@@ -29,7 +29,8 @@ class Lines(Batch):
             with self.subTest(word):
                 memory, ended = self.batch(f"post post_33 {word}\n")
                 self.assertEqual(ended.code, 2 if name is None else 0, ended.err)
-                self.assertEqual([message.text(9) for message in memory.accepted[1:]], [] if name is None else [name])
+                self.assertEqual([message.text(9) for message in memory.accepted[1:]],
+                                 [] if name is None else [name])
 
     def test_print_answers_in_order(self):
         _, ended = self.batch("query info\nquery path-exists /a\nquery info\n")
@@ -38,7 +39,8 @@ class Lines(Batch):
     def test_may_hold_every_command_that_the_batch_knows(self):
         local = self.file("local", "content")
         memory, ended = self.batch(
-            f"connect --seconds 1\nsend-file {local} /r\nquery info\npost post_22\ntest-pattern --sequenced\nsleep 2\n")
+            f"connect --seconds 1\nsend-file {local} /r\nquery info\npost post_22\n"
+            "test-pattern --sequenced\nsleep 2\n")
         self.assertEqual(ended.code, 0, ended.err)
         self.assertEqual(memory.types(), [35, 28, 7, 8, 9, 28, 36, 22, 17])
         self.assertGreater(ended.seconds, 3)
@@ -46,10 +48,13 @@ class Lines(Batch):
     def test_share_one_session(self):
         memory, _ = self.batch("post post_22\npost post_22\nquery info\n")
         self.assertEqual(memory.types(), [35, 22, 22, 36])
-        self.assertEqual([b.number - a.number for a, b in zip(memory.accepted, memory.accepted[1:])], [1, 1, 1])
+        self.assertEqual([b.number - a.number for a, b in zip(memory.accepted, memory.accepted[1:])],
+                         [1, 1, 1])
 
     def test_update_a_loader(self):
-        run = self.start("batch", self.file("commands", f"update --watch 1 {self.file('image', '#!/bin/sh')}\n"), "--json")
+        run = self.start("batch",
+                         self.file("commands", f"update --watch 1 {self.file('image', '#!/bin/sh')}\n"),
+                         "--json")
         run.send_answer_to_connect()
         lines = self.lines(run.end())
         self.assertEqual([(line["command"], line["proof"]) for line in lines][:1], [("update", "silent")])
@@ -63,16 +68,25 @@ class Lines(Batch):
 
 class Checks(Batch):
     def test_name_the_line_before_the_link_is_opened(self):
-        for line in ["frobnicate", "query", "query nothing", "post post_21 x", "connect", "connect --seconds x",
-                     "monitor", "serve /tmp", "trace x", "catalogue", "batch x", "sleep", "sleep x", "sleep -1",
-                     "query info --socket x", "query info --no-pacing", "query info --json", "query info --wait 1",
-                     "post post_33 'open", 'post post_33 "open', "post post_33 " + "n" * 31]:
+        for line in [
+                "frobnicate", "query", "query nothing", "post post_21 x", "connect", "connect --seconds x",
+                "monitor", "serve /tmp", "trace x", "catalogue", "batch x", "sleep", "sleep x", "sleep -1",
+                "query info --socket x", "query info --no-pacing", "query info --json", "query info --wait 1",
+                "post post_33 'open", 'post post_33 "open', "post post_33 " + "n" * 31
+        ]:
             with self.subTest(line):
                 self.wrong("batch", self.file("commands", f"post post_22\n\n{line}\n"), says="3")
 
     def test_look_at_files_too(self):
-        for line in [f"update {self.path('nothing')}", f"send-file {self.folder} /r", f"update {self.file('text', 'x')}"]:
-            self.wrong("batch", self.file("commands", f"post post_22\n{line}\n"), code=3, error="bad_file", says="2")
+        for line in [
+                f"update {self.path('nothing')}", f"send-file {self.folder} /r",
+                f"update {self.file('text', 'x')}"
+        ]:
+            self.wrong("batch",
+                       self.file("commands", f"post post_22\n{line}\n"),
+                       code=3,
+                       error="bad_file",
+                       says="2")
 
     def test_want_a_file_that_can_be_read(self):
         for name in [self.path("nothing"), self.folder]:
@@ -91,7 +105,9 @@ class Ends(Batch):
     def test_going_on_with_the_code_of_the_first_line_that_is_not_done(self):
         memory = Memory()
         memory.answers[wire.PATH_EXISTS] = lambda message: (wire.PATH_EXISTS_REPLY, b"")
-        memory, ended = self.batch(self.NEVER + "query path-exists /a\npost post_34\n", "--json", "--keep-going",
+        memory, ended = self.batch(self.NEVER + "query path-exists /a\npost post_34\n",
+                                   "--json",
+                                   "--keep-going",
                                    memory=memory)
         self.assertEqual(memory.types(), [35, 28, 34])
         lines = self.lines(ended)
@@ -100,8 +116,8 @@ class Ends(Batch):
         self.assertEqual(lines[-1]["error"]["code"], "unverified")
 
     def test_when_the_other_end_hangs_up_whatever_is_left(self):
-        run = self.start("batch", self.file("commands", "post post_22\npost post_22\npost post_34\n"), "--json",
-                         "--keep-going")
+        run = self.start("batch", self.file("commands", "post post_22\npost post_22\npost post_34\n"),
+                         "--json", "--keep-going")
         run.opened()
         run.take(22)
         run.receive()
@@ -117,8 +133,9 @@ class Ends(Batch):
     def test_with_a_result_for_each_line(self):
         _, ended = self.batch("# first\nquery info\n\npost post_22\n", "--json")
         lines = self.lines(ended)
-        self.assertEqual([(line.get("line"), line["command"], line["exit"], line["proof"]) for line in lines[:-1]],
-                         [(2, "query", 0, "answered"), (4, "post", 0, "confirmed")])
+        self.assertEqual(
+            [(line.get("line"), line["command"], line["exit"], line["proof"]) for line in lines[:-1]],
+            [(2, "query", 0, "answered"), (4, "post", 0, "confirmed")])
         self.assertEqual((lines[-1]["command"], lines[-1]["result"]), ("batch", {"done": 2, "failed": 0}))
         self.assertEqual(lines[0]["result"]["fields"], {"a": 1, "b": 2, "c": 3})
 

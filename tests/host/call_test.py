@@ -1,4 +1,4 @@
-"""What is judged before the link is opened: words, files, texts, where the link is; and what needs no link."""
+"""Calls that are judged before the link is opened: words, files, texts, links; and what needs no link."""
 
 import fcntl
 import os
@@ -37,7 +37,9 @@ class Help(HostTest):
 
     def test_names_what_can_be_asked_and_posted(self):
         asked = self.plain("query", "--help").out
-        for what in ["plugins", "path-exists", "info", "item-size", "plugin-size", "text", "41", "23", "decipher"]:
+        for what in [
+                "plugins", "path-exists", "info", "item-size", "plugin-size", "text", "41", "23", "decipher"
+        ]:
             self.assertRegex(asked, rf"\b{what}\b")
         self.assertIn("post_19", self.plain("post", "--help").out)
 
@@ -72,8 +74,9 @@ class WrongCalls(HostTest):
                       ["update", image, "--tries", "0"], ["update", image, "--watch", "-1"],
                       ["update", image, "--loader-wait", "x"], ["update", image, "more"],
                       ["send-file", image], ["send-file", image, "/r", "--chunk", "0"],
-                      ["send-file", image, "/r", "--chunk", "22051"], ["send-file", image, "/r", "--tries", "0"],
-                      ["query", "nothing"], ["query", "info", "more"], ["query", "info", "--tries", "0"],
+                      ["send-file", image, "/r", "--chunk", "22051"],
+                      ["send-file", image, "/r", "--tries", "0"], ["query", "nothing"],
+                      ["query", "info", "more"], ["query", "info", "--tries", "0"],
                       ["test-pattern", "--count", "0"], ["query", "info", "--wait", "-1"],
                       ["batch", "one", "two"], ["completion", "fish"]]:
             with self.subTest(words):
@@ -88,11 +91,12 @@ class WrongCalls(HostTest):
                 self.wrong("query", *words)
 
     def test_are_posts_that_do_not_fit_the_catalogue(self):
-        for words in [["nothing"], ["post_21"], ["post_21", "x"], ["post_21", "4294967296"], ["post_21", "-1"],
-                      ["post_21", "1", "2"], ["post_21", "valve=1"], ["post_21", "value=1", "value=2"],
-                      ["post_22", "x"], ["post_19", "n", "1", "00"], ["post_19", "n", "1"],
-                      ["notify_27", "xx"], ["22", "body=0"], ["22", "body=xx"], ["4294967296", "body=00"],
-                      ["77"], ["reply_42", "first=18446744073709551616", "second=1"]]:
+        for words in [["nothing"], ["post_21"], ["post_21", "x"], ["post_21", "4294967296"],
+                      ["post_21", "-1"], ["post_21", "1", "2"], ["post_21", "valve=1"],
+                      ["post_21", "value=1", "value=2"], ["post_22", "x"], ["post_19", "n", "1", "00"],
+                      ["post_19", "n", "1"], ["notify_27", "xx"], ["22", "body=0"], ["22", "body=xx"],
+                      ["4294967296",
+                       "body=00"], ["77"], ["reply_42", "first=18446744073709551616", "second=1"]]:
             with self.subTest(words):
                 self.wrong("post", *words)
 
@@ -116,12 +120,12 @@ class Texts(HostTest):
                 self.wrong(*words)
 
     def test_that_just_fit_are_sent_whole(self):
-        for words, type, offset, text in [
-                (["query", "path-exists", "/" + "p" * 98], 28, 9, "/" + "p" * 98),
-                (["query", "23", "n" * 99], 23, 9, "n" * 99),
-                (["query", "23", "n", "i" * 99], 23, 109, "i" * 99),
-                (["query", "item-size", "1", "2", "n" * 30], 39, 16, "n" * 30),
-                (["post", "post_18", "n" * 99], 18, 9, "n" * 99), (["post", "post_33", "n" * 30], 33, 9, "n" * 30)]:
+        for words, type, offset, text in [(["query", "path-exists", "/" + "p" * 98], 28, 9, "/" + "p" * 98),
+                                          (["query", "23", "n" * 99], 23, 9, "n" * 99),
+                                          (["query", "23", "n", "i" * 99], 23, 109, "i" * 99),
+                                          (["query", "item-size", "1", "2", "n" * 30], 39, 16, "n" * 30),
+                                          (["post", "post_18", "n" * 99], 18, 9, "n" * 99),
+                                          (["post", "post_33", "n" * 30], 33, 9, "n" * 30)]:
             run = self.start(*words)
             run.opened()
             self.assertEqual(run.take(type).text(offset), text)
@@ -202,7 +206,8 @@ class Links(HostTest):
 
     def test_that_nobody_has_are_waited_for_as_long_as_asked(self):
         for wait in [0, 1.5, 20]:
-            ended = self.plain("query", "info", "--socket", self.path("nobody"), "--json", "--wait", str(wait))
+            ended = self.plain("query", "info", "--socket", self.path("nobody"), "--json", "--wait",
+                               str(wait))
             self.result(ended, 3, "cannot_open")
             self.assertAlmostEqual(ended.seconds, wait, delta=0.2)
 
@@ -217,7 +222,8 @@ class Links(HostTest):
         name = self.file("file", "content")
         self.result(self.plain("query", "info", "--json", "--socket", name, "--wait", "0"), 3, "cannot_open")
         self.result(self.plain("query", "info", "--json", "--listen", name), 3, "cannot_open")
-        self.result(self.plain("query", "info", "--json", "--socket", "x" * 200, "--wait", "0"), 3, "cannot_open")
+        self.result(self.plain("query", "info", "--json", "--socket", "x" * 200, "--wait", "0"), 3,
+                    "cannot_open")
         with open(name) as file:
             self.assertEqual(file.read(), "content")
 
@@ -272,8 +278,9 @@ class Completion(HostTest):
         self.assertEqual((ended.code, ended.err), (0, ""))
         script = self.file("completion.bash", ended.out)
         # Completes the last of the words as the shell does.
-        asked = """. "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$*"; COMP_POINT=${#COMP_LINE}
-            function=$(complete -p qel-host | sed 's/.* -F \\([^ ]*\\).*/\\1/'); "$function" "$1" "${@: -1}" "${@: -2:1}"
+        asked = """. "$1"; shift; COMP_WORDS=("$@"); COMP_CWORD=$(($# - 1)); COMP_LINE="$*"
+            COMP_POINT=${#COMP_LINE}; function=$(complete -p qel-host | sed 's/.* -F \\([^ ]*\\).*/\\1/')
+            "$function" "$1" "${@: -1}" "${@: -2:1}"
             printf '%s\\n' "${COMPREPLY[@]}" """
         done = subprocess.run(["bash", "-uc", asked, "bash", script, "qel-host", *words], capture_output=True,
                               text=True, check=True)
@@ -310,8 +317,10 @@ class Catalogue(HostTest):
 
     def test_has_the_fields_where_they_are(self):
         messages = self.result(self.plain("catalogue", "--json"), 0)["result"]["messages"]
-        places = {message["name"]: [(field["name"], field["offset"], field["size"]) for field in message["fields"]]
-                  for message in messages}
+        places = {
+            message["name"]: [(field["name"], field["offset"], field["size"]) for field in message["fields"]
+                             ] for message in messages
+        }
         self.assertEqual(places["path_exists"], [("path", 9, 100)])
         self.assertEqual(places["post_19"], [("name", 9, 100), ("value", 112, 4), ("record", 116, 20)])
         self.assertEqual(places["reply_42"], [("first", 16, 8), ("second", 24, 8)])

@@ -108,8 +108,10 @@ class FalseSuccess(HostTest):
         def counted(memory, ended):
             self.assertEqual(memory.types().count(17), 2)
         for seed in range(12):
-            done += self.ended_well(["send-file", local, "/remote", "--chunk", "20"], there, BadLine(seed, 0.05))
-            done += self.ended_well(["test-pattern", "--sequenced", "--count", "2"], counted, BadLine(seed, 0.002))
+            done += self.ended_well(["send-file", local, "/remote", "--chunk", "20"], there,
+                                    BadLine(seed, 0.05))
+            done += self.ended_well(["test-pattern", "--sequenced", "--count", "2"], counted,
+                                    BadLine(seed, 0.002))
         self.assertGreater(done, 5)
 
 

@@ -128,7 +128,8 @@ class Interrupts(HostTest):
 
 class Seconds(HostTest):
     def test_are_kept_whatever_is_awaited(self):
-        for words, path in [(["connect"], "socket"), (["monitor"], "socket"), (["serve", self.folder], "socket")]:
+        for words, path in [(["connect"], "socket"), (["monitor"], "socket"),
+                            (["serve", self.folder], "socket")]:
             ended = self.start(*words, "--seconds", "1.3").end()
             self.assertAlmostEqual(ended.seconds, 1.3, delta=0.2)
 

@@ -274,8 +274,10 @@ class Memory:
         self.files = {}
         self.path = self.data = None
         self.answers = {
-            wire.GET_INFO: lambda message: (wire.INFO, wire.words(1, 2, 3)),
-            wire.PATH_EXISTS: lambda message: (wire.PATH_EXISTS_REPLY, wire.words(message.text(9) in self.files)),
+            wire.GET_INFO:
+                lambda message: (wire.INFO, wire.words(1, 2, 3)),
+            wire.PATH_EXISTS:
+                lambda message: (wire.PATH_EXISTS_REPLY, wire.words(message.text(9) in self.files)),
         }
 
     def serve(self, run, until=None):

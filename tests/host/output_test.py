@@ -1,4 +1,4 @@
-"""What goes to standard output and standard error, --quiet, --verbose, --json, --record, and outputs that fail."""
+"""Standard output and standard error, --quiet, --verbose, --json, --record, and outputs that fail."""
 
 import json
 import os
@@ -68,7 +68,9 @@ class Json(HostTest):
         result = self.result(ended, 0)
         self.assertEqual(ended.out.count("\n"), 1)
         self.assertEqual({key: result[key] for key in ("command", "link", "exit", "proof", "error")}, {
-            "command": "query", "link": "socket:" + self.path("socket"), "exit": 0, "proof": "answered", "error": None})
+            "command": "query", "link": "socket:" + self.path("socket"), "exit": 0, "proof": "answered",
+            "error": None
+        })
         self.assertEqual(result["counts"], {
             "packets_sent": 3, "packets_received": 3, "messages_sent": 3, "messages_received": 3, "resent": 0,
             "crc_wrong": 0, "incomplete": 0, "duplicates": 0, "unseen": 0, "refused": 0})
@@ -95,8 +97,9 @@ class Json(HostTest):
         run.packet(until=1)
         run.send(wire.message(19, bytes(97) + wire.words(7) + bytes(range(20)), 9))
         run.send(wire.message(wire.CONNECT, wire.words(42)))
-        run.send(wire.message(23, b"", 10)[:8] + b"\x0a" + b"name".ljust(100, b"\0") + b"one".ljust(100, b"\0") +
-                 b"two".ljust(903, b"\0") + wire.words(2))
+        run.send(
+            wire.message(23, b"", 10)[:8] + b"\x0a" + b"name".ljust(100, b"\0") + b"one".ljust(100, b"\0") +
+            b"two".ljust(903, b"\0") + wire.words(2))
         events = self.lines(run.end())[:-1]
         for event in events:
             self.assertEqual((set(event), event["event"], event["direction"]),
@@ -106,7 +109,8 @@ class Json(HostTest):
         post, connect, query = [event["message"] for event in events]
         self.assertEqual(post, {"type": 19, "name": "post_19", "number": 9, "size": 136, "fields": {
             "name": "", "value": 7, "record": "000102030405060708090a0b0c0d0e0f10111213"}})
-        self.assertEqual(connect, {"type": 5, "name": "connect", "number": None, "size": 12, "fields": {"value": 42}})
+        self.assertEqual(connect,
+                         {"type": 5, "name": "connect", "number": None, "size": 12, "fields": {"value": 42}})
         self.assertEqual((query["fields"]["name"], query["fields"]["items"]), ("name", ["one", "two"]))
 
     def test_has_no_name_for_a_type_that_nobody_knows(self):
@@ -115,7 +119,8 @@ class Json(HostTest):
         run.send(wire.message(77, b"\xab"))
         run.send(wire.message(35, b"", 3))
         shown = [event["message"] for event in self.lines(run.end())[:-1]]
-        self.assertEqual(shown[0], {"type": 77, "name": None, "number": None, "size": 9, "fields": {"body": "ab"}})
+        self.assertEqual(shown[0],
+                         {"type": 77, "name": None, "number": None, "size": 9, "fields": {"body": "ab"}})
         self.assertEqual((shown[1]["type"], shown[1]["name"], shown[1]["number"]), (35, None, 3))
 
     def test_has_an_event_for_every_message_when_verbose(self):
@@ -141,7 +146,9 @@ class Json(HostTest):
     def test_is_ascii_or_utf_8_whatever_a_text_holds(self):
         run = self.start("monitor", "--seconds", "1", "--json")
         run.packet(until=0.1)
-        run.send(wire.message(18, b"", 9)[:4] + wire.words(136) + b"\x09" + b"\xff\xc3\x28\x1b\"\\".ljust(127, b"\0"))
+        run.send(
+            wire.message(18, b"", 9)[:4] + wire.words(136) + b"\x09" +
+            b"\xff\xc3\x28\x1b\"\\".ljust(127, b"\0"))
         self.assertEqual(len(self.lines(run.end())), 2)
 
     def test_of_errors_before_the_link_is_one_line_too(self):
@@ -152,7 +159,8 @@ class Json(HostTest):
 
 class Outputs(HostTest):
     def test_that_cannot_be_written_are_errors(self):
-        for words in [["catalogue"], ["catalogue", "--json"], ["completion", "bash"], ["--help"], ["--version"]]:
+        for words in [["catalogue"], ["catalogue", "--json"], ["completion", "bash"], ["--help"],
+                      ["--version"]]:
             with open("/dev/full", "wb") as full:
                 ended = Run(self, words, stdout=full).end()
             self.assertEqual(ended.code, 3, words)

@@ -1,4 +1,4 @@
-"""send-file: what is asked before and after, what is sent in between, and when a file is known to be there."""
+"""send-file: what is asked before and after, what is sent, and when a file is known to be there."""
 
 import other_end
 import wire
@@ -21,8 +21,10 @@ class Sending(HostTest):
         self.assertEqual(result["result"], {"bytes": 51200, "tries": 1, "existed": False, "exists": True})
         self.assertEqual(memory.files, {"/new/remote": CONTENT})
         self.assertEqual(memory.types(), [35, 28, 7, 8, 8, 8, 9, 28])
-        self.assertEqual([message.text(9) for message in memory.accepted if message.type == 28], ["/new/remote"] * 2)
-        self.assertEqual([len(message.raw) - 16 for message in memory.accepted if message.type == 8], [22050, 22050, 7100])
+        self.assertEqual([message.text(9) for message in memory.accepted if message.type == 28],
+                         ["/new/remote"] * 2)
+        self.assertEqual([len(message.raw) - 16 for message in memory.accepted if message.type == 8],
+                         [22050, 22050, 7100])
 
     def test_sends_pieces_as_small_as_asked(self):
         memory, ended = self.sent("/remote", "--chunk", "3", content=b"0123456789")
@@ -95,7 +97,8 @@ class Proofs(Sending):
 
 class Tries(Sending):
     def test_of_which_one_is_not_confirmed_begin_again_at_file_begin(self):
-        memory, run = Memory(), self.start("send-file", self.file("local", CONTENT), "/remote", "--json", "--tries", "2")
+        memory, run = Memory(), self.start("send-file", self.file("local", CONTENT), "/remote", "--json",
+                                           "--tries", "2")
         ignored = 0
         while (message := run.receive()) is not None:
             if message.type == wire.FILE_DATA and len(message.raw) < 22050 and ignored < 3:

@@ -44,7 +44,9 @@ class Answers(Serving):
         self.root("plugins/12"), self.root("plugins/3", b"abc"), self.root("items/thing", b"12345")
         run = self.serve()
         self.assertEqual(self.ask(run, 13).raw[12:], wire.words(2, 3, 12))
-        self.assertEqual(self.ask(run, 43, wire.words(3, 0, 0)).raw[12:], wire.words(3) + struct.pack("<Q", 3))
+        self.assertEqual(
+            self.ask(run, 43, wire.words(3, 0, 0)).raw[12:],
+            wire.words(3) + struct.pack("<Q", 3))
         self.assertEqual(self.ask(run, 43, wire.words(4, 0, 0)).raw[16:], struct.pack("<Q", 0))
         question = wire.words(7) + b"thing".ljust(32, b"\0") + wire.words(16) + bytes(12)
         self.assertEqual(self.ask(run, 39, question).raw[12:], question[:44] + struct.pack("<Q", 5))
@@ -63,7 +65,8 @@ class Answers(Serving):
             self.assertEqual((message.type, message.word(12)), (29, exists))
 
     def test_come_from_options(self):
-        run = self.serve("--info", "1", "2", "3", "--values", "4", "5000000000", "--answer", "a" * 100, "--text", "t" * 511)
+        run = self.serve("--info", "1", "2", "3", "--values", "4", "5000000000", "--answer", "a" * 100,
+                         "--text", "t" * 511)
         self.assertEqual(self.ask(run, 36).raw[12:], wire.words(1, 2, 3))
         self.assertEqual(self.ask(run, 41).raw[16:], struct.pack("<QQ", 4, 5000000000))
         self.assertEqual(self.ask(run, 46).raw[12:], wire.block(b"t" * 511 + b"\0"))
@@ -111,8 +114,10 @@ class Arrivals(Serving):
         os.makedirs(self.path("root"))
         os.symlink(self.folder, self.path("root/link"))
         run = self.serve()
-        for path in ["../outside", "/../outside", "a/../../outside", "link/outside", "", ".", "n" * 300, "p" * 5000,
-                     "bell\x07\x1b[2J", "good"]:
+        for path in [
+                "../outside", "/../outside", "a/../../outside", "link/outside", "", ".", "n" * 300,
+                "p" * 5000, "bell\x07\x1b[2J", "good"
+        ]:
             self.put(run, path)
         ended = self.ended(run)
         self.assertFalse(os.path.exists(self.path("outside")))

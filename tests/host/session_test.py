@@ -1,4 +1,4 @@
-"""The session that all commands share: opening, confirms, what is dropped, waits and their limits, hang-ups."""
+"""The session of all commands: opening, confirms, what is dropped, waits and their limits, hang-ups."""
 
 import other_end
 import wire
@@ -49,8 +49,8 @@ class Opening(HostTest):
 
     def test_makes_the_messages_of_two_processes_in_a_row_arrive(self):
         memory = Memory()
-        for words in [["post", "post_21", "1"], ["post", "post_21", "1"], ["query", "info"], ["query", "info"],
-                      ["test-pattern", "--sequenced"]]:
+        for words in [["post", "post_21", "1"], ["post", "post_21", "1"], ["query", "info"],
+                      ["query", "info"], ["test-pattern", "--sequenced"]]:
             run = self.start(*words)
             memory.serve(run)
             self.assertEqual(run.end().code, 0, words)
@@ -58,7 +58,8 @@ class Opening(HostTest):
 
     def test_unconfirmed_is_sent_three_times_in_three_seconds(self):
         run = self.start("query", "info", "--json")
-        self.assertEqual([(m.type, round(m.time, 1)) for m in iter(run.receive, None)], [(35, 0), (35, 1), (35, 2)])
+        self.assertEqual([(m.type, round(m.time, 1)) for m in iter(run.receive, None)], [(35, 0), (35, 1),
+                                                                                         (35, 2)])
         ended = run.end()
         result = self.result(ended, 1, "no_peer")
         self.assertAlmostEqual(ended.seconds, 3, delta=0.2)
@@ -126,7 +127,8 @@ class Confirms(HostTest):
     def test_are_sent_whatever_size_the_catalogue_has(self):
         confirmed, shown, result = self.monitor(ODD, wire.message(36, b"more", 10), wire.message(4, b"", 11))
         self.assertEqual(confirmed, [9, 10, 11])
-        self.assertEqual([(m["type"], m["number"], m["size"]) for m in shown], [(18, 9, 12), (36, 10, 16), (4, 11, 12)])
+        self.assertEqual([(m["type"], m["number"], m["size"]) for m in shown], [(18, 9, 12), (36, 10, 16),
+                                                                                (4, 11, 12)])
         self.assertEqual(result["counts"]["refused"], 0)
 
     def test_show_the_body_of_what_does_not_fit_the_catalogue(self):
@@ -203,8 +205,9 @@ class Waiting(HostTest):
 
     def test_for_an_answer_that_does_not_fit_the_catalogue_ends_at_once(self):
         for query, type, body in [(["info"], 37, wire.words(1)), (["info"], 37, wire.words(1, 2, 3, 4)),
-                                  (["plugins"], 14, wire.words(0xFFFFFFFF)), (["text"], 47, wire.words(9) + b"aaaa"),
-                                  (["41"], 42, b""), (["23", "name"], 24, b"text")]:
+                                  (["plugins"], 14, wire.words(0xFFFFFFFF)),
+                                  (["text"], 47, wire.words(9) + b"aaaa"), (["41"], 42, b""),
+                                  (["23", "name"], 24, b"text")]:
             run = self.start("query", *query, "--json")
             run.opened()
             run.take()
@@ -259,7 +262,8 @@ class Devices(HostTest):
 
     def test_carry_queries_and_posts(self):
         memory = Memory()
-        for words, out in [(["query", "info"], "1 2 3\n"), (["post", "post_22"], ""), (["query", "info"], "1 2 3\n")]:
+        for words, out in [(["query", "info"], "1 2 3\n"), (["post", "post_22"], ""),
+                           (["query", "info"], "1 2 3\n")]:
             run = self.start_on_device(*words)
             memory.serve(run)
             ended = run.end()
@@ -286,7 +290,8 @@ class HangUp(HostTest):
                 self.expect(run)
 
     def test_ends_what_watches(self):
-        for words in [["connect"], ["connect", "--seconds", "60"], ["monitor"], ["monitor", "--seconds", "60"]]:
+        for words in [["connect"], ["connect", "--seconds", "60"], ["monitor"],
+                      ["monitor", "--seconds", "60"]]:
             run = self.start(*words, "--json")
             run.packet(until=3)
             with self.subTest(words):

@@ -62,7 +62,10 @@ class SeveralLinks(HostTest):
                               env=environment(), stdin=subprocess.DEVNULL)
 
     def rows(self, done):
-        return {row[0].rpartition("/")[2]: row[1:] for row in (line.split("\t") for line in done.stdout.splitlines())}
+        return {
+            row[0].rpartition("/")[2]: row[1:]
+            for row in (line.split("\t") for line in done.stdout.splitlines())
+        }
 
     def test_print_a_line_for_each(self):
         _, options = self.ends("answers", "nobody", "answers")
@@ -79,9 +82,11 @@ class SeveralLinks(HostTest):
 
     def test_end_with_the_first_code_that_is_not_0_in_the_order_given(self):
         _, options = self.ends("answers", "silent", "nobody")
-        self.assertEqual(self.call("query", "info", "--wait", "0", "--no-pacing", options=options).returncode, 1)
+        self.assertEqual(
+            self.call("query", "info", "--wait", "0", "--no-pacing", options=options).returncode, 1)
         _, options = self.ends_again("nobody", "silent")
-        self.assertEqual(self.call("query", "info", "--wait", "0", "--no-pacing", options=options).returncode, 3)
+        self.assertEqual(
+            self.call("query", "info", "--wait", "0", "--no-pacing", options=options).returncode, 3)
 
     def ends_again(self, *kinds):
         os.mkdir(self.path("again"))
@@ -100,16 +105,21 @@ class SeveralLinks(HostTest):
     def test_have_a_result_each_in_json(self):
         _, options = self.ends("answers", "nobody")
         done = self.call("query", "info", "--wait", "0", "--no-pacing", "--json", options=options)
-        results = {result["link"].rpartition("/")[2]: result for result in map(json.loads, done.stdout.splitlines())}
-        self.assertEqual({name: (result["exit"], result["proof"]) for name, result in results.items() if name == "s0"},
-                         {"s0": (0, "answered")})
+        results = {
+            result["link"].rpartition("/")[2]: result for result in map(json.loads, done.stdout.splitlines())
+        }
+        self.assertEqual(
+            {name: (result["exit"], result["proof"]) for name, result in results.items() if name == "s0"},
+            {"s0": (0, "answered")})
         self.assertEqual(results["s1"]["error"]["code"], "cannot_open")
         self.assertEqual(results["s0"]["result"]["fields"], {"a": 1, "b": 2, "c": 3})
 
     def test_go_on_together(self):
         """With two links, each line comes although the other link is silent."""
         _, options = self.ends("silent", "answers")
-        process = subprocess.Popen([HOST, "query", "info", "--no-pacing", *options], stdout=subprocess.PIPE, text=True,
+        process = subprocess.Popen([HOST, "query", "info", "--no-pacing", *options],
+                                   stdout=subprocess.PIPE,
+                                   text=True,
                                    env=environment())
         self.addCleanup(process.stdout.close)
         self.assertIn("s1\t0\tanswered\t", process.stdout.readline())
@@ -126,7 +136,10 @@ class SeveralLinks(HostTest):
 
     def test_send_files_and_run_batches(self):
         _, options = self.ends("answers", "answers")
-        done = self.call("batch", self.file("commands", "post post_22\nquery info\n"), "--no-pacing", options=options)
+        done = self.call("batch",
+                         self.file("commands", "post post_22\nquery info\n"),
+                         "--no-pacing",
+                         options=options)
         self.assertEqual((done.returncode, len(self.rows(done))), (0, 2), done.stderr)
         _, options = self.ends_again("answers", "answers")
         done = self.call("send-file", self.file("local", "x"), "relative", "--no-pacing", options=options)
@@ -156,8 +169,12 @@ class SeveralLinks(HostTest):
 
     def test_are_interrupted_together(self):
         _, options = self.ends("silent", "silent")
-        process = subprocess.Popen([HOST, "update", self.file("image", "#!/bin/sh\n"), "--verbose", *options],
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, env=environment())
+        process = subprocess.Popen(
+            [HOST, "update", self.file("image", "#!/bin/sh\n"), "--verbose", *options],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            env=environment())
         announced = 0
         while announced < 2 and (line := process.stderr.readline()):  # each of the two
             announced += "connect (5)" in line

@@ -15,7 +15,8 @@ class Trace(HostTest):
         records = [(1_700_000_000_000_000 + number, "in", packet) for number, packet in enumerate(packets)]
         ended = self.plain("trace", self.file("r", wire.recording(records)), "--json")
         lines = self.lines(ended)
-        self.assertEqual((ended.code, lines[-1]["link"], lines[-1]["proof"], lines[-1]["counts"]), (0, None, None, None))
+        self.assertEqual((ended.code, lines[-1]["link"], lines[-1]["proof"], lines[-1]["counts"]),
+                         (0, None, None, None))
         return lines
 
     def counts(self, *packets):
@@ -47,12 +48,14 @@ class Trace(HostTest):
                              {"messages": 1, "incomplete": 1})
 
     def test_keeps_the_directions_apart(self):
-        records = [(1, "in", LONG[0]), (2, "out", NOTICE[0]), (3, "in", LONG[1]), (4, "in", LONG[2]), (5, None, NOTICE[0])]
+        records = [(1, "in", LONG[0]), (2, "out", NOTICE[0]), (3, "in", LONG[1]), (4, "in", LONG[2]),
+                   (5, None, NOTICE[0])]
         lines = self.lines(self.plain("trace", self.file("r", wire.recording(records)), "--json"))
         self.assertEqual([(line["direction"], line["message"]["type"]) for line in lines[:-1]],
                          [("out", 11), ("in", 39), (None, 11)])
-        self.assertEqual(lines[-1]["result"], {"packets": 5, "messages": 3, "crc_wrong": 0, "incomplete": 0, "stray": 0,
-                                               "refused": 0})
+        self.assertEqual(
+            lines[-1]["result"],
+            {"packets": 5, "messages": 3, "crc_wrong": 0, "incomplete": 0, "stray": 0, "refused": 0})
 
     def test_has_the_time_of_a_message_in_seconds_since_1970(self):
         self.assertAlmostEqual(self.traced(*NOTICE)[0]["time"], 1_700_000_000, delta=0.001)

@@ -19,7 +19,8 @@ def elf(bits, machine, type, segments=(LOAD,), order="<"):
     header, segment = (64, 56) if bits == 64 else (52, 32)
     ident = b"\x7fELF" + bytes([2 if bits == 64 else 1, 1 if order == "<" else 2, 1]) + bytes(9)
     table = b"".join(struct.pack(order + "I", kind).ljust(segment, b"\0") for kind in segments)
-    return ident + struct.pack(form, type, machine, 1, 0, header, 0, 0, header, segment, len(segments), 0, 0, 0) + table
+    return ident + struct.pack(form, type, machine, 1, 0, header, 0, 0, header, segment, len(segments), 0, 0,
+                               0) + table
 
 
 class Loader:
@@ -55,12 +56,20 @@ class Images(HostTest):
             self.assertEqual(loader.take_image().raw[8:], wire.block(content))
 
     def test_of_other_forms_are_bad_before_the_link_is_opened(self):
-        for content in [b"x", b"#!", b"# !/bin/sh\n", b"\x7fELF", b"MZ" + bytes(100), bytes(100), b"\n#!/bin/sh\n",
-                        elf(64, X86_64, EXECUTABLE, [LOAD, INTERPRETER]), elf(32, I386, EXECUTABLE, [INTERPRETER]),
-                        elf(64, X86_64, POSITION_INDEPENDENT, [INTERPRETER, LOAD]), elf(32, ARM, EXECUTABLE),
-                        elf(64, 183, EXECUTABLE), elf(64, X86_64, 1), elf(64, X86_64, 4),
-                        elf(32, I386, EXECUTABLE, order=">"), elf(64, X86_64, EXECUTABLE)[:40],
-                        elf(64, X86_64, EXECUTABLE, [LOAD] * 3)[:-60]]:
+        for content in [
+                b"x", b"#!", b"# !/bin/sh\n", b"\x7fELF", b"MZ" + bytes(100),
+                bytes(100), b"\n#!/bin/sh\n",
+                elf(64, X86_64, EXECUTABLE, [LOAD, INTERPRETER]),
+                elf(32, I386, EXECUTABLE, [INTERPRETER]),
+                elf(64, X86_64, POSITION_INDEPENDENT, [INTERPRETER, LOAD]),
+                elf(32, ARM, EXECUTABLE),
+                elf(64, 183, EXECUTABLE),
+                elf(64, X86_64, 1),
+                elf(64, X86_64, 4),
+                elf(32, I386, EXECUTABLE, order=">"),
+                elf(64, X86_64, EXECUTABLE)[:40],
+                elf(64, X86_64, EXECUTABLE, [LOAD] * 3)[:-60]
+        ]:
             with self.subTest(content[:30]):
                 self.wrong("update", self.file("image", content), code=3, error="bad_file")
 
@@ -81,7 +90,8 @@ class Loaders(HostTest):
     def test_are_called_twice_a_second_until_one_answers(self):
         loader = Loader(self)
         calls = [loader.run.receive() for _ in range(5)]
-        self.assertEqual([(m.type, round(m.time, 1)) for m in calls], [(5, 0), (5, 0.5), (5, 1), (5, 1.5), (5, 2)])
+        self.assertEqual([(m.type, round(m.time, 1)) for m in calls], [(5, 0), (5, 0.5), (5, 1), (5, 1.5),
+                                                                       (5, 2)])
         self.assertEqual(len({message.body for message in calls}), 5)
         loader.run.send(wire.message(wire.CONNECT_ANSWER, calls[3].body))
         self.assertEqual(loader.run.receive().type, wire.UPDATER, "any of the values is one of its own")

@@ -104,7 +104,8 @@ def recording(packets):
     result += struct.pack("<IIHHII", 1, 20, 147, 0, 64, 20)
     for time, direction, packet in packets:
         data = packet + bytes(-len(packet) % 4)
-        options = b"" if direction is None else struct.pack("<HHIHH", 2, 4, 1 if direction == "in" else 2, 0, 0)
+        options = b"" if direction is None else struct.pack("<HHIHH", 2, 4, 1 if direction == "in" else 2, 0,
+                                                            0)
         size = 32 + len(data) + len(options)
         result += struct.pack("<IIIIIII", 6, size, 0, time >> 32, time & 0xFFFFFFFF, len(packet), len(packet))
         result += data + options + struct.pack("<I", size)
