@@ -48,7 +48,8 @@ class Run:
         self.device, self.came, self.messages = device, collections.deque(), collections.deque()
         self.packets, self.left = [], 0
         self.line = lambda direction, packet: [packet]  # what becomes of a packet "in" or "out" of qel-host
-        self.ticks, self.waits, self.gone, self.number = STARTED_AT * 10**9, None, False, 0
+        self.ticks = self.target = STARTED_AT * 10**9
+        self.waits, self.gone, self.number = None, False, 0
         self.out = open(test.path("out"), "w+b") if stdout is None else stdout
         self.err = open(test.path("err"), "w+b")
         self.clock, other = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
@@ -80,8 +81,8 @@ class Run:
         except ConnectionResetError:
             report = b""
         if len(report) < 24:
-            self.gone = True
-            self.waits = None
+            self.gone, self.waits = True, None
+            self.ticks = max(self.ticks, self.target)
             return False
         number, deadline, now = struct.unpack("<qqq", report)
         self.ticks = max(self.ticks, now)
@@ -100,7 +101,7 @@ class Run:
             self.clock.send(struct.pack("<qq", number, target))
         except BrokenPipeError:
             pass  # it has ended; the next report says so
-        self.ticks, self.waits = max(self.ticks, target), None
+        self.target, self.waits = target, None  # it may have gone on before
         return True
 
     def read_packet(self):
@@ -120,17 +121,13 @@ class Run:
     def packet(self, until=None):
         """Waits for a packet; None when the clock has come to `until`, or the process has ended."""
         while True:
+            self.settle()
             packet = self.came.popleft() if self.came else self.read_packet()
             if packet:
                 self.packets.append((self.now, packet))
                 self.left = wire.check_packet(packet, self.left)
                 return packet
-            if self.gone:
-                return None
-            if self.waits is None:
-                self.await_report()
-                continue
-            if not self.move(until):
+            if self.gone or not self.move(until):
                 return None
 
     def await_report(self):
@@ -258,7 +255,7 @@ class Run:
         code = self.process.wait(PATIENCE)
         self.err.seek(0)
         out = ""
-        if hasattr(self.out, "seek") and self.out.seekable():
+        if self.out.readable():
             self.out.seek(0)
             out = self.out.read().decode()
         return Ended(code, out, self.err.read().decode(), self.now)

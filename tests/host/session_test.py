@@ -241,8 +241,8 @@ class Waiting(HostTest):
         reading, run.read_packet = run.read_packet, lambda: None
         for pause in range(1, 4):
             run.packet(until=9 * pause)
-            for _ in range(500):
-                run.left = wire.check_packet(packet := reading(), run.left)
+            while packet := reading():
+                run.left = wire.check_packet(packet, run.left)
                 run.assembly.add(packet)
         run.read_packet = reading
         Memory().serve(run)
@@ -250,16 +250,6 @@ class Waiting(HostTest):
 
 
 class Devices(HostTest):
-    def test_that_take_nothing_more_are_stuck(self):
-        run = self.start_on_device("post", "transfer_data", "block=@" + self.file("block", bytes(100_000)),
-                                   "--no-pacing", "--json")
-        run.opened()
-        run.packet()
-        run.read_packet = lambda: None
-        ended = run.end()
-        self.result(ended, 1, "stuck")
-        self.assertAlmostEqual(ended.seconds, 10, delta=1)
-
     def test_carry_queries_and_posts(self):
         memory = Memory()
         for words, out in [(["query", "info"], "1 2 3\n"), (["post", "post_22"], ""),
@@ -267,7 +257,7 @@ class Devices(HostTest):
             run = self.start_on_device(*words)
             memory.serve(run)
             ended = run.end()
-            self.assertEqual((ended.code, ended.out), (0, out))
+            self.assertEqual((ended.code, ended.out), (0, out), ended.err)
         self.assertEqual(memory.types(), [35, 36, 35, 22, 35, 36])
 
 

@@ -309,7 +309,7 @@ class Expected(HostTest):
     def test_a_message_before_the_watch_does_not_count(self):
         loader = Loader(self, "--expect", "notify_12", content=SCRIPT + bytes(34 * 50), pacing=True)
         loader.run.send_answer_to_connect()
-        loader.run.packet()
+        self.assertIsNone(loader.run.receive(until=0.3))
         loader.run.send(wire.message(wire.NOTIFY_12))
         loader.take_image()
         loader.ends(1, "no_updater")
