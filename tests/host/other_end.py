@@ -203,8 +203,16 @@ class Run:
     def send_packet(self, packet):
         while not self.wrote(packet):
             self.take_in()
-        # A terminal keeps no boundaries: the next packet waits until this one has been read.
-        while self.device is not None and not self.settle().gone and unread(self.device) > 0:
+        if self.device is not None:
+            self.await_reader()
+
+    def await_reader(self):
+        """A terminal keeps no boundaries: the next packet waits until this one has come and been read."""
+        waits = self.settle().waits
+        while not self.gone and self.waits == waits and unread(self.device) == 0:
+            if select.select([self.clock], [], [], 0.0005)[0]:
+                self.read_clock()
+        while not self.settle().gone and unread(self.device) > 0:
             self.take_in()
 
     def wrote(self, packet):

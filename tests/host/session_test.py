@@ -300,7 +300,7 @@ class HangUp(HostTest):
         run.send(wire.message(wire.INFO, wire.words(1, 2, 3)))
         run.hang_up()
         ended = run.end()
-        self.assertEqual((ended.code, ended.out), (0, "1 2 3\n"))
+        self.assertEqual((ended.code, ended.out), (0, "1 2 3\n"), ended.err)
 
 
 if __name__ == "__main__":
