@@ -5,6 +5,7 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -96,14 +97,19 @@ int wait_until(int64_t deadline, pollfd *entries, nfds_t count, const sigset_t *
         int ready = real_poll(entries, count, &at_once, mask);
         if (ready != 0 || now >= deadline)
             return ready;
+        // A signal that comes after the report ends the wait, as in a poll that has begun.
+        sigset_t every_signal, before;
+        sigfillset(&every_signal);
+        sigprocmask(SIG_SETMASK, &every_signal, &before);
         report(deadline);
-        ready = wait_for_move(entries, count, mask);
-        if (ready == 0)
-            continue;
+        ready = wait_for_move(entries, count, mask == nullptr ? &before : mask);
         int error = errno;
-        report(0);
+        if (ready != 0)
+            report(0);
+        sigprocmask(SIG_SETMASK, &before, nullptr);
         errno = error;
-        return ready;
+        if (ready != 0)
+            return ready;
     }
 }
 
