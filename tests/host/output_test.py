@@ -57,7 +57,9 @@ class Streams(HostTest):
         self.assertRegex(ended.err, r"(?m)\bin\b.*info \(37\) number \d+, 24 bytes: a=1 b=2 c=3")
 
     def test_print_the_counts_at_the_end(self):
-        self.assertRegex(self.ended("query", "info").err.splitlines()[-1], r"packets (sent 3, packets received 3|3 sent, 3 received)")
+        self.assertRegex(
+            self.ended("query", "info").err.splitlines()[-1],
+            r"packets (sent 3, packets received 3|3 sent, 3 received)")
 
 
 class Json(HostTest):
@@ -78,7 +80,8 @@ class Json(HostTest):
 
     def test_has_the_same_keys_for_every_command(self):
         for words in [["connect", "--seconds", "1"], ["monitor", "--seconds", "1"], ["post", "notify_11"],
-                      ["test-pattern"], ["serve", self.folder, "--seconds", "1"], ["batch", self.file("empty")]]:
+                      ["test-pattern"], ["serve", self.folder, "--seconds", "1"],
+                      ["batch", self.file("empty")]]:
             result = self.lines(self.start(*words, "--json").end())[-1]
             self.assertEqual(result["command"], words[0])
             self.assertEqual(result["link"], "socket:" + self.path("socket"))

@@ -18,7 +18,7 @@ class Answerer(threading.Thread):
 
     def __init__(self, listener, silent=False):
         super().__init__(daemon=True)
-        self.listener, self.silent, self.types = listener, silent, []
+        self.listener, self.silent, self.types, self.heard = listener, silent, [], threading.Event()
         self.start()
 
     def run(self):
@@ -26,6 +26,7 @@ class Answerer(threading.Thread):
         assembly = wire.Assembly()
         try:
             while packet := link.recv(64):
+                self.heard.set()
                 raw = assembly.add(packet)
                 if raw is not None and not self.silent:
                     self.handle(link, wire.Message(raw, 0))
@@ -168,16 +169,15 @@ class SeveralLinks(HostTest):
         self.assertEqual([end.types for end in ends], [[], []])
 
     def test_are_interrupted_together(self):
-        _, options = self.ends("silent", "silent")
+        ends, options = self.ends("silent", "silent")
         process = subprocess.Popen(
-            [HOST, "update", self.file("image", "#!/bin/sh\n"), "--verbose", *options],
+            [HOST, "update", self.file("image", "#!/bin/sh\n"), *options],
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             text=True,
             env=environment())
-        announced = 0
-        while announced < 2 and (line := process.stderr.readline()):  # each of the two
-            announced += "connect (5)" in line
+        for end in ends:
+            self.assertTrue(end.heard.wait(PATIENCE))
         process.send_signal(signal.SIGINT)
         out, _ = process.communicate(timeout=PATIENCE)
         self.assertEqual((process.returncode, out.count("\tinterrupted\t")), (5, 2))
