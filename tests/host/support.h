@@ -24,9 +24,6 @@ struct ScratchFolder {
 std::string content_of(const std::string &path);
 void put_file(const std::string &path, const std::string &content);
 
-/// Bytes that look like noise and are the same each time.
-std::string noise(size_t size, unsigned long seed);
-
 /// How a process ended and what it printed.
 struct Ended {
     int code; ///< exit code, or minus the signal
@@ -49,8 +46,6 @@ class Process
     Ended stop();
     /// What it has printed so far to standard output.
     std::string out() const;
-    /// Waits until that contains `text`; false when it does not within `seconds`.
-    bool says(const std::string &text, double seconds = 10) const;
 
   private:
     ScratchFolder files;
@@ -62,27 +57,6 @@ Ended host(std::vector<std::string> words, double seconds = 20);
 
 /// Starts qel-host beside the test.
 std::vector<std::string> host_words(std::vector<std::string> words);
-
-/// A peer that the test plays itself: a socket to listen on, and the one connection.
-class ScriptedPeer
-{
-  public:
-    explicit ScriptedPeer(const std::string &path);
-    ~ScriptedPeer();
-    ScriptedPeer(const ScriptedPeer &) = delete;
-    ScriptedPeer &operator=(const ScriptedPeer &) = delete;
-
-    void accept();
-    /// Sends a record as it is.
-    void send(const std::string &record);
-    /// Receives a record; "" when the other end has hung up or is silent for five seconds.
-    std::string receive();
-    void hang_up();
-
-  private:
-    int listener;
-    int connection = -1;
-};
 
 /// "00 ff 10" as bytes.
 std::string bytes(const std::string &hex);
