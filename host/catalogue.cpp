@@ -231,6 +231,28 @@ std::string catalogue_as_text()
     return lines;
 }
 
+namespace
+{
+
+/// "name: text 100 at 9".
+std::string field_text(const CatalogueField &field)
+{
+    bool has_size = field.kind == text || field.kind == characters || field.kind == record;
+    return std::string(field.name) + ": " + kind_name(field.kind) + (has_size ? " " + number(field.size) : "") +
+           " at " + number(field.offset);
+}
+
+/// "16 + 4n", where n counts the rest's bytes or, of ids, its numbers.
+std::string size_text(const CatalogueMessage &message)
+{
+    if (message.size != 0)
+        return number(message.size);
+    const CatalogueField &rest = message.fields.back();
+    return (rest.kind == ids ? "4n + " : "n + ") + number(rest.offset + rest.size);
+}
+
+} // namespace
+
 std::string catalogue_as_markdown()
 {
     std::string rows;
@@ -239,15 +261,9 @@ std::string catalogue_as_markdown()
             continue;
         std::string fields;
         for (const CatalogueField &field : message.fields)
-            fields += (fields.empty() ? "" : ", ") + std::string(field.name) + ": " + kind_name(field.kind) +
-                      (is_rest(field) ? "" : " " + number(field.size)) + " at " + number(field.offset);
-        std::string size = number(message.size);
-        if (message.size == 0)
-            size = (message.fields[0].kind == ids ? "4n + " : "n + ") +
-                   number(message.fields[0].offset + message.fields[0].size);
-        rows += "| " + number(message.type) + " | " + message.name + " | " + size + " | " + fields +
-                (fields.empty() ? "| " : " | ") + (message.answer == 0 ? "" : number(message.answer) + " ") +
-                "|\n";
+            fields += (fields.empty() ? " " : ", ") + field_text(field);
+        rows += "| " + number(message.type) + " | " + message.name + " | " + size_text(message) + " |" + fields +
+                " | " + (message.answer == 0 ? "" : number(message.answer) + " ") + "|\n";
     }
     return rows;
 }
