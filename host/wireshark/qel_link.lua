@@ -13,134 +13,134 @@ qel.prefs.packet_size = Pref.uint("Largest packet", 35, "Bytes of a full packet,
 -- What messages look like: made by "qel-host catalogue --lua", do not edit.
 -- catalogue begin
 local catalogue = {
-    [0] = { name = "unassigned_0", sequenced = false, size = 0, fields = {} },
-    [1] = { name = "transfer_begin", sequenced = true, size = 16, fields = {
+    [0] = { name = "unassigned_0", sequenced = false, size = 0, size_max = 0, fields = {} },
+    [1] = { name = "transfer_begin", sequenced = true, size = 16, size_max = 0, fields = {
         { name = "value", offset = 12, size = 4, kind = "value32" },
     } },
-    [2] = { name = "transfer_data", sequenced = true, size = 0, fields = {
+    [2] = { name = "transfer_data", sequenced = true, size = 0, size_max = 0, fields = {
         { name = "block", offset = 12, size = 4, kind = "block" },
     } },
-    [3] = { name = "transfer_end", sequenced = true, size = 12, fields = {} },
-    [4] = { name = "unassigned_4", sequenced = true, size = 0, fields = {} },
-    [5] = { name = "connect", sequenced = false, size = 12, fields = {
+    [3] = { name = "transfer_end", sequenced = true, size = 12, size_max = 0, fields = {} },
+    [4] = { name = "unassigned_4", sequenced = true, size = 0, size_max = 0, fields = {} },
+    [5] = { name = "connect", sequenced = false, size = 12, size_max = 0, fields = {
         { name = "value", offset = 8, size = 4, kind = "value32" },
     } },
-    [6] = { name = "unassigned_6", sequenced = false, size = 0, fields = {} },
-    [7] = { name = "file_begin", sequenced = true, size = 0, fields = {
+    [6] = { name = "unassigned_6", sequenced = false, size = 0, size_max = 0, fields = {} },
+    [7] = { name = "file_begin", sequenced = true, size = 0, size_max = 0, fields = {
         { name = "path", offset = 12, size = 4, kind = "text_block" },
     } },
-    [8] = { name = "file_data", sequenced = true, size = 0, fields = {
+    [8] = { name = "file_data", sequenced = true, size = 0, size_max = 22066, fields = {
         { name = "block", offset = 12, size = 4, kind = "block" },
     } },
-    [9] = { name = "file_end", sequenced = true, size = 12, fields = {} },
-    [10] = { name = "updater", sequenced = false, size = 0, fields = {
+    [9] = { name = "file_end", sequenced = true, size = 12, size_max = 0, fields = {} },
+    [10] = { name = "updater", sequenced = false, size = 0, size_max = 0, fields = {
         { name = "block", offset = 8, size = 4, kind = "block" },
     } },
-    [11] = { name = "notify_11", sequenced = false, size = 8, fields = {} },
-    [12] = { name = "notify_12", sequenced = false, size = 8, fields = {} },
-    [13] = { name = "get_plugins", sequenced = true, size = 12, fields = {} },
-    [14] = { name = "plugins", sequenced = true, size = 0, fields = {
+    [11] = { name = "notify_11", sequenced = false, size = 8, size_max = 0, fields = {} },
+    [12] = { name = "notify_12", sequenced = false, size = 8, size_max = 0, fields = {} },
+    [13] = { name = "get_plugins", sequenced = true, size = 12, size_max = 0, fields = {} },
+    [14] = { name = "plugins", sequenced = true, size = 0, size_max = 0, fields = {
         { name = "plugins", offset = 12, size = 4, kind = "ids" },
     } },
-    [15] = { name = "confirmed", sequenced = false, size = 12, fields = {
+    [15] = { name = "confirmed", sequenced = false, size = 12, size_max = 0, fields = {
         { name = "sequence", offset = 8, size = 1, kind = "value8" },
     } },
-    [16] = { name = "test_pattern", sequenced = false, size = 3120, fields = {
+    [16] = { name = "test_pattern", sequenced = false, size = 3120, size_max = 0, fields = {
         { name = "counters", offset = 8, size = 4, kind = "counters" },
     } },
-    [17] = { name = "test_pattern_sequenced", sequenced = true, size = 3124, fields = {
+    [17] = { name = "test_pattern_sequenced", sequenced = true, size = 3124, size_max = 0, fields = {
         { name = "counters", offset = 12, size = 4, kind = "counters" },
     } },
-    [18] = { name = "post_18", sequenced = true, size = 136, fields = {
+    [18] = { name = "post_18", sequenced = true, size = 136, size_max = 0, fields = {
         { name = "name", offset = 9, size = 100, kind = "text" },
     } },
-    [19] = { name = "post_19", sequenced = true, size = 136, fields = {
+    [19] = { name = "post_19", sequenced = true, size = 136, size_max = 0, fields = {
         { name = "name", offset = 9, size = 100, kind = "text" },
         { name = "value", offset = 112, size = 4, kind = "value32" },
         { name = "record", offset = 116, size = 20, kind = "record" },
     } },
-    [20] = { name = "post_20", sequenced = true, size = 136, fields = {
+    [20] = { name = "post_20", sequenced = true, size = 136, size_max = 0, fields = {
         { name = "name", offset = 9, size = 100, kind = "text" },
     } },
-    [21] = { name = "post_21", sequenced = true, size = 16, fields = {
+    [21] = { name = "post_21", sequenced = true, size = 16, size_max = 0, fields = {
         { name = "value", offset = 12, size = 4, kind = "value32" },
     } },
-    [22] = { name = "post_22", sequenced = true, size = 12, fields = {} },
-    [23] = { name = "query_23", sequenced = true, size = 1116, fields = {
+    [22] = { name = "post_22", sequenced = true, size = 12, size_max = 0, fields = {} },
+    [23] = { name = "query_23", sequenced = true, size = 1116, size_max = 0, fields = {
         { name = "name", offset = 9, size = 100, kind = "text" },
         { name = "items", offset = 109, size = 1000, kind = "texts" },
-        { name = "count", offset = 1112, size = 4, kind = "value32" },
+        { name = "count", offset = 1112, size = 4, kind = "count" },
     } },
-    [24] = { name = "reply_24", sequenced = true, size = 112, fields = {
-        { name = "text", offset = 9, size = 100, kind = "text" },
+    [24] = { name = "reply_24", sequenced = true, size = 112, size_max = 0, fields = {
+        { name = "text", offset = 9, size = 100, kind = "characters" },
     } },
-    [25] = { name = "unassigned_25", sequenced = false, size = 0, fields = {} },
-    [26] = { name = "notify_26", sequenced = false, size = 32, fields = {} },
-    [27] = { name = "notify_27", sequenced = false, size = 32, fields = {
+    [25] = { name = "unassigned_25", sequenced = false, size = 0, size_max = 0, fields = {} },
+    [26] = { name = "notify_26", sequenced = false, size = 32, size_max = 0, fields = {} },
+    [27] = { name = "notify_27", sequenced = false, size = 32, size_max = 0, fields = {
         { name = "record", offset = 9, size = 20, kind = "record" },
     } },
-    [28] = { name = "path_exists", sequenced = true, size = 112, fields = {
+    [28] = { name = "path_exists", sequenced = true, size = 112, size_max = 0, fields = {
         { name = "path", offset = 9, size = 100, kind = "text" },
     } },
-    [29] = { name = "reply_path_exists", sequenced = true, size = 16, fields = {
+    [29] = { name = "reply_path_exists", sequenced = true, size = 16, size_max = 0, fields = {
         { name = "exists", offset = 12, size = 4, kind = "value32" },
     } },
-    [30] = { name = "notify_30", sequenced = false, size = 12, fields = {
+    [30] = { name = "notify_30", sequenced = false, size = 12, size_max = 0, fields = {
         { name = "value", offset = 8, size = 4, kind = "value32" },
     } },
-    [31] = { name = "notify_31", sequenced = false, size = 8, fields = {} },
-    [32] = { name = "post_32", sequenced = true, size = 44, fields = {
+    [31] = { name = "notify_31", sequenced = false, size = 8, size_max = 0, fields = {} },
+    [32] = { name = "post_32", sequenced = true, size = 44, size_max = 0, fields = {
         { name = "name", offset = 9, size = 31, kind = "text" },
         { name = "value", offset = 40, size = 4, kind = "value32" },
     } },
-    [33] = { name = "post_33", sequenced = true, size = 40, fields = {
+    [33] = { name = "post_33", sequenced = true, size = 40, size_max = 0, fields = {
         { name = "name", offset = 9, size = 31, kind = "text" },
     } },
-    [34] = { name = "post_34", sequenced = true, size = 12, fields = {} },
-    [35] = { name = "unassigned_35", sequenced = true, size = 0, fields = {} },
-    [36] = { name = "get_info", sequenced = true, size = 12, fields = {} },
-    [37] = { name = "info", sequenced = true, size = 24, fields = {
+    [34] = { name = "post_34", sequenced = true, size = 12, size_max = 0, fields = {} },
+    [35] = { name = "unassigned_35", sequenced = true, size = 0, size_max = 0, fields = {} },
+    [36] = { name = "get_info", sequenced = true, size = 12, size_max = 0, fields = {} },
+    [37] = { name = "info", sequenced = true, size = 24, size_max = 0, fields = {
         { name = "a", offset = 12, size = 4, kind = "value32" },
         { name = "b", offset = 16, size = 4, kind = "value32" },
         { name = "c", offset = 20, size = 4, kind = "value32" },
     } },
-    [38] = { name = "connect_answer", sequenced = false, size = 12, fields = {
+    [38] = { name = "connect_answer", sequenced = false, size = 12, size_max = 0, fields = {
         { name = "value", offset = 8, size = 4, kind = "value32" },
     } },
-    [39] = { name = "get_item_size", sequenced = true, size = 64, fields = {
+    [39] = { name = "get_item_size", sequenced = true, size = 64, size_max = 0, fields = {
         { name = "value", offset = 12, size = 4, kind = "value32" },
         { name = "name", offset = 16, size = 31, kind = "text" },
         { name = "value2", offset = 48, size = 4, kind = "value32" },
     } },
-    [40] = { name = "item_size", sequenced = true, size = 64, fields = {
+    [40] = { name = "item_size", sequenced = true, size = 64, size_max = 0, fields = {
         { name = "value", offset = 12, size = 4, kind = "value32" },
         { name = "name", offset = 16, size = 31, kind = "text" },
         { name = "value2", offset = 48, size = 4, kind = "value32" },
         { name = "item_size", offset = 56, size = 8, kind = "value64" },
     } },
-    [41] = { name = "query_41", sequenced = true, size = 12, fields = {} },
-    [42] = { name = "reply_42", sequenced = true, size = 32, fields = {
+    [41] = { name = "query_41", sequenced = true, size = 12, size_max = 0, fields = {} },
+    [42] = { name = "reply_42", sequenced = true, size = 32, size_max = 0, fields = {
         { name = "first", offset = 16, size = 8, kind = "value64" },
         { name = "second", offset = 24, size = 8, kind = "value64" },
     } },
-    [43] = { name = "get_plugin_size", sequenced = true, size = 24, fields = {
+    [43] = { name = "get_plugin_size", sequenced = true, size = 24, size_max = 0, fields = {
         { name = "plugin_id", offset = 12, size = 4, kind = "value32" },
     } },
-    [44] = { name = "plugin_size", sequenced = true, size = 24, fields = {
+    [44] = { name = "plugin_size", sequenced = true, size = 24, size_max = 0, fields = {
         { name = "plugin_id", offset = 12, size = 4, kind = "value32" },
         { name = "plugin_size", offset = 16, size = 8, kind = "value64" },
     } },
-    [45] = { name = "post_45", sequenced = true, size = 24, fields = {
+    [45] = { name = "post_45", sequenced = true, size = 24, size_max = 0, fields = {
         { name = "value", offset = 12, size = 4, kind = "value32" },
     } },
-    [46] = { name = "get_text", sequenced = true, size = 12, fields = {} },
-    [47] = { name = "text", sequenced = true, size = 0, fields = {
+    [46] = { name = "get_text", sequenced = true, size = 12, size_max = 0, fields = {} },
+    [47] = { name = "text", sequenced = true, size = 0, size_max = 528, fields = {
         { name = "text", offset = 12, size = 4, kind = "text_block" },
     } },
-    [48] = { name = "decipher", sequenced = true, size = 0, fields = {
+    [48] = { name = "decipher", sequenced = true, size = 0, size_max = 0, fields = {
         { name = "block", offset = 12, size = 4, kind = "block" },
     } },
-    [49] = { name = "plain", sequenced = true, size = 0, fields = {
+    [49] = { name = "plain", sequenced = true, size = 0, size_max = 0, fields = {
         { name = "block", offset = 12, size = 4, kind = "block" },
     } },
 }
@@ -163,6 +163,8 @@ local f = {
     confirms = ProtoField.framenum("qel.confirms", "Confirms the message in", base.NONE, frametype.REQUEST),
     confirmed_in = ProtoField.framenum("qel.confirmed_in", "Confirmed in", base.NONE, frametype.RESPONSE),
     repeats = ProtoField.framenum("qel.repeats", "Repeats the message in", base.NONE),
+    interrupted = ProtoField.framenum("qel.interrupted", "Not complete: the message that began in", base.NONE),
+    interrupted_in = ProtoField.framenum("qel.interrupted_in", "Ended early by the packet in", base.NONE),
 }
 
 local field_makers = {
@@ -170,11 +172,13 @@ local field_makers = {
     value32 = ProtoField.uint32,
     value64 = ProtoField.uint64,
     text = ProtoField.string,
+    characters = ProtoField.string,
+    count = ProtoField.uint32,
     texts = ProtoField.string,
     record = ProtoField.bytes,
     block = ProtoField.bytes,
     text_block = ProtoField.string,
-    counters = ProtoField.bytes,
+    counters = ProtoField.uint32,
     ids = ProtoField.uint32,
 }
 
@@ -205,6 +209,8 @@ local expert = {
                             expert.group.SEQUENCE, expert.severity.WARN),
     interrupts = ProtoExpert.new("qel.interrupts", "The message before was not complete",
                                  expert.group.SEQUENCE, expert.severity.WARN),
+    incomplete = ProtoExpert.new("qel.incomplete", "Packet of a message that is not complete",
+                                 expert.group.SEQUENCE, expert.severity.WARN),
     packet = ProtoExpert.new("qel.bad_packet", "Packet that breaks the rules of the link",
                              expert.group.PROTOCOL, expert.severity.ERROR),
     short = ProtoExpert.new("qel.short_packet", "Not full, although the message goes on",
@@ -214,8 +220,8 @@ local expert = {
     unknown = ProtoExpert.new("qel.unknown_type", "Type that the catalogue does not have",
                               expert.group.UNDECODED, expert.severity.NOTE),
 }
-qel.experts = { expert.crc, expert.stray, expert.interrupts, expert.packet, expert.short, expert.message,
-                expert.unknown }
+qel.experts = { expert.crc, expert.stray, expert.interrupts, expert.incomplete, expert.packet, expert.short,
+                expert.message, expert.unknown }
 
 -- ---- CRC: polynomial 0x1021, start 0x1D0F ----
 
@@ -260,18 +266,23 @@ local function store(state, packet, header_size)
     return #part < n
 end
 
--- Finds out what the packet does; `packet` is a string.
-local function follow(packet, direction)
+-- Finds out what the packet, a string, of frame `number` does.
+local function follow(packet, direction, number)
     local info = {}
     if packet:byte(1) < 0x80 then
         info.interrupts = progress[direction] ~= nil
+        if info.interrupts then
+            info.interrupted = progress[direction].began
+            progress[direction].interrupted_in = number
+        end
         if #packet <= 6 then
             info.bad_packet = true
             progress[direction] = nil
             return info
         end
         local b1, b2, b3, b4, b5, b6 = packet:byte(1, 6)
-        progress[direction] = { remaining = ((b1 * 256 + b2) * 256 + b3) * 256 + b4, crc = b5 * 256 + b6, parts = {} }
+        progress[direction] = { remaining = ((b1 * 256 + b2) * 256 + b3) * 256 + b4, crc = b5 * 256 + b6, parts = {},
+                                began = number }
         info.header_size = 6
         if progress[direction].remaining == 0 then
             info.bad_packet = true
@@ -288,6 +299,7 @@ local function follow(packet, direction)
     end
     local state = progress[direction]
     if not info.bad_packet and state then
+        info.state = state
         info.short = store(state, packet, info.header_size)
         if state.remaining == 0 then
             info.message = table.concat(state.parts)
@@ -303,8 +315,8 @@ local function little32(bytes, offset)
     return ((b4 * 256 + b3) * 256 + b2) * 256 + b1
 end
 
--- Returns what is wrong with a message, or nil. All fields of one that is right lie inside it.
-local function check(bytes)
+-- Returns what breaks the rules of all messages, or nil.
+local function broken_rule(bytes)
     if #bytes < 8 then
         return "shorter than a header"
     end
@@ -313,14 +325,23 @@ local function check(bytes)
         return "it says that it has " .. size .. " bytes, there are " .. #bytes
     end
     local entry = catalogue[little32(bytes, 0)]
+    if entry and entry.sequenced and #bytes < 12 then
+        return "too short for a number"
+    end
+    if entry and entry.sequenced and bytes:byte(9) == 0 then
+        return "its number is 0"
+    end
+    return nil
+end
+
+-- Returns why the catalogue does not describe a message, or nil. All fields of one that fits lie inside it.
+local function misfit(bytes)
+    local entry = catalogue[little32(bytes, 0)]
     if not entry then
         return nil
     end
-    if entry.sequenced and #bytes < 12 then
-        return "too short for a number"
-    end
-    if entry.sequenced and bytes:byte(9) == 0 then
-        return "its number is 0"
+    if entry.size_max ~= 0 and #bytes > entry.size_max then
+        return #bytes .. " bytes, more than " .. entry.size_max
     end
     if entry.size ~= 0 and entry.size ~= #bytes then
         return #bytes .. " bytes instead of " .. entry.size
@@ -364,6 +385,9 @@ local function up_to_nul(range)
     return (range:raw():match("^[^%z]*"))
 end
 
+-- A list shows as a field for each entry.
+local list_kinds = { counters = true, ids = true }
+
 local function show_field(tree, tvb, field)
     local range = tvb(field.offset, field.size)
     if field.count_proto then
@@ -373,25 +397,45 @@ local function show_field(tree, tvb, field)
         end
         range = tvb(field.offset + field.size)
     end
-    if field.kind == "text" or field.kind == "text_block" then
+    if field.kind == "text" or field.kind == "characters" or field.kind == "text_block" then
         tree:add(field.proto, range, up_to_nul(range))
     elseif field.kind == "texts" then
         local count = math.min(tvb(math.ceil((field.offset + field.size) / 4) * 4, 4):le_uint(), field.size / 100)
         for i = 0, count - 1 do
             tree:add(field.proto, range(i * 100, 100), up_to_nul(range(i * 100, 100)))
         end
-    elseif field.kind == "ids" then
+    elseif list_kinds[field.kind] then
         for offset = 0, range:len() - 4, 4 do
             tree:add_le(field.proto, range(offset, 4))
         end
-    elseif field.kind == "value8" or field.kind == "value32" or field.kind == "value64" then
-        tree:add_le(field.proto, range)
+    elseif field.kind == "block" or field.kind == "record" then
+        tree:add(field.proto, range)
     else
-        local item = tree:add(field.proto, range)
-        if field.kind == "counters" and range:len() >= 4 then
-            item:append_text(" (" .. range(0, 4):le_uint() .. ".." .. range(range:len() - 4, 4):le_uint() .. ")")
-        end
+        tree:add_le(field.proto, range)
     end
+end
+
+-- What the catalogue does not describe is shown as it is.
+local function show_body(tree, tvb, entry)
+    local offset = entry and entry.sequenced and 12 or 8
+    if tvb:len() > offset then
+        tree:add(f.body, tvb(offset))
+    end
+end
+
+local function show_head(tree, tvb, entry)
+    if tvb:len() >= 8 then
+        tree:add_le(f.type, tvb(0, 4))
+        tree:add_le(f.size, tvb(4, 4))
+    end
+    if entry and entry.sequenced and tvb:len() > 8 then
+        tree:add(f.sequence, tvb(8, 1))
+    end
+end
+
+-- Returns what is wrong with a message that travelled well, or nil.
+local function problem_of(bytes)
+    return broken_rule(bytes) or misfit(bytes)
 end
 
 local function show_message(tree, info)
@@ -399,32 +443,26 @@ local function show_message(tree, info)
     local entry = #info.message >= 4 and catalogue[little32(info.message, 0)] or nil
     local name = entry and entry.name or "unknown"
     local message = tree:add(f.message, tvb(), name)
-    local problem = check(info.message)
-    if #info.message >= 8 then
-        message:add_le(f.type, tvb(0, 4))
-        message:add_le(f.size, tvb(4, 4))
-    end
+    local problem = problem_of(info.message)
+    show_head(message, tvb, entry)
     if problem then
         message:add_proto_expert_info(expert.message, "Message that is not as the catalogue has it: " .. problem)
-        return name
-    end
-    if not entry then
+    elseif not entry then
         message:add_proto_expert_info(expert.unknown)
-    elseif entry.sequenced then
-        message:add(f.sequence, tvb(8, 1))
     end
-    if #info.message > 8 and (not entry or entry.size == 0 and #entry.fields == 0) then
-        message:add(f.body, tvb(8))
-    end
-    for _, field in ipairs(entry and entry.fields or {}) do
-        show_field(message, tvb, field)
+    if problem or not entry or entry.size == 0 and #entry.fields == 0 then
+        show_body(message, tvb, entry)
+    else
+        for _, field in ipairs(entry.fields) do
+            show_field(message, tvb, field)
+        end
     end
     for _, link in ipairs({ "confirms", "confirmed_in", "repeats" }) do
         if info[link] then
             message:add(f[link], info[link]):set_generated()
         end
     end
-    if entry and entry.sequenced then
+    if entry and entry.sequenced and #info.message > 8 then
         name = name .. " number " .. info.message:byte(9)
     end
     return name
@@ -455,9 +493,9 @@ function qel.dissector(tvb, pinfo, root)
     end
     local info = frames[pinfo.number]
     if not info then
-        info = follow(tvb:raw(), pinfo.p2p_dir)
+        info = follow(tvb:raw(), pinfo.p2p_dir, pinfo.number)
         frames[pinfo.number] = info
-        if info.crc_right and not check(info.message) then
+        if info.crc_right and not broken_rule(info.message) then
             link_confirm(info, pinfo.number, pinfo.p2p_dir)
         end
     end
@@ -470,7 +508,18 @@ function qel.dissector(tvb, pinfo, root)
             tree:add_proto_expert_info(shown)
         end
     end
+    if info.interrupted then
+        tree:add(f.interrupted, info.interrupted):set_generated()
+    end
     local summary = info.header_size == 6 and "First packet" or "Continuation"
+    -- At a second visit it is known what has come of the message.
+    if pinfo.visited and info.state and info.state.remaining > 0 then
+        tree:add_proto_expert_info(expert.incomplete)
+        if info.state.interrupted_in then
+            tree:add(f.interrupted_in, info.state.interrupted_in):set_generated()
+        end
+        summary = summary .. " of a message that is not complete"
+    end
     if info.message then
         tree:add(f.crc_right, info.crc_right):set_generated()
         if info.crc_right then
