@@ -72,7 +72,7 @@ void record_every_message(const ScratchFolder &scratch, const std::string &recor
         {"test-pattern"},
         {"test-pattern", "--sequenced"},
         {"post", "transfer_begin", "41"},
-        {"post", "transfer_data", local},
+        {"post", "transfer_data", "block=@" + local},
         {"post", "transfer_end"},
         {"post", "notify_11"},
         {"post", "notify_12"},
@@ -89,10 +89,10 @@ void record_every_message(const ScratchFolder &scratch, const std::string &recor
         {"post", "post_33", "name 33"},
         {"post", "post_34"},
         {"post", "post_45", "46"},
-        {"update", local},
+        {"update", "--force", local},
     };
     for (std::vector<std::string> call : calls) {
-        call.insert(call.end(), {"--socket", socket, "--no-pacing"});
+        call.insert(call.end(), {"--socket", socket, "--no-pacing", "--unverified-ok"});
         Ended ended = host(call);
         ASSERT_EQ(ended.code, 0) << call[0] << " " << call[1] << ": " << ended.err;
     }
