@@ -141,8 +141,8 @@ TEST(Wireshark, ShowsEveryFieldOfEveryMessageAndNoComplaint)
     EXPECT_THAT(values["qel.query_23.items"], ElementsAre("item one", "item two"));
     EXPECT_THAT(values["qel.query_23.count"], ElementsAre("2"));
     EXPECT_THAT(values["qel.reply_24.text"], ElementsAre("the answer"));
-    EXPECT_THAT(values["qel.path_exists.path"], ElementsAre("/plugins/3"));
-    EXPECT_THAT(values["qel.reply_path_exists.exists"], ElementsAre("1"));
+    EXPECT_THAT(values["qel.path_exists.path"], ElementsAre("/plugins/3", "/sent/file"));
+    EXPECT_THAT(values["qel.reply_path_exists.exists"], ElementsAre("0", "1"));
     EXPECT_THAT(values["qel.post_32.value"], ElementsAre("45"));
     EXPECT_THAT(values["qel.info.c"], ElementsAre("23"));
     EXPECT_THAT(values["qel.get_item_size.value2"], ElementsAre("32"));
