@@ -192,7 +192,8 @@ TEST(Catalogue, FindsWhatIsWrongWithAMessage)
 TEST(Describe, ShowsBrokenAndUnknownMessages)
 {
     EXPECT_EQ(described("0b 00"), "broken message: 2 bytes, shorter than a header: 2 bytes 0b 00");
-    EXPECT_EQ(described("05 00 00 00 08 00 00 00"), "connect (5), 8 bytes: body=0 bytes: DOES NOT FIT: 8 bytes instead of 12");
+    EXPECT_EQ(described("05 00 00 00 08 00 00 00"),
+              "connect (5), 8 bytes: body=0 bytes: DOES NOT FIT: 8 bytes instead of 12");
     EXPECT_EQ(described("4d 00 00 00 09 00 00 00 61"), "type 77, 9 bytes: body=1 bytes 61");
 }
 

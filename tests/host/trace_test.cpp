@@ -36,9 +36,10 @@ TEST(Trace, PrintsABrokenRecordingAsFarAsItGoes)
     Ended trace = host({"trace", scratch.at("cut")});
     EXPECT_EQ(trace.code, 3);
     EXPECT_THAT(trace.out, HasSubstr("connect_answer (38), 12 bytes: value=42 (CRC right)"));
-    EXPECT_EQ(trace.err, "error: file " + scratch.at("cut") +
-                             ": the recording is broken: cut off in the middle of a block (at byte 1304); what "
-                             "came before is shown, record it anew for the rest\n");
+    EXPECT_EQ(trace.err,
+              "error: file " + scratch.at("cut") +
+                  ": the recording is broken: cut off in the middle of a block (at byte 1304); what "
+                  "came before is shown, record it anew for the rest\n");
 }
 
 TEST(Trace, SaysWhichFileIsNotARecording)
