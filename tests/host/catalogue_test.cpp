@@ -7,7 +7,7 @@
 #include <sstream>
 
 #include "catalogue.h"
-#include "describe.h"
+#include "fields.h"
 #include "qel_tolbrin/qel_sysmsg.h"
 #include "support.h"
 
@@ -28,7 +28,8 @@ std::string described(const std::string &hex)
 
 std::string checked(const std::string &hex)
 {
-    return catalogue_check(span_of(bytes(hex)));
+    std::string message = bytes(hex), broken = broken_rule(span_of(message));
+    return broken.empty() ? misfit(span_of(message)) : broken;
 }
 
 /// A connection whose peer confirms everything and answers nothing.
@@ -191,13 +192,14 @@ TEST(Catalogue, FindsWhatIsWrongWithAMessage)
 TEST(Describe, ShowsBrokenAndUnknownMessages)
 {
     EXPECT_EQ(described("0b 00"), "broken message: 2 bytes, shorter than a header: 2 bytes 0b 00");
-    EXPECT_EQ(described("05 00 00 00 08 00 00 00"), "connect (5), 8 bytes: BROKEN: 8 bytes instead of 12");
-    EXPECT_EQ(described("4d 00 00 00 09 00 00 00 61"), "type 77, 9 bytes: 1 bytes 61");
+    EXPECT_EQ(described("05 00 00 00 08 00 00 00"),
+              "connect (5), 8 bytes: body=0 bytes: DOES NOT FIT: 8 bytes instead of 12");
+    EXPECT_EQ(described("4d 00 00 00 09 00 00 00 61"), "type 77, 9 bytes: body=1 bytes 61");
 }
 
 TEST(Describe, EscapesWhatCouldUpsetATerminal)
 {
-    EXPECT_EQ(quoted(std::string("a\x1b[2J\"\\\n\xff")), "\"a\\x1b[2J\\\"\\\\\\x0a\\xff\"");
+    EXPECT_EQ(in_quotes(std::string("a\x1b[2J\"\\\n\xff")), "\"a\\x1b[2J\\\"\\\\\\x0a\\xff\"");
     EXPECT_EQ(described("07 00 00 00 13 00 00 00 02 00 00 00 03 00 00 00 61 1b 00"),
               "file_begin (7) number 2, 19 bytes: path=\"a\\x1b\"");
 }

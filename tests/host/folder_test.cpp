@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "errors.h"
-#include "folder.h"
+#include "commands/folder.h"
 #include "support.h"
 
 namespace fs = std::filesystem;
@@ -36,7 +36,7 @@ struct Served : testing::Test {
         std::string problem = incoming_begin(incoming, folder, path);
         if (!problem.empty())
             return problem;
-        problem = incoming_add(incoming, {reinterpret_cast<const uint8_t *>(content.data()), content.size()});
+        problem = incoming_add(incoming, content);
         return problem.empty() ? incoming_end(incoming, 0644) : problem;
     }
 };
@@ -142,7 +142,7 @@ TEST_F(ServedFolder, AFolderIsNotReplacedByAFile)
 
 TEST_F(ServedFolder, DataAndEndWithoutABeginAreRefused)
 {
-    EXPECT_EQ(incoming_add(incoming, {}), "no file has begun");
+    EXPECT_EQ(incoming_add(incoming, ""), "no file has begun");
     EXPECT_EQ(incoming_end(incoming, 0644), "no file has begun");
 }
 
@@ -150,6 +150,6 @@ TEST(FolderOpen, WantsAFolder)
 {
     ScratchFolder scratch;
     put_file(scratch.at("file"), "");
-    EXPECT_THROW(folder_open(scratch.at("nothing")), FileError);
-    EXPECT_THROW(folder_open(scratch.at("file")), FileError);
+    EXPECT_THROW(folder_open(scratch.at("nothing")), Failure);
+    EXPECT_THROW(folder_open(scratch.at("file")), Failure);
 }

@@ -75,25 +75,13 @@ TEST(RecordingReader, ReadsWhatTheWriterWrites)
     EXPECT_EQ(contents.problem, "");
 }
 
-TEST(RecordingReader, ReadsTheOtherByteOrder)
-{
-    Read contents(
-        bytes("0a 0d 0d 0a  00 00 00 1c  1a 2b 3c 4d  00 01 00 00  ff ff ff ff ff ff ff ff  00 00 00 1c"
-              "00 00 00 01  00 00 00 14  00 93 00 00  00 00 00 40  00 00 00 14"
-              "00 00 00 06  00 00 00 30  00 00 00 00  00 00 00 00  00 00 00 09  00 00 00 02  00 00 00 02"
-              "80 61 00 00  00 02 00 04 00 00 00 01  00 00 00 00  00 00 00 30"));
-    EXPECT_EQ(contents.problem, "");
-    ASSERT_THAT(contents.packets, SizeIs(1));
-    EXPECT_EQ(contents.packets[0].time_us, 9u);
-    EXPECT_EQ(contents.packets[0].direction, Direction::inbound);
-    EXPECT_EQ(text_of(contents.packets[0].bytes), bytes("80 61"));
-}
-
 TEST(RecordingReader, FollowsTheResolutionOfTheInterface)
 {
-    // Option 9 with 9: nanoseconds; then with 0x8a: 1/1024 s.
+    // Option 9 with 9: nanoseconds; with 3: milliseconds; with 0x8a: 1/1024 s, which nothing writes here.
     const std::string nanoseconds = bytes("01 00 00 00  20 00 00 00  93 00 00 00  40 00 00 00"
                                           "09 00 01 00 09 00 00 00  00 00 00 00  20 00 00 00");
+    const std::string milliseconds = bytes("01 00 00 00  20 00 00 00  93 00 00 00  40 00 00 00"
+                                           "09 00 01 00 03 00 00 00  00 00 00 00  20 00 00 00");
     const std::string binary = bytes("01 00 00 00  20 00 00 00  93 00 00 00  40 00 00 00"
                                      "09 00 01 00 8a 00 00 00  00 00 00 00  20 00 00 00");
     // 2048 ticks.
@@ -101,8 +89,9 @@ TEST(RecordingReader, FollowsTheResolutionOfTheInterface)
                                       "01 00 00 00  01 00 00 00  80 00 00 00  24 00 00 00");
     ASSERT_THAT(Read(section + nanoseconds + at_2048).packets, SizeIs(1));
     EXPECT_EQ(Read(section + nanoseconds + at_2048).packets[0].time_us, 2u);
-    EXPECT_EQ(Read(section + binary + at_2048).packets.at(0).time_us, 2000000u);
-    EXPECT_EQ(Read(section + binary + at_2048).packets.at(0).direction, Direction::unknown);
+    EXPECT_EQ(Read(section + milliseconds + at_2048).packets.at(0).time_us, 2048000u);
+    EXPECT_EQ(Read(section + milliseconds + at_2048).packets.at(0).direction, Direction::unknown);
+    EXPECT_EQ(Read(section + binary + at_2048).problem, "time resolution out of range (at byte 28)");
 }
 
 TEST(RecordingReader, LeavesOutOtherLinkTypesAndUnknownBlocks)
@@ -135,7 +124,10 @@ TEST(RecordingReader, NamesTheProblemOfABrokenFileAndKeepsWhatCameBefore)
         {"empty", "", "not a pcapng file (at byte 0)"},
         {"another format", "hello world, this is text", "not a pcapng file (at byte 0)"},
         {"no byte order", bytes("0a 0d 0d 0a  1c 00 00 00  00 00 00 00"),
-         "no byte order in the section header (at byte 0)"},
+         "not a little-endian pcapng file (at byte 0)"},
+        {"the other byte order",
+         bytes("0a 0d 0d 0a  00 00 00 1c  1a 2b 3c 4d  00 01 00 00  ff ff ff ff ff ff ff ff  00 00 00 1c"),
+         "not a little-endian pcapng file (at byte 0)"},
         {"section too short", bytes("0a 0d 0d 0a  10 00 00 00  4d 3c 2b 1a  10 00 00 00"),
          "section header too short (at byte 0)"},
         {"another version",

@@ -48,7 +48,7 @@ std::string bytes(const std::string &hex)
     std::string result;
     for (size_t i = 0; i < hex.size();) {
         if (hex[i] == ' ') {
-            i++;
+            ++i;
             continue;
         }
         result += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));

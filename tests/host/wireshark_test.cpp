@@ -72,7 +72,7 @@ void record_every_message(const ScratchFolder &scratch, const std::string &recor
         {"test-pattern"},
         {"test-pattern", "--sequenced"},
         {"post", "transfer_begin", "41"},
-        {"post", "transfer_data", local},
+        {"post", "transfer_data", "block=@" + local},
         {"post", "transfer_end"},
         {"post", "notify_11"},
         {"post", "notify_12"},
@@ -89,10 +89,10 @@ void record_every_message(const ScratchFolder &scratch, const std::string &recor
         {"post", "post_33", "name 33"},
         {"post", "post_34"},
         {"post", "post_45", "46"},
-        {"update", local},
+        {"update", "--force", local},
     };
     for (std::vector<std::string> call : calls) {
-        call.insert(call.end(), {"--socket", socket, "--no-pacing"});
+        call.insert(call.end(), {"--socket", socket, "--no-pacing", "--unverified-ok"});
         Ended ended = host(call);
         ASSERT_EQ(ended.code, 0) << call[0] << " " << call[1] << ": " << ended.err;
     }
@@ -141,8 +141,8 @@ TEST(Wireshark, ShowsEveryFieldOfEveryMessageAndNoComplaint)
     EXPECT_THAT(values["qel.query_23.items"], ElementsAre("item one", "item two"));
     EXPECT_THAT(values["qel.query_23.count"], ElementsAre("2"));
     EXPECT_THAT(values["qel.reply_24.text"], ElementsAre("the answer"));
-    EXPECT_THAT(values["qel.path_exists.path"], ElementsAre("/plugins/3"));
-    EXPECT_THAT(values["qel.reply_path_exists.exists"], ElementsAre("1"));
+    EXPECT_THAT(values["qel.path_exists.path"], ElementsAre("/plugins/3", "/sent/file"));
+    EXPECT_THAT(values["qel.reply_path_exists.exists"], ElementsAre("0", "1"));
     EXPECT_THAT(values["qel.post_32.value"], ElementsAre("45"));
     EXPECT_THAT(values["qel.info.c"], ElementsAre("23"));
     EXPECT_THAT(values["qel.get_item_size.value2"], ElementsAre("32"));
