@@ -1,5 +1,5 @@
-// Announcements of the host (type 5): every half second, each with a value of its own, so that an answer shows
-// which one it answers, and that it answers this process.
+// Announcements of the host (type 5): every half second, each with a value of its own, so that an answer
+// shows which one it answers, and that it answers this process.
 #pragma once
 
 #include "session.h"
@@ -8,8 +8,8 @@
 #include <optional>
 
 struct Announcer {
-    uint32_t next_value;            ///< of the next announcement
-    double next_at = 0;             ///< when it is due, as by seconds_now
+    uint32_t next_value; ///< of the next announcement
+    double next_at = 0;  ///< when it is due, as by seconds_now
     unsigned sent = 0;
     std::map<uint32_t, double> open = {}; ///< values without an answer yet, and when they were sent
 };

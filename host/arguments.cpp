@@ -26,18 +26,20 @@ std::string to_text(const CatalogueMessage &message, const CatalogueField &field
 {
     uint32_t most = text_max(message, field);
     if (word.size() > most)
-        wrong_call(std::string(field.name) + " has " + std::to_string(word.size()) + " bytes, and " + message.name +
-                   " takes at most " + std::to_string(most) + ": shorten it");
+        wrong_call(std::string(field.name) + " has " + std::to_string(word.size()) + " bytes, and " +
+                   message.name + " takes at most " + std::to_string(most) + ": shorten it");
     return word;
 }
 
-std::string to_field_bytes(const CatalogueMessage &message, const CatalogueField &field, const std::string &word)
+std::string to_field_bytes(const CatalogueMessage &message, const CatalogueField &field,
+                           const std::string &word)
 {
     std::string bytes = to_bytes(word);
-    uint64_t most = (message.size_max == 0 ? message_bytes_max : message.size_max) - field.offset - field.size;
+    uint64_t most =
+        (message.size_max == 0 ? message_bytes_max : message.size_max) - field.offset - field.size;
     if (field.kind == FieldKind::record && bytes.size() != field.size)
-        wrong_call(std::string(field.name) + " has " + std::to_string(field.size) + " bytes, \"" + word + "\" has " +
-                   std::to_string(bytes.size()));
+        wrong_call(std::string(field.name) + " has " + std::to_string(field.size) + " bytes, \"" + word +
+                   "\" has " + std::to_string(bytes.size()));
     if (field.kind == FieldKind::block && bytes.size() > most)
         wrong_call(std::string(field.name) + " takes at most " + std::to_string(most) + " bytes: send less");
     return bytes;
@@ -75,7 +77,8 @@ uint64_t to_number(const std::string &word, uint64_t most)
     bool is_hex = word.size() > 2 && word[0] == '0' && (word[1] | 0x20) == 'x';
     std::string digits = is_hex ? word.substr(2) : word;
     bool is_number = !digits.empty();
-    is_number = is_number && digits.find_first_not_of(is_hex ? "0123456789abcdefABCDEF" : "0123456789") == std::string::npos;
+    is_number = is_number && digits.find_first_not_of(is_hex ? "0123456789abcdefABCDEF" : "0123456789") ==
+                                 std::string::npos;
     errno = 0;
     unsigned long long value = strtoull(digits.c_str(), nullptr, is_hex ? 16 : 10);
     if (!is_number || errno != 0 || value > most)
@@ -153,7 +156,8 @@ std::string read_piece(const LocalFile &file, uint64_t offset, size_t count)
     std::string bytes(count, 0);
     size_t done = 0;
     while (done < count) {
-        ssize_t n = pread(file.descriptor.number, &bytes[done], count - done, static_cast<off_t>(offset + done));
+        ssize_t n =
+            pread(file.descriptor.number, &bytes[done], count - done, static_cast<off_t>(offset + done));
         if (n < 0 && errno != EINTR)
             bad_file(file.path, strerror(errno) + std::string("; it cannot be read to its end"));
         if (n == 0)

@@ -1,5 +1,5 @@
-// Words of the command line as values, fields and files. What does not fit is thrown as Failure: wrong_call, or
-// bad_file.
+// Words of the command line as values, fields and files. What does not fit is thrown as Failure: wrong_call,
+// or bad_file.
 #pragma once
 
 #include "common/files.h"
@@ -16,7 +16,8 @@ uint64_t to_number(const std::string &word, uint64_t most);
 /// Pairs of hexadecimal digits, blanks and colons between them are welcome; or @FILE, the bytes of a file.
 std::string to_bytes(const std::string &word);
 
-/// A message of the catalogue by name or number; null for a number that it does not have. `type` is the number.
+/// A message of the catalogue by name or number; null for a number that it does not have. `type` is the
+/// number.
 const CatalogueMessage *to_message(const std::string &word, uint32_t &type);
 
 /// What a field gets from a word; a list field, from several.

@@ -12,6 +12,15 @@
 namespace
 {
 
+const double no_end = std::numeric_limits<double>::infinity();
+
+/// The seconds of a command begin with the opening of its link.
+void limit_time(Session &session, const Command &command)
+{
+    if (command.seconds > 0 && session.ends_at == no_end)
+        session.ends_at = seconds_now() + command.seconds;
+}
+
 /// Waits for one peer, then takes the socket away again.
 void wait_for_peer(Session &session, const std::string &path, double wait_s)
 {
@@ -50,6 +59,7 @@ void open_link(Session &session, const LinkOptions &options, const Command &comm
     Transport &transport = session.link.transport;
     session.name = name_of(place);
     session_start(session);
+    limit_time(session, command);
     transport.paced = !options.unpaced;
     if (!options.record.empty())
         transport_record(transport, options.record);
@@ -62,6 +72,9 @@ void open_link(Session &session, const LinkOptions &options, const Command &comm
             wait_for_peer(session, place.path, options.wait_s);
     } catch (const Failure &) {
         throw;
+    } catch (const TimeUp &) {
+        throw Failure(fault::cannot_open,
+                      session.name + ": nobody has come in time; start the other end first");
     } catch (const std::runtime_error &error) {
         throw Failure(fault::cannot_open, error.what());
     }
@@ -72,6 +85,8 @@ Ended carry_out(const Command &command, Session &session, bool unverified_ok)
     Ended ended = {.command = command.name, .link = session.name};
     Outcome outcome = {.proof = command.shows_proof ? Json("none") : Json()};
     const double started_at = seconds_now();
+    session.ends_in_order = command.watches;
+    limit_time(session, command);
     try {
         command.run(session, outcome);
     } catch (const Failure &failure) {
@@ -87,12 +102,15 @@ Ended carry_out(const Command &command, Session &session, bool unverified_ok)
     ended.seconds = round((seconds_now() - started_at) * 1000) / 1000;
     session.on_message = nullptr;
     session.link.on_progress = nullptr;
-    session.outlives_peer = false;
+    session.outlives_peer = session.ends_in_order = false;
+    session.ends_at = no_end;
     return ended;
 }
 
 Ended failed(const std::string &command, const std::exception &reason)
 {
     const auto *failure = dynamic_cast<const Failure *>(&reason);
-    return {.command = command, .fault = failure == nullptr ? fault::internal : failure->fault, .text = reason.what()};
+    return {.command = command,
+            .fault = failure == nullptr ? fault::internal : failure->fault,
+            .text = reason.what()};
 }

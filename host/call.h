@@ -24,13 +24,14 @@ struct Outcome {
 /// A command and its options. The functions are made by its add_...
 struct Command {
     std::string name = {};
-    bool has_link = true;         ///< it talks to the other end
-    bool takes_several = false;   ///< links at once
-    bool takes_peers = false;     ///< with --listen it waits for them itself
-    bool shows_proof = false;     ///< its result says what has shown that it is done
-    bool reads_input = false;     ///< standard input is its file
-    bool is_endless = false;      ///< it goes on until it is interrupted
-    std::function<void()> check = {};  ///< throws Failure for what can be judged without the link
+    bool has_link = true;             ///< it talks to the other end
+    bool takes_several = false;       ///< links at once
+    bool takes_peers = false;         ///< with --listen it waits for them itself
+    bool shows_proof = false;         ///< its result says what has shown that it is done
+    bool reads_input = false;         ///< standard input is its file
+    bool watches = false;             ///< it goes on for its seconds, or until it is interrupted
+    double seconds = 0;               ///< 0: until it is interrupted
+    std::function<void()> check = {}; ///< throws Failure for what can be judged without the link
     std::function<void(Session &session, Outcome &outcome)> run = {};
     std::function<std::string(const Json &result)> answer_of = {}; ///< what a query prints, from its result
 };
@@ -69,8 +70,8 @@ Ended carry_out(const Command &command, Session &session, bool unverified_ok);
 /// The result of what could not even begin.
 Ended failed(const std::string &command, const std::exception &reason);
 
-/// Runs the command of the call on each of its links at once, and prints a line as each ends. Returns the exit
-/// code.
+/// Runs the command of the call on each of its links at once, and prints a line as each ends. Returns the
+/// exit code.
 int run_on_several(const Call &call);
 
 // ---- The commands; each adds its subcommand, which sets `command` when it is called ----

@@ -117,8 +117,8 @@ std::string misfit_of_rest(Bytes message, const CatalogueField &rest)
     uint64_t length = qel_sysmsg_get32(message.data(), static_cast<int>(rest.offset));
     uint64_t bytes = rest.kind == ids ? length * 4 : length;
     if (bytes != message.size() - head)
-        return std::string("the length of its ") + rest.name + " says " + number(bytes) + " bytes, there are " +
-               number(message.size() - head);
+        return std::string("the length of its ") + rest.name + " says " + number(bytes) +
+               " bytes, there are " + number(message.size() - head);
     return "";
 }
 
@@ -148,7 +148,8 @@ bool is_assigned(const CatalogueMessage &message)
 std::string catalogue_name(uint32_t type)
 {
     const CatalogueMessage *message = catalogue_find(type);
-    return message == nullptr ? "type " + number(type) : std::string(message->name) + " (" + number(type) + ")";
+    return message == nullptr ? "type " + number(type)
+                              : std::string(message->name) + " (" + number(type) + ")";
 }
 
 const char *kind_name(FieldKind kind)
@@ -202,10 +203,12 @@ std::string catalogue_as_lua()
     for (const CatalogueMessage &message : messages) {
         lua += "    [" + number(message.type) + "] = { name = \"" + message.name +
                "\", sequenced = " + (qel_sysmsg_has_sequence(message.type) ? "true" : "false") +
-               ", size = " + number(message.size) + ", size_max = " + number(message.size_max) + ", fields = {";
+               ", size = " + number(message.size) + ", size_max = " + number(message.size_max) +
+               ", fields = {";
         for (const CatalogueField &field : message.fields)
-            lua += std::string("\n        { name = \"") + field.name + "\", offset = " + number(field.offset) +
-                   ", size = " + number(field.size) + ", kind = \"" + kind_name(field.kind) + "\" },";
+            lua += std::string("\n        { name = \"") + field.name +
+                   "\", offset = " + number(field.offset) + ", size = " + number(field.size) + ", kind = \"" +
+                   kind_name(field.kind) + "\" },";
         lua += message.fields.empty() ? "} },\n" : "\n    } },\n";
     }
     return lua + "}\n";
@@ -243,8 +246,8 @@ std::string catalogue_as_markdown()
             size = (message.fields[0].kind == ids ? "4n + " : "n + ") +
                    number(message.fields[0].offset + message.fields[0].size);
         rows += "| " + number(message.type) + " | " + message.name + " | " + size + " | " + fields +
-                (fields.empty() ? "| " : " | ") +
-                (message.answer == 0 ? "" : number(message.answer) + " ") + "|\n";
+                (fields.empty() ? "| " : " | ") + (message.answer == 0 ? "" : number(message.answer) + " ") +
+                "|\n";
     }
     return rows;
 }

@@ -1,6 +1,6 @@
-// The messages of the host link as data: type, name, size, answer and fields of each. The only place that knows
-// where fields are: what shows, builds and checks messages (fields.h), the Wireshark dissector and the wire
-// document have it from here.
+// The messages of the host link as data: type, name, size, answer and fields of each. The only place that
+// knows where fields are: what shows, builds and checks messages (fields.h), the Wireshark dissector and the
+// wire document have it from here.
 #pragma once
 
 #include <stdint.h>
@@ -72,8 +72,8 @@ uint32_t body_offset(uint32_t type);
 /// nothing is.
 std::string broken_rule(Bytes message);
 
-/// The same by what the catalogue knows of its type: its size, the length of its block. Every field of a message
-/// that passes lies inside it.
+/// The same by what the catalogue knows of its type: its size, the length of its block. Every field of a
+/// message that passes lies inside it.
 std::string misfit(Bytes message);
 
 /// The catalogue as the Lua table of the dissector.

@@ -52,4 +52,5 @@ struct Failure : std::runtime_error {
 };
 
 /// The time that a command was given is over, or the user has ended a command that would go on forever.
-struct TimeUp {};
+struct TimeUp {
+};

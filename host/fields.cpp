@@ -1,5 +1,5 @@
-// Every function that looks into a message goes through the catalogue's offsets. Layout of the rest of a message:
-// a 32-bit number at the field's offset, then what it counts.
+// Every function that looks into a message goes through the catalogue's offsets. Layout of the rest of a
+// message: a 32-bit number at the field's offset, then what it counts.
 
 #include "fields.h"
 
@@ -119,7 +119,8 @@ std::string describe_counters(const Numbers &counters)
         return "0 values";
     return std::to_string(counters.size()) + " values " + std::to_string(counters.front()) + ".." +
            std::to_string(counters.back()) +
-           (in_order == counters.size() ? "" : ", out of order from the " + std::to_string(in_order + 1) + ". on");
+           (in_order == counters.size() ? ""
+                                        : ", out of order from the " + std::to_string(in_order + 1) + ". on");
 }
 
 template <typename List, typename Show> std::string bracketed(const List &list, Show show)
@@ -270,7 +271,7 @@ Json message_json(Bytes message)
                 fields[field.name] = hex(std::get<std::string>(value));
         }
     return {{"type", type},
-            {"name", known == nullptr ? Json() : Json(known->name)},
+            {"name", known != nullptr && is_assigned(*known) ? Json(known->name) : Json()},
             {"number", number_of(message) == 0 ? Json() : Json(number_of(message))},
             {"size", message.size()},
             {"fields", fields}};

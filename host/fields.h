@@ -34,8 +34,8 @@ FieldValues fields_of(Bytes message);
 /// How much a text of this field may have, in bytes.
 uint32_t text_max(const CatalogueMessage &message, const CatalogueField &field);
 
-/// Builds a message: lengths and counts are computed, and what `values` lacks is zero. Texts must not be longer
-/// than text_max, records must have their length.
+/// Builds a message: lengths and counts are computed, and what `values` lacks is zero. Texts must not be
+/// longer than text_max, records must have their length.
 Message build_message(uint32_t type, const FieldValues &values = {});
 
 /// Builds a message of any type whose body is given.
@@ -45,7 +45,8 @@ Message build_raw(uint32_t type, const std::string &body);
 Json message_json(Bytes message);
 
 /// A message in one line: name, type, number, size and every field, as in
-/// `get_plugin_size (43) number 7, 24 bytes: plugin_id=3`. What is wrong with it comes last. Any bytes will do.
+/// `get_plugin_size (43) number 7, 24 bytes: plugin_id=3`. What is wrong with it comes last. Any bytes will
+/// do.
 std::string describe_message(Bytes message);
 
 /// Characters as a quoted text; what could upset a terminal is escaped.

@@ -1,5 +1,5 @@
-// qel-host: the other end of the host link, for people who make, test and service cabinets. This file reads the
-// command line, opens the link, runs the command, prints its result and turns that into an exit code.
+// qel-host: the other end of the host link, for people who make, test and service cabinets. This file reads
+// the command line, opens the link, runs the command, prints its result and turns that into an exit code.
 
 #include "arguments.h"
 #include "call.h"
@@ -19,18 +19,26 @@
 namespace
 {
 
-const char *const exit_codes = "Exit codes: 0 done; 1 not done, or not known to be; 2 wrong call; 3 this computer;\n"
-                               "4 a check of the link's libraries; 5 interrupted; 6 sent, but nothing can show that\n"
-                               "it arrived. QEL_HOST_LINK=device:NODE, socket:PATH or listen:PATH says where the\n"
-                               "other end is when no option does.\n";
+const char *const exit_codes =
+    "Exit codes: 0 done; 1 not done, or not known to be; 2 wrong call; 3 this computer;\n"
+    "4 a check of the link's libraries; 5 interrupted; 6 sent, but nothing can show that\n"
+    "it arrived. QEL_HOST_LINK=device:NODE, socket:PATH or listen:PATH says where the\n"
+    "other end is when no option does.\n";
 
 // ---- Options ----
+
+const char *const link_group = "Where the other end is, and how to talk to it";
 
 void add_place(CLI::App &app, LinkOptions &options, const std::string &kind, const std::string &what)
 {
     app.add_option_function<std::string>(
-           "--" + kind, [&options, kind](const std::string &path) { options.places.push_back({kind, path}); }, what)
-        ->trigger_on_parse();
+           "--" + kind,
+           [&options, kind](const std::string &path) {
+               options.places.push_back({kind, path});
+           },
+           what)
+        ->trigger_on_parse()
+        ->group(link_group);
 }
 
 void add_options(CLI::App &app, Call &call)
@@ -40,14 +48,16 @@ void add_options(CLI::App &app, Call &call)
     app.add_flag("--quiet", call.output.quiet, "print errors only, besides results");
     app.add_flag("--verbose", call.output.verbose, "show every message, in and out");
     app.add_flag("--unverified-ok", call.unverified_ok, "exit code 0 instead of 6");
-    auto *group = app.add_option_group("Link", "Where the other end is, and how to talk to it");
-    add_place(*group, call.link, "device", "the board driver's node, as /dev/qellpc_host_comms");
-    add_place(*group, call.link, "socket", "a socket to connect to: the simulated cabinet, or a qel-host");
-    add_place(*group, call.link, "listen", "a socket to make and wait at for a peer");
-    group->add_option("--wait", call.link.wait_s, "seconds to try while nobody is at the socket (5)")
-        ->check(CLI::Range(0.0, 1e9));
-    group->add_flag("--no-pacing", call.link.unpaced, "no pause of 15 ms before each packet; not for a real board");
-    group->add_option("--record", call.link.record, "record the link to this pcapng file");
+    add_place(app, call.link, "device", "the board driver's node, as /dev/qellpc_host_comms");
+    add_place(app, call.link, "socket", "a socket to connect to: the simulated cabinet, or a qel-host");
+    add_place(app, call.link, "listen", "a socket to make and wait at for a peer");
+    app.add_option("--wait", call.link.wait_s, "seconds to try while nobody is at the socket (5)")
+        ->check(CLI::Range(0.0, 1e9))
+        ->group(link_group);
+    app.add_flag("--no-pacing", call.link.unpaced,
+                 "no pause of 15 ms before each packet; not for a real board")
+        ->group(link_group);
+    app.add_option("--record", call.link.record, "record the link to this pcapng file")->group(link_group);
 }
 
 void add_commands(CLI::App &app, Call &call)
@@ -89,9 +99,11 @@ void check_places(const LinkOptions &options, const Command &command)
         wrong_call("say where the other end is, with --device, --socket or --listen");
     if (options.places.size() == 1)
         return;
-    bool listens = std::ranges::any_of(options.places, [](const Place &place) { return place.kind == "listen"; });
+    bool listens =
+        std::ranges::any_of(options.places, [](const Place &place) { return place.kind == "listen"; });
     if (listens || !command.takes_several)
-        wrong_call("name one link; update, send-file, query, post and batch take several --device and --socket");
+        wrong_call(
+            "name one link; update, send-file, query, post and batch take several --device and --socket");
     if (!options.record.empty())
         wrong_call("a recording is of one link: leave out --record, or name one link");
 }
@@ -111,7 +123,8 @@ Ended run_on_link(Call &call)
     }
     ended.link = session.name;
     transport_read(session.link.transport); // so that the other end is not reset for what was not read
-    note(counts_text(session.link));
+    if (!ended.counts.is_null())
+        note(counts_text(session.link));
     return ended;
 }
 

@@ -1,5 +1,5 @@
-// Writes in pieces that a pipe takes whole, and only when it has room, so that a reader who has stopped reading
-// cannot keep the program from ending when it is interrupted.
+// Writes in pieces that a pipe takes whole, and only when it has room, so that a reader who has stopped
+// reading cannot keep the program from ending when it is interrupted.
 
 #include "output.h"
 

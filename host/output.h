@@ -16,8 +16,8 @@ struct OutputSettings {
 /// The settings of this process.
 extern OutputSettings output;
 
-/// Prints a line to standard output, at once, or with output_buffered(true) when enough has gathered. What cannot
-/// be written is thrown as Failure.
+/// Prints a line to standard output, at once, or with output_buffered(true) when enough has gathered. What
+/// cannot be written is thrown as Failure.
 void print_line(const std::string &line);
 void output_buffered(bool buffered);
 void flush_output();

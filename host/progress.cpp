@@ -49,7 +49,8 @@ void progress_show(Progress &progress, uint64_t done)
         if (done < progress.total && seconds_now() - progress.shown_at < redraw_every_s)
             return;
         progress.shown_at = seconds_now();
-        note_unended("\r" + bar_of(progress, done) + line_of(progress, done) + (done == progress.total ? " \n" : " "));
+        note_unended("\r" + bar_of(progress, done) + line_of(progress, done) +
+                     (done == progress.total ? " \n" : " "));
         return;
     }
     if (done * 10 / progress.total <= progress.tenths)

@@ -1,4 +1,5 @@
-// How far a long transmission is: a bar that is redrawn on a terminal, a line for each tenth elsewhere, as notes.
+// How far a long transmission is: a bar that is redrawn on a terminal, a line for each tenth elsewhere, as
+// notes.
 #pragma once
 
 #include <stdint.h>

@@ -161,10 +161,12 @@ const char *read_interface(Interfaces &interfaces, std::span<const uint8_t> body
 
 uint64_t to_us(uint64_t ticks, uint64_t ticks_per_second)
 {
-    return ticks / ticks_per_second * us_per_second + ticks % ticks_per_second * us_per_second / ticks_per_second;
+    return ticks / ticks_per_second * us_per_second +
+           ticks % ticks_per_second * us_per_second / ticks_per_second;
 }
 
-const char *read_packet(const Interfaces &interfaces, std::span<const uint8_t> body, RecordingContents &contents)
+const char *read_packet(const Interfaces &interfaces, std::span<const uint8_t> body,
+                        RecordingContents &contents)
 {
     if (body.size() < 20)
         return "packet block too short";

@@ -47,7 +47,8 @@ struct RecordingContents {
     std::string problem; ///< what ended the reading before the file's end, with the offset; else empty
 };
 
-/// Takes the bytes of a pcapng file apart: little-endian, as every computer that records here writes them, with
-/// any number of sections and interfaces. Nothing in the file is trusted; reading ends at the first block that cannot be right, and
-/// what came before stays. The result refers to `file` and must not outlive it.
+/// Takes the bytes of a pcapng file apart: little-endian, as every computer that records here writes them,
+/// with any number of sections and interfaces. Nothing in the file is trusted; reading ends at the first
+/// block that cannot be right, and what came before stays. The result refers to `file` and must not outlive
+/// it.
 RecordingContents recording_read(std::span<const uint8_t> file);

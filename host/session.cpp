@@ -1,6 +1,6 @@
 // What comes passes, in this order: the confirm that is awaited, which everything else waits for unseen and
-// unconfirmed, to be repeated by the other end; then the confirm that is owed; then the filter of repetitions; then
-// the answer that is awaited; then the command.
+// unconfirmed, to be repeated by the other end; then the confirm that is owed; then the filter of
+// repetitions; then the answer that is awaited; then the command.
 
 #include "session.h"
 
@@ -29,16 +29,22 @@ void may_go_on(const Session &session)
         throw TimeUp();
 }
 
+/// A peer that has gone meanwhile has still sent the message; its going is noticed when nothing more comes.
 void confirm(Session &session, Bytes message)
 {
-    ++session.link.counts.messages_sent;
-    link_send(session.link,
-              build_message(qel_sysmsg_type_confirmed, {{"sequence", uint64_t{number_of(message)}}}));
+    try {
+        session_send(session,
+                     build_message(qel_sysmsg_type_confirmed, {{"sequence", uint64_t{number_of(message)}}}));
+    } catch (const Failure &failure) {
+        if (failure.fault != fault::hung_up)
+            throw;
+    }
 }
 
 bool is_awaited_confirm(const Session &session, Bytes message)
 {
-    return type_of(message) == qel_sysmsg_type_confirmed && message.size() > 8 && message[8] == session.awaited;
+    return type_of(message) == qel_sysmsg_type_confirmed && message.size() > 8 &&
+           message[8] == session.awaited;
 }
 
 void take(Session &session, Bytes message, double time)
@@ -147,10 +153,12 @@ void session_open(Session &session)
         Message opening = build_message(opening_type);
         number_message(session, opening);
         session.opened = transmit(session, opening, end);
-    } while (!session.opened && session.link.counts.messages_received != received_before && seconds_now() < end);
+    } while (!session.opened && session.link.counts.messages_received != received_before &&
+             seconds_now() < end);
     if (!session.opened)
-        throw Failure(fault::no_peer, "nobody confirms the opening of the session; see whether the other end runs, "
-                                      "and is at this end of the link, and try again");
+        throw Failure(fault::no_peer,
+                      "nobody confirms the opening of the session; see whether the other end runs, "
+                      "and is at this end of the link, and try again");
 }
 
 bool session_request(Session &session, Message &message)
@@ -163,8 +171,9 @@ bool session_request(Session &session, Message &message)
 void session_require(Session &session, Message &message, const std::string &what)
 {
     if (!session_request(session, message))
-        throw Failure(fault::not_confirmed, what + " was not confirmed, but may have arrived; see whether the "
-                                                   "other end is still there");
+        throw Failure(fault::not_confirmed, what +
+                                                " was not confirmed, but may have arrived; see whether the "
+                                                "other end is still there");
 }
 
 Message session_ask(Session &session, Message &message, uint32_t answer_type)

@@ -1,9 +1,10 @@
-// A session with the other end: numbers, confirms, repeats, answers and their time limits, and what ends a wait.
-// All commands share it.
+// A session with the other end: numbers, confirms, repeats, answers and their time limits, and what ends a
+// wait. All commands share it.
 //
 // Sequenced messages are confirmed one at a time. Before the first, an opening is sent: a message of type 35,
-// which nobody acts upon. The other end remembers the number of the last message only and drops one that bears the
-// same; once the opening is confirmed, that number is the opening's, whatever an earlier process has sent.
+// which nobody acts upon. The other end remembers the number of the last message only and drops one that
+// bears the same; once the opening is confirmed, that number is the opening's, whatever an earlier process
+// has sent.
 #pragma once
 
 #include "link/link.h"
@@ -39,8 +40,8 @@ void session_start(Session &session);
 /// The next peer begins anew: what was known of the one before is forgotten.
 void session_forget_peer(Session &session);
 
-/// Takes in what has come, after waiting up to `wait_s`, at most a twentieth of a second, for it. Throws what ends
-/// the session.
+/// Takes in what has come, after waiting up to `wait_s`, at most a twentieth of a second, for it. Throws what
+/// ends the session.
 void session_poll(Session &session, double wait_s);
 
 /// Takes in what comes for `seconds`, or until `enough` (if given) holds. Returns whether it does.
@@ -52,14 +53,15 @@ void session_send(Session &session, Bytes message);
 /// Opens the session unless it is open.
 void session_open(Session &session);
 
-/// Numbers a sequenced message and sends it, after the opening, until it is confirmed. Returns whether it was.
+/// Numbers a sequenced message and sends it, after the opening, until it is confirmed. Returns whether it
+/// was.
 bool session_request(Session &session, Message &message);
 
 /// The same, throwing Failure when it is not confirmed; what it was is `what`.
 void session_require(Session &session, Message &message, const std::string &what);
 
-/// Sends a message and waits for its answer of that type, which may be any message of it. Throws Failure when it is
-/// not confirmed, or not answered.
+/// Sends a message and waits for its answer of that type, which may be any message of it. Throws Failure when
+/// it is not confirmed, or not answered.
 Message session_ask(Session &session, Message &message, uint32_t answer_type);
 
 /// Throws Failure unless the answer is as the catalogue has it.

@@ -24,8 +24,9 @@ const int look_every_ms = 50;
 struct Runner {
     Place place;
     pid_t process = 0;
-    int output = -1; ///< what it prints, or -1 when it has ended
-    std::string text = {};
+    int output = -1;       ///< what it prints, or -1 when it has ended
+    std::string text = {}; ///< of that, a line that has not ended
+    Json result = {};
     int exit = 0;
 };
 
@@ -73,25 +74,42 @@ void start(Runner &runner, const std::vector<std::string> &words, const std::str
         throw std::runtime_error("no pipe for a process; close some programs and try again");
     write_file(path_of(in), input);
     const Descriptor out = {ends[1]};
-    std::vector<std::string> all = {"/proc/self/exe", "--json", "--quiet", "--" + runner.place.kind, runner.place.path};
+    std::vector<std::string> all = {"/proc/self/exe", "--json", "--quiet", "--" + runner.place.kind,
+                                    runner.place.path};
     all.insert(all.end(), words.begin(), words.end());
     // A group of its own: what ends it comes from here alone.
-    runner.process = start_child({.words = all, .input = in.number, .output = out.number, .errors = -1,
-                                  .inherited = {}, .own_group = true});
+    runner.process = start_child({.words = all,
+                                  .input = in.number,
+                                  .output = out.number,
+                                  .errors = -1,
+                                  .inherited = {},
+                                  .own_group = true});
     runner.output = ends[0];
 }
 
-/// The last line that it has printed.
-Json result_of(const Runner &runner)
+/// A message that passes, with --verbose.
+void show_event(const Runner &runner, Json event)
 {
-    std::string text = runner.text.substr(0, runner.text.find_last_not_of('\n') + 1);
-    Json result = Json::parse(text.substr(text.rfind('\n') + 1), nullptr, false);
-    if (!result.is_object() || !result.contains("exit")) {
-        result = ended_json(failed("", std::runtime_error("a process of qel-host has ended without a result; "
-                                                          "report this as a fault of qel-host")));
-        result["link"] = name_of(runner.place);
+    if (output.json) {
+        event["link"] = name_of(runner.place);
+        return print_json(event);
     }
-    return result;
+    const Json &message = event["message"];
+    note(name_of(runner.place) + ": " + event["direction"].get<std::string>() + " " +
+         catalogue_name(message["type"].is_null() ? UINT32_MAX : message["type"].get<uint32_t>()) + ", " +
+         message["size"].dump() + " bytes: " + message["fields"].dump());
+}
+
+/// Takes the lines that it has printed whole. The one that is not an event is the result.
+void take_lines(Runner &runner)
+{
+    for (size_t end; (end = runner.text.find('\n')) != std::string::npos; runner.text.erase(0, end + 1)) {
+        Json line = Json::parse(runner.text.substr(0, end), nullptr, false);
+        if (line.is_object() && line.contains("event"))
+            show_event(runner, line);
+        else if (line.is_object() && !line.contains("line"))
+            runner.result = line;
+    }
 }
 
 std::string line_of(const Json &result, const Command &command)
@@ -100,8 +118,10 @@ std::string line_of(const Json &result, const Command &command)
     if (!result["error"].is_null())
         outcome = result["error"]["code"];
     char seconds[30];
-    snprintf(seconds, sizeof seconds, "%.1f", result["seconds"].is_number() ? result["seconds"].get<double>() : 0);
-    std::string line = result["link"].get<std::string>() + "\t" + result["exit"].dump() + "\t" + outcome + "\t" + seconds;
+    snprintf(seconds, sizeof seconds, "%.1f",
+             result["seconds"].is_number() ? result["seconds"].get<double>() : 0);
+    std::string line =
+        result["link"].get<std::string>() + "\t" + result["exit"].dump() + "\t" + outcome + "\t" + seconds;
     if (command.answer_of && result["exit"] == 0)
         line += "\t" + command.answer_of(result["result"]);
     std::ranges::replace(line, '\n', ' ');
@@ -110,7 +130,12 @@ std::string line_of(const Json &result, const Command &command)
 
 void print_result(Runner &runner, const Command &command)
 {
-    Json result = result_of(runner);
+    Json &result = runner.result;
+    if (result.is_null()) {
+        result = ended_json(failed("", std::runtime_error("a process of qel-host has ended without a result; "
+                                                          "report this as a fault of qel-host")));
+        result["link"] = name_of(runner.place);
+    }
     runner.exit = result["exit"];
     if (output.json)
         print_json(result);
@@ -125,8 +150,10 @@ void take(Runner &runner, const Command &command)
 {
     char bytes[4096];
     ssize_t n = read(runner.output, bytes, sizeof bytes);
-    if (n > 0)
+    if (n > 0) {
         runner.text.append(bytes, static_cast<size_t>(n));
+        take_lines(runner);
+    }
     if (n > 0 || (n < 0 && errno == EINTR))
         return;
     close(runner.output);

@@ -17,8 +17,9 @@ const uint64_t image_bytes_max = 0x7FFFFFFF - 12;
 
 [[noreturn]] void unfit(const LocalFile &file, const std::string &why)
 {
-    throw Failure(fault::bad_file, "file " + file.path + ": " + why +
-                                       "; link the updater statically for the cabinet, or send it with --force");
+    throw Failure(fault::bad_file,
+                  "file " + file.path + ": " + why +
+                      "; link the updater statically for the cabinet, or send it with --force");
 }
 
 template <typename Record> Record read_record(const LocalFile &file, uint64_t offset)
@@ -53,7 +54,9 @@ void check_program(const LocalFile &file, unsigned machine)
     for (unsigned i = 0; i < header.e_phnum; ++i) {
         auto segment = read_record<Segment>(file, header.e_phoff + uint64_t{i} * header.e_phentsize);
         if (segment.p_type == PT_INTERP)
-            unfit(file, "a program that needs an interpreter and shared libraries, which the cabinet does not have");
+            unfit(
+                file,
+                "a program that needs an interpreter and shared libraries, which the cabinet does not have");
         if (segment.p_type == PT_DYNAMIC && header.e_type == ET_DYN)
             check_flags<Entry>(file, segment);
     }
@@ -65,8 +68,9 @@ void check_updater(const std::string &path, bool any_form)
 {
     LocalFile file = open_file(path);
     if (file.size < 1 || file.size > image_bytes_max)
-        throw Failure(fault::bad_file, "file " + path + ": an updater has 1 to " + std::to_string(image_bytes_max) +
-                                           " bytes, this has " + std::to_string(file.size));
+        throw Failure(fault::bad_file, "file " + path + ": an updater has 1 to " +
+                                           std::to_string(image_bytes_max) + " bytes, this has " +
+                                           std::to_string(file.size));
     std::string head = read_piece(file, 0, EI_NIDENT);
     if (any_form || head.starts_with("#!/"))
         return;

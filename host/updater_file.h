@@ -5,8 +5,8 @@
 
 #include <string>
 
-/// Throws Failure unless the file fits a message and is a program for a cabinet: ELF, an executable or PIE, for i386
-/// or x86-64, that needs no interpreter; or a script. With `any_form` only its size counts.
+/// Throws Failure unless the file fits a message and is a program for a cabinet: ELF, an executable or PIE,
+/// for i386 or x86-64, that needs no interpreter; or a script. With `any_form` only its size counts.
 void check_updater(const std::string &path, bool any_form);
 
 /// The message that carries the file.

@@ -89,7 +89,8 @@ Command command_of(std::vector<std::string> words)
     Command command;
     app.set_help_flag();
     app.require_subcommand(1);
-    for (auto *add : {add_connect, add_update, add_send_file, add_query, add_post, add_test_pattern, add_sleep})
+    for (auto *add :
+         {add_connect, add_update, add_send_file, add_query, add_post, add_test_pattern, add_sleep})
         add(app, command);
     for (CLI::App *sub : app.get_subcommands({}))
         sub->set_help_flag();
@@ -99,7 +100,7 @@ Command command_of(std::vector<std::string> words)
     } catch (const CLI::ParseError &error) {
         wrong_call(error.what());
     }
-    if (command.is_endless)
+    if (command.watches && command.seconds == 0)
         wrong_call("in a batch, connect takes --seconds");
     if (command.check)
         command.check();
@@ -240,8 +241,9 @@ void add_batch(CLI::App &app, Command &command, const Call &call)
     CLI::App *sub = app.add_subcommand("batch", "Run commands over one link, one in each line of a file");
     sub->add_option("file", options->file, "the file; - or nothing: standard input, which runs as it comes");
     sub->add_flag("--keep-going", options->keep_going, "go on after a line that failed");
-    sub->footer("Lines: connect (with --seconds), update, send-file, query, post, test-pattern, sleep S. Words are "
-                "split at\nblanks; 'literal' and \"with \\\" and \\\\\" keep them together; # begins a comment.\n");
+    sub->footer(
+        "Lines: connect (with --seconds), update, send-file, query, post, test-pattern, sleep S. Words are "
+        "split at\nblanks; 'literal' and \"with \\\" and \\\\\" keep them together; # begins a comment.\n");
     sub->callback([=, &command, &call] {
         command = {.name = "batch", .takes_several = true, .reads_input = options->file == "-"};
         command.check = [=] {

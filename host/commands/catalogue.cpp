@@ -1,5 +1,5 @@
-// catalogue: prints the messages of the link and their fields, for people, for programs, for the dissector and for
-// the wire document.
+// catalogue: prints the messages of the link and their fields, for people, for programs, for the dissector
+// and for the wire document.
 
 #include "call.h"
 

@@ -34,19 +34,24 @@ std::string words_of(const std::string &command)
 std::string bash_script(const CLI::App &app)
 {
     std::string commands, cases;
-    for (const CLI::App *sub : app.get_subcommands([](const CLI::App *) { return true; })) {
+    for (const CLI::App *sub :
+         app.get_subcommands([](const CLI::App *one) { return !one->get_name().empty(); })) {
         commands += sub->get_name() + " ";
         cases += "        " + sub->get_name() + ") options=\"" + options_of(*sub) + "\" words=\"" +
                  words_of(sub->get_name()) + "\" ;;\n";
     }
     return "_qel_host()\n{\n"
            "    local word=\"${COMP_WORDS[COMP_CWORD]}\" command= i options words\n"
-           "    local commands=\"" + commands + "\"\n"
+           "    local commands=\"" +
+           commands +
+           "\"\n"
            "    for ((i = 1; i < COMP_CWORD; ++i)); do\n"
-           "        [[ \" $commands \" == *\" ${COMP_WORDS[i]} \"* ]] && command=\"${COMP_WORDS[i]}\" && break\n"
+           "        [[ \" $commands \" == *\" ${COMP_WORDS[i]} \"* ]] && command=\"${COMP_WORDS[i]}\" && "
+           "break\n"
            "    done\n"
-           "    case \"$command\" in\n" + cases +
-           "        *) options=\"" + options_of(app) + "\" words=\"$commands\" ;;\n"
+           "    case \"$command\" in\n" +
+           cases + "        *) options=\"" + options_of(app) +
+           "\" words=\"$commands\" ;;\n"
            "    esac\n"
            "    [[ \"$word\" == -* ]] && words=\"$options\"\n"
            "    COMPREPLY=($(compgen -W \"$words\" -- \"$word\"))\n"
@@ -63,7 +68,7 @@ void add_completion(CLI::App &app, Command &command)
     CLI::App *sub = app.add_subcommand("completion", "Print the script that completes words in a shell");
     sub->add_option("shell", *shell, "bash")->required()->check(CLI::IsMember({"bash"}));
     sub->footer("For this shell: eval \"$(qel-host completion bash)\"\n");
-    sub->callback([&app, &command] {
+    sub->callback([&app, &command, shell] {
         command = {.name = "completion", .has_link = false};
         command.run = [&app](Session &, Outcome &outcome) { outcome.answer = bash_script(app); };
     });

@@ -14,10 +14,6 @@
 namespace
 {
 
-struct ConnectOptions {
-    double seconds = 0; ///< 0: until interrupted
-};
-
 struct RoundTrips {
     unsigned answered = 0;
     double sum = 0, least = 1e9, most = 0;
@@ -50,26 +46,12 @@ void show_coming(Bytes message)
         show_message(Way::in, message, wall_clock());
 }
 
-/// From now on the session ends after so many seconds, or when the user interrupts it.
-void end_after(Session &session, double seconds)
-{
-    session.ends_in_order = true;
-    if (seconds > 0)
-        session.ends_at = seconds_now() + seconds;
-}
-
-void end_no_more(Session &session)
-{
-    session.ends_in_order = false;
-    session.ends_at = std::numeric_limits<double>::infinity();
-    session.on_message = nullptr;
-}
-
 void announce_to_the_end(Session &session, Announcer &announcer, RoundTrips &trips, Outcome &outcome)
 {
     auto report = [&] {
-        outcome.result = {
-            {"announced", announcer.sent}, {"answered", trips.answered}, {"round_trip_ms", trips_json(trips)}};
+        outcome.result = {{"announced", announcer.sent},
+                          {"answered", trips.answered},
+                          {"round_trip_ms", trips_json(trips)}};
     };
     session.on_message = [&](Bytes message, double time) {
         if (auto seconds = answered(announcer, message, time))
@@ -87,22 +69,22 @@ void announce_to_the_end(Session &session, Announcer &announcer, RoundTrips &tri
     }
 }
 
-void run_connect(Session &session, Outcome &outcome, const ConnectOptions &options)
+void run_connect(Session &session, Outcome &outcome)
 {
     Announcer announcer = announcer_start();
     RoundTrips trips;
-    end_after(session, options.seconds);
     announce_to_the_end(session, announcer, trips, outcome);
-    end_no_more(session);
-    note("announced " + std::to_string(announcer.sent) + " times, answered " + std::to_string(trips.answered) +
-         " times" + (trips.answered == 0 ? "" : ", round trip " + trips_json(trips).dump() + " ms (least, mean, most)"));
+    note("announced " + std::to_string(announcer.sent) + " times, answered " +
+         std::to_string(trips.answered) + " times" +
+         (trips.answered == 0 ? "" : ", round trip " + trips_json(trips).dump() + " ms (least, mean, most)"));
     if (trips.answered == 0)
-        throw Failure(fault::no_answer, "the other end did not answer; see whether it is in update mode, or another "
-                                        "qel-host that serves");
+        throw Failure(fault::no_answer,
+                      "the other end did not answer; see whether it is in update mode, or another "
+                      "qel-host that serves");
     outcome.proof = "answered";
 }
 
-void run_monitor(Session &session, Outcome &outcome, const ConnectOptions &options)
+void run_monitor(Session &session, Outcome &outcome)
 {
     unsigned messages = 0;
     outcome.result = {{"messages", messages}};
@@ -110,27 +92,23 @@ void run_monitor(Session &session, Outcome &outcome, const ConnectOptions &optio
         outcome.result = {{"messages", ++messages}};
         show_coming(message);
     };
-    end_after(session, options.seconds);
     try {
         for (;;)
             session_poll(session, 1);
     } catch (const TimeUp &) {
     }
-    end_no_more(session);
 }
 
 template <typename Run>
 void add(CLI::App &app, Command &command, const std::string &name, const std::string &what, Run run)
 {
-    auto options = std::make_shared<ConnectOptions>();
+    auto seconds = std::make_shared<double>(0);
     CLI::App *sub = app.add_subcommand(name, what);
-    sub->add_option("--seconds", options->seconds, "end after so many seconds (until Ctrl-C)")
+    sub->add_option("--seconds", *seconds, "end after so many seconds (until Ctrl-C)")
         ->check(CLI::Range(0.001, 1e9));
     sub->callback([=, &command] {
-        command = {.name = name, .shows_proof = name == "connect"};
-        command.run = [=](Session &session, Outcome &outcome) { run(session, outcome, *options); };
-        // A batch must come to its end.
-        command.is_endless = options->seconds == 0;
+        command = {.name = name, .shows_proof = name == "connect", .watches = true, .seconds = *seconds};
+        command.run = [=](Session &session, Outcome &outcome) { run(session, outcome); };
     });
 }
 

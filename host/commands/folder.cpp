@@ -93,7 +93,8 @@ Folder folder_open(const std::string &path)
 {
     int descriptor = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (descriptor == -1)
-        throw Failure(fault::bad_file, "folder " + path + ": " + error_text(errno) + "; name an existing one");
+        throw Failure(fault::bad_file,
+                      "folder " + path + ": " + error_text(errno) + "; name an existing one");
     return {path, descriptor};
 }
 

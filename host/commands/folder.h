@@ -1,5 +1,5 @@
-// A folder that is shown to the other end as its root: "/a/b" means FOLDER/a/b. No path leads out of it: ".." is
-// refused, and symbolic links are not followed, whatever is in the folder.
+// A folder that is shown to the other end as its root: "/a/b" means FOLDER/a/b. No path leads out of it: ".."
+// is refused, and symbolic links are not followed, whatever is in the folder.
 //
 // Problems come back as text, "" when there is none.
 #pragma once

@@ -29,7 +29,8 @@ using Words = std::vector<std::string>;
 
 bool is_list(const CatalogueField &field)
 {
-    return field.kind == FieldKind::texts || field.kind == FieldKind::ids || field.kind == FieldKind::counters;
+    return field.kind == FieldKind::texts || field.kind == FieldKind::ids ||
+           field.kind == FieldKind::counters;
 }
 
 /// The first field that may still get a value, or null.
@@ -53,7 +54,8 @@ void take_word(const CatalogueMessage &message, const std::string &word, std::ma
         value = word.substr(name_end + 1);
     }
     if (field == nullptr)
-        wrong_call(std::string(message.name) + " has no field for \"" + word + "\"; \"qel-host catalogue\" lists them");
+        wrong_call(std::string(message.name) + " has no field for \"" + word +
+                   "\"; \"qel-host catalogue\" lists them");
     if (given.contains(field->name) && !is_list(*field))
         wrong_call(std::string(field->name) + " is given twice");
     given[field->name].push_back(value);
@@ -89,7 +91,8 @@ void check_post(PostOptions &options)
         options.reply_type = known == nullptr ? 0 : known->answer;
     else if (!options.reply.empty())
         to_message(options.reply, options.reply_type);
-    if (!options.reply.empty() && (options.reply_type == 0 || options.reply_type == qel_sysmsg_type_confirmed))
+    if (!options.reply.empty() &&
+        (options.reply_type == 0 || options.reply_type == qel_sysmsg_type_confirmed))
         wrong_call("nothing answers " + catalogue_name(options.type) + ": name the reply, as --reply=info");
 }
 
@@ -99,7 +102,8 @@ void run_post(Session &session, Outcome &outcome, const PostOptions &options)
     const bool sequenced = qel_sysmsg_has_sequence(options.type) != 0;
     auto report = [&] {
         if (!sequenced || number_of(message) != 0)
-            outcome.result = {{"sent", message_json(message)}, {"reply", reply.empty() ? Json() : message_json(reply)}};
+            outcome.result = {{"sent", message_json(message)},
+                              {"reply", reply.empty() ? Json() : message_json(reply)}};
     };
     try {
         if (options.reply_type != 0)
@@ -118,15 +122,18 @@ void run_post(Session &session, Outcome &outcome, const PostOptions &options)
         require_fitting(reply);
         outcome.answer = describe_message(reply);
     } else if (!sequenced) {
-        throw Failure(fault::unverified, catalogue_name(options.type) + " is sent, but nothing confirms messages of "
-                                         "this type; ask for what it brings about, or accept that: --unverified-ok");
+        throw Failure(fault::unverified,
+                      catalogue_name(options.type) +
+                          " is sent, but nothing confirms messages of "
+                          "this type; ask for what it brings about, or accept that: --unverified-ok");
     }
     outcome.proof = reply.empty() ? "confirmed" : "answered";
 }
 
 std::string usage()
 {
-    std::string lines = "Messages and their fields (numbers decimal or 0x, bytes in hexadecimal or as @FILE):\n";
+    std::string lines =
+        "Messages and their fields (numbers decimal or 0x, bytes in hexadecimal or as @FILE):\n";
     for (const CatalogueMessage &message : catalogue()) {
         if (!is_assigned(message))
             continue;
@@ -147,7 +154,8 @@ void add_post(CLI::App &app, Command &command)
     CLI::App *sub = app.add_subcommand("post", "Send any message");
     sub->add_option("message", options->message, "one of the messages below, or a type")->required();
     sub->add_option("fields", options->words, "FIELD=VALUE, or the values in order; a list field repeats");
-    sub->add_flag("--reply{*}", options->reply, "wait for the answer that the catalogue has, or for --reply=MESSAGE");
+    sub->add_flag("--reply{*}", options->reply,
+                  "wait for the answer that the catalogue has, or for --reply=MESSAGE");
     sub->footer(usage());
     sub->callback([=, &command] {
         command = {.name = "post", .takes_several = true, .shows_proof = true};

@@ -10,10 +10,10 @@
 struct Query {
     const char *name;
     uint32_t type;
-    const char *arguments;               ///< for the usage line
-    std::vector<const char *> fields;    ///< that the arguments go to, in order; a list takes the rest
-    size_t required;                     ///< so many arguments must be there
-    std::vector<const char *> printed;   ///< fields of the answer
+    const char *arguments;             ///< for the usage line
+    std::vector<const char *> fields;  ///< that the arguments go to, in order; a list takes the rest
+    size_t required;                   ///< so many arguments must be there
+    std::vector<const char *> printed; ///< fields of the answer
 };
 
 std::span<const Query> queries();

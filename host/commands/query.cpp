@@ -47,9 +47,11 @@ std::string usage()
 void check_values(const QueryOptions &options)
 {
     const FieldValues &values = options.values;
-    if (options.what == "path-exists" && qel_path_is_absolute(std::get<std::string>(values.at("path")).c_str()) == 0)
-        wrong_call(in_quotes(options.arguments[0]) + " is not an absolute path: it must begin with /, not end in it, and "
-                                                  "have no // nor any of \\ : * ? \" < > | in it");
+    if (options.what == "path-exists" &&
+        qel_path_is_absolute(std::get<std::string>(values.at("path")).c_str()) == 0)
+        wrong_call(in_quotes(options.arguments[0]) +
+                   " is not an absolute path: it must begin with /, not end in it, and "
+                   "have no // nor any of \\ : * ? \" < > | in it");
     if (options.what == "plugin-size" && std::get<uint64_t>(values.at("plugin_id")) == 0)
         wrong_call("plugin ids begin with 1");
     if (options.what == "decipher" && std::get<std::string>(values.at("block")).empty())
@@ -68,7 +70,8 @@ void check_query(QueryOptions &options)
     for (const char *name : query.fields) {
         if (used == words.size())
             break;
-        const CatalogueField &field = *std::ranges::find(message.fields, std::string(name), &CatalogueField::name);
+        const CatalogueField &field =
+            *std::ranges::find(message.fields, std::string(name), &CatalogueField::name);
         size_t taken = field.kind == FieldKind::texts ? words.size() - used : 1;
         auto from = words.begin() + static_cast<ptrdiff_t>(used);
         options.values[name] = to_field(message, field, {from, from + static_cast<ptrdiff_t>(taken)});
@@ -86,8 +89,9 @@ void ask(Session &session, Outcome &outcome, const QueryOptions &options)
     outcome.result = message_json(answer);
     require_fitting(answer);
     if (options.query->type == qel_sysmsg_type_decipher && answer.size() > question.size())
-        throw Failure(fault::bad_answer, "the answer is longer than what was to be deciphered; see whether both ends "
-                                         "are of the same release");
+        throw Failure(fault::bad_answer,
+                      "the answer is longer than what was to be deciphered; see whether both ends "
+                      "are of the same release");
     outcome.answer = bare_answer(*options.query, outcome.result);
     outcome.proof = "answered";
 }
@@ -98,8 +102,7 @@ void run_query(Session &session, Outcome &outcome, const QueryOptions &options)
         try {
             return ask(session, outcome, options);
         } catch (const Failure &failure) {
-            bool may_repeat = failure.fault == fault::not_confirmed ||
-                              failure.fault == fault::no_answer;
+            bool may_repeat = failure.fault == fault::not_confirmed || failure.fault == fault::no_answer;
             if (!may_repeat || tries == options.tries)
                 throw;
             note(std::string(failure.what()) + ": asking again");
@@ -147,7 +150,8 @@ void add_query(CLI::App &app, Command &command)
     CLI::App *sub = app.add_subcommand("query", "Ask the other end and print its answer");
     sub->add_option("what", options->what, "one of the queries below")->required();
     sub->add_option("arguments", options->arguments, "its arguments");
-    sub->add_option("--tries", options->tries, "ask so often, on a bad link (1)")->check(CLI::Range(1, 1000000));
+    sub->add_option("--tries", options->tries, "ask so often, on a bad link (1)")
+        ->check(CLI::Range(1, 1000000));
     sub->footer(usage());
     sub->callback([=, &command] {
         command = {.name = "query", .takes_several = true, .shows_proof = true};

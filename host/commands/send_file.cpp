@@ -1,5 +1,5 @@
-// send-file: sends a file in pieces, each of which must be confirmed. A confirm says only that the other end has
-// received the piece; whether a file has come to be is asked before and after.
+// send-file: sends a file in pieces, each of which must be confirmed. A confirm says only that the other end
+// has received the piece; whether a file has come to be is asked before and after.
 
 #include "arguments.h"
 #include "call.h"
@@ -64,7 +64,7 @@ std::optional<bool> ask_before(Session &session, const std::string &path)
     try {
         return ask(session, path);
     } catch (const Failure &failure) {
-        if (failure.fault != fault::no_answer && failure.fault != fault::not_confirmed)
+        if (failure.fault != fault::no_answer)
             throw;
         note("the other end does not say whether it has " + path);
         return std::nullopt;
@@ -88,7 +88,8 @@ void send_once(Session &session, Outcome &outcome, Sending &sending, const Local
     while (sending.bytes < file.size) {
         std::string piece = read_piece(file, sending.bytes, static_cast<size_t>(sending.options.piece_bytes));
         if (piece.empty())
-            throw Failure(fault::bad_file, "file " + file.path + " has become shorter; send it again when it is whole");
+            throw Failure(fault::bad_file,
+                          "file " + file.path + " has become shorter; send it again when it is whole");
         send_part(session, qel_sysmsg_type_file_data, {{"block", piece}},
                   "the piece at byte " + std::to_string(sending.bytes));
         sending.bytes += piece.size();
@@ -108,7 +109,8 @@ void ask_after(Session &session, Outcome &outcome, Sending &sending)
     sending.exists = ask(session, sending.options.remote);
     report(sending, outcome);
     if (!*sending.exists)
-        throw Failure(fault::not_there, "the other end has confirmed all of it, but has no " + sending.options.remote +
+        throw Failure(fault::not_there, "the other end has confirmed all of it, but has no " +
+                                            sending.options.remote +
                                             "; see whether it may write there, and has room");
 }
 
@@ -137,11 +139,12 @@ void run_send_file(Session &session, Outcome &outcome, const SendFileOptions &op
     if (sending.existed && !*sending.existed)
         outcome.proof = "exists";
     else
-        throw Failure(fault::unverified, "all of it is confirmed, but " +
-                                             std::string(sending.existed ? "there was a file before"
-                                                                         : "the other end was not asked for it, or "
-                                                                           "did not answer") +
-                                             ": nothing shows that it has been written; look at it there");
+        throw Failure(fault::unverified,
+                      "all of it is confirmed, but " +
+                          std::string(sending.existed ? "there was a file before"
+                                                      : "the other end was not asked for it, or "
+                                                        "did not answer") +
+                          ": nothing shows that it has been written; look at it there");
 }
 
 } // namespace

@@ -1,8 +1,8 @@
-// serve: the end of the link that answers. Queries are answered after the poll that brought them, because nothing
-// sequenced may be sent while a message is being taken in.
+// serve: the end of the link that answers. Queries are answered after the poll that brought them, because
+// nothing sequenced may be sent while a message is being taken in.
 //
-// Where answers come from: the folder for whatever is a file (plugins/ID, items/NAME, any path), options for values
-// whose meaning is not known here. Deciphering is not known either: the bytes come back as they are.
+// Where answers come from: the folder for whatever is a file (plugins/ID, items/NAME, any path), options for
+// values whose meaning is not known here. Deciphering is not known either: the bytes come back as they are.
 
 #include "arguments.h"
 #include "call.h"
@@ -99,8 +99,9 @@ void check_counters(Server &server, const FieldValues &fields, bool sequenced)
 {
     const auto &counters = std::get<std::vector<uint64_t>>(fields.at("counters"));
     uint64_t &next = server.next_counter[sequenced ? 1 : 0];
-    if (next != 0 && counters.front() != next)
-        note("the counters jump from " + std::to_string(next - 1) + " to " + std::to_string(counters.front()));
+    if (next != 0 && counters.front() != next && !output.json)
+        print_line("  the counters jump from " + std::to_string(next - 1) + " to " +
+                   std::to_string(counters.front()));
     next = counters.front() + counters.size();
 }
 
@@ -186,8 +187,8 @@ void answer_requests(Server &server)
         Message request = std::move(server.requests.front());
         server.requests.pop_front();
         uint32_t type = type_of(request);
-        Message answer =
-            build_message(catalogue_find(type)->answer, find_answer(type)->fields(server, fields_of(request)));
+        Message answer = build_message(catalogue_find(type)->answer,
+                                       find_answer(type)->fields(server, fields_of(request)));
         try {
             session_require(server.session, answer, "the answer to " + describe_message(request));
         } catch (const Failure &failure) {
@@ -307,9 +308,6 @@ void run_serve(Session &session, Outcome &outcome, const ServeOptions &options)
     Server server = {session, options, folder_open(options.folder)};
     outcome.result = {{"messages", 0}};
     session.on_message = [&](Bytes message, double) { take(server, outcome, message); };
-    session.ends_in_order = true;
-    if (options.seconds > 0)
-        session.ends_at = seconds_now() + options.seconds;
     const std::string listen = "listen:";
     try {
         if (session.name.starts_with(listen))
@@ -353,7 +351,7 @@ void add_serve(CLI::App &app, Command &command)
     sub->add_option("--answer", options->answer, "the text of query_23");
     sub->add_option("--text", options->text, "the text of get_text");
     sub->callback([=, &command] {
-        command = {.name = "serve", .takes_peers = true};
+        command = {.name = "serve", .takes_peers = true, .watches = true, .seconds = options->seconds};
         command.check = [=] { check_serve(*options); };
         command.run = [=](Session &session, Outcome &outcome) { run_serve(session, outcome, *options); };
     });

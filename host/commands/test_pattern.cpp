@@ -34,7 +34,8 @@ void run_test_pattern(Session &session, Outcome &outcome, const TestPatternOptio
         session_open(session);
     while (sent < options.count) {
         outcome.result = {{"sent", sent + 1}, {"confirmed", confirmed}};
-        uint32_t type = options.sequenced ? qel_sysmsg_type_test_pattern_sequenced : qel_sysmsg_type_test_pattern;
+        uint32_t type =
+            options.sequenced ? qel_sysmsg_type_test_pattern_sequenced : qel_sysmsg_type_test_pattern;
         Message message = build_message(type, {{"counters", next_counters(options.sequenced)}});
         if (options.sequenced)
             confirmed += session_request(session, message);
@@ -46,8 +47,9 @@ void run_test_pattern(Session &session, Outcome &outcome, const TestPatternOptio
     }
     note("test patterns: " + std::to_string(sent) + " sent, " + std::to_string(confirmed) + " confirmed");
     if (!options.sequenced)
-        throw Failure(fault::unverified, "the test patterns are sent, but nothing confirms them; see what the other "
-                                         "end reports, or use --sequenced");
+        throw Failure(fault::unverified,
+                      "the test patterns are sent, but nothing confirms them; see what the other "
+                      "end reports, or use --sequenced");
     if (confirmed < sent)
         throw Failure(fault::not_confirmed, "not every test pattern was confirmed; see the link's counts");
     outcome.proof = "confirmed";
@@ -63,6 +65,8 @@ void add_test_pattern(CLI::App &app, Command &command)
     sub->add_option("--count", options->count, "how many (1)")->check(CLI::Range(1, 1000000000));
     sub->callback([=, &command] {
         command = {.name = "test-pattern", .shows_proof = true};
-        command.run = [=](Session &session, Outcome &outcome) { run_test_pattern(session, outcome, *options); };
+        command.run = [=](Session &session, Outcome &outcome) {
+            run_test_pattern(session, outcome, *options);
+        };
     });
 }

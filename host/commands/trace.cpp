@@ -1,5 +1,5 @@
-// trace: prints a recording, every packet and every message put together from them, with its CRC verdict, name and
-// fields.
+// trace: prints a recording, every packet and every message put together from them, with its CRC verdict,
+// name and fields.
 
 #include "arguments.h"
 #include "call.h"
@@ -70,7 +70,8 @@ void print_packet(const TraceOptions &options, size_t number, int64_t time_us, c
 {
     bool is_trouble = report.interrupts || report.outcome == PacketOutcome::stray ||
                       report.outcome == PacketOutcome::refused;
-    bool is_message = report.outcome == PacketOutcome::delivered || report.outcome == PacketOutcome::crc_wrong;
+    bool is_message =
+        report.outcome == PacketOutcome::delivered || report.outcome == PacketOutcome::crc_wrong;
     if (options.messages_only && !is_trouble && !is_message)
         return;
     char head[80];
@@ -92,10 +93,12 @@ void print_packets(const RecordingContents &contents, const TraceOptions &option
         PacketReport report = reassembly_take(reassembly, packet.bytes);
         count(counts, report);
         if (!output.json)
-            print_packet(options, counts.packets, static_cast<int64_t>(packet.time_us - contents.packets[0].time_us),
-                         packet, report, reassembly.message);
+            print_packet(options, counts.packets,
+                         static_cast<int64_t>(packet.time_us - contents.packets[0].time_us), packet, report,
+                         reassembly.message);
         else if (report.outcome == PacketOutcome::delivered)
-            show_message(way_of(packet.direction), reassembly.message, static_cast<double>(packet.time_us) / 1e6);
+            show_message(way_of(packet.direction), reassembly.message,
+                         static_cast<double>(packet.time_us) / 1e6);
     }
     for (const Reassembly &reassembly : directions)
         counts.incomplete += reassembly.missing > 0;
@@ -104,12 +107,14 @@ void print_packets(const RecordingContents &contents, const TraceOptions &option
 std::string counts_line(const TraceCounts &counts)
 {
     char line[200];
-    snprintf(line, sizeof line,
-             "%llu packets, %llu messages; %llu dropped by CRC, %llu not complete, %llu packets without a message, "
-             "%llu refused",
-             static_cast<unsigned long long>(counts.packets), static_cast<unsigned long long>(counts.messages),
-             static_cast<unsigned long long>(counts.crc_wrong), static_cast<unsigned long long>(counts.incomplete),
-             static_cast<unsigned long long>(counts.stray), static_cast<unsigned long long>(counts.refused));
+    snprintf(
+        line, sizeof line,
+        "%llu packets, %llu messages; %llu dropped by CRC, %llu not complete, %llu packets without a "
+        "message, "
+        "%llu refused",
+        static_cast<unsigned long long>(counts.packets), static_cast<unsigned long long>(counts.messages),
+        static_cast<unsigned long long>(counts.crc_wrong), static_cast<unsigned long long>(counts.incomplete),
+        static_cast<unsigned long long>(counts.stray), static_cast<unsigned long long>(counts.refused));
     return line;
 }
 
@@ -144,12 +149,14 @@ void run_trace(Outcome &outcome, const TraceOptions &options)
         print_line(counts_line(counts));
     output_buffered(false);
     flush_output();
-    outcome.result = {{"packets", counts.packets},       {"messages", counts.messages}, {"crc_wrong", counts.crc_wrong},
-                      {"incomplete", counts.incomplete}, {"stray", counts.stray},       {"refused", counts.refused}};
+    outcome.result = {{"packets", counts.packets},     {"messages", counts.messages},
+                      {"crc_wrong", counts.crc_wrong}, {"incomplete", counts.incomplete},
+                      {"stray", counts.stray},         {"refused", counts.refused}};
     if (contents.foreign > 0)
         note(std::to_string(contents.foreign) + " packets of other kinds were left out");
     if (!contents.problem.empty())
-        throw Failure(fault::bad_file, "file " + options.file + ": the recording is broken: " + contents.problem +
+        throw Failure(fault::bad_file, "file " + options.file +
+                                           ": the recording is broken: " + contents.problem +
                                            "; what came before is shown, record it anew for the rest");
 }
 

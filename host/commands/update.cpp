@@ -1,5 +1,5 @@
-// update: sends an updater, which takes the loader's place. Nothing confirms it, so that what shows it is that the
-// loader, which gave signs of life until then, does not answer any more.
+// update: sends an updater, which takes the loader's place. Nothing confirms it, so that what shows it is
+// that the loader, which gave signs of life until then, does not answer any more.
 
 #include "announcer.h"
 #include "arguments.h"
@@ -75,8 +75,9 @@ void wait_for_loader(Update &update)
                      [&] { return update.answers; });
     }
     if (!update.answers)
-        throw Failure(fault::no_loader, "no loader answered; switch the cabinet to update mode and on, wait for "
-                                        "\"TOLBRIN Update...\" on its display, and try again");
+        throw Failure(fault::no_loader,
+                      "no loader answered; switch the cabinet to update mode and on, wait for "
+                      "\"TOLBRIN Update...\" on its display, and try again");
     note("the loader answers");
 }
 
@@ -88,7 +89,8 @@ void send_image(Update &update)
     session_send(update.session, message);
     update.session.link.on_progress = nullptr;
     double seconds = seconds_now() - progress.started_at;
-    note("updater sent: " + std::to_string(message.size() - 12) + " bytes, " + rate_text(message.size(), seconds));
+    note("updater sent: " + std::to_string(message.size() - 12) + " bytes, " +
+         rate_text(message.size(), seconds));
 }
 
 /// Whether the peer has gone. From a device it does not go in order.
@@ -107,8 +109,9 @@ bool wait_until_read(Update &update)
     double since = seconds_now();
     for (; unread > 0 && transport.gone.empty(); session_poll(update.session, 0), short_sleep(look_every_s)) {
         if (seconds_now() - since >= stuck_s)
-            throw Failure(fault::stuck, "the other end has read nothing for 10 s; see whether it still runs, or "
-                                        "restart it");
+            throw Failure(fault::stuck,
+                          "the other end has read nothing for 10 s; see whether it still runs, or "
+                          "restart it");
         if (transport_unread(transport) == unread)
             continue;
         unread = transport_unread(transport);
@@ -116,8 +119,9 @@ bool wait_until_read(Update &update)
     }
     session_poll(update.session, 0);
     if (transport.was_reset)
-        throw Failure(fault::hung_up, "the other end has hung up before it had read all of the updater; see whether "
-                                      "it is still there, and try again");
+        throw Failure(fault::hung_up,
+                      "the other end has hung up before it had read all of the updater; see whether "
+                      "it is still there, and try again");
     if (is_gone(transport))
         return true;
     update.watch_from = seconds_now();
@@ -144,9 +148,8 @@ std::string watch(Update &update)
     unsigned announced_before = update.announcer.sent;
     update.announcer.next_at = update.watch_from + (expects ? 1e9 : quiet_s);
     while (seconds_now() < end) {
-        session_wait(update.session, std::min(update.announcer.next_at, end) - seconds_now(), [&] {
-            return update.answers || update.expected || is_gone(transport);
-        });
+        session_wait(update.session, std::min(update.announcer.next_at, end) - seconds_now(),
+                     [&] { return update.answers || update.expected || is_gone(transport); });
         if (update.expected)
             return "message";
         if (is_gone(transport))
@@ -163,10 +166,11 @@ std::string watch(Update &update)
 void report(Update &update, int tries, uint64_t bytes)
 {
     double from = update.watch_from >= 0 ? update.watch_from : seconds_now();
-    update.outcome.result = {
-        {"bytes", bytes},
-        {"tries", tries},
-        {"last_sign_s", update.last_sign < 0 ? Json() : Json(round((from - update.last_sign) * 1000) / 1000)}};
+    update.outcome.result = {{"bytes", bytes},
+                             {"tries", tries},
+                             {"last_sign_s", update.last_sign < 0
+                                                 ? Json()
+                                                 : Json(round((from - update.last_sign) * 1000) / 1000)}};
 }
 
 /// One try. Returns as watch does.
@@ -189,16 +193,20 @@ std::string try_once(Update &update, int tries, uint64_t bytes)
 void conclude(const Update &update, const std::string &proof)
 {
     if (proof.empty())
-        throw Failure(fault::still_loader, "the loader is still there, so it did not get the updater whole; try again, "
-                                           "on a bad link with more --tries");
+        throw Failure(fault::still_loader,
+                      "the loader is still there, so it did not get the updater whole; try again, "
+                      "on a bad link with more --tries");
     if (proof == "none" && !update.options.expect.empty())
-        throw Failure(fault::no_updater, "no " + update.options.expect + " came from the updater; see what the "
-                                         "display shows, and whether the updater sends it on the link");
+        throw Failure(fault::no_updater, "no " + update.options.expect +
+                                             " came from the updater; see what the "
+                                             "display shows, and whether the updater sends it on the link");
     if (proof == "none")
-        throw Failure(fault::unverified, "the updater is sent, but nothing shows that the loader took it; look at the "
-                                         "display, or have the updater speak and use --expect");
+        throw Failure(fault::unverified,
+                      "the updater is sent, but nothing shows that the loader took it; look at the "
+                      "display, or have the updater speak and use --expect");
     update.outcome.proof = proof;
-    note(proof == "silent"    ? "the loader is silent: the updater has taken its place, or the cabinet has stopped"
+    note(proof == "silent"
+             ? "the loader is silent: the updater has taken its place, or the cabinet has stopped"
          : proof == "message" ? "the updater has spoken"
                               : "the other end has hung up, as it had read everything");
 }
@@ -224,7 +232,8 @@ void check_update(UpdateOptions &options)
 {
     if (!options.expect.empty()) {
         to_message(options.expect, options.expected_type);
-        for (uint32_t type : {qel_sysmsg_type_notify_11, qel_sysmsg_type_confirmed, qel_sysmsg_type_connect_answer})
+        for (uint32_t type :
+             {qel_sysmsg_type_notify_11, qel_sysmsg_type_confirmed, qel_sysmsg_type_connect_answer})
             if (options.expected_type == type)
                 wrong_call("a loader sends " + catalogue_name(type) + " as well; expect another message");
     }
@@ -237,14 +246,17 @@ void add_update(CLI::App &app, Command &command)
 {
     auto options = std::make_shared<UpdateOptions>();
     CLI::App *sub = app.add_subcommand("update", "Send an updater, which takes the loader's place");
-    sub->add_option("file", options->file, "the program: static ELF for i386 or x86-64, or a script")->required();
+    sub->add_option("file", options->file, "the program: static ELF for i386 or x86-64, or a script")
+        ->required();
     sub->add_option("--tries", options->tries, "send it so often while the loader does not take it (3)")
         ->check(CLI::Range(1, 1000000));
-    sub->add_option("--loader-wait", options->loader_wait_s, "seconds to wait for the loader's first answer (60)")
+    sub->add_option("--loader-wait", options->loader_wait_s,
+                    "seconds to wait for the loader's first answer (60)")
         ->check(CLI::Range(0.0, 1e9));
     sub->add_option("--watch", options->watch_s, "seconds to watch that the loader is silent afterwards (3)")
         ->check(CLI::Range(0.0, 1e9));
-    sub->add_option("--expect", options->expect, "a message by which the updater shows itself within the watch");
+    sub->add_option("--expect", options->expect,
+                    "a message by which the updater shows itself within the watch");
     sub->add_flag("--force", options->force, "send FILE whatever it looks like");
     sub->callback([=, &command] {
         command = {.name = "update", .takes_several = true, .shows_proof = true};

@@ -39,8 +39,8 @@ struct Link {
 /// Sends a message. Throws Failure as transport_send does.
 void link_send(Link &link, Bytes message);
 
-/// Takes in what has come, after waiting up to `wait_s`, at most a twentieth of a second, for it. Returns whether
-/// there was anything.
+/// Takes in what has come, after waiting up to `wait_s`, at most a twentieth of a second, for it. Returns
+/// whether there was anything.
 bool link_poll(Link &link, double wait_s);
 
 /// Forgets a message in progress: the next peer begins anew.

@@ -3,7 +3,8 @@
 //   4  2  CRC-16 of the whole message               1  n  the next bytes of the message
 //   6  n  the first bytes of the message
 //
-// Numbers are big-endian. Every packet but the last is full: where one is not, what it leaves out counts as zeros.
+// Numbers are big-endian. Every packet but the last is full: where one is not, what it leaves out counts as
+// zeros.
 
 #include "link/reassembly.h"
 
@@ -56,8 +57,7 @@ void store(Reassembly &reassembly, Bytes packet, size_t header_bytes)
 
 PacketReport reassembly_take(Reassembly &reassembly, Bytes packet)
 {
-    if (packet.empty())
-        {
+    if (packet.empty()) {
         PacketReport empty;
         empty.reason = "empty";
         return empty;

@@ -1,5 +1,5 @@
-// Packets from an untrusted peer or file put together to messages, as the packet link of the loader does it, for
-// any number of directions at once. What would stop the loader is refused here.
+// Packets from an untrusted peer or file put together to messages, as the packet link of the loader does it,
+// for any number of directions at once. What would stop the loader is refused here.
 #pragma once
 
 #include "fields.h"

@@ -1,5 +1,5 @@
-// A device is read again and again, because not every driver can be waited for; a socket is waited for with poll.
-// No single wait is longer than look_every_s, so that may_go_on is asked often enough.
+// A device is read again and again, because not every driver can be waited for; a socket is waited for with
+// poll. No single wait is longer than look_every_s, so that may_go_on is asked often enough.
 
 #include "link/transport.h"
 
@@ -54,7 +54,8 @@ void note_record(Transport &transport, Direction direction, Bytes record)
 {
     if (transport.recording != nullptr &&
         !recording_add(transport.recording, recording_now_us(), direction, record))
-        throw Failure(fault::output, "the recording cannot be written: " + error_text(errno) + "; make room for it");
+        throw Failure(fault::output,
+                      "the recording cannot be written: " + error_text(errno) + "; make room for it");
 }
 
 // ---- Input ----
@@ -63,8 +64,9 @@ void note_record(Transport &transport, Direction direction, Bytes record)
 bool take_record(Transport &transport, ssize_t size, Record &record)
 {
     if (size > static_cast<ssize_t>(record_bytes_max)) {
-        transport_hang_up(transport, "the other end sends records of more than 64 bytes; is that a host-comms "
-                                     "socket?");
+        transport_hang_up(transport,
+                          "the other end sends records of more than 64 bytes; is that a host-comms "
+                          "socket?");
         return false;
     }
     record.size = static_cast<size_t>(size);
@@ -82,7 +84,8 @@ bool read_device(Transport &transport)
     if (n > 0)
         return take_record(transport, n, record);
     if (n < 0 && (errno == EIO || errno == ENODEV || errno == ENXIO))
-        transport_hang_up(transport, "the device is gone: " + error_text(errno) + "; see whether it is still there");
+        transport_hang_up(transport,
+                          "the device is gone: " + error_text(errno) + "; see whether it is still there");
     return false;
 }
 
@@ -103,8 +106,8 @@ bool read_socket(Transport &transport)
 
 // ---- Output ----
 
-/// Waits until the peer may take more, and reads what comes in the meantime. `unread` and `since` say how much it
-/// has left unread, and how long.
+/// Waits until the peer may take more, and reads what comes in the meantime. `unread` and `since` say how
+/// much it has left unread, and how long.
 void wait_for_room(Transport &transport, int &unread, double &since)
 {
     transport.may_go_on();
@@ -113,7 +116,8 @@ void wait_for_room(Transport &transport, int &unread, double &since)
         since = seconds_now();
     }
     if (seconds_now() - since >= stuck_s)
-        throw Failure(fault::stuck, "the other end has read nothing for 10 s; see whether it still runs, or restart it");
+        throw Failure(fault::stuck,
+                      "the other end has read nothing for 10 s; see whether it still runs, or restart it");
     if (transport.is_device)
         return short_sleep(device_look_every_s);
     bool has_room = transport.input.size() < input_records_max;
@@ -131,8 +135,9 @@ void write_record(Transport &transport, Bytes record)
     int unread = -1;
     double since = 0;
     while (transport.descriptor >= 0) {
-        ssize_t n = transport.is_device ? write(transport.descriptor, record.data(), record.size())
-                                        : send(transport.descriptor, record.data(), record.size(), MSG_NOSIGNAL);
+        ssize_t n = transport.is_device
+                        ? write(transport.descriptor, record.data(), record.size())
+                        : send(transport.descriptor, record.data(), record.size(), MSG_NOSIGNAL);
         if (n == static_cast<ssize_t>(record.size()))
             return;
         if (n < 0 && may_try_again(transport, errno)) {
@@ -142,8 +147,9 @@ void write_record(Transport &transport, Bytes record)
         }
         std::string reason = n < 0 ? error_text(errno) : "it takes parts of packets only";
         transport_read(transport); // what it said before it went
-        transport_hang_up(transport, transport.is_device ? "the device cannot be written: " + reason
-                                                         : "the other end has hung up; see whether it is still there");
+        transport_hang_up(transport, transport.is_device
+                                         ? "the device cannot be written: " + reason
+                                         : "the other end has hung up; see whether it is still there");
     }
     throw Failure(fault::hung_up, transport.gone);
 }
@@ -159,8 +165,9 @@ void transport_open_device(Transport &transport, const std::string &path)
     if (stat(path.c_str(), &entry) != 0)
         throw Failure(fault::cannot_open, "device " + path + ": " + error_text(errno) + advice);
     if (!S_ISCHR(entry.st_mode))
-        throw Failure(fault::not_a_device, path + " is not a character device; name the board driver's node, as "
-                                                  "/dev/qellpc_host_comms");
+        throw Failure(fault::not_a_device, path +
+                                               " is not a character device; name the board driver's node, as "
+                                               "/dev/qellpc_host_comms");
     int device = open(path.c_str(), O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (device < 0)
         throw Failure(fault::cannot_open, "device " + path + ": " + error_text(errno) + advice);
@@ -175,7 +182,8 @@ void transport_open_device(Transport &transport, const std::string &path)
 void transport_connect(Transport &transport, const std::string &path, double wait_s)
 {
     const double end = seconds_now() + wait_s;
-    const std::string advice = "; start the simulated cabinet, or another qel-host with --listen, and try again";
+    const std::string advice =
+        "; start the simulated cabinet, or another qel-host with --listen, and try again";
     for (;;) {
         int connection = connect_link(path);
         if (connection >= 0)

@@ -1,8 +1,9 @@
 // Records to and from the other end: over the board driver's device node, or over a UNIX socket, on which the
 // simulated cabinet or another qel-host answers. Every record can be recorded on its way.
 //
-// One send is one record of 1 to 64 bytes and one receive gets one, on the socket as on the device. What comes is
-// read into a queue, also while a write waits for room, so that two ends that both send cannot block each other.
+// One send is one record of 1 to 64 bytes and one receive gets one, on the socket as on the device. What
+// comes is read into a queue, also while a write waits for room, so that two ends that both send cannot block
+// each other.
 #pragma once
 
 #include "fields.h"
@@ -27,12 +28,12 @@ struct Record {
 struct Transport {
     int descriptor = -1; ///< or -1 when there is no peer
     bool is_device = false;
-    bool paced = true;                ///< 15 ms before each record, as the board's link needs
-    std::string gone;                 ///< why there is no peer any more; "" while there is one
-    bool was_reset = false;           ///< the peer hung up without having read everything
-    FILE *recording = nullptr;        ///< or null
-    std::deque<Record> input;         ///< records that came and were not taken
-    std::function<void()> may_go_on;  ///< called wherever something waits; throws what ends the wait
+    bool paced = true;               ///< 15 ms before each record, as the board's link needs
+    std::string gone;                ///< why there is no peer any more; "" while there is one
+    bool was_reset = false;          ///< the peer hung up without having read everything
+    FILE *recording = nullptr;       ///< or null
+    std::deque<Record> input;        ///< records that came and were not taken
+    std::function<void()> may_go_on; ///< called wherever something waits; throws what ends the wait
     uint64_t records_sent = 0;
     uint64_t records_received = 0;
 };
