@@ -21,7 +21,7 @@ using Samples = std::map<std::string, std::vector<double>>;
 Samples run_benchmarks(int rounds)
 {
     const std::string report = scratch("report");
-    time_command({BENCH_PROJECT "/build/bench/benchmarks/bench_in_process", "--benchmark_min_time=0.02",
+    time_command({(BENCH_PROJECT "/build/bench/benchmarks/bench_in_process"), "--benchmark_min_time=0.02",
                   "--benchmark_repetitions=" + std::to_string(rounds),
                   "--benchmark_enable_random_interleaving=true", "--benchmark_out=" + report,
                   "--benchmark_out_format=json"});

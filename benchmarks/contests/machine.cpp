@@ -45,10 +45,10 @@ Run::Run(const std::string &stick)
     view = fdopen(ends[0], "r");
     const Descriptor output = {ends[1]};
     // With a limit, so that it ends also when nobody ends it.
-    process =
-        start_child({.words = {BENCH_PROJECT "/run", "--stick", stick, "--application",
-                               BENCH_PROJECT "/build/bench/benchmarks/bench_on_machine", "--seconds", "3600"},
-                     .output = output.number});
+    process = start_child(
+        {.words = {(BENCH_PROJECT "/run"), "--stick", stick, "--application",
+                   (BENCH_PROJECT "/build/bench/benchmarks/bench_on_machine"), "--seconds", "3600"},
+         .output = output.number});
 }
 
 Run::~Run()

@@ -12,7 +12,7 @@ import sys
 SOURCES = pathlib.Path(__file__).resolve().parent.parent.parent / "src"
 PUBLIC = [path for folder in ("qel_utility", "qel_tolbrin") for path in (SOURCES / folder).rglob("*.h")
           if path.name not in ("internal.h", "build.h")]
-MACROS = {"QEL_ASSERT", "QEL_ASSERT_AT", "QEL_ASSERT_TEXT_AT", "QEL_FATAL_ERROR", "QEL_FATAL_ERROR_AT"}
+MACROS = {"QEL_ASSERT", "QEL_ASSERT_AT", "QEL_ASSERT_TEXT_AT", "QEL_FATAL_ERROR", "QEL_FATAL_ERROR_AT", "QEL_NORETURN"}
 
 
 def exported(archives):
