@@ -1,6 +1,7 @@
 """batch: how its lines are read, checked and run, and how it ends."""
 
 import os
+import pathlib
 import subprocess
 
 import other_end
@@ -50,6 +51,14 @@ class Lines(Batch):
         self.assertEqual(memory.types(), [35, 22, 22, 36])
         self.assertEqual([b.number - a.number for a, b in zip(memory.accepted, memory.accepted[1:])],
                          [1, 1, 1])
+
+    def test_of_the_example_check_a_peer(self):
+        example = pathlib.Path(__file__).parents[2] / "examples/factory_check.batch"
+        memory, ended = self.batch(example.read_text())
+        self.assertEqual(ended.code, 0, ended.err)
+        self.assertEqual(ended.out.splitlines()[-2:], ["1 2 3", "0"])
+        self.assertEqual(memory.types(), [35, 17, 17, 36, 28])
+        self.assertEqual(memory.accepted[-1].text(9), "/storage")
 
     def test_update_a_loader(self):
         run = self.start("batch",
