@@ -238,8 +238,8 @@ namespace
 std::string field_text(const CatalogueField &field)
 {
     bool has_size = field.kind == text || field.kind == characters || field.kind == record;
-    return std::string(field.name) + ": " + kind_name(field.kind) + (has_size ? " " + number(field.size) : "") +
-           " at " + number(field.offset);
+    return std::string(field.name) + ": " + kind_name(field.kind) +
+           (has_size ? " " + number(field.size) : "") + " at " + number(field.offset);
 }
 
 /// "16 + 4n", where n counts the rest's bytes or, of ids, its numbers.
@@ -262,8 +262,8 @@ std::string catalogue_as_markdown()
         std::string fields;
         for (const CatalogueField &field : message.fields)
             fields += (fields.empty() ? " " : ", ") + field_text(field);
-        rows += "| " + number(message.type) + " | " + message.name + " | " + size_text(message) + " |" + fields +
-                " | " + (message.answer == 0 ? "" : number(message.answer) + " ") + "|\n";
+        rows += "| " + number(message.type) + " | " + message.name + " | " + size_text(message) + " |" +
+                fields + " | " + (message.answer == 0 ? "" : number(message.answer) + " ") + "|\n";
     }
     return rows;
 }

@@ -25,6 +25,9 @@ uint32_t type_of(Bytes message);
 /// The number of a sequenced message; 0 of others.
 uint8_t number_of(Bytes message);
 
+/// The catalogue's entry when it describes the message, else null.
+const CatalogueMessage *fitting(Bytes message);
+
 /// The field of a message that has passed both checks of the catalogue.
 FieldValue field_value(Bytes message, const CatalogueField &field);
 

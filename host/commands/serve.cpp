@@ -6,7 +6,7 @@
 
 #include "arguments.h"
 #include "call.h"
-#include "commands/folder.h"
+#include "commands/answers.h"
 #include "common/clock.h"
 #include "common/interrupt.h"
 #include "errors.h"
@@ -26,15 +26,6 @@ namespace
 const size_t requests_max = 64; // beyond, queries are dropped: a peer waits for the answer to each
 const double notice_every_s = 1;
 
-struct ServeOptions {
-    std::string folder;
-    bool once = false;  ///< end with the first peer
-    double seconds = 0; ///< 0: until interrupted
-    bool notices = false;
-    std::vector<std::string> info = {"0", "0", "0"}, values = {"0", "0"};
-    std::string answer, text;
-};
-
 struct Server {
     Session &session;
     const ServeOptions &options;
@@ -48,11 +39,6 @@ struct Server {
 };
 
 // ---- What comes without wanting an answer ----
-
-std::string text_of(const FieldValues &fields, const char *name)
-{
-    return std::get<std::string>(fields.at(name));
-}
 
 void report(const std::string &what, const std::string &problem)
 {
@@ -107,80 +93,6 @@ void check_counters(Server &server, const FieldValues &fields, bool sequenced)
 
 // ---- Answers ----
 
-FieldValues answer_plugins(Server &server, const FieldValues &)
-{
-    return {{"plugins", folder_numbers(server.folder, "plugins")}};
-}
-
-FieldValues answer_23(Server &server, const FieldValues &)
-{
-    return {{"text", server.options.answer}};
-}
-
-FieldValues answer_path_exists(Server &server, const FieldValues &asked)
-{
-    return {{"exists", uint64_t{folder_has(server.folder, text_of(asked, "path"))}}};
-}
-
-FieldValues answer_info(Server &server, const FieldValues &)
-{
-    const auto &info = server.options.info;
-    return {{"a", to_number(info[0], UINT32_MAX)},
-            {"b", to_number(info[1], UINT32_MAX)},
-            {"c", to_number(info[2], UINT32_MAX)}};
-}
-
-FieldValues answer_item_size(Server &server, const FieldValues &asked)
-{
-    FieldValues answer = asked;
-    answer["item_size"] = folder_file_size(server.folder, "items/" + text_of(asked, "name"));
-    return answer;
-}
-
-FieldValues answer_41(Server &server, const FieldValues &)
-{
-    return {{"first", to_number(server.options.values[0], UINT64_MAX)},
-            {"second", to_number(server.options.values[1], UINT64_MAX)}};
-}
-
-FieldValues answer_plugin_size(Server &server, const FieldValues &asked)
-{
-    uint64_t plugin = std::get<uint64_t>(asked.at("plugin_id"));
-    return {{"plugin_id", plugin},
-            {"plugin_size", folder_file_size(server.folder, "plugins/" + std::to_string(plugin))}};
-}
-
-/// Without a text there are no bytes at all, not even a NUL.
-FieldValues answer_text(Server &server, const FieldValues &)
-{
-    return server.options.text.empty() ? FieldValues{} : FieldValues{{"text", server.options.text}};
-}
-
-FieldValues answer_decipher(Server &, const FieldValues &asked)
-{
-    return asked;
-}
-
-struct Answer {
-    uint32_t type; ///< of the query
-    FieldValues (*fields)(Server &server, const FieldValues &asked);
-};
-
-const Answer answers[] = {
-    {qel_sysmsg_type_get_plugins, answer_plugins},         {qel_sysmsg_type_query_23, answer_23},
-    {qel_sysmsg_type_path_exists, answer_path_exists},     {qel_sysmsg_type_get_info, answer_info},
-    {qel_sysmsg_type_get_item_size, answer_item_size},     {qel_sysmsg_type_query_41, answer_41},
-    {qel_sysmsg_type_get_plugin_size, answer_plugin_size}, {qel_sysmsg_type_get_text, answer_text},
-    {qel_sysmsg_type_decipher, answer_decipher},
-};
-
-/// Returns null when the message is not a query.
-const Answer *find_answer(uint32_t type)
-{
-    auto found = std::ranges::find(answers, type, &Answer::type);
-    return found == std::end(answers) ? nullptr : found;
-}
-
 void answer_requests(Server &server)
 {
     while (!server.requests.empty()) {
@@ -188,7 +100,7 @@ void answer_requests(Server &server)
         server.requests.pop_front();
         uint32_t type = type_of(request);
         Message answer = build_message(catalogue_find(type)->answer,
-                                       find_answer(type)->fields(server, fields_of(request)));
+                                       answer_to(type, fields_of(request), server.options, server.folder));
         try {
             session_require(server.session, answer, "the answer to " + describe_message(request));
         } catch (const Failure &failure) {
@@ -239,7 +151,7 @@ void take(Server &server, Outcome &outcome, Bytes message)
         show_message(Way::in, message, wall_clock());
     if (!misfit(message).empty())
         return;
-    if (find_answer(type_of(message)) != nullptr && server.requests.size() < requests_max)
+    if (has_answer(type_of(message)) && server.requests.size() < requests_max)
         server.requests.emplace_back(message.begin(), message.end());
     act(server, message);
 }
