@@ -26,7 +26,7 @@ void announce_if_due(Session &session, Announcer &announcer)
     session_send(session, build_message(qel_sysmsg_type_connect, {{"value", uint64_t{value}}}));
 }
 
-std::optional<double> answered(Announcer &announcer, Bytes message, double time)
+std::optional<double> answered(Announcer &announcer, ByteView message, double time)
 {
     if (type_of(message) != qel_sysmsg_type_connect_answer || !misfit(message).empty())
         return std::nullopt;

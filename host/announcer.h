@@ -21,4 +21,4 @@ Announcer announcer_start();
 void announce_if_due(Session &session, Announcer &announcer);
 
 /// The seconds that an answer took; nothing when the message does not answer an announcement of ours.
-std::optional<double> answered(Announcer &announcer, Bytes message, double time);
+std::optional<double> answered(Announcer &announcer, ByteView message, double time);

@@ -109,7 +109,7 @@ std::string number(uint64_t value)
 }
 
 /// Checks the number in front of the message's rest against the message's size.
-std::string misfit_of_rest(Bytes message, const CatalogueField &rest)
+std::string misfit_of_rest(ByteView message, const CatalogueField &rest)
 {
     size_t head = rest.offset + rest.size;
     if (message.size() < head)
@@ -167,7 +167,7 @@ uint32_t body_offset(uint32_t type)
     return qel_sysmsg_has_sequence(type) ? sequenced_bytes_min : header_bytes;
 }
 
-std::string broken_rule(Bytes message)
+std::string broken_rule(ByteView message)
 {
     if (message.size() < header_bytes)
         return number(message.size()) + " bytes, shorter than a header";
@@ -182,7 +182,7 @@ std::string broken_rule(Bytes message)
     return "";
 }
 
-std::string misfit(Bytes message)
+std::string misfit(ByteView message)
 {
     const CatalogueMessage *known = catalogue_find(qel_sysmsg_get32(message.data(), 0));
     if (known == nullptr || !is_assigned(*known))

@@ -44,7 +44,7 @@ struct CatalogueMessage {
 };
 
 /// A message in memory, whole.
-using Bytes = std::span<const uint8_t>;
+using ByteView = std::span<const uint8_t>;
 
 /// All types that are known, in order of type, those without a meaning included.
 std::span<const CatalogueMessage> catalogue();
@@ -70,11 +70,11 @@ uint32_t body_offset(uint32_t type);
 
 /// What is wrong with a received message by the rules of all messages: its own size, its number. "" when
 /// nothing is.
-std::string broken_rule(Bytes message);
+std::string broken_rule(ByteView message);
 
 /// The same by what the catalogue knows of its type: its size, the length of its block. Every field of a
 /// message that passes lies inside it.
-std::string misfit(Bytes message);
+std::string misfit(ByteView message);
 
 /// The catalogue as the Lua table of the dissector.
 std::string catalogue_as_lua();

@@ -51,16 +51,16 @@ std::string describe_value(const CatalogueField &field, const FieldValue &value)
     return in_quotes(bytes);
 }
 
-std::string body_of(Bytes message)
+std::string body_of(ByteView message)
 {
     size_t offset = message.size() < 8 ? 0 : body_offset(type_of(message));
-    Bytes body = message.subspan(std::min(offset, message.size()));
+    ByteView body = message.subspan(std::min(offset, message.size()));
     return {body.begin(), body.end()};
 }
 
 } // namespace
 
-Json message_json(Bytes message)
+Json message_json(ByteView message)
 {
     if (message.size() < 8)
         return {{"type", nullptr},
@@ -88,7 +88,7 @@ Json message_json(Bytes message)
             {"fields", fields}};
 }
 
-std::string describe_message(Bytes message)
+std::string describe_message(ByteView message)
 {
     std::string problem = broken_rule(message);
     if (message.size() < 8)
@@ -140,7 +140,7 @@ std::string hex(const std::string &bytes)
     return result;
 }
 
-std::string hex_bytes(Bytes bytes, size_t shown)
+std::string hex_bytes(ByteView bytes, size_t shown)
 {
     std::string result = std::to_string(bytes.size()) + " bytes";
     for (uint8_t byte : bytes.first(std::min(bytes.size(), shown))) {

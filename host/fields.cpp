@@ -16,17 +16,17 @@ using Texts = std::vector<std::string>;
 using Numbers = std::vector<uint64_t>;
 using enum FieldKind;
 
-uint32_t get32(Bytes bytes, size_t offset)
+uint32_t get32(ByteView bytes, size_t offset)
 {
     return qel_sysmsg_get32(&bytes[offset], 0);
 }
 
-std::string text_in(Bytes characters)
+std::string text_in(ByteView characters)
 {
     return {characters.begin(), std::find(characters.begin(), characters.end(), uint8_t{0})};
 }
 
-Texts texts_in(Bytes message, const CatalogueField &field)
+Texts texts_in(ByteView message, const CatalogueField &field)
 {
     size_t count_offset = (size_t{field.offset} + field.size + 3) / 4 * 4;
     Texts texts;
@@ -35,7 +35,7 @@ Texts texts_in(Bytes message, const CatalogueField &field)
     return texts;
 }
 
-Numbers words_in(Bytes bytes)
+Numbers words_in(ByteView bytes)
 {
     Numbers words;
     for (size_t i = 0; i + 4 <= bytes.size(); i += 4)
@@ -110,17 +110,17 @@ Message with_head(uint32_t type, size_t size)
 
 } // namespace
 
-uint32_t type_of(Bytes message)
+uint32_t type_of(ByteView message)
 {
     return get32(message, 0);
 }
 
-uint8_t number_of(Bytes message)
+uint8_t number_of(ByteView message)
 {
     return message.size() > 8 && qel_sysmsg_has_sequence(type_of(message)) ? message[8] : uint8_t{0};
 }
 
-const CatalogueMessage *fitting(Bytes message)
+const CatalogueMessage *fitting(ByteView message)
 {
     if (message.size() < 8 || !broken_rule(message).empty() || !misfit(message).empty())
         return nullptr;
@@ -128,10 +128,10 @@ const CatalogueMessage *fitting(Bytes message)
     return known != nullptr && is_assigned(*known) ? known : nullptr;
 }
 
-FieldValue field_value(Bytes message, const CatalogueField &field)
+FieldValue field_value(ByteView message, const CatalogueField &field)
 {
-    Bytes bytes = message.subspan(field.offset, field.size);
-    Bytes rest = message.subspan(size_t{field.offset} + field.size);
+    ByteView bytes = message.subspan(field.offset, field.size);
+    ByteView rest = message.subspan(size_t{field.offset} + field.size);
     switch (field.kind) {
     case value8:
         return uint64_t{bytes[0]};
@@ -158,7 +158,7 @@ FieldValue field_value(Bytes message, const CatalogueField &field)
     return uint64_t{0};
 }
 
-FieldValues fields_of(Bytes message)
+FieldValues fields_of(ByteView message)
 {
     FieldValues values;
     if (const CatalogueMessage *known = fitting(message))

@@ -20,19 +20,19 @@ using FieldValue = std::variant<uint64_t, std::string, std::vector<uint64_t>, st
 /// Fields by name.
 using FieldValues = std::map<std::string, FieldValue>;
 
-uint32_t type_of(Bytes message);
+uint32_t type_of(ByteView message);
 
 /// The number of a sequenced message; 0 of others.
-uint8_t number_of(Bytes message);
+uint8_t number_of(ByteView message);
 
 /// The catalogue's entry when it describes the message, else null.
-const CatalogueMessage *fitting(Bytes message);
+const CatalogueMessage *fitting(ByteView message);
 
 /// The field of a message that has passed both checks of the catalogue.
-FieldValue field_value(Bytes message, const CatalogueField &field);
+FieldValue field_value(ByteView message, const CatalogueField &field);
 
 /// All fields of such a message. Empty when its type is unknown.
-FieldValues fields_of(Bytes message);
+FieldValues fields_of(ByteView message);
 
 /// How much a text of this field may have, in bytes.
 uint32_t text_max(const CatalogueMessage &message, const CatalogueField &field);
@@ -45,12 +45,12 @@ Message build_message(uint32_t type, const FieldValues &values = {});
 Message build_raw(uint32_t type, const std::string &body);
 
 /// A message of any bytes, as the results of --json show it.
-Json message_json(Bytes message);
+Json message_json(ByteView message);
 
 /// A message in one line: name, type, number, size and every field, as in
 /// `get_plugin_size (43) number 7, 24 bytes: plugin_id=3`. What is wrong with it comes last. Any bytes will
 /// do.
-std::string describe_message(Bytes message);
+std::string describe_message(ByteView message);
 
 /// Characters as a quoted text; what could upset a terminal is escaped.
 std::string in_quotes(const std::string &characters);
@@ -59,4 +59,4 @@ std::string in_quotes(const std::string &characters);
 std::string hex(const std::string &bytes);
 
 /// The first bytes, at most `shown`, in hexadecimal, and how many there are: `40 bytes 00 01 02 ...`.
-std::string hex_bytes(Bytes bytes, size_t shown = 16);
+std::string hex_bytes(ByteView bytes, size_t shown = 16);

@@ -96,7 +96,7 @@ void print_error(const std::string &text)
     write_all(STDERR_FILENO, "error: " + text + "\n");
 }
 
-void show_message(Way way, Bytes message, double time)
+void show_message(Way way, ByteView message, double time)
 {
     if (output.json)
         print_json({{"event", "message"},

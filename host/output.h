@@ -35,7 +35,7 @@ void print_error(const std::string &text);
 enum class Way { in, out, unknown };
 
 /// Prints a message that a command shows: its line, or its event. `time` counts seconds since 1970.
-void show_message(Way way, Bytes message, double time);
+void show_message(Way way, ByteView message, double time);
 
 /// Seconds since 1970.
 double wall_clock();

@@ -30,7 +30,7 @@ void may_go_on(const Session &session)
 }
 
 /// A peer that has gone meanwhile has still sent the message; its going is noticed when nothing more comes.
-void confirm(Session &session, Bytes message)
+void confirm(Session &session, ByteView message)
 {
     try {
         session_send(session,
@@ -41,13 +41,13 @@ void confirm(Session &session, Bytes message)
     }
 }
 
-bool is_awaited_confirm(const Session &session, Bytes message)
+bool is_awaited_confirm(const Session &session, ByteView message)
 {
     return type_of(message) == qel_sysmsg_type_confirmed && message.size() > 8 &&
            message[8] == session.awaited;
 }
 
-void take(Session &session, Bytes message, double time)
+void take(Session &session, ByteView message, double time)
 {
     if (session.awaited != 0 && is_awaited_confirm(session, message)) {
         session.awaited = 0;
@@ -76,7 +76,7 @@ uint8_t next_number(uint8_t number)
 }
 
 /// Transmits a message, already numbered, until it is confirmed, three times at most and not beyond `end`.
-bool transmit(Session &session, Bytes message, double end)
+bool transmit(Session &session, ByteView message, double end)
 {
     session.awaited = number_of(message);
     ++session.link.counts.messages_sent;
@@ -98,7 +98,7 @@ void number_message(Session &session, Message &message)
 
 void session_start(Session &session)
 {
-    session.link.on_message = [&session](Bytes message, double time) { take(session, message, time); };
+    session.link.on_message = [&session](ByteView message, double time) { take(session, message, time); };
     session.link.transport.may_go_on = [&session] { may_go_on(session); };
 }
 
@@ -135,7 +135,7 @@ bool session_wait(Session &session, double seconds, const std::function<bool()> 
     }
 }
 
-void session_send(Session &session, Bytes message)
+void session_send(Session &session, ByteView message)
 {
     ++session.link.counts.messages_sent;
     link_send(session.link, message);
@@ -196,7 +196,7 @@ Message session_ask(Session &session, Message &message, uint32_t answer_type)
     return session.answer;
 }
 
-void require_fitting(Bytes answer)
+void require_fitting(ByteView answer)
 {
     if (!misfit(answer).empty())
         throw Failure(fault::bad_answer, "the answer does not fit: " + describe_message(answer) +

@@ -15,7 +15,7 @@
 struct Session {
     Link link;
     /// Gets what nothing waits for: the time is that of its last packet, as by seconds_now.
-    std::function<void(Bytes message, double time)> on_message;
+    std::function<void(ByteView message, double time)> on_message;
     double ends_at = std::numeric_limits<double>::infinity(); ///< then TimeUp is thrown, whatever is awaited
     bool ends_in_order = false; ///< an interrupt is TimeUp, too; otherwise it is a Failure
     bool outlives_peer = false; ///< the peer may go; otherwise that is a Failure
@@ -48,7 +48,7 @@ void session_poll(Session &session, double wait_s);
 bool session_wait(Session &session, double seconds, const std::function<bool()> &enough = nullptr);
 
 /// Sends a message that is not sequenced.
-void session_send(Session &session, Bytes message);
+void session_send(Session &session, ByteView message);
 
 /// Opens the session unless it is open.
 void session_open(Session &session);
@@ -65,4 +65,4 @@ void session_require(Session &session, Message &message, const std::string &what
 Message session_ask(Session &session, Message &message, uint32_t answer_type);
 
 /// Throws Failure unless the answer is as the catalogue has it.
-void require_fitting(Bytes answer);
+void require_fitting(ByteView answer);

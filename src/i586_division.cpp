@@ -1,5 +1,6 @@
 // 64-bit division for the 32-bit product. The compiler's own library has it too, but begins it with an
-// instruction (endbr32) that the processors of the cabinet's age refuse; musl divides when it computes the date.
+// instruction (endbr32) that the processors of the cabinet's age refuse; musl divides when it computes the
+// date.
 
 #include <stdint.h>
 #include <sys/types.h>

@@ -40,7 +40,7 @@ Json trips_json(const RoundTrips &trips)
 }
 
 /// What --verbose shows as events anyway is not shown twice.
-void show_coming(Bytes message)
+void show_coming(ByteView message)
 {
     if (!output.json || !output.verbose)
         show_message(Way::in, message, wall_clock());
@@ -53,7 +53,7 @@ void announce_to_the_end(Session &session, Announcer &announcer, RoundTrips &tri
                           {"answered", trips.answered},
                           {"round_trip_ms", trips_json(trips)}};
     };
-    session.on_message = [&](Bytes message, double time) {
+    session.on_message = [&](ByteView message, double time) {
         if (auto seconds = answered(announcer, message, time))
             count_trip(trips, *seconds);
         report();
@@ -88,7 +88,7 @@ void run_monitor(Session &session, Outcome &outcome)
 {
     unsigned messages = 0;
     outcome.result = {{"messages", messages}};
-    session.on_message = [&](Bytes message, double) {
+    session.on_message = [&](ByteView message, double) {
         outcome.result = {{"messages", ++messages}};
         show_coming(message);
     };

@@ -113,7 +113,7 @@ void answer_requests(Server &server)
 
 // ---- Messages as they come ----
 
-void act(Server &server, Bytes message)
+void act(Server &server, ByteView message)
 {
     const FieldValues fields = fields_of(message);
     switch (type_of(message)) {
@@ -142,7 +142,7 @@ void act(Server &server, Bytes message)
     }
 }
 
-void take(Server &server, Outcome &outcome, Bytes message)
+void take(Server &server, Outcome &outcome, ByteView message)
 {
     if (server.has_updater)
         return; // a loader would be gone
@@ -219,7 +219,7 @@ void run_serve(Session &session, Outcome &outcome, const ServeOptions &options)
 {
     Server server = {session, options, folder_open(options.folder)};
     outcome.result = {{"messages", 0}};
-    session.on_message = [&](Bytes message, double) { take(server, outcome, message); };
+    session.on_message = [&](ByteView message, double) { take(server, outcome, message); };
     const std::string listen = "listen:";
     try {
         if (session.name.starts_with(listen))

@@ -66,7 +66,7 @@ std::string packet_text(const RecordedPacket &packet, const PacketReport &report
 }
 
 void print_packet(const TraceOptions &options, size_t number, int64_t time_us, const RecordedPacket &packet,
-                  const PacketReport &report, Bytes message)
+                  const PacketReport &report, ByteView message)
 {
     bool is_trouble = report.interrupts || report.outcome == PacketOutcome::stray ||
                       report.outcome == PacketOutcome::refused;

@@ -45,12 +45,12 @@ struct Update {
     bool expected = false;  ///< the message that is expected has come in the watch
 };
 
-bool is_notice(Bytes message)
+bool is_notice(ByteView message)
 {
     return type_of(message) == qel_sysmsg_type_notify_11;
 }
 
-void take(Update &update, Bytes message, double time)
+void take(Update &update, ByteView message, double time)
 {
     bool is_sign = is_notice(message) || type_of(message) == qel_sysmsg_type_connect_answer;
     if (is_sign)
@@ -214,7 +214,7 @@ void conclude(const Update &update, const std::string &proof)
 void run_update(Session &session, Outcome &outcome, const UpdateOptions &options)
 {
     Update update = {session, outcome, options, announcer_start()};
-    session.on_message = [&](Bytes message, double time) { take(update, message, time); };
+    session.on_message = [&](ByteView message, double time) { take(update, message, time); };
     uint64_t bytes = open_file(options.file).size;
     wait_for_loader(update);
     std::string proof;

@@ -34,7 +34,7 @@ int end_packet(void *context, void *packet, int len, int)
     return len;
 }
 
-void show_passing(Way way, Bytes message)
+void show_passing(Way way, ByteView message)
 {
     if (!output.verbose)
         return;
@@ -50,7 +50,7 @@ void refuse(Link &link, const std::string &what)
     note("ignored: " + what);
 }
 
-void take_message(Link &link, Bytes message, double time)
+void take_message(Link &link, ByteView message, double time)
 {
     ++link.counts.messages_received;
     show_passing(Way::in, message);
@@ -61,7 +61,7 @@ void take_message(Link &link, Bytes message, double time)
 
 void take_record(Link &link, const Record &record)
 {
-    Bytes packet = {record.bytes.data(), record.size};
+    ByteView packet = {record.bytes.data(), record.size};
     PacketReport report = reassembly_take(link.reassembly, packet);
     link.counts.incomplete += report.interrupts;
     link.counts.crc_wrong += report.outcome == PacketOutcome::crc_wrong;
@@ -73,7 +73,7 @@ void take_record(Link &link, const Record &record)
 
 } // namespace
 
-void link_send(Link &link, Bytes message)
+void link_send(Link &link, ByteView message)
 {
     if (link.comms == nullptr)
         link.comms = qel_comms_create(packet_bytes_max, begin_packet, end_packet, &link, nullptr, nullptr);

@@ -24,7 +24,7 @@ struct Link {
     LinkCounts counts;
 
     /// Gets each message that keeps the rules of the link, and when its last packet came.
-    std::function<void(Bytes message, double time)> on_message;
+    std::function<void(ByteView message, double time)> on_message;
     /// Gets bytes sent so far, and all, after each packet of an outgoing message.
     std::function<void(uint64_t, uint64_t)> on_progress;
 
@@ -37,7 +37,7 @@ struct Link {
 };
 
 /// Sends a message. Throws Failure as transport_send does.
-void link_send(Link &link, Bytes message);
+void link_send(Link &link, ByteView message);
 
 /// Takes in what has come, after waiting up to `wait_s`, at most a twentieth of a second, for it. Returns
 /// whether there was anything.

@@ -19,7 +19,7 @@ const size_t first_header_bytes = 6;
 const size_t continuation_header_bytes = 1;
 
 /// Reads the head of a packet of 1 byte or more.
-PacketReport read_head(Bytes packet)
+PacketReport read_head(ByteView packet)
 {
     PacketReport report;
     report.is_first = (packet[0] & 0x80) == 0;
@@ -32,7 +32,7 @@ PacketReport read_head(Bytes packet)
 }
 
 /// What keeps the packet from being taken, or null.
-const char *reason_to_refuse(Bytes packet, const PacketReport &head)
+const char *reason_to_refuse(ByteView packet, const PacketReport &head)
 {
     if (packet.size() > packet_bytes_max)
         return "longer than packets of this link";
@@ -44,10 +44,10 @@ const char *reason_to_refuse(Bytes packet, const PacketReport &head)
 }
 
 /// Adds what the packet carries behind its header.
-void store(Reassembly &reassembly, Bytes packet, size_t header_bytes)
+void store(Reassembly &reassembly, ByteView packet, size_t header_bytes)
 {
     size_t n = std::min(packet_bytes_max - header_bytes, reassembly.missing);
-    Bytes there = packet.subspan(header_bytes, std::min(n, packet.size() - header_bytes));
+    ByteView there = packet.subspan(header_bytes, std::min(n, packet.size() - header_bytes));
     reassembly.message.insert(reassembly.message.end(), there.begin(), there.end());
     reassembly.message.resize(reassembly.message.size() + n - there.size());
     reassembly.missing -= n;
@@ -55,7 +55,7 @@ void store(Reassembly &reassembly, Bytes packet, size_t header_bytes)
 
 } // namespace
 
-PacketReport reassembly_take(Reassembly &reassembly, Bytes packet)
+PacketReport reassembly_take(Reassembly &reassembly, ByteView packet)
 {
     if (packet.empty()) {
         PacketReport empty;

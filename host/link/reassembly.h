@@ -33,4 +33,4 @@ struct Reassembly {
 };
 
 /// Takes any bytes as a packet.
-PacketReport reassembly_take(Reassembly &reassembly, Bytes packet);
+PacketReport reassembly_take(Reassembly &reassembly, ByteView packet);

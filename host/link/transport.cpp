@@ -50,7 +50,7 @@ void start_with_peer(Transport &transport, int descriptor)
     transport.input.clear();
 }
 
-void note_record(Transport &transport, Direction direction, Bytes record)
+void note_record(Transport &transport, Direction direction, ByteView record)
 {
     if (transport.recording != nullptr &&
         !recording_add(transport.recording, recording_now_us(), direction, record))
@@ -130,7 +130,7 @@ bool may_try_again(const Transport &transport, int error)
     return error == EAGAIN || error == EINTR || (transport.is_device && error == ENOTTY);
 }
 
-void write_record(Transport &transport, Bytes record)
+void write_record(Transport &transport, ByteView record)
 {
     int unread = -1;
     double since = 0;
@@ -233,7 +233,7 @@ void transport_record(Transport &transport, const std::string &path)
 
 // ---- Records ----
 
-void transport_send(Transport &transport, Bytes record)
+void transport_send(Transport &transport, ByteView record)
 {
     if (transport.paced)
         usleep(pause_before_record_us);

@@ -61,7 +61,7 @@ void transport_record(Transport &transport, const std::string &path);
 // ---- Records ----
 
 /// Sends a record. Throws Failure when the peer is gone or has read nothing for ten seconds.
-void transport_send(Transport &transport, Bytes record);
+void transport_send(Transport &transport, ByteView record);
 
 /// Reads what has come. A peer that has hung up, or sends what is not a record, shows in `gone`.
 void transport_read(Transport &transport);
@@ -69,7 +69,7 @@ void transport_read(Transport &transport);
 /// The same, after waiting up to `wait_s`, at most a twentieth of a second, while nothing has come.
 void transport_poll(Transport &transport, double wait_s);
 
-/// Bytes that the peer has not read yet; always 0 on a device.
+/// ByteView that the peer has not read yet; always 0 on a device.
 int transport_unread(const Transport &transport);
 
 /// Sleeps, at most a twentieth of a second.

@@ -46,8 +46,8 @@ QEL_NORETURN void qel_assert_fail(const char *expression, const char *file, int 
 void qel_location_code(const char *file, int line, char *code, int size);
 
 /// What QEL_FATAL_ERROR calls; not for direct use.
-QEL_NORETURN void _qel_fatal_error(const char *file, int line, const char *function, const char *format,
-                                   ...) __attribute__((format(printf, 4, 5)));
+QEL_NORETURN void _qel_fatal_error(const char *file, int line, const char *function, const char *format, ...)
+    __attribute__((format(printf, 4, 5)));
 
 // ---- Console ----
 
