@@ -221,7 +221,7 @@ void compare(Kernel &kernel, const std::function<int()> &call, const std::functi
     } catch (const StopAt &stop) {
         expected_line = stop.line;
     }
-    const Outcome outcome = run([&] { result = call(); });
+    const RunEnd outcome = run([&] { result = call(); });
     require(outcome.line == expected_line, "the stop", outcome.text + " " + std::to_string(outcome.line),
             std::to_string(expected_line));
     require(!outcome.stopped || outcome.unit == unit, "its unit", outcome.unit);

@@ -103,10 +103,10 @@ void product_free(void *block)
 
 // ---- Running ----
 
-Outcome run(const std::function<void()> &statement)
+RunEnd run(const std::function<void()> &statement)
 {
     restore_variables();
-    Outcome outcome;
+    RunEnd outcome;
     is_running = true;
     try {
         statement();
@@ -132,7 +132,7 @@ void require(bool holds, const char *what, const std::string &found, const std::
     abort();
 }
 
-void require_documented(const Outcome &outcome, const char *unit, std::initializer_list<const char *> texts)
+void require_documented(const RunEnd &outcome, const char *unit, std::initializer_list<const char *> texts)
 {
     if (!outcome.stopped)
         return;

@@ -15,7 +15,7 @@
 #include <string>
 
 /// How a run of the product ended.
-struct Outcome {
+struct RunEnd {
     bool stopped = false;
     std::string unit;
     int line = 0;
@@ -24,7 +24,7 @@ struct Outcome {
 
 /// Runs `statement` in a product whose variables are as at the start of its process. It may stop. What the
 /// product holds on the heap is freed afterwards.
-Outcome run(const std::function<void()> &statement);
+RunEnd run(const std::function<void()> &statement);
 
 /// The largest block that the product gets from its heap; for more there is no memory.
 constexpr size_t heap_block_bytes_max = 1 << 20;
@@ -37,7 +37,7 @@ extern size_t heap_block_bytes_min;
 void require(bool holds, const char *what, const std::string &found = "", const std::string &expected = "");
 
 /// A stop must be on one of these checks of `unit`, or there must be none.
-void require_documented(const Outcome &outcome, const char *unit, std::initializer_list<const char *> texts);
+void require_documented(const RunEnd &outcome, const char *unit, std::initializer_list<const char *> texts);
 
 /// A copy in a heap block of exactly its size, so that the sanitizer sees every byte beyond.
 template <typename Element> class Exactly

@@ -158,7 +158,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzedDataProvider input(data, size);
     std::string expected_stop;
-    const Outcome outcome = run([&] {
+    const RunEnd outcome = run([&] {
         Peer peer(input);
         try {
             while (input.remaining_bytes() > 0) {

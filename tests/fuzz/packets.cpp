@@ -96,7 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzedDataProvider input(data, size);
     std::string expected_stop;
-    const Outcome outcome = run([&] {
+    const RunEnd outcome = run([&] {
         const size_t any_size = input.ConsumeIntegralInRange<size_t>(7, 80);
         Receiver receiver(input.PickValueInArray<size_t>({any_size, any_size, 35}));
         try {

@@ -102,7 +102,7 @@ std::string cut(const std::string &s, size_t size)
 /// Runs a call that must stop at `line`, or not when that is 0. Returns whether it came through.
 bool comes_through(const char *what, int line, const std::function<void()> &call)
 {
-    const Outcome outcome = run(call);
+    const RunEnd outcome = run(call);
     require(outcome.line == line && (!outcome.stopped || outcome.unit == unit), what,
             outcome.unit + ":" + std::to_string(outcome.line), std::to_string(line));
     return !outcome.stopped;

@@ -336,7 +336,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzedDataProvider input(data, size);
     std::string expected_stop;
-    const Outcome outcome = run([&] {
+    const RunEnd outcome = run([&] {
         Peer peer(input, expected_stop);
         while (input.remaining_bytes() > 0) {
             const auto &query = queries[input.ConsumeIntegralInRange<size_t>(0, std::size(queries) - 1)];

@@ -1,11 +1,11 @@
-// qel-host's reading and printing of recordings: any bytes as a file. The packets that are found, and whether
-// the file is whole, must be what the model has.
+// qel-host's reading of recordings: any bytes as a file. The packets that are found, and whether the file is
+// whole, must be what the model has.
 
 #include "fuzz/fuzz.h"
 
 #include "recording.h"
-#include "trace.h"
 
+#include <algorithm>
 #include <vector>
 
 namespace
@@ -27,6 +27,7 @@ struct Model {
     struct Packet {
         size_t at, size;
         uint32_t direction;
+        uint64_t time_us;
     };
     std::vector<Packet> packets;
     size_t foreign = 0;
@@ -35,8 +36,11 @@ struct Model {
   private:
     enum : uint32_t { section_type = 0x0A0D0D0A };
     const Exactly<uint8_t> &file;
-    bool is_big_endian = false;
-    std::vector<uint32_t> link_types; ///< of the section's interfaces
+    struct Interface {
+        uint32_t link_type;
+        uint64_t ticks_per_second;
+    };
+    std::vector<Interface> interfaces; ///< of the section
 
     size_t size() const
     {
@@ -46,7 +50,7 @@ struct Model {
     {
         uint32_t value = 0;
         for (size_t i = 0; i < bytes; i++)
-            value = value << 8 | file.get()[is_big_endian ? at + i : at + bytes - 1 - i];
+            value = value << 8 | file.get()[at + bytes - 1 - i];
         return value;
     }
 
@@ -55,11 +59,8 @@ struct Model {
     {
         if (size() - at < 12)
             return 0;
-        if (number(at, 4) == section_type) { // the same in both orders
-            is_big_endian = file.get()[at + 8] == 0x1A;
-            if (number(at + 8, 4) != 0x1A2B3C4D)
-                return 0;
-        }
+        if (number(at, 4) == section_type && number(at + 8, 4) != 0x1A2B3C4D)
+            return 0;
         const size_t length = number(at + 4, 4);
         const bool fits = length >= 12 && length % 4 == 0 && length <= size() - at;
         return fits && number(at + length - 4, 4) == length ? length : 0;
@@ -70,7 +71,7 @@ struct Model {
         const size_t end = at + length - 4;
         switch (number(at, 4)) {
         case section_type:
-            link_types.clear();
+            interfaces.clear();
             return length >= 28 && number(at + 12, 2) == 1;
         case 1:
             return length >= 20 && read_interface(at, end);
@@ -84,13 +85,16 @@ struct Model {
         }
     }
 
-    /// The ticks of a second must fit 64 bits: 10^19 and 2^63 do.
+    /// Seconds down to nanoseconds, in powers of ten.
     bool read_interface(size_t at, size_t end)
     {
-        link_types.push_back(number(at + 8, 2));
         const Option option = find_option(9, at + 16, end);
-        const int digits = option.size > 0 ? file.get()[option.at] : 0;
-        return digits < 128 ? digits <= 19 : digits - 128 <= 63;
+        const int digits = option.size > 0 ? file.get()[option.at] : 6;
+        uint64_t ticks = 1;
+        for (int i = 0; i < std::min(digits, 9); i++)
+            ticks *= 10;
+        interfaces.push_back({number(at + 8, 2), ticks});
+        return digits <= 9;
     }
 
     struct Option {
@@ -115,14 +119,16 @@ struct Model {
         const uint32_t interface = number(at + 8, 4);
         const size_t kept = number(at + 20, 4);
         const size_t options = at + 28 + (kept + 3) / 4 * 4;
-        if (interface >= link_types.size() || options > end)
+        if (interface >= interfaces.size() || options > end)
             return false;
-        if (link_types[interface] != 147) {
+        if (interfaces[interface].link_type != 147) {
             foreign++;
             return true;
         }
         const Option flags = find_option(2, options, end);
-        packets.push_back({at + 28, kept, flags.size == 4 ? number(flags.at, 4) % 4 : 0});
+        const unsigned __int128 ticks = uint64_t{number(at + 12, 4)} << 32 | number(at + 16, 4);
+        packets.push_back({at + 28, kept, flags.size == 4 ? number(flags.at, 4) % 4 : 0,
+                           static_cast<uint64_t>(ticks * 1000000 / interfaces[interface].ticks_per_second)});
         return true;
     }
 };
@@ -131,13 +137,10 @@ struct Model {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    // The link for recordings is made once in the life of a process.
-    static const bool nothing_is_no_recording = !trace_recording({}, {}, stdout);
-    require(nothing_is_no_recording, "an empty file");
     const Exactly<uint8_t> file(data, size);
     const Model model(file);
     const std::span<const uint8_t> bytes(file.get(), size);
-    const Outcome outcome = run([&] {
+    const RunEnd outcome = run([&] {
         const RecordingContents contents = recording_read(bytes);
         require(contents.problem.empty() == model.is_whole, "the verdict", contents.problem);
         require(contents.foreign == model.foreign, "packets of other kinds", std::to_string(contents.foreign),
@@ -151,9 +154,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             const Direction names[] = {Direction::unknown, Direction::inbound, Direction::outbound,
                                        Direction::unknown};
             require(contents.packets[i].direction == names[model.packets[i].direction], "its direction");
+            require(contents.packets[i].time_us == model.packets[i].time_us, "its time",
+                    std::to_string(contents.packets[i].time_us), std::to_string(model.packets[i].time_us));
         }
-        const bool is_whole = trace_recording(bytes, {.packets = size % 2 == 0}, stdout);
-        require(is_whole == model.is_whole, "the verdict of the trace");
     });
     require(!outcome.stopped, "a stop", outcome.text);
     return 0;

@@ -81,8 +81,12 @@ struct PacketRules {
 /// qel-host's receiving of packets: what would stop the libraries is refused, and ends a message in progress
 /// if it looks like the start of one.
 struct GuardedPacketRules {
+    GuardedPacketRules()
+    {
+        packets.room = SIZE_MAX; // a message takes the memory of what has come of it
+        packets.has_buffer = true;
+    }
     PacketRules packets{35};
-    size_t message_bytes_max = 0;
     unsigned messages = 0, crc_wrong = 0, interrupted = 0, stray = 0, refused = 0;
     Bytes message; ///< the last one that was delivered
 
@@ -94,7 +98,7 @@ struct GuardedPacketRules {
         packet.resize(std::max<size_t>(len, 35)); // what a short one leaves out counts as zeros
         const size_t says =
             size_t{packet[0]} << 24 | size_t{packet[1]} << 16 | size_t{packet[2]} << 8 | packet[3];
-        if (len == 0 || len > 35 || (is_first && (len < 7 || says == 0 || says > message_bytes_max))) {
+        if (len == 0 || len > 35 || (is_first && (len < 7 || says == 0))) {
             refused++;
             packets.length = is_first ? 0 : packets.length;
         } else if (!is_first && packets.length == 0) {

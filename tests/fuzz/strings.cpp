@@ -87,7 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const std::string pattern = text_of(input, 4), replacement = text_of(input, 8);
     const size_t dst_size = input.ConsumeIntegralInRange<size_t>(1, 80);
     const std::string s = text_of(input, 100);
-    const Outcome outcome = run([&] {
+    const RunEnd outcome = run([&] {
         check_whitespace(s);
         check_filename(s);
         for (const char c : s)

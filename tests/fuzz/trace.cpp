@@ -4,8 +4,13 @@
 #include "fuzz/fuzz.h"
 #include "fuzz/rules.h"
 
+#include "call.h"
 #include "recording.h"
-#include "trace.h"
+
+#include <CLI/CLI.hpp>
+
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <vector>
@@ -74,19 +79,14 @@ std::vector<Recorded> any_packets(FuzzedDataProvider &input)
 struct Expected {
     std::string closing;
     unsigned lines;
+    Json result;
 };
 
 Expected expected_of(const std::vector<Recorded> &packets)
 {
-    size_t bytes = 0;
-    for (const Recorded &recorded : packets)
-        bytes += recorded.packet.size();
     GuardedPacketRules sum, directions[3]; // neither of the two, and unknown, are one
-    for (const Recorded &recorded : packets) {
-        GuardedPacketRules &direction = directions[recorded.direction % 3];
-        direction.message_bytes_max = bytes;
-        direction.take(recorded.packet);
-    }
+    for (const Recorded &recorded : packets)
+        directions[recorded.direction % 3].take(recorded.packet);
     for (const GuardedPacketRules &direction : directions) {
         sum.messages += direction.messages;
         sum.crc_wrong += direction.crc_wrong;
@@ -98,37 +98,73 @@ Expected expected_of(const std::vector<Recorded> &packets)
                 std::to_string(sum.crc_wrong) + " dropped by CRC, " + std::to_string(sum.interrupted) +
                 " not complete, " + std::to_string(sum.stray) + " packets without a message, " +
                 std::to_string(sum.refused) + " refused\n",
-            static_cast<unsigned>(packets.size()) + sum.messages + sum.crc_wrong + 1};
+            static_cast<unsigned>(packets.size()) + sum.messages + sum.crc_wrong + 1,
+            {{"packets", packets.size()},
+             {"messages", sum.messages},
+             {"crc_wrong", sum.crc_wrong},
+             {"incomplete", sum.interrupted},
+             {"stray", sum.stray},
+             {"refused", sum.refused}}};
 }
 
-std::string trace_of(const Bytes &file)
+/// The command on a file in memory; what it prints goes to another.
+struct Trace {
+    int file = memfd_create("recording", 0), printed = memfd_create("printed", 0);
+    Command command;
+    Trace()
+    {
+        CLI::App app;
+        add_trace(app, command);
+        app.parse("trace /proc/self/fd/" + std::to_string(file));
+        require(dup2(printed, STDOUT_FILENO) == STDOUT_FILENO, "standard output");
+    }
+};
+
+void put_file(int file, const Bytes &bytes)
 {
-    char *text = nullptr;
-    size_t size = 0;
-    FILE *out = open_memstream(&text, &size);
-    const Outcome outcome =
-        run([&] { require(trace_recording(file, {}, out), "a recording that is whole"); });
-    require(!outcome.stopped, "a stop", outcome.text);
-    fclose(out);
-    std::string traced(text, size);
-    free(text);
-    return traced;
+    const bool is_put = ftruncate(file, 0) == 0 &&
+                        pwrite(file, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
+    require(is_put && lseek(file, 0, SEEK_SET) == 0, "a file in memory");
+}
+
+/// Returns what is printed.
+std::string trace_of(const Bytes &file, bool as_json, const Json &result)
+{
+    static const Trace trace;
+    put_file(trace.file, file);
+    put_file(trace.printed, {});
+    output.json = as_json;
+    const RunEnd end = run([&] {
+        Session session;
+        Outcome outcome;
+        trace.command.check();
+        trace.command.run(session, outcome);
+        require(outcome.result == result, "the result", outcome.result.dump(), result.dump());
+    });
+    require(!end.stopped, "a stop", end.text);
+    std::string text(static_cast<size_t>(lseek(trace.printed, 0, SEEK_END)), ' ');
+    require(pread(trace.printed, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()), "text");
+    return text;
+}
+
+unsigned lines_of(const std::string &text)
+{
+    return static_cast<unsigned>(std::count(text.begin(), text.end(), '\n'));
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    // The link for recordings is made once in the life of a process.
-    static const bool nothing_is_no_recording = !trace_recording({}, {}, stdout);
-    require(nothing_is_no_recording, "an empty file");
     FuzzedDataProvider input(data, size);
     const std::vector<Recorded> packets = any_packets(input);
-    const std::string traced = trace_of(file_of(packets));
     const Expected expected = expected_of(packets);
+    const std::string traced = trace_of(file_of(packets), false, expected.result);
     const size_t end = traced.rfind('\n', traced.size() - 2) + 1; // npos + 1 is 0
     require(traced.substr(end) == expected.closing, "the closing line", traced.substr(end), expected.closing);
-    const auto lines = static_cast<unsigned>(std::count(traced.begin(), traced.end(), '\n'));
-    require(lines == expected.lines, "lines", std::to_string(lines), std::to_string(expected.lines));
+    require(lines_of(traced) == expected.lines, "lines", std::to_string(lines_of(traced)),
+            std::to_string(expected.lines));
+    const unsigned events = lines_of(trace_of(file_of(packets), true, expected.result));
+    require(events == expected.result["messages"], "events", std::to_string(events));
     return 0;
 }

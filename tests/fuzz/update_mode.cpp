@@ -194,7 +194,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     FuzzedDataProvider input(data, size);
     Expected expected;
     bool has_left = false;
-    const Outcome outcome = run([&] {
+    const RunEnd outcome = run([&] {
         Board board(input, expected);
         try {
             qel_run_update_mode();
