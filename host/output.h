@@ -19,7 +19,7 @@ extern OutputSettings output;
 /// Prints a line to standard output, at once, or with output_buffered(true) when enough has gathered. What
 /// cannot be written is thrown as Failure.
 void print_line(const std::string &line);
-void output_buffered(bool buffered);
+void output_buffered(bool on);
 void flush_output();
 
 /// The object as a line.

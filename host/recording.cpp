@@ -42,16 +42,16 @@ size_t padded(size_t size)
 
 // ---- Writing ----
 
-using ByteView = std::vector<uint8_t>;
+using Block = std::vector<uint8_t>;
 
-template <typename Number> void put(ByteView &block, Number number)
+template <typename Number> void put(Block &block, Number number)
 {
     uint8_t bytes[sizeof number];
     memcpy(bytes, &number, sizeof number);
     block.insert(block.end(), bytes, bytes + sizeof bytes);
 }
 
-void put_option(ByteView &block, uint16_t code, std::span<const uint8_t> value)
+void put_option(Block &block, uint16_t code, std::span<const uint8_t> value)
 {
     put(block, code);
     put(block, static_cast<uint16_t>(value.size()));
@@ -59,9 +59,9 @@ void put_option(ByteView &block, uint16_t code, std::span<const uint8_t> value)
     block.resize(padded(block.size()));
 }
 
-bool write_block(FILE *file, uint32_t type, const ByteView &body)
+bool write_block(FILE *file, uint32_t type, const Block &body)
 {
-    ByteView block;
+    Block block;
     auto length = static_cast<uint32_t>(body.size() + 12);
     put(block, type);
     put(block, length);
@@ -72,12 +72,12 @@ bool write_block(FILE *file, uint32_t type, const ByteView &body)
 
 bool write_head(FILE *file)
 {
-    ByteView section;
+    Block section;
     put<uint32_t>(section, byte_order_magic);
     put<uint16_t>(section, 1);
     put<uint16_t>(section, 0);
     put<int64_t>(section, -1);
-    ByteView link;
+    Block link;
     put<uint16_t>(link, recording_link_type);
     put<uint16_t>(link, 0);
     put<uint32_t>(link, record_bytes_max);
@@ -239,7 +239,7 @@ FILE *recording_create(const char *path)
 
 bool recording_add(FILE *file, uint64_t time_us, Direction direction, std::span<const uint8_t> record)
 {
-    ByteView body;
+    Block body;
     put<uint32_t>(body, 0);
     put(body, static_cast<uint32_t>(time_us >> 32));
     put(body, static_cast<uint32_t>(time_us));
@@ -247,7 +247,7 @@ bool recording_add(FILE *file, uint64_t time_us, Direction direction, std::span<
     put(body, static_cast<uint32_t>(record.size()));
     body.insert(body.end(), record.begin(), record.end());
     body.resize(padded(body.size()));
-    ByteView flags;
+    Block flags;
     put(flags, static_cast<uint32_t>(direction));
     put_option(body, packet_flags_option, flags);
     put<uint32_t>(body, end_of_options);
