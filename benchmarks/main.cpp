@@ -46,7 +46,7 @@ int main(int argc, char **argv)
         ->check(CLI::Range(1, 1000))
         ->capture_default_str();
     app.add_option("--only", choice, "only what has a name that this regular expression finds");
-    app.add_option("--results", results, "the file of samples, as JSON");
+    app.add_option("--results", results, "the file of samples, as JSON")->take_last();
     app.add_option("--machine", machine, "what the file says about the computer, as JSON");
     app.add_flag("--calls", calls,
                  "instead, print the system calls of a start-up and compare them with\n"

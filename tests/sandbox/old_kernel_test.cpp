@@ -118,8 +118,12 @@ Outcome start(const std::string &loader, const char *kernel)
     EXPECT_EQ(machine.names("/tmp"), std::vector<std::string>());
     EXPECT_EQ(machine.content("/storage/qel_application_2"),
               machine.content("/disk/sda1/games/qel_application_2"));
-    return machine.outcome(5, {"/storage", "/storage/qel_application_1", "/storage/qel_application_2",
-                               "/qel_home", "/disk/sda1", "/dev/snd"});
+    Outcome outcome =
+        machine.outcome(5, {"/storage", "/storage/qel_application_1", "/storage/qel_application_2",
+                            "/qel_home", "/disk/sda1", "/dev/snd"});
+    // The X server starts while the prefix is being removed: whether it still sees it is chance.
+    std::erase_if(outcome, [](const std::string &line) { return begins_with(line, "3: prefix"); });
+    return outcome;
 }
 
 TEST_P(OldKernel, StartsCopiesRemovesAndRestartsAsOnThisOne)

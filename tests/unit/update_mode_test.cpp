@@ -241,7 +241,7 @@ TEST_F(UpdateMode, TakesEveryOtherSecondThanTheLastForANewOneWhereverTheClockGoe
     kernel.on_access = [&, next = 0U](auto...) mutable {
         if (next == looks_ms.size())
             return 0;
-        kernel.clock_usec = start_s * 1000000LL + looks_ms[next++] * 1000;
+        kernel.clock_usec = start_s * 1000000LL + looks_ms[next++] * 1000LL;
         return -1;
     };
     EXPECT_THAT(run(), ElementsAre("2.0 notice", "2.5 notice", "3603.0 notice", "3.0 notice", "4.0 notice"));
