@@ -99,7 +99,7 @@ class Run:
             return False
         try:
             self.clock.send(struct.pack("<qq", number, target))
-        except BrokenPipeError:
+        except (BrokenPipeError, ConnectionResetError):
             pass  # it has ended; the next report says so
         self.target, self.waits = target, None  # it may have gone on before
         return True
