@@ -93,10 +93,10 @@ void add_host_contests(std::vector<Contest> &contests)
                           }},
                          {"tshark -T fields",
                           [] {
-                              return time_command({"tshark", "-X",
-                                                   "lua_script:" BENCH_PROJECT "/host/wireshark/qel_link.lua",
-                                                   "-r", recording(), "-T", "fields", "-e", "frame.number",
-                                                   "-e", "qel.message"});
+                              return time_command(
+                                  {"tshark", "-X",
+                                   ("lua_script:" BENCH_PROJECT "/host/wireshark/qel_link.lua"), "-r",
+                                   recording(), "-T", "fields", "-e", "frame.number", "-e", "qel.message"});
                           },
                           0.2}},
                         {},
