@@ -88,12 +88,10 @@ void start(Runner &runner, const std::vector<std::string> &words, const std::str
 }
 
 /// A message that passes, with --verbose.
-void show_event(const Runner &runner, Json event)
+void show_event(const Runner &runner, const Json &event)
 {
-    if (output.json) {
-        event["link"] = name_of(runner.place);
+    if (output.json)
         return print_json(event);
-    }
     const Json &message = event["message"];
     note(name_of(runner.place) + ": " + event["direction"].get<std::string>() + " " +
          catalogue_name(message["type"].is_null() ? UINT32_MAX : message["type"].get<uint32_t>()) + ", " +

@@ -173,6 +173,9 @@ void run_line(Session &session, Batch &batch, const Line &line)
 std::optional<std::string> next_line(Session &session, std::string &gathered)
 {
     for (;;) {
+        // Ctrl-C may also end the program that writes the lines: the end of the input then does not count.
+        if (interrupted())
+            throw Failure(fault::interrupted, "interrupted");
         size_t end = gathered.find('\n');
         if (end != std::string::npos) {
             std::string line = gathered.substr(0, end);

@@ -190,6 +190,13 @@ class StandardInput(HostTest):
         run.process.stdin.close()
         self.assertEqual(run.end().code, 0)
 
+    def test_that_ends_with_the_interrupt_is_interrupted(self):
+        run = self.start("batch", stdin=subprocess.PIPE)
+        run.settle()
+        run.process.stdin.close()
+        run.interrupt()
+        self.assertEqual(run.end().code, 5)
+
     def test_that_waits_ends_when_the_other_end_hangs_up(self):
         run = self.start("batch", "--json", stdin=subprocess.PIPE)
         run.packet(until=1)
