@@ -49,7 +49,6 @@ done
 [ ${#targets[@]} -gt 0 ] || mapfile -t targets < <(all_targets)
 
 need_packages build clang tools gtest
-    libpng-dev libx11-dev libncurses-dev libfreetype-dev
 mkdir -p "$build/findings"
 echo "building ..."
 if ! { cmake --preset fuzz -B "$build" && cmake --build "$build" --target fuzz -j "$(nproc)"; } \
