@@ -107,7 +107,7 @@ void add(CLI::App &app, Command &command, const std::string &name, const std::st
     sub->add_option("--seconds", *seconds, "end after so many seconds (until Ctrl-C)")
         ->check(CLI::Range(0.001, 1e9));
     sub->callback([=, &command] {
-        command = {.name = name, .shows_proof = name == "connect", .watches = true, .seconds = *seconds};
+        command = {.name = name, .watches = true, .seconds = *seconds};
         command.run = [=](Session &session, Outcome &outcome) { run(session, outcome); };
     });
 }

@@ -160,7 +160,7 @@ void add_send_file(CLI::App &app, Command &command)
     sub->add_option("--chunk", options->piece_bytes, "bytes in a message (22050)")
         ->check(CLI::Range(1, piece_bytes_max));
     sub->callback([=, &command] {
-        command = {.name = "send-file", .takes_several = true, .shows_proof = true};
+        command = {.name = "send-file", .takes_several = true};
         command.check = [=] { open_file(options->local); };
         command.run = [=](Session &session, Outcome &outcome) { run_send_file(session, outcome, *options); };
     });

@@ -259,7 +259,7 @@ void add_update(CLI::App &app, Command &command)
                     "a message by which the updater shows itself within the watch");
     sub->add_flag("--force", options->force, "send FILE whatever it looks like");
     sub->callback([=, &command] {
-        command = {.name = "update", .takes_several = true, .shows_proof = true};
+        command = {.name = "update", .takes_several = true};
         command.check = [=] { check_update(*options); };
         command.run = [=](Session &session, Outcome &outcome) { run_update(session, outcome, *options); };
     });

@@ -68,6 +68,12 @@ class WrongCalls(HostTest):
             self.assertIsNone(result["counts"])
             self.assertIsNone(result["result"])
 
+    def test_have_no_proof_where_the_command_has_one(self):
+        for command in COMMANDS:
+            proof = "none" if command in ("connect", "update", "send-file", "query", "post", "test-pattern") else None
+            result = self.result(self.plain(command, "--json", "--frobnicate"), 2, "wrong_call")
+            self.assertEqual((result["command"], result["proof"]), (command, proof))
+
     def test_are_words_that_the_command_does_not_take(self):
         image = self.file("image", "#!/bin/sh\n")
         for words in [["connect", "--seconds", "x"], ["connect", "--seconds", "-1"], ["connect", "more"],
