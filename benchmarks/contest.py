@@ -10,7 +10,7 @@ from pathlib import Path
 class Contender:
     name: str
     measure: object                  # prepares, measures once and cleans up; returns the contest's unit
-    ratio_max: float | None = None   # highest allowed ratio of product to this peer; none for a figure that is only shown
+    ratio_max: float | None = None   # highest allowed ratio of product to this peer, if it has a goal
     remark: str = ""                 # what explains its figure
     samples: list = dataclasses.field(default_factory=list)
 

@@ -1,5 +1,5 @@
-"""The loader as a whole: its file, its memory, its start and its restarts. It runs as process 1 of namespaces, in a root
-that has what a cabinet has."""
+"""The loader as a whole: its file, its memory, its start and its restarts. It runs as process 1 of namespaces, in a
+root that has what a cabinet has."""
 import time
 from pathlib import Path
 

@@ -86,9 +86,9 @@ def time_command(*words):
 # ---- Process 1 ----
 
 class FirstProcess:
-    """Process 1 of new mount and process namespaces, with `root` as its root, descriptor 9 as the way to send beats, and
-    nothing on its console. Like a cabinet, it and all that it starts have one processor. It waits for go() before it
-    becomes the program; at the end of the `with` block it and all it started are ended."""
+    """Process 1 of new mount and process namespaces, with `root` as its root, descriptor 9 as the way to send beats,
+    and nothing on its console. Like a cabinet, it and all that it starts have one processor. It waits for go() before
+    it becomes the program; at the end of the `with` block it and all it started are ended."""
 
     def __init__(self, root, *command):
         go, self.go_pipe = os.pipe()

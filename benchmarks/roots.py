@@ -68,8 +68,8 @@ def storage_archive():
 
 
 def equip_for_install(root):
-    """The same with a blank disk and a stick that has a whole delivery, and the tools of an install: miniunz is real, the
-    others do nothing, as there is no disk here."""
+    """The same with a blank disk and a stick that has a whole delivery, and the tools of an install: miniunz is real,
+    the others do nothing, as there is no disk here."""
     equip(root, "/machine/sda1/qel_application_1")
     root.add_file("/machine/sysfs/block/sda/dev", "8:0\n")
     root.add_file("/machine/sysfs/block/sda/sda1/dev", "8:1\n")

@@ -1,5 +1,5 @@
-"""The system calls of a start-up, as strace sees them, in two groups: what the start-up has to do, call by call, and what
-libc adds for itself, by number."""
+"""The system calls of a start-up, as strace sees them, in two groups: what the start-up has to do, call by call, and
+what libc adds for itself, by number."""
 import collections
 import re
 import signal
@@ -11,8 +11,8 @@ from processes import PROJECT, SCRATCH, FirstProcess, subject
 from roots import Root, equip
 
 EXPECTED = PROJECT / "benchmarks/start_up_calls.txt"
-# Memory for streams and open folders, the mark that a folder is not inherited, the place of a stream that is closed before
-# its end, the signals that fork holds back, and the start of every program.
+# Memory for streams and open folders, the mark that a folder is not inherited, the place of a stream that is closed
+# before its end, the signals that fork holds back, and the start of every program.
 OF_LIBC = re.compile(r"(brk|mmap|munmap|lseek|fcntl|rt_sigprocmask|arch_prctl|set_tid_address|ioctl)\(")
 # Addresses, sizes of buffers, results, and what is in a record are left out.
 CUTS = [(r"0x[0-9a-f]{5,}", "..."), (r"(\[)?\{.*\}(\], 2)?", "..."), (r"\|?O_LARGEFILE", ""),
@@ -57,8 +57,8 @@ def start_up_calls():
 
 
 def print_start_up_calls():
-    """Prints the calls up to the fork of the application, then what libc adds. Returns 0 when that is what the list says,
-    in whatever order: that of a folder's entries is the file system's."""
+    """Prints the calls up to the fork of the application, then what libc adds. Returns 0 when that is what the list
+    says, in whatever order: that of a folder's entries is the file system's."""
     calls = start_up_calls()
     print("\n".join(calls))
     if sorted(calls) == sorted(EXPECTED.read_text(encoding="ascii").splitlines()):

@@ -24,8 +24,8 @@ void limit_time(Session &session, const Command &command)
         session.ends_at = seconds_now() + command.seconds;
 }
 
-/// What the result of a command says before anything has shown that it is done; null where nothing is to be
-/// shown.
+/// The proof in the result of a command while nothing has shown that it is done; null for commands that show
+/// nothing.
 Json no_proof(const std::string &command)
 {
     const char *const shown[] = {"connect", "update", "send-file", "query", "post", "test-pattern"};

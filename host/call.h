@@ -14,9 +14,9 @@ namespace CLI
 class App;
 }
 
-/// What a command has to say when it ends, in whichever way.
+/// What a command reports when it ends, in whichever way.
 struct Outcome {
-    Json proof = {};         ///< what has shown that it is done; null where nothing is to be shown
+    Json proof = {};         ///< what has shown that it is done; null for commands that show nothing
     Json result = {};        ///< null while nothing is known
     std::string answer = {}; ///< what a query prints
 };
@@ -28,7 +28,7 @@ struct Command {
     bool takes_several = false;       ///< links at once
     bool takes_peers = false;         ///< with --listen it waits for them itself
     bool reads_input = false;         ///< standard input is its file
-    bool watches = false;             ///< it goes on for its seconds, or until it is interrupted
+    bool watches = false;             ///< it runs for its seconds, or until it is interrupted
     double seconds = 0;               ///< 0: until it is interrupted
     std::function<void()> check = {}; ///< throws Failure for what can be judged without the link
     std::function<void(Session &session, Outcome &outcome)> run = {};

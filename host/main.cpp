@@ -45,13 +45,13 @@ void add_options(CLI::App &app, Call &call)
 {
     app.set_version_flag("--version", std::string("qel-host ") + qel_version);
     app.add_flag("--json", call.output.json, "print JSON, an object for each line; the last is the result");
-    app.add_flag("--quiet", call.output.quiet, "print errors only, besides results");
+    app.add_flag("--quiet", call.output.quiet, "print only errors and results");
     app.add_flag("--verbose", call.output.verbose, "show every message, in and out");
     app.add_flag("--unverified-ok", call.unverified_ok, "exit code 0 instead of 6");
     app.add_flag("--one-of-several", call.one_of_several)->group(""); // of run_on_several
     add_place(app, call.link, "device", "the board driver's node, as /dev/qellpc_host_comms");
     add_place(app, call.link, "socket", "a socket to connect to: the simulated cabinet, or a qel-host");
-    add_place(app, call.link, "listen", "a socket to make and wait at for a peer");
+    add_place(app, call.link, "listen", "a socket to make, to wait there for a peer");
     app.add_option("--wait", call.link.wait_s, "seconds to try while nobody is at the socket (5)")
         ->check(CLI::Range(0.0, 1e9))
         ->group(link_group);
@@ -169,7 +169,7 @@ int run(Call &call)
     return show(ended);
 }
 
-/// What a call was meant to be that cannot be read: so that its error is of the right form and name.
+/// The result of a call that cannot be read, in the form and under the name that it was meant to have.
 Ended wrong_words(const CLI::App &app, const Call &call, const CLI::ParseError &error)
 {
     output.json = std::ranges::find(call.words, "--json") != call.words.end();

@@ -26,7 +26,7 @@ void flush_output();
 /// The object as a line.
 void print_json(const Json &object);
 
-/// Prints to standard error, unless that is to be quiet, or others talk there as well.
+/// Prints to standard error; nothing with --quiet, or on one of several links.
 void note(const std::string &line);
 void note_unended(const std::string &text);
 

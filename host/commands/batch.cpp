@@ -86,7 +86,7 @@ std::vector<std::string> words_of(std::string text)
 void add_sleep(CLI::App &app, Command &command)
 {
     auto seconds = std::make_shared<double>(0);
-    CLI::App *sub = app.add_subcommand("sleep", "Do nothing for so many seconds; what comes is confirmed");
+    CLI::App *sub = app.add_subcommand("sleep", "Wait; messages that come are confirmed");
     sub->add_option("seconds", *seconds, "how many")->required()->check(CLI::Range(0.0, 1e9));
     sub->callback([=, &command] {
         command = {.name = "sleep"};

@@ -20,7 +20,7 @@ struct Query {
     uint32_t type;
     const char *arguments;             ///< for the usage line
     std::vector<const char *> fields;  ///< that the arguments go to, in order; a list takes the rest
-    size_t required;                   ///< so many arguments must be there
+    size_t required;                   ///< number of arguments that must be there
     std::vector<const char *> printed; ///< fields of the answer
 };
 
@@ -158,7 +158,7 @@ void add_query(CLI::App &app, Command &command)
     CLI::App *sub = app.add_subcommand("query", "Ask the other end and print its answer");
     sub->add_option("what", options->what, "one of the queries below")->required();
     sub->add_option("arguments", options->arguments, "its arguments");
-    sub->add_option("--tries", options->tries, "ask so often, on a bad link (1)")
+    sub->add_option("--tries", options->tries, "ask up to N times, on a bad link (1)")
         ->check(CLI::Range(1, 1000000));
     sub->footer(usage());
     sub->callback([=, &command] {

@@ -298,7 +298,7 @@ void add_serve(CLI::App &app, Command &command)
     sub->add_option("folder", options->folder, "the other end's root: its files, plugins/ID, items/NAME")
         ->required();
     sub->add_flag("--once", options->once, "with --listen: end with the first peer");
-    sub->add_option("--seconds", options->seconds, "end after so many seconds (until Ctrl-C)")
+    sub->add_option("--seconds", options->seconds, "stop after N seconds (at Ctrl-C)")
         ->check(CLI::Range(0.001, 1e9));
     sub->add_flag("--notices", options->notices, "send a type-11 notice once a second, as the loader does");
     sub->add_option("--info", options->info, "the three values of get_info")->expected(3);

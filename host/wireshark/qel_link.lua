@@ -103,7 +103,7 @@ local field_makers = {
     ids = ProtoField.uint32,
 }
 
--- Kinds that make up the rest of a message, behind a 32-bit number; the value says how much one of it is.
+-- Kinds that make up the rest of a message, after a 32-bit number; the value is the size of what it counts.
 local rest_kinds = { block = 1, text_block = 1, counters = 1, ids = 4 }
 
 -- Reads the catalogue and registers its fields.
@@ -182,8 +182,8 @@ function qel.init()
     frames, progress, sequenced = {}, {}, {}
 end
 
--- Adds what the packet carries behind its header. Every packet but the last is full; where one is not, the
--- receiver takes what it finds behind it, here zeros.
+-- Adds what the packet carries after its header. Every packet but the last is full; where one is not, the
+-- receiver takes whatever follows it, here zeros.
 local function store(state, packet, header_size)
     local n = math.min(qel.prefs.packet_size - header_size, state.remaining)
     local part = packet:sub(header_size + 1, header_size + n)

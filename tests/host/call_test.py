@@ -227,7 +227,8 @@ class Links(HostTest):
     def test_that_are_no_sockets_cannot_be_opened_and_stay_as_they_are(self):
         name = self.file("file", "content")
         self.result(self.plain("query", "info", "--json", "--socket", name, "--wait", "0"), 3, "cannot_open")
-        self.result(self.plain("query", "info", "--json", "--listen", name), 3, "cannot_open")
+        for words in [["query", "info"], ["serve", self.folder]]:
+            self.result(self.plain(*words, "--json", "--listen", name), 3, "cannot_open")
         self.result(self.plain("query", "info", "--json", "--socket", "x" * 200, "--wait", "0"), 3,
                     "cannot_open")
         with open(name) as file:

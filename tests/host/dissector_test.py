@@ -80,8 +80,9 @@ class Recordings(HostTest):
         *events, result = self.lines(self.plain("trace", file, "--json"))
         messages = []
         for message in (event["message"] for event in events):
-            fields = {f"qel.{message['name']}.{name}": [str(one) for one in (value if isinstance(value, list) else [value])]
-                      for name, value in message["fields"].items() if name != "body" and value not in ("", [])}
+            fields = {
+                f"qel.{message['name']}.{name}": list(map(str, value if isinstance(value, list) else [value]))
+                for name, value in message["fields"].items() if name != "body" and value not in ("", [])}
             head = [message["name"], message["type"], message["size"] if fields else None, message["number"],
                     message["fields"].get("body")]  # of messages without fields, tshark shows the size they claim
             messages.append((["" if value is None else str(value) for value in head], fields))
