@@ -31,10 +31,10 @@ bool read_number(const std::string &text, size_t &at, int &number)
         return false;
     const bool is_negative = text[at] == '-';
     if (text[at] == '-' || text[at] == '+')
-        at++;
+        ++at;
     const size_t first = at;
     __extension__ __int128 value = 0;
-    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; at++)
+    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at)
         value = std::min<__int128>(value * 10 + (text[at] - '0'), __int128{1} << 64);
     if (at == first)
         return false;
@@ -78,6 +78,7 @@ struct Kernel {
 
     Kernel()
     {
+        calls.keeps_books = false;
         calls.on_mkdir = [](auto...) { return 0; };
         calls.on_mknod = [this](const char *path, mode_t mode, dev_t device) {
             made.push_back(path + std::string(S_ISBLK(mode) ? " b " : " c ") + std::to_string(major(device)) +
@@ -221,12 +222,12 @@ void compare(Kernel &kernel, const std::function<int()> &call, const std::functi
     } catch (const StopAt &stop) {
         expected_line = stop.line;
     }
-    const RunEnd outcome = run([&] { result = call(); });
-    require(outcome.line == expected_line, "the stop", outcome.text + " " + std::to_string(outcome.line),
+    const RunEnd end = run([&] { result = call(); });
+    REQUIRE(end.line == expected_line, "the stop", end.text + " " + std::to_string(end.line),
             std::to_string(expected_line));
-    require(!outcome.stopped || outcome.unit == unit, "its unit", outcome.unit);
-    require(kernel.made == model.made, "the nodes", text_of(kernel.made), text_of(model.made));
-    require(outcome.stopped || result == expected_result, "the result", std::to_string(result),
+    REQUIRE(!end.stopped || end.unit == unit, "its unit", end.unit);
+    REQUIRE(kernel.made == model.made, "the nodes", text_of(kernel.made), text_of(model.made));
+    REQUIRE(end.stopped || result == expected_result, "the result", std::to_string(result),
             std::to_string(expected_result));
 }
 
@@ -295,7 +296,7 @@ void check_disks(FuzzedDataProvider &input)
 {
     Kernel kernel;
     kernel.folders["/sys/block"];
-    for (int disks = 0; input.remaining_bytes() > 0 && disks < 5; disks++) {
+    for (int disks = 0; input.remaining_bytes() > 0 && disks < 5; ++disks) {
         const std::string disk = name_of(input, input.ConsumeBool() ? "sd" : "");
         add_entry(input, kernel, "/sys/block", disk);
         kernel.folders["/sys/block/" + disk];
@@ -318,6 +319,8 @@ void check_one(FuzzedDataProvider &input)
 }
 
 } // namespace
+
+const int input_bytes_max = 1200; // a line of /proc/devices is read up to 999 bytes at a time
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
