@@ -2,6 +2,7 @@
 
 #include "fuzz/fuzz.h"
 #include "support/fake_kernel.h"
+#include "support/product_reset.h"
 #include "support/stops.h"
 
 #include "qel_tolbrin/qel_comms.h"
@@ -13,48 +14,17 @@
 #include <algorithm>
 #include <vector>
 
-// ---- The product's variables ----
-
-// The linker's; a section that nothing went to has neither.
-extern uint64_t bss_begin[] __asm__("__start_product_bss") __attribute__((weak));
-extern uint64_t bss_end[] __asm__("__stop_product_bss") __attribute__((weak));
-extern uint64_t data_begin[] __asm__("__start_product_data") __attribute__((weak));
-extern uint64_t data_end[] __asm__("__stop_product_data") __attribute__((weak));
-
 namespace
 {
 
-/// Copies words, also those between the variables, at which the sanitizer would object.
-__attribute__((no_sanitize("address", "undefined", "coverage"))) void
-copy_words(volatile uint64_t *to, const volatile uint64_t *from, size_t count)
-{
-    for (size_t i = 0; i < count; ++i)
-        to[i] = from[i];
-}
-
-/// A section as it was at the start.
-struct Section {
-    Section(uint64_t *section_begin, uint64_t *section_end) : begin(section_begin)
-    {
-        words.resize(static_cast<size_t>(section_end - section_begin));
-        copy_words(words.data(), begin, words.size());
-    }
-    void restore() const
-    {
-        copy_words(begin, words.data(), words.size());
-    }
-    uint64_t *begin;
-    std::vector<uint64_t> words;
-};
-
-/// The first call, before anything has happened, takes note of them.
+/// The first call, before anything has happened, takes note of the product's variables.
 void restore_variables()
 {
     static const uint16_t crc_tables_are_made = qel_crc16("", 0);
-    static const Section sections[] = {{bss_begin, bss_end}, {data_begin, data_end}};
+    static const std::vector<char> state_at_start = product_state();
     require_same("the CRC of nothing", crc_tables_are_made, 0x1D0F);
-    for (const Section &section : sections)
-        section.restore();
+    REQUIRE(!state_at_start.empty(), "no variables of the product");
+    restore_product(state_at_start);
 }
 
 } // namespace
@@ -183,7 +153,15 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
     words.push_back(nullptr);
     *argv = words.data();
     findings = dup(STDERR_FILENO);
+    setenv("TZ", "UTC0", 1); // or each time stamp looks for the file of the time zone
     restore_variables();
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    FuzzedDataProvider input(data, size);
+    work_on(input);
     return 0;
 }
 
@@ -192,7 +170,7 @@ extern "C" int LLVMFuzzerInitialize(int *argc, char ***argv)
 /// much: to see them in the report of a finding, run its input with ASAN_OPTIONS=malloc_context_size=30.
 extern "C" const char *__asan_default_options()
 {
-    return "detect_leaks=0:quarantine_size_mb=1:thread_local_quarantine_size_kb=256:malloc_context_size=0";
+    return "detect_leaks=0:quarantine_size_mb=1:thread_local_quarantine_size_kb=64:malloc_context_size=0";
 }
 
 extern "C" const char *__ubsan_default_options()

@@ -13,7 +13,8 @@
 #include <memory>
 #include <string>
 
-/// Each target's: longer inputs do nothing that shorter ones cannot do.
+/// Each target's: what it does with an input. Longer ones do nothing that those of this size cannot do.
+void work_on(FuzzedDataProvider &input);
 extern const int input_bytes_max;
 
 /// How a run of the product ended.
@@ -35,8 +36,8 @@ extern const char *expected_unit;
 /// Runs `statement`, which must come to its end, or to the expected stop if there is one by then.
 void run_to_end(const std::function<void()> &statement);
 
-/// The largest block that the product gets from its heap; for more there is no memory.
-constexpr size_t heap_block_bytes_max = 1 << 20;
+/// The largest block that the product gets from its heap; for more there is no memory. No input fills it.
+constexpr size_t heap_block_bytes_max = 1 << 14;
 
 /// The smallest: shorter requests get this much. A target raises it where the product may read beyond what
 /// it has asked for.

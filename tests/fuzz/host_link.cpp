@@ -143,14 +143,12 @@ void act(Host &host, FuzzedDataProvider &input)
 
 const int input_bytes_max = 1024; // a message has 700 bytes at most
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     output = {.json = input.ConsumeBool(), .quiet = true, .verbose = true};
     run_to_end([&] {
         Host host;
         while (input.remaining_bytes() > 0)
             act(host, input);
     });
-    return 0;
 }

@@ -146,9 +146,8 @@ struct Peer {
 
 const int input_bytes_max = 512; // some thirty steps, of the peer or of its sender
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     expected_unit = "qel_tolbrin/qel_sysmsg";
     run_to_end([&] {
         Peer peer(input);
@@ -162,5 +161,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             }
         }
     });
-    return 0;
 }

@@ -89,9 +89,8 @@ void feed_anything(Receiver &receiver, FuzzedDataProvider &input)
 
 const int input_bytes_max = 512; // a message has 300 bytes at most
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     expected_unit = "qel_tolbrin/qel_comms";
     run_to_end([&] {
         const size_t any_size = input.ConsumeIntegralInRange<size_t>(7, 80);
@@ -99,5 +98,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         while (input.remaining_bytes() > 0)
             input.ConsumeBool() ? send_and_receive(receiver, input) : feed_anything(receiver, input);
     });
-    return 0;
 }

@@ -245,9 +245,8 @@ void check_extension(const std::string &s, const std::string &ext, size_t room)
 
 const int input_bytes_max = 256; // the paths have 130 bytes at most
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     const size_t dst_size = input.ConsumeIntegralInRange<size_t>(1, 100);
     const std::string other = text_of(input, 30), path = text_of(input, 100);
     check_tests(path);
@@ -257,5 +256,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     check_sibling(path, other, dst_size);
     check_filename_part(path, dst_size);
     check_extension(path, other, dst_size);
-    return 0;
 }

@@ -20,6 +20,7 @@
 #include <sanitizer/asan_interface.h>
 
 #include <algorithm>
+#include <optional>
 
 namespace
 {
@@ -147,12 +148,15 @@ struct Peer {
         return !rules.reply.empty();
     }
 
-    /// The same, for a query that succeeds when there is one.
-    bool end(Bytes &buffer, int result) const
+    /// A whole query, which must succeed when there is an answer. Returns the answer.
+    template <typename Query> std::optional<Bytes> ask(size_t room, Query query)
     {
-        const bool answered = end(buffer);
+        begin(room);
+        const int result = query();
+        Bytes answer;
+        const bool answered = end(answer);
         require_same("the result", static_cast<uint64_t>(result), answered);
-        return answered;
+        return answered ? std::optional(answer) : std::nullopt;
     }
 };
 
@@ -166,14 +170,12 @@ void get_plugins(Peer &peer)
     const Exactly<uint32_t> plugins(peer.input.ConsumeIntegralInRange<size_t>(0, 120));
     uint32_t count = untouched;
     peer.plugins_max = plugins.size();
-    peer.begin(16 + 4 * plugins.size());
-    const int result =
-        qel_sysmsg_get_plugins(&peer.con, plugins.get(), static_cast<int32_t>(plugins.size()), &count);
-    Bytes answer;
-    const bool answered = peer.end(answer, result);
-    require_same("the number of plugins", count, answered ? word(answer, 12) : untouched);
+    const auto answer = peer.ask(16 + 4 * plugins.size(), [&] {
+        return qel_sysmsg_get_plugins(&peer.con, plugins.get(), static_cast<int32_t>(plugins.size()), &count);
+    });
+    require_same("the number of plugins", count, answer ? word(*answer, 12) : untouched);
     for (size_t i = 0; i < plugins.size(); ++i)
-        require_same("a plugin", plugins.get()[i], answered && i < count ? word(answer, 16 + 4 * i) : 0);
+        require_same("a plugin", plugins.get()[i], answer && i < count ? word(*answer, 16 + 4 * i) : 0);
 }
 
 void query_23(Peer &peer)
@@ -191,7 +193,8 @@ void query_23(Peer &peer)
     expected_stop = count > 10 ? "i < 10" : "";
     const int result =
         qel_sysmsg_query_23(&peer.con, name.get(), items.data(), static_cast<uint32_t>(count), &text);
-    const bool answered = peer.end(peer.text_of_24, result);
+    const bool answered = peer.end(peer.text_of_24);
+    require_same("the result", static_cast<uint64_t>(result), answered);
     REQUIRE((text != nullptr) == answered, "where the text is");
     if (text)
         REQUIRE(memcmp(text, &peer.text_of_24[9], 103) == 0, "the text", hex_of(text, 103),
@@ -210,24 +213,19 @@ void path_exists(Peer &peer)
     const std::string path = "/" + text_of(peer.input, 150);
     const Text block(path);
     uint32_t exists = untouched;
-    peer.begin(16);
     expected_stop = is_valid(path) ? "" : "0"; // a fatal error
-    const int result = qel_sysmsg_tolbrin_path_exists(&peer.con, block.get(), &exists);
-    Bytes answer;
-    const bool answered = peer.end(answer, result);
-    require_same("exists", exists, answered ? word(answer, 12) : untouched);
+    const auto answer =
+        peer.ask(16, [&] { return qel_sysmsg_tolbrin_path_exists(&peer.con, block.get(), &exists); });
+    require_same("exists", exists, answer ? word(*answer, 12) : untouched);
 }
 
 void get_info(Peer &peer)
 {
     qel_sysmsg_info info = {77, untouched, untouched, untouched};
-    peer.begin(24);
-    const int result = qel_sysmsg_get_info(&peer.con, &info);
-    Bytes answer;
-    const bool answered = peer.end(answer, result);
-    require_same("a", info.a, answered ? word(answer, 12) : untouched);
-    require_same("b", info.b, answered ? word(answer, 16) : untouched);
-    require_same("c", info.c, answered ? word(answer, 20) : untouched);
+    const auto answer = peer.ask(24, [&] { return qel_sysmsg_get_info(&peer.con, &info); });
+    require_same("a", info.a, answer ? word(*answer, 12) : untouched);
+    require_same("b", info.b, answer ? word(*answer, 16) : untouched);
+    require_same("c", info.c, answer ? word(*answer, 20) : untouched);
     require_same("the caller's own field", info.own, 77);
 }
 
@@ -236,33 +234,24 @@ void get_item_size(Peer &peer)
     const Text name(text_of(peer.input, 40));
     const char *asked = peer.input.ConsumeBool() ? name.get() : nullptr;
     uint64_t size = untouched;
-    peer.begin(64);
-    const int result = qel_sysmsg_get_item_size(&peer.con, 1, asked, 2, &size);
-    Bytes answer;
-    const bool answered = peer.end(answer, result);
-    require_same("the size", size, answered ? long_word(answer, 56) : untouched);
+    const auto answer = peer.ask(64, [&] { return qel_sysmsg_get_item_size(&peer.con, 1, asked, 2, &size); });
+    require_same("the size", size, answer ? long_word(*answer, 56) : untouched);
 }
 
 void query_41(Peer &peer)
 {
     uint64_t first = untouched, second = untouched;
-    peer.begin(32);
-    const int result = qel_sysmsg_query_41(&peer.con, &first, &second);
-    Bytes answer;
-    const bool answered = peer.end(answer, result);
-    require_same("the first", first, answered ? long_word(answer, 16) : untouched);
-    require_same("the second", second, answered ? long_word(answer, 24) : untouched);
+    const auto answer = peer.ask(32, [&] { return qel_sysmsg_query_41(&peer.con, &first, &second); });
+    require_same("the first", first, answer ? long_word(*answer, 16) : untouched);
+    require_same("the second", second, answer ? long_word(*answer, 24) : untouched);
 }
 
 void get_plugin_size(Peer &peer)
 {
     uint64_t size = untouched;
     const uint32_t plugin = 1 + peer.input.ConsumeIntegral<uint8_t>();
-    peer.begin(24);
-    const int result = qel_sysmsg_get_plugin_size(&peer.con, plugin, &size);
-    Bytes answer;
-    const bool answered = peer.end(answer, result);
-    require_same("the size", size, answered ? long_word(answer, 16) : untouched);
+    const auto answer = peer.ask(24, [&] { return qel_sysmsg_get_plugin_size(&peer.con, plugin, &size); });
+    require_same("the size", size, answer ? long_word(*answer, 16) : untouched);
 }
 
 void get_text(Peer &peer)
@@ -321,9 +310,8 @@ const struct {
 
 const int input_bytes_max = 1024; // an answer has 600 bytes at most
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     expected_unit = "qel_tolbrin/qel_sysmsg";
     run_to_end([&] {
         Peer peer(input);
@@ -333,5 +321,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             query.ask(peer);
         }
     });
-    return 0;
 }

@@ -137,11 +137,11 @@ struct Model {
 
 const int input_bytes_max = 1024; // some thirty blocks
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void work_on(FuzzedDataProvider &input)
 {
-    const Exactly<uint8_t> file(data, size);
+    const Exactly<uint8_t> file(input.ConsumeRemainingBytes<uint8_t>());
     const Model model(file);
-    const std::span<const uint8_t> bytes(file.get(), size);
+    const std::span<const uint8_t> bytes(file.get(), file.size());
     run_to_end([&] {
         const RecordingContents contents = recording_read(bytes);
         REQUIRE(contents.problem.empty() == model.is_whole, "the verdict", contents.problem);
@@ -157,5 +157,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             require_same("its time", contents.packets[i].time_us, model.packets[i].time_us);
         }
     });
-    return 0;
 }

@@ -60,8 +60,9 @@ struct PacketRules {
             if (!has_buffer)
                 return "buf";
         }
-        for (size_t at = header; at < packet_size && message.size() < length; ++at)
-            message.push_back(packet[at]);
+        const size_t taken = std::min(packet_size - header, length - message.size());
+        const auto first = packet.begin() + static_cast<long>(header);
+        message.insert(message.end(), first, first + static_cast<long>(taken));
         if (length > 0 && message.size() == length) {
             if (LinkReferee::crc16(message) == crc)
                 delivered.push_back(message);
@@ -112,7 +113,7 @@ struct GuardedPacketRules {
             return;
         }
         ++messages;
-        message = packets.delivered.front();
+        message.swap(packets.delivered.front());
         packets.delivered.clear();
     }
 };

@@ -80,9 +80,8 @@ void check_filename(const std::string &s)
 
 const int input_bytes_max = 256; // the texts have 112 bytes at most
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     const std::string pattern = text_of(input, 4), replacement = text_of(input, 8);
     const size_t dst_size = input.ConsumeIntegralInRange<size_t>(1, 80);
     const std::string s = text_of(input, 100);
@@ -94,5 +93,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         if (!pattern.empty())
             check_replace(s, pattern, replacement, dst_size);
     });
-    return 0;
 }

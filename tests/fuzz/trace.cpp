@@ -155,9 +155,8 @@ unsigned lines_of(const std::string &text)
 
 const int input_bytes_max = 512; // some ten messages, or one of fifteen packets
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     const std::vector<Recorded> packets = any_packets(input);
     const Expected expected = expected_of(packets);
     const Bytes file = file_of(packets);
@@ -166,5 +165,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     REQUIRE(traced.substr(end) == expected.closing, "the closing line", traced.substr(end), expected.closing);
     require_same("lines", lines_of(traced), expected.lines);
     require_same("events", lines_of(trace_of(file, true, expected.result)), expected.result["messages"]);
-    return 0;
 }

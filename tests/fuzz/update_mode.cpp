@@ -184,10 +184,9 @@ struct Board {
 
 const int input_bytes_max = 512; // a message has 200 bytes at most
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+void work_on(FuzzedDataProvider &input)
 {
     heap_block_bytes_min = 12; // the handler reads a message's value also where the message ends before it
-    FuzzedDataProvider input(data, size);
     Bytes updater;
     bool has_left = false;
     run_to_end([&] {
@@ -199,5 +198,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     });
     REQUIRE(has_left == !updater.empty(), "the updater's turn", "", hex_of(updater));
-    return 0;
 }

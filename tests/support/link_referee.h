@@ -142,10 +142,12 @@ inline std::vector<Bytes> packets_of(const Bytes &message, size_t packet_size = 
     std::vector<Bytes> packets = {{static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
                                    static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size),
                                    static_cast<uint8_t>(crc >> 8), static_cast<uint8_t>(crc)}};
-    for (const uint8_t byte : message) {
-        if (packets.back().size() == packet_size)
+    for (size_t at = 0; at < message.size();) {
+        if (at > 0)
             packets.push_back({0x80});
-        packets.back().push_back(byte);
+        const size_t end = std::min(message.size(), at + packet_size - packets.back().size());
+        packets.back().insert(packets.back().end(), &message[at], message.data() + end);
+        at = end;
     }
     return packets;
 }
