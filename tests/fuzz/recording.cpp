@@ -135,7 +135,7 @@ struct Model {
 
 } // namespace
 
-const int input_bytes_max = 1024; // some thirty blocks
+const int input_bytes_max = 2048; // some sixty blocks
 
 void work_on(FuzzedDataProvider &input)
 {
