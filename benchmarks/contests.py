@@ -2,6 +2,7 @@
 import functools
 import json
 import re
+import shutil
 import signal
 import subprocess
 import sys
@@ -213,7 +214,7 @@ def cabinet_samples():
     stick, samples = SCRATCH / "stick", {}
     stick.mkdir()
     for name in "library", "minimal":
-        (stick / name).write_bytes(subject(f"bench_{name}").read_bytes())
+        shutil.copy(subject(f"bench_{name}"), stick / name)
     (stick / "rounds").write_text(f"{CABINET_ROUNDS_MAX}\n", encoding="ascii")
     # With a limit, so that it ends also when nobody ends it.
     with subprocess.Popen([PROJECT / "run", "--stick", stick, "--application",
@@ -223,7 +224,7 @@ def cabinet_samples():
             for line in run.stdout:
                 if match := re.search(r"bench\|([^|]*)(?:\|([^|]*)\|?([\d.]*))?", line.rstrip()):
                     tree, command, milliseconds = match.groups()
-                    if tree == "end":
+                    if tree.startswith("end"):
                         return samples
                     if tree == "error":
                         raise RuntimeError(f"in the cabinet: {command}")
