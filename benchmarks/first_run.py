@@ -43,7 +43,8 @@ def main(words):
         print(__doc__.strip())
         return 0
     if len(words) > 1 or not all(Path(word).is_file() for word in words):
-        sys.exit("error: RESULTS must be one existing file of results; first_run.py --help shows how")
+        print("error: RESULTS must be one existing file of results; first_run.py --help shows how", file=sys.stderr)
+        return 2
     contests = []
     with tempfile.TemporaryDirectory() as folder:
         subprocess.run(["git", "clone", "-q", PROJECT, f"{folder}/clone"], check=True)
