@@ -152,7 +152,7 @@ TEST(Sweep, ComplainsWhenTheSameAgainGoesAnotherWay)
         return std::string("slept");
     };
     EXPECT_THAT(sweep({"Remember", remember}).complaints, HasSubstr("the same again is not as"));
-    EXPECT_EQ(sweep({"Remember", remember, {}, "", "it was woken"}).complaints, "");
+    EXPECT_EQ(sweep({"Remember", remember, {}, "it was woken"}).complaints, "");
 }
 
 TEST(Sweep, ComplainsAboutAnExpectationOfTheScenario)
