@@ -182,6 +182,7 @@ namespace
 /// What a query gives, in words; what an unanswered one leaves alone says "untouched".
 struct Query {
     const char *name;
+    uint8_t reply_type;
     const char *reply;
     std::string (*ask)(qel_sysmsg_con *);
     const char *answered, *unanswered;
@@ -259,26 +260,23 @@ std::string decipher(qel_sysmsg_con *con)
 // Of queries whose results go to the caller, nothing changes; of the others, the last text does not come
 // again.
 const Query queries[] = {
-    {"GetPlugins", "00*4 01 00*3 05 00*3", get_plugins, "1 51 1", "0 untouched0 untouched"},
-    {"Query23", "00 'text' 00*99", query_23, "1 text", "0 untouched"},
-    {"PathExists", "00*4 01 00*3", path_exists, "1 1", "0 untouched"},
-    {"GetInfo", "00*4 01 00*3 02 00*3 03 00*3", get_info, "1 11 3", "0 untouched0 untouched"},
-    {"GetItemSize", "00*48 05 00*7", get_item_size, "1 5", "0 untouched"},
-    {"Query41", "00*8 05 00*7 06 00*7", query_41, "1 51 6", "0 untouched0 untouched"},
-    {"GetPluginSize", "00*4 01 00*3 05 00*7", get_plugin_size, "1 5", "0 untouched"},
-    {"GetText", "00*4 03 00*3 'hi' 00", get_text, "hi", "null"},
-    {"Decipher", "00*4 02 00*3 'hi'", decipher, "1 2 text", "0 0 null"},
+    {"GetPlugins", 14, "00*4 01 00*3 05 00*3", get_plugins, "1 51 1", "0 untouched0 untouched"},
+    {"Query23", 24, "00 'text' 00*99", query_23, "1 text", "0 untouched"},
+    {"PathExists", 29, "00*4 01 00*3", path_exists, "1 1", "0 untouched"},
+    {"GetInfo", 37, "00*4 01 00*3 02 00*3 03 00*3", get_info, "1 11 3", "0 untouched0 untouched"},
+    {"GetItemSize", 40, "00*48 05 00*7", get_item_size, "1 5", "0 untouched"},
+    {"Query41", 42, "00*8 05 00*7 06 00*7", query_41, "1 51 6", "0 untouched0 untouched"},
+    {"GetPluginSize", 44, "00*4 01 00*3 05 00*7", get_plugin_size, "1 5", "0 untouched"},
+    {"GetText", 47, "00*4 03 00*3 'hi' 00", get_text, "hi", "null"},
+    {"Decipher", 49, "00*4 02 00*3 'hi'", decipher, "1 2 text", "0 0 null"},
 };
-
-const uint8_t reply_types[] = {14, 24, 29, 37, 40, 42, 44, 47, 49};
 
 } // namespace
 
 TEST_F(Session, QueriesGiveNothingOldWhenTheSameIsUnanswered)
 {
-    for (size_t i = 0; i < std::size(queries); ++i) {
-        const Query &query = queries[i];
-        reply = message_of(reply_types[i], query.reply);
+    for (const Query &query : queries) {
+        reply = message_of(query.reply_type, query.reply);
         EXPECT_EQ(query.ask(&link.con), query.answered) << query.name;
         reply.clear();
         EXPECT_EQ(query.ask(&link.con), query.unanswered) << query.name;
