@@ -83,6 +83,19 @@ TEST(Sweep, WritesCallsWithTheirOutcomes)
     EXPECT_EQ(swept.calls, 1);
 }
 
+TEST(Sweep, ShowsAPieceOfARun)
+{
+    const Scenario whole = {"Whole", [] {
+                                sync();
+                                usleep(1000);
+                                sync();
+                                usleep(1000);
+                            }};
+    EXPECT_THAT(sweep(cut(whole, "usleep *", "sync #2")).lines,
+                ElementsAre("      0  usleep 1000   | any: same", "      1  sync", "      1  ends left"));
+    EXPECT_THAT(sweep(cut(whole, "fork")).complaints, HasSubstr("it never comes to fork"));
+}
+
 TEST(Sweep, ComplainsAboutAnEndingThatNobodyDeclares)
 {
     EXPECT_THAT(sweep(one_sleep([](Ground &) {}, {"dreamt"})).complaints,

@@ -20,28 +20,6 @@ void add_bytes(Bytes &all, const Bytes &more)
     all.insert(all.end(), more.begin(), more.end());
 }
 
-std::deque<Bytes> packets_of(const Bytes &message)
-{
-    const auto size = message.size();
-    const uint16_t crc = LinkReferee::crc16(message);
-    Bytes packet = {0,
-                    0,
-                    static_cast<uint8_t>(size >> 8),
-                    static_cast<uint8_t>(size),
-                    static_cast<uint8_t>(crc >> 8),
-                    static_cast<uint8_t>(crc)};
-    std::deque<Bytes> packets;
-    for (const uint8_t byte : message) {
-        if (packet.size() == packet_bytes) {
-            packets.push_back(packet);
-            packet = {0x80};
-        }
-        packet.push_back(byte);
-    }
-    packets.push_back(packet);
-    return packets;
-}
-
 } // namespace
 
 // ---- Host ----
@@ -66,7 +44,7 @@ void Host::finds(long ms, const Bytes &bytes)
 {
     if (bytes.empty())
         looks.push_back({ms, {}});
-    for (const Bytes &packet : bytes.empty() ? std::deque<Bytes>() : packets_of(bytes)) {
+    for (const Bytes &packet : bytes.empty() ? std::vector<Bytes>() : packets_of(bytes)) {
         looks.push_back({ms, packet});
         ms = 0;
     }

@@ -285,3 +285,12 @@ TEST_F(Session, QueriesGiveNothingOldWhenTheSameIsUnanswered)
         loses = nullptr;
     }
 }
+
+// What an answer lacks reads as what the last one left in the buffer.
+TEST_F(Session, AnswerWithoutItsFieldsRepeatsTheLastOne)
+{
+    reply = message_of(49, "00*4 02 00*3 'hi'");
+    EXPECT_EQ(decipher(&link.con), "1 2 text");
+    reply = message_of(49, "00*4");
+    EXPECT_EQ(decipher(&link.con), "1 2 text");
+}
