@@ -1,6 +1,7 @@
 // Long sessions on the whole link, in one process, without a new start between one exchange and the next.
 
 #include "support/product_reset.h"
+#include "support/stops.h"
 #include "tapes/golden.h"
 #include "tapes/host.h"
 
@@ -53,6 +54,7 @@ struct Session : testing::Test {
         return qel_sysmsg_post_22(&link.con);
     }
 
+    const LeaksAllowed buffers_stay; ///< the link keeps them for the life of the process
     const Traces traces;
     Ground ground;
     Link link{ground};
