@@ -7,6 +7,7 @@
 #pragma once
 
 #include "common/files.h"
+#include "common/target.h"
 #include "machine/drive/board.h"
 
 #include <sys/types.h>
@@ -22,6 +23,7 @@
 /// one receive one record from it, just as on the board driver's own node. One peer at a time; without one
 /// the loader's records are only noted as events.
 struct CabinetSetup {
+    Hardware hardware = all_targets.front().hardware;
     std::string kernel;        ///< loaded by QEMU; empty: the machine starts from its disks through the BIOS
     std::string ram_disk;      ///< with `kernel` only; laid over the RAM disk inside the kernel
     std::string kernel_words;  ///< added to the boot line ("qellpc.absent=1"), with `kernel` only

@@ -8,7 +8,7 @@ namespace
 /// Starts a machine with an application and waits until it runs.
 void start_with_application(Machine &machine)
 {
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     start(machine);
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
     ASSERT_TRUE(wait_for_recorder(machine, "Xfake"));

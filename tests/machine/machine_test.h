@@ -18,6 +18,7 @@ const double patience = 60;
 
 struct Machine {
     Parts parts;
+    std::string recorder; ///< as a file of this computer
     ScratchFolder folder;
     CabinetSetup setup;
     std::vector<std::string> ram_disk = ram_disk_list(parts);
@@ -27,9 +28,6 @@ struct Machine {
 
     explicit Machine(const std::string &target = targets.front());
 };
-
-/// The recorder as a file of this computer.
-extern const char *const recorder;
 
 /// Makes the internal disk, unless the setup names one.
 void make_disk(Machine &machine);

@@ -40,7 +40,7 @@ std::string class_of_loader(Machine &machine)
 Account account_of_start(const std::string &target)
 {
     Machine machine(target);
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     start(machine);
     EXPECT_TRUE(wait_for_recorder(machine, "qel_application_1"));
     EXPECT_TRUE(wait_for_recorder(machine, "Xfake"));
