@@ -120,7 +120,9 @@ int try_it(Options &options)
 {
     if (options.stick.empty())
         complete(options);
-    return try_install(find_target(options.target).hardware, options.stick, options.delivery, show_progress) ? 0 : 1;
+    return try_install(find_target(options.target).hardware, options.stick, options.delivery, show_progress)
+               ? 0
+               : 1;
 }
 
 // ---- Options ----
