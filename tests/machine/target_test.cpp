@@ -56,9 +56,10 @@ Account account_of_start(const Kind &kind)
     EXPECT_TRUE(wait_for_recorder(machine, "qel_application_1"));
     EXPECT_TRUE(wait_for_recorder(machine, "Xfake"));
     EXPECT_EQ(class_of_loader(machine), kind.target == "i586" ? " 7f 45 4c 46 01\n" : " 7f 45 4c 46 02\n");
-    if (kind.target == "i586")
+    if (kind.target == "i586") {
         EXPECT_EQ(look_inside(machine.cabinet, "sed -n 's/^Seccomp:\t//p' /proc/1/status"),
                   kind.old_kernel ? "2\n" : "0\n");
+    }
 
     Account account = {start_up_lines(machine)};
     // What both programs were given, as the recorder writes it down before it looks for a Wine prefix.
