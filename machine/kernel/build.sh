@@ -56,7 +56,7 @@ unpack() {
     mkdir -p "$source.new/drivers/misc/qel" &&
     cp "$here"/drivers/* "$source.new/drivers/misc/qel/" &&
     echo 'obj-y += qel/' >>"$source.new/drivers/misc/Makefile" &&
-    patch -d "$source.new" -p1 <"$here/disk-name.patch" &&
+    cat "$here"/*.patch | patch -d "$source.new" -p1 &&
     mv "$source.new" "$source"
 }
 
@@ -112,7 +112,7 @@ prepare() {
         need_packages kernel >&2
         version=$(dpkg-query -W -f '${Version}' linux-source-6.1)
         recipe=2
-        source_key=$({ echo "$recipe $version ${left_out[*]}"; cd "$here" && cat disk-name.patch drivers/*; } | key_of)
+        source_key=$({ echo "$recipe $version ${left_out[*]}"; cd "$here" && cat ./*.patch drivers/*; } | key_of)
         folder=$cache/kernel-$({ echo "$source_key"; cd "$here" && cat cabinet.config "$target.config" embedded.list; } |
             key_of)
         mkdir -p "$folder"
