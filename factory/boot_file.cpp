@@ -36,14 +36,15 @@ void make_boot_file(const std::string &output, const Parts &parts, const std::ve
 {
     ScratchFolder scratch;
     write_list(scratch.path + "/list", list);
-    run_tool({parts.source_folder + "/machine/kernel/build.sh", "embed", scratch.path + "/list", output});
+    run_tool({parts.source_folder + "/machine/kernel/build.sh", "embed", parts.target.name,
+              scratch.path + "/list", output});
 }
 
 } // namespace
 
 std::string usual_boot_file(const Parts &parts)
 {
-    std::string file = parts.build_folder + "/factory/vmlinux-" + parts.target;
+    std::string file = parts.build_folder + "/factory/vmlinux-" + parts.target.name;
     std::vector<std::string> list = ram_disk_list(parts);
     make_unless_same(file, key_of(parts, list), [&] { make_boot_file(file, parts, list); });
     return file;
@@ -51,7 +52,7 @@ std::string usual_boot_file(const Parts &parts)
 
 std::string usual_storage(const Parts &parts)
 {
-    std::string folder = parts.build_folder + "/factory/storage";
+    std::string folder = parts.build_folder + "/factory/storage-" + parts.target.name;
     fs::create_directories(folder);
     fs::copy_file(parts.sample_application,
                   folder + "/" + fs::path(parts.sample_application).filename().string(),

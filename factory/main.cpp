@@ -24,7 +24,7 @@ struct Options {
     std::string stick;
     Delivery delivery;
     DiskCheck check;
-    std::string target = targets.front(); ///< of the boot file
+    std::string target = targets.front();
 };
 
 void show_progress(const std::string &step)
@@ -93,7 +93,8 @@ int make_system(Options &options)
 {
     show_progress("packing the system image");
     if (options.folder.empty())
-        fs::copy_file(usual_system_image(find_parts()), options.output, fs::copy_options::overwrite_existing);
+        fs::copy_file(usual_system_image(find_parts(options.target)), options.output,
+                      fs::copy_options::overwrite_existing);
     else
         pack_system_image(options.output, options.folder);
     print_size_of(options.output);
@@ -119,14 +120,16 @@ int try_it(Options &options)
 {
     if (options.stick.empty())
         complete(options);
-    return try_install(options.stick, options.delivery, show_progress) ? 0 : 1;
+    return try_install(find_target(options.target).hardware, options.stick, options.delivery, show_progress)
+               ? 0
+               : 1;
 }
 
 // ---- Options ----
 
 void add_target(CLI::App &command, Options &options)
 {
-    command.add_option("--target", options.target, "the machine that the loader is built for")
+    command.add_option("--target", options.target, "the machine that this source tree's pieces are for")
         ->check(CLI::IsMember(targets))
         ->capture_default_str();
 }
@@ -180,6 +183,7 @@ void add_commands(CLI::App &app, Options &options)
     CLI::App *system = app.add_subcommand("make-system-image", "make the system image \"qel_usr.cramfs\"");
     system->callback([&] { options.command = make_system; });
     add_output(*system, options, "file");
+    add_target(*system, options);
     system
         ->add_option("FOLDER", options.folder,
                      "what /usr is to hold (default: what this source tree puts there)")

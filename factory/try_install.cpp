@@ -91,11 +91,13 @@ bool fail(const std::string &text)
 
 } // namespace
 
-bool try_install(const std::string &stick, const Delivery &delivery, const Progress &progress)
+bool try_install(const Hardware &hardware, const std::string &stick, const Delivery &delivery,
+                 const Progress &progress)
 {
     catch_interrupts();
     ScratchFolder scratch;
     CabinetSetup setup;
+    setup.hardware = hardware;
     setup.internal_disk = scratch.path + "/internal_disk";
     setup.seconds_max = install_seconds_max + start_seconds_max;
     setup.report_stops = true;

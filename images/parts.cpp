@@ -28,13 +28,12 @@ std::string folder_with(const std::string &mark)
         "each piece, or run the program that ./run builds");
 }
 
-std::string loader_for(const std::string &target, const std::string &source)
+std::string loader_for(const Target &target, const std::string &source)
 {
     const char *other_loader = getenv("QEL_LOADER");
     if (other_loader != nullptr)
         return other_loader;
-    std::string preset = target == "x86-64" ? "product" : "product-" + target;
-    return source + "/build/" + preset + "/src/qel_application_loader.stripped";
+    return source + "/build/" + target.preset + "/src/qel_application_loader.stripped";
 }
 
 } // namespace
@@ -42,20 +41,26 @@ std::string loader_for(const std::string &target, const std::string &source)
 Parts find_parts(const std::string &target)
 {
     Parts parts;
-    parts.target = target;
+    parts.target = find_target(target);
     parts.source_folder = folder_with("machine/set_up.sh");
     parts.build_folder = folder_with("CMakeCache.txt");
-    parts.loader = loader_for(target, parts.source_folder);
+    parts.loader = loader_for(parts.target, parts.source_folder);
     parts.work_folder = parts.source_folder + "/build/machine";
-    parts.kernel_folder = parts.work_folder + "/kernel";
+    parts.kernel_folder = parts.work_folder + "/kernel-" + target;
+    parts.kernel = parts.kernel_folder + "/" + parts.target.kernel;
+    if (!parts.target.programs.empty())
+        parts.programs = parts.work_folder + "/" + parts.target.programs;
     parts.installer_scripts = parts.source_folder + "/machine/inside/tools";
-    parts.first_program = parts.build_folder + "/machine/cabinet_init";
-    parts.xfake = parts.build_folder + "/machine/Xfake";
-    parts.sample_application = parts.build_folder + "/machine/qel_application_sample";
+    const std::string inside = parts.build_folder + "/machine/" + target;
+    parts.first_program = inside + "/cabinet_init";
+    parts.xfake = inside + "/Xfake";
+    parts.sample_application = inside + "/qel_application_sample";
 
-    require_file(parts.loader, "run machine/set_up.sh " + target + ", or name another loader in QEL_LOADER");
-    require_file(parts.kernel_folder + "/vmlinux", "run machine/set_up.sh");
+    const std::string set_up = "run machine/set_up.sh " + target;
+    require_file(parts.loader, set_up + ", or name another loader in QEL_LOADER");
+    require_file(parts.kernel, set_up);
     for (const std::string &program : {parts.first_program, parts.xfake, parts.sample_application})
-        require_file(program, "build the tools: cmake --preset tools && cmake --build --preset tools");
+        require_file(program,
+                     set_up + ", and build the tools: cmake --preset tools && cmake --build --preset tools");
     return parts;
 }

@@ -2,19 +2,17 @@
 // run inside the machine.
 #pragma once
 
-#include <string>
-#include <vector>
-
-/// The machines that the loader is built for; the first one, unless another is named.
-inline const std::vector<std::string> targets = {"x86-64", "i586"};
+#include "common/target.h"
 
 struct Parts {
-    std::string target;        ///< one of `targets`
+    Target target;
     std::string source_folder; ///< the source tree
     std::string
         build_folder;   ///< where CMake has built the programs that run inside the machine, and this one
     std::string loader; ///< the stripped static loader
     std::string kernel_folder; ///< holds vmlinux, bzImage and gen_init_cpio (machine/kernel/build.sh)
+    std::string kernel;        ///< the file there that QEMU loads
+    std::string programs;      ///< the folder that stands for / of the Debian whose programs run inside
     std::string first_program; ///< /init of the RAM disk
     std::string xfake;
     std::string sample_application;

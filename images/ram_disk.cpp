@@ -4,9 +4,9 @@
 
 #include "common/child.h"
 #include "common/files.h"
+#include "images/programs.h"
 
 #include <filesystem>
-#include <set>
 
 namespace fs = std::filesystem;
 
@@ -24,13 +24,13 @@ void add_installer_tools(std::vector<std::string> &list, const Parts &parts)
 {
     for (const char *name : {"sfdisk", "mkdosfs", "syslinux"})
         list.push_back(file_line("/bin/" + std::string(name), parts.installer_scripts + "/" + name));
-    list.push_back(file_line("/bin/miniunz", find_tool("miniunzip")));
-    for (const char *name : {"sfdisk", "mkfs.fat", "extlinux"})
-        list.push_back(file_line("/lib/tools/" + std::string(name), find_tool(name)));
-    std::set<std::string> libraries;
-    for (const char *name : {"sfdisk", "mkfs.fat", "extlinux", "miniunzip"})
-        libraries.merge(libraries_of(find_tool(name)));
-    for (const std::string &library : libraries)
+    std::vector<std::string> programs;
+    for (const char *name : {"sfdisk", "mkfs.fat", "extlinux", "miniunzip"}) {
+        programs.push_back(find_program(parts, name));
+        list.push_back(file_line("/lib/tools/" + std::string(name), programs.back()));
+    }
+    list.push_back("slink /bin/miniunz /lib/tools/miniunzip 777 0 0");
+    for (const std::string &library : needed_libraries(parts, programs))
         list.push_back(file_line("/lib/" + fs::path(library).filename().string(), library));
 }
 
@@ -47,12 +47,12 @@ std::vector<std::string> ram_disk_list(const Parts &parts)
         "dir /sbin 755 0 0",
         "dir /lib 755 0 0",
         "dir /lib/tools 755 0 0",
-        "dir /lib64 755 0 0",
+        "dir " + fs::path(parts.target.dynamic_loader).parent_path().string() + " 755 0 0",
         file_line("/init", parts.first_program),
         file_line("/sbin/qel_application_loader", parts.loader),
-        file_line("/bin/busybox", "/bin/busybox"),
+        file_line("/bin/busybox", find_program(parts, "busybox")),
         "slink /bin/sh busybox 777 0 0",
-        file_line("/lib64/ld-linux-x86-64.so.2", "/lib64/ld-linux-x86-64.so.2"),
+        file_line(parts.target.dynamic_loader, parts.programs + parts.target.dynamic_loader),
     };
     add_installer_tools(list, parts);
     return list;

@@ -5,9 +5,9 @@
 #include "common/child.h"
 #include "common/files.h"
 #include "images/layout.h"
+#include "images/programs.h"
 
 #include <filesystem>
-#include <set>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -26,16 +26,10 @@ std::string key_of(const std::vector<FileAt> &files)
 
 std::vector<FileAt> system_files(const Parts &parts)
 {
+    const std::string server = find_program(parts, "Xvfb"), keyboard = find_program(parts, "xkbcomp");
     std::vector<FileAt> files = {
-        {"xorg/bin/Xfake", parts.xfake},
-        {"xorg/bin/Xvfb", "/usr/bin/Xvfb"},
-        {"bin/xkbcomp", "/usr/bin/xkbcomp"},
-    };
-    std::set<std::string> libraries;
-    for (const std::string &program :
-         {std::string("/usr/bin/Xvfb"), std::string("/usr/bin/xkbcomp"), parts.sample_application})
-        libraries.merge(libraries_of(program));
-    for (const std::string &library : libraries)
+        {"xorg/bin/Xfake", parts.xfake}, {"xorg/bin/Xvfb", server}, {"bin/xkbcomp", keyboard}};
+    for (const std::string &library : needed_libraries(parts, {server, keyboard, parts.sample_application}))
         files.push_back(
             {"xorg/lib/" + fs::path(library).filename().string(), fs::canonical(library).string()});
     for (const FileAt &file : files_of_folder("/usr/share/X11/xkb"))
@@ -66,7 +60,7 @@ void pack_system_image(const std::string &image, const std::string &folder)
 std::string usual_system_image(const Parts &parts)
 {
     std::vector<FileAt> files = system_files(parts);
-    std::string image = parts.work_folder + "/qel_usr.cramfs";
+    std::string image = parts.build_folder + "/machine/" + parts.target.name + "/qel_usr.cramfs";
     make_unless_same(image, key_of(files), [&] { make_system_image(image, files); });
     return image;
 }

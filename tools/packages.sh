@@ -7,7 +7,7 @@ declare -A packages=(
     [build]="g++ cmake ninja-build"
     [product]="musl-tools binutils file python3"
     [i586]="g++-multilib ca-certificates"
-    [tools]="python3 libcli11-dev nlohmann-json3-dev libpng-dev libx11-dev libncurses-dev"
+    [tools]="python3 binutils libcli11-dev nlohmann-json3-dev libpng-dev libx11-dev libncurses-dev"
     [cabinet]="qemu-system-x86 busybox-static xvfb x11-xkb-utils xkb-data syslinux extlinux mtools dosfstools fdisk
         minizip zip util-linux"
     [kernel]="linux-source-6.1 gcc make patch flex bison libelf-dev libssl-dev bc cpio kmod xz-utils"
@@ -19,16 +19,28 @@ declare -A packages=(
     [bench]="make libbenchmark-dev libboost-dev busybox-static tini rsync strace findutils tshark"
 )
 
+# What runs inside the 32-bit cabinet, and all that it needs, for tools/i386_packages.sh.
+# shellcheck disable=SC2034
+i386_programs=(busybox-static xvfb x11-xkb-utils fdisk dosfstools extlinux minizip
+    libaudit1 libblkid1 libbrotli1 libbsd0 libbz2-1.0 libc6 libcap-ng0 libcap2 libfdisk1 libfontenc1 libfreetype6
+    libgcrypt20 libgl1 libglvnd0 libglx0 libgpg-error0 liblz4-1 liblzma5 libmd0 libminizip1 libpcre2-8-0
+    libpixman-1-0 libpng16-16 libreadline8 libselinux1 libsmartcols1 libsystemd0 libtinfo6 libunwind8 libuuid1
+    libx11-6 libxau6 libxcb1 libxdmcp6 libxfont2 libxkbfile1 libzstd1 zlib1g)
+
 need_packages() {
-    local missing=() name group names=()
+    local missing=() name group names=() installed
     for group in "$@"; do
         read -ra group -d '' <<<"${packages[$group]}" || true
         names+=("${group[@]}")
     done
+    installed=$(dpkg-query -W -f ' ${Package} ${db:Status-Status}\n' "${names[@]}" 2>/dev/null || true)$'\n'
     for name in "${names[@]}"; do
-        dpkg-query -W -f '${db:Status-Status}\n' "$name" 2>/dev/null | grep -qx installed || missing+=("$name")
+        [[ $installed == *" $name installed"$'\n'* ]] || missing+=("$name")
     done
     [ ${#missing[@]} -eq 0 ] && return 0
+    # One at a time.
+    exec 5<"${BASH_SOURCE[0]}"
+    flock 5
     local sudo=()
     if [ "$(id -u)" -ne 0 ]; then
         if ! command -v sudo >/dev/null; then
@@ -51,4 +63,5 @@ need_packages() {
         return 1
     fi
     rm -f "$log"
+    exec 5<&-
 }

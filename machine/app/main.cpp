@@ -61,7 +61,8 @@ std::string quoted(const std::vector<std::string> &words)
 CabinetSetup common_setup(const Options &options, const Parts &parts, const std::string &folder)
 {
     CabinetSetup setup;
-    setup.kernel = parts.kernel_folder + "/vmlinux";
+    setup.hardware = parts.target.hardware;
+    setup.kernel = parts.kernel;
     setup.ram_disk = folder + "/ram_disk";
     setup.internal_disk = folder + "/internal_disk";
     setup.board.mode = options.mode;

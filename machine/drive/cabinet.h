@@ -7,6 +7,7 @@
 #pragma once
 
 #include "common/files.h"
+#include "common/target.h"
 #include "machine/drive/board.h"
 
 #include <sys/types.h>
@@ -22,6 +23,7 @@
 /// one receive one record from it, just as on the board driver's own node. One peer at a time; without one
 /// the loader's records are only noted as events.
 struct CabinetSetup {
+    Hardware hardware = all_targets.front().hardware;
     std::string kernel;        ///< loaded by QEMU; empty: the machine starts from its disks through the BIOS
     std::string ram_disk;      ///< with `kernel` only; laid over the RAM disk inside the kernel
     std::string kernel_words;  ///< added to the boot line ("qellpc.absent=1"), with `kernel` only
@@ -31,6 +33,7 @@ struct CabinetSetup {
     std::string write_log; ///< file that gets every write to the internal disk (write_log.h); empty: none
     std::string stick;     ///< raw image of a USB stick that is present at power-on; written to
     bool start_from_stick = false;     ///< BIOS start: the stick comes before the internal disk
+    bool old_kernel = false;           ///< i586: without the system calls that Linux has got since 2.6.20
     std::vector<std::string> wait_for; ///< paths in the machine that must exist before the loader starts
     Board board;
     bool terminal = false;     ///< a shell on its own terminal

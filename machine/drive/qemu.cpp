@@ -1,6 +1,5 @@
 // QEMU as a process. It emulates unless QEL_ACCEL names another accelerator: a /dev/kvm may exist and still
-// hang every kernel. The internal disk is a virtio disk that the kernel calls hdc, so that the first USB
-// stick is sda.
+// hang every kernel.
 
 #include "qemu.h"
 
@@ -30,7 +29,9 @@ void add_boot(Words &words, const CabinetSetup &setup)
 {
     if (setup.kernel.empty())
         return;
-    add(words, {"-kernel", setup.kernel, "-append", setup.kernel_words + " " + setup.loader_words});
+    // The clock of the kernel's shared page needs no system call.
+    const std::string old_words = setup.old_kernel ? " vdso32=0 " : " ";
+    add(words, {"-kernel", setup.kernel, "-append", setup.kernel_words + old_words + setup.loader_words});
     if (!setup.ram_disk.empty())
         add(words, {"-initrd", setup.ram_disk});
 }
@@ -67,9 +68,10 @@ void add_disks(Words &words, const CabinetSetup &setup)
         add(words, {"-drive", drive + ("internal,file=" + setup.internal_disk) +
                                   (setup.internal_disk_read_only ? ",readonly=on" : "")});
     if (!setup.internal_disk.empty())
-        add(words, {"-device",
-                    "virtio-blk-pci,drive=internal,bootindex=" + disk_first + geometry(setup.internal_disk)});
-    add(words, {"-device", "qemu-xhci,id=usb"});
+        add(words, {"-device", setup.hardware.disk + ",drive=internal,bootindex=" + disk_first +
+                                   geometry(setup.internal_disk)});
+    for (const std::string &controller : setup.hardware.usb)
+        add(words, {"-device", controller});
     if (!setup.stick.empty())
         add(words, {"-drive", drive + ("stick,file=" + setup.stick), "-device",
                     "usb-storage,id=stick,drive=stick,bus=usb.0,bootindex=" + stick_first});
@@ -121,10 +123,9 @@ void add_ports(Words &words, Cabinet &cabinet, const CabinetSetup &setup, std::v
 
 void start_qemu(Cabinet &cabinet, const CabinetSetup &setup)
 {
-    // RDRAND, so that no program waits until the kernel has gathered random bytes.
-    const char *accel = getenv("QEL_ACCEL"), *processor = "qemu64,+rdrand";
-    Words words = {"qemu-system-x86_64", "-nodefaults", "-no-user-config"};
-    add(words, {"-accel", accel == nullptr ? "tcg" : accel, "-cpu", processor, "-m", "256"});
+    const char *accel = getenv("QEL_ACCEL");
+    Words words = {setup.hardware.qemu, "-nodefaults", "-no-user-config"};
+    add(words, {"-accel", accel == nullptr ? "tcg" : accel, "-cpu", setup.hardware.processor, "-m", "256"});
     // Without graphics, the BIOS writes to the serial line.
     add(words, {"-display", "none", "-no-reboot", "-machine", "graphics=off"});
     add(words, {"-serial", "file:" + cabinet.scratch.path + "/kernel.log"});

@@ -54,7 +54,7 @@ std::string code_on(const std::string &stack)
     return "";
 }
 
-long clock_seconds()
+time_t clock_seconds()
 {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);

@@ -2,13 +2,15 @@
 // but the code of the place, "ERROR KCW1964", stays on its stack, where it was composed for a debugger.
 #pragma once
 
+#include <time.h>
+
 #include <map>
 #include <set>
 #include <string>
 
 struct StopWatch {
-    int processes = -1; ///< a /proc that is mounted nowhere, so that the loader finds no trace of it
-    long next_look = 0; ///< in seconds of the machine's clock
+    int processes = -1;   ///< a /proc that is mounted nowhere, so that the loader finds no trace of it
+    time_t next_look = 0; ///< in seconds of the machine's clock
     std::set<int> reported;
 };
 

@@ -27,7 +27,7 @@ bool wait_for_console_times(Machine &machine, const std::string &text, size_t ti
 TEST(ApplicationLoop, RestartsTheApplicationWhateverItsStatus)
 {
     Machine machine;
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     start(machine);
 
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1", 4));
@@ -42,7 +42,7 @@ TEST(ApplicationLoop, RestartsTheApplicationWhateverItsStatus)
 TEST(ApplicationLoop, GivesEveryRunAFreshWinePrefix)
 {
     Machine machine;
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     start(machine);
 
     // Each run leaves a prefix with folders, files and a link to "/" in it.
@@ -58,7 +58,7 @@ TEST(ApplicationLoop, GivesEveryRunAFreshWinePrefix)
 TEST(ApplicationLoop, RestartsAnApplicationThatExitsAtOnce)
 {
     Machine machine;
-    machine.storage = {{"qel_application_quick", recorder}};
+    machine.storage = {{"qel_application_quick", machine.recorder}};
     start(machine);
 
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_quick", 20));
@@ -86,7 +86,7 @@ TEST(ApplicationLoop, RestartsAnApplicationThatIsKilled)
 TEST(ApplicationLoop, StartsTheXServerOnce)
 {
     Machine machine;
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     start(machine);
 
     ASSERT_TRUE(wait_for_start(machine, "/usr/xorg/bin/Xfake -nolisten tcp -kb"));
@@ -100,7 +100,7 @@ TEST(ApplicationLoop, RunsTheApplicationAlsoWithoutAnXServer)
 {
     Machine machine;
     machine.system = {{"share/empty", file_with(machine, "empty", "")}};
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     start(machine);
 
     EXPECT_TRUE(wait_for_recorder(machine, "qel_application_1", 2));
@@ -124,7 +124,7 @@ TEST(ApplicationLoop, SaysSoAndTriesAgainWhenTheApplicationDoesNotStart)
 TEST(WindowsApplication, RunsThroughWine)
 {
     Machine machine;
-    machine.system.push_back({"wine/bin/wine", recorder});
+    machine.system.push_back({"wine/bin/wine", machine.recorder});
     machine.storage = {{"qel_application_game.exe.so", file_with(machine, "game", "a Windows program\n")}};
     start(machine);
 
@@ -142,7 +142,7 @@ TEST(WindowsApplication, RunsThroughWine)
 TEST(WindowsApplication, SaysSoAndTriesAgainWithoutWine)
 {
     Machine machine;
-    machine.storage = {{"qel_application_game.exe.so", recorder}};
+    machine.storage = {{"qel_application_game.exe.so", machine.recorder}};
     start(machine);
 
     EXPECT_TRUE(wait_for_console_times(machine,
@@ -154,7 +154,7 @@ TEST(WindowsApplication, SaysSoAndTriesAgainWithoutWine)
 TEST(NoApplication, ParksAndPrintsNothingMore)
 {
     Machine machine;
-    machine.storage = {{"application", recorder}, {"folder/not_qel_application_1", recorder}};
+    machine.storage = {{"application", machine.recorder}, {"folder/not_qel_application_1", machine.recorder}};
     start(machine);
 
     ASSERT_TRUE(wait_for_console(machine.cabinet, "mount: /usr /storage\n", patience));

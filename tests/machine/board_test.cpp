@@ -16,7 +16,7 @@ const char *const before_the_mode =
 void start_with_mode(Machine &machine, int mode)
 {
     machine.setup.board.mode = mode;
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     start(machine);
 }
 

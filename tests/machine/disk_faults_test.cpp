@@ -57,7 +57,7 @@ TEST(FullStorage, StopsTheCopyOfAnApplicationAt197AndKeepsThePart)
 {
     Machine machine;
     take_telling_loader(machine);
-    machine.storage = {{"qel_application_1", recorder},
+    machine.storage = {{"qel_application_1", machine.recorder},
                        {"filler", noise_file(machine, "filler", 6 * mebibyte - 512 * 1024)}};
     make_small_disk(machine);
     const std::string application = noise_file(machine, "application", 2 * mebibyte);
@@ -84,7 +84,7 @@ TEST(FullStorage, StopsTheCopyOfAnApplicationAt197AndKeepsThePart)
 TEST(WriteProtectedDisk, RunsItsApplication)
 {
     Machine machine;
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     machine.setup.internal_disk_read_only = true;
     start(machine);
     EXPECT_TRUE(wait_for_recorder(machine, "qel_application_1", 2));
@@ -94,9 +94,9 @@ TEST(WriteProtectedDisk, StopsWhereStorageIsMadeWritableForANewerApplication)
 {
     Machine machine;
     take_telling_loader(machine);
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     machine.setup.internal_disk_read_only = true;
-    insert_stick(machine, {{"qel_application_2", recorder}});
+    insert_stick(machine, {{"qel_application_2", machine.recorder}});
     start(machine);
     EXPECT_EQ(wait_for_stop(machine), mounting_failed);
     EXPECT_TRUE(shows(machine, "mount: /usr /storage\n"));
@@ -158,7 +158,7 @@ TEST(PulledStick, WhileAnApplicationIsCopiedLeavesAPartThatIsTakenForTheWhole)
 {
     Machine machine;
     take_telling_loader(machine);
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     const std::string application = noise_file(machine, "application", 4 * mebibyte);
     expect_stick(machine);
     start(machine);

@@ -4,6 +4,7 @@
 
 #include "factory/boot_file.h"
 #include "factory/disk_check.h"
+#include "images/programs.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -16,7 +17,8 @@ static void let_tools_tell(InstallMachine &machine)
     const std::string scripts = machine.parts.installer_scripts;
     for (const auto &[name, real] :
          {std::pair("sfdisk", scripts + "/sfdisk"), std::pair("mkdosfs", scripts + "/mkdosfs"),
-          std::pair("syslinux", scripts + "/syslinux"), std::pair("miniunz", find_tool("miniunzip"))}) {
+          std::pair("syslinux", scripts + "/syslinux"),
+          std::pair("miniunz", find_program(machine.parts, "miniunzip"))}) {
         const std::string moved = "/lib/tools/real_" + std::string(name);
         machine.ram_disk.push_back("file " + moved + " " + real + " 755 0 0");
         replace_tool(machine, "/bin/" + std::string(name), "exec " + moved + " \"$@\"");
@@ -41,7 +43,7 @@ std::string kernel_stand_in(const InstallMachine &machine)
 void add_archive(InstallMachine &machine)
 {
     std::string program = machine.folder.path + "/qel_application_1";
-    write_file(program, read_file(recorder));
+    write_file(program, read_file(machine.recorder));
     run_tool({"sh", "-c", "cd \"$0\" && zip -q storage.zip qel_application_1", machine.folder.path});
     machine.stick.push_back({"storage.zip", machine.folder.path + "/storage.zip"});
 }

@@ -94,7 +94,7 @@ TEST(CabinetInstall, WithoutAnArchiveLeavesTheStorageEmpty)
 TEST(CabinetInstall, WithoutAnArchiveTakesTheSticksApplication)
 {
     InstallMachine machine;
-    machine.stick.push_back({"qel_application_2", recorder});
+    machine.stick.push_back({"qel_application_2", machine.recorder});
     start_install(machine);
 
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_2"));
@@ -132,8 +132,8 @@ TEST(CabinetInstall, OntoADiskThatHeldOtherPartitionsReplacesThem)
     add_archive(machine);
     const std::string &disk = machine.setup.internal_disk;
     run_tool({"sfdisk", "--quiet", "--label", "dos", disk}, ",20M,83\n,30M,82,*\n,5M,7\n,,c\n");
-    make_vfat(disk, 1, {{"old/qel_application_9", recorder}});
-    make_vfat(disk, 4, {{"old/qel_application_9", recorder}});
+    make_vfat(disk, 1, {{"old/qel_application_9", machine.recorder}});
+    make_vfat(disk, 4, {{"old/qel_application_9", machine.recorder}});
     start_install(machine);
 
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));

@@ -2,15 +2,24 @@
 
 #include "machine_test.h"
 
+#include <stdlib.h>
+
 #include <algorithm>
 #include <sstream>
 
-const char *const recorder = MACHINE_TEST_RECORDER;
-
-Machine::Machine(const std::string &target) : parts(find_parts(target))
+std::string tested_target()
 {
-    system = {{"xorg/bin/Xfake", recorder}};
-    setup.kernel = parts.kernel_folder + "/vmlinux";
+    const char *target = getenv("QEL_TEST_TARGET");
+    return target == nullptr ? targets.front() : target;
+}
+
+Machine::Machine(const std::string &target)
+    : parts(find_parts(target)),
+      recorder(parts.build_folder + "/machine/" + target + "/machine_test_recorder"),
+      system({{"xorg/bin/Xfake", recorder}})
+{
+    setup.hardware = parts.target.hardware;
+    setup.kernel = parts.kernel;
     setup.ram_disk = folder.path + "/ram_disk.img";
     setup.report_stops = true;
 }

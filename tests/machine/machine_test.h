@@ -16,8 +16,12 @@
 /// Long enough on a busy computer; a test that passes never waits for it.
 const double patience = 60;
 
+/// What QEL_TEST_TARGET names, x86-64 without it.
+std::string tested_target();
+
 struct Machine {
     Parts parts;
+    std::string recorder; ///< as a file of this computer
     ScratchFolder folder;
     CabinetSetup setup;
     std::vector<std::string> ram_disk = ram_disk_list(parts);
@@ -25,11 +29,8 @@ struct Machine {
     std::vector<FileAt> storage; ///< empty to begin with
     Cabinet cabinet;
 
-    explicit Machine(const std::string &target = targets.front());
+    explicit Machine(const std::string &target = tested_target());
 };
-
-/// The recorder as a file of this computer.
-extern const char *const recorder;
 
 /// Makes the internal disk, unless the setup names one.
 void make_disk(Machine &machine);

@@ -130,7 +130,7 @@ struct CopyRun {
 void record_copy(CopyRun &run, bool slow_stick)
 {
     Machine &machine = run.machine;
-    machine.storage = {{old_name, recorder}};
+    machine.storage = {{old_name, machine.recorder}};
     make_disk(machine);
     run_tool({"cp", "--sparse=always", machine.setup.internal_disk, run.before});
     machine.setup.write_log = machine.folder.path + "/write_log";
@@ -140,9 +140,9 @@ void record_copy(CopyRun &run, bool slow_stick)
             "sysctl.vm.dirty_expire_centisecs=10 sysctl.vm.dirty_writeback_centisecs=10";
         expect_stick(machine);
         start(machine);
-        plug_in_slow_stick(machine, {{new_name, recorder}}, 200000);
+        plug_in_slow_stick(machine, {{new_name, machine.recorder}}, 200000);
     } else {
-        insert_stick(machine, {{new_name, recorder}});
+        insert_stick(machine, {{new_name, machine.recorder}});
         start(machine);
     }
     ASSERT_TRUE(wait_for_recorder(machine, new_name));
@@ -168,7 +168,7 @@ bool misses_only_pieces(const std::string &part, const std::string &whole)
 std::string state_of_copy(const std::string &disk)
 {
     ScratchFolder folder;
-    const std::string copy = folder.path + "/copy", whole = read_file(recorder);
+    const std::string copy = folder.path + "/copy", whole = read_file(Machine().recorder);
     if (run_tool({"mdir", "-b", "-i", mtools_name(disk, 3), "::"}).find(new_name) == std::string::npos)
         return "no new one";
     try {
@@ -196,7 +196,7 @@ Outcome start_with(const std::string &disk, const std::string &application)
         machine.setup.seconds_max = machine_seconds_max;
         run_tool({"cp", "--sparse=always", disk, machine.setup.internal_disk});
         if (!application.empty())
-            insert_stick(machine, {{application, recorder}});
+            insert_stick(machine, {{application, machine.recorder}});
         start(machine);
         return outcome_of_start(machine, {});
     });

@@ -36,7 +36,7 @@ const char *const storage_is_read_only = "grep -c '^/dev/disk/hdc3 /storage vfat
 TEST(Stick, MountsReadOnlyUnderDisk)
 {
     Machine machine;
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     insert_stick(machine, {{"readme.txt", file_with(machine, "readme", "from the stick\n")}});
     start(machine);
 
@@ -81,8 +81,8 @@ TEST(Stick, BringsANewerApplicationThatStays)
 TEST(Stick, CopiesAnApplicationLargerThanAnyBufferByteForByte)
 {
     Machine machine;
-    std::string program = read_file(recorder);
-    insert_stick(machine, {{"qel_application_2", recorder}});
+    std::string program = read_file(machine.recorder);
+    insert_stick(machine, {{"qel_application_2", machine.recorder}});
     start(machine);
 
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_2"));
@@ -132,7 +132,7 @@ TEST(Stick, IsSearchedInItsFoldersToo)
 TEST(Stick, ThatIsNotVfatIsReportedAndSkipped)
 {
     Machine machine;
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     machine.setup.stick = machine.folder.path + "/stick.img";
     make_stick_without_file_system(machine.setup.stick);
     machine.setup.wait_for = {"/sys/block/sda/sda1"};
@@ -150,7 +150,7 @@ TEST(Stick, ThatIsNotVfatIsReportedAndSkipped)
 TEST(Stick, MayBePulledOutWhileTheApplicationItBroughtRuns)
 {
     Machine machine;
-    insert_stick(machine, {{"qel_application_2", recorder}});
+    insert_stick(machine, {{"qel_application_2", machine.recorder}});
     start(machine);
 
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_2"));

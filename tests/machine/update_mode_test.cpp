@@ -39,7 +39,7 @@ double seconds_of_display(const Machine &machine, const std::string &text)
 void start_with_mode(Machine &machine, int mode)
 {
     machine.setup.board.mode = mode;
-    machine.storage = {{"qel_application_1", recorder}};
+    machine.storage = {{"qel_application_1", machine.recorder}};
     start(machine);
     ASSERT_TRUE(wait_for_display(machine, "1 TOLBRIN Update..."));
 }
@@ -47,7 +47,7 @@ void start_with_mode(Machine &machine, int mode)
 void plug_in_new_stick(Machine &machine)
 {
     std::string image = machine.folder.path + "/stick.img";
-    make_stick(image, {{"readme.txt", recorder}});
+    make_stick(image, {{"readme.txt", machine.recorder}});
     plug_in_stick(machine.cabinet, image);
 }
 
@@ -114,7 +114,7 @@ TEST(UpdateMode, WithoutTheConsoleBitSilencesTheStreamsAfterwards)
 TEST(UpdateMode, DoesNotWaitWhenAStickIsThereFromTheStart)
 {
     Machine machine;
-    insert_stick(machine, {{"readme.txt", recorder}});
+    insert_stick(machine, {{"readme.txt", machine.recorder}});
     start_with_mode(machine, 3);
 
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
