@@ -396,6 +396,15 @@ TEST_F(WineExecCapture, GivesTheChildNoInput)
     EXPECT_EQ(capture("cat; printf 'end of input'"), "end of input");
 }
 
+TEST_F(WineExecCapture, LeavesWhatIsNotPrintedYetAlone)
+{
+    Output output;
+    printf("not yet");
+    EXPECT_EQ(capture("echo text"), "text\n");
+    EXPECT_EQ(output.flushed(), "");
+    EXPECT_EQ(output.text(), "not yet");
+}
+
 TEST_F(WineExecCapture, LeavesTheErrorStreamOfTheChildAlone)
 {
     testing::internal::CaptureStderr();

@@ -165,6 +165,19 @@ TEST_F(QueryDecipher, EmptiesItsResultsEvenWithoutAnAnswer)
     EXPECT_EQ(length, 0U);
 }
 
+TEST_F(QueryDecipher, KeepsNoMemoryButItsBuffer)
+{
+    peer.answers("31 00 00 00 13 00 00 00 09 00*3 03 00 00 00 'abc'");
+    peer.kernel.watches_memory = 1;
+    const void *plain;
+    uint32_t length;
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 1);
+    peer.on_send = nullptr;
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 0);
+    EXPECT_EQ(peer.kernel.count("malloc"), 2);
+    EXPECT_EQ(peer.kernel.blocks.size(), static_cast<size_t>(peer.kernel.count("realloc")));
+}
+
 TEST_F(QueryDecipher, DoesNotExamineTheLengthThatThePeerGives)
 {
     peer.answers("31 00 00 00 13 00 00 00 09 00*3 FF 00 00 00 'abc'");

@@ -142,6 +142,21 @@ TEST_F(SysmsgConfirm, TimeIsMeasuredInWholeMilliseconds)
     EXPECT_EQ(peer.now_ms(), 3000);
 }
 
+TEST_F(SysmsgConfirm, TimeIsMeasuredWithoutTheFractionOfAMillisecond)
+{
+    // After the first poll, 1 ms, come 999.6: not more than 999.
+    peer.on_poll = [this] {
+        if (peer.polls == 1)
+            peer.kernel.advance_usec(998600);
+    };
+    peer.on_send = [this](int n, const Bytes &sent) {
+        if (n == 2)
+            peer.delivers(0, confirm_of(sent));
+    };
+    EXPECT_EQ(request(), 1);
+    EXPECT_THAT(peer.sent, ElementsAre(testing::StartsWith("0 ms"), testing::StartsWith("1000 ms")));
+}
+
 TEST_F(SysmsgConfirm, TimeIsMeasuredWhateverTheCentury)
 {
     for (const time_t start : {time_t{0}, time_t{86399}, time_t{2147483}, time_t{2147483647},
