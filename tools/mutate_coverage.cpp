@@ -1,6 +1,6 @@
 // Which places of the product each test runs, for tools/mutate.py, which compiles the product with
-// -fsanitize-coverage=trace-pc and links this file: a line for each test, with its file, its seconds and the places, goes to
-// the file that QEL_MUTATE_TABLE names. What a test's children run counts as its own.
+// -fsanitize-coverage=trace-pc and links this file: a line for each test, with its file, its seconds and the
+// places, goes to the file that QEL_MUTATE_TABLE names. What a test's children run counts as its own.
 
 #include <fcntl.h>
 #include <stdint.h>
@@ -55,8 +55,8 @@ struct Table : testing::EmptyTestEventListener {
     }
     void OnTestEnd(const testing::TestInfo &test) override
     {
-        std::string row = std::string(test.test_suite_name()) + "." + test.name() + "\t" + test.file() + "\t" +
-                          std::to_string(seconds_used() - started) + "\t";
+        std::string row = std::string(test.test_suite_name()) + "." + test.name() + "\t" + test.file() +
+                          "\t" + std::to_string(seconds_used() - started) + "\t";
         for (size_t i = 0; i < places->count; ++i)
             row += std::to_string(places->offsets[i]) + " ";
         row += "\n";
@@ -78,8 +78,8 @@ const bool is_listening = [] {
 extern "C" void __sanitizer_cov_trace_pc()
 {
     if (!places)
-        places = static_cast<Places *>(
-            mmap(nullptr, sizeof *places, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+        places = static_cast<Places *>(mmap(nullptr, sizeof *places, PROT_READ | PROT_WRITE,
+                                            MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
     const auto offset =
         static_cast<uint32_t>(static_cast<const char *>(__builtin_return_address(0)) - &__executable_start);
     if (offset >= program_bytes_max || places->count == places_max || places->is_known[offset])

@@ -215,9 +215,10 @@ TEST_F(FindFileNoCase, AcceptsARelativeFolder)
 TEST_F(FindFileNoCase, CutsTheResultAtTheBufferAndClosesTheFolder)
 {
     disk.make_file("/boot/file");
-    char path[9] = "";
-    EXPECT_EQ(find_file_no_case("/boot", "file", path, sizeof path), 1);
+    char path[] = "xxxxxxxxxxx";
+    EXPECT_EQ(find_file_no_case("/boot", "file", path, 9), 1);
     EXPECT_STREQ(path, "/boot/fi");
+    EXPECT_STREQ(path + 9, "xx");
     EXPECT_EQ(kernel.count("closedir"), 1);
 }
 

@@ -97,6 +97,15 @@ TEST_F(FilesystemLimits, NodesHaveTheLongestNamesAndPlainDecimalNumbers)
                                   "mknod /dev/card 020666 1:2", "mknod /dev/qellpc_firmware 020666 254:0"));
 }
 
+TEST_F(FilesystemLimits, NodesOfPartitionsMayHaveLongPathsInSysfs)
+{
+    make_nodes_as_files(kernel, disk);
+    disk.make_folder("/dev");
+    const std::string name = longest.substr(0, 250);
+    disk.make_file("/sys/block/" + name + "/" + name + "1234/dev", "8:1\n");
+    EXPECT_EQ(output_of([] { qel_make_disk_nodes("sd"); }), " " + name + "1234");
+}
+
 TEST_F(FilesystemLimits, TheBoardMayHaveAnyNumberButZero)
 {
     make_nodes_as_files(kernel, disk);
@@ -190,7 +199,7 @@ TEST_F(FilesystemLimits, RulesArePlainPatternsWithEscapes)
         {1, "/src/abc/\\.d*", true},
         {1, "/src/abc/?def", true}, // a leading period is a letter like any other
         {1, "/src?abc*", true},     // and so is a slash
-        {1, "?def", true}, // the same of bare rules
+        {1, "?def", true},          // the same of bare rules
         {1, "\\.def", true},
         {1, "/SRC/abc", false},
         {1, ".DEF", false},

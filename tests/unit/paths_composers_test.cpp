@@ -119,6 +119,11 @@ TEST(ChildPath, IsCutAtTheBufferAndReturnsTheWholeLength)
     char path[5];
     EXPECT_EQ(qel_child_path("/abc", "de", path, sizeof path), 7);
     EXPECT_STREQ(path, "/abc");
+    for (const int none : {0, -1})
+        EXPECT_EQ(qel_child_path("/abc", "de", path, none), 7);
+    EXPECT_STREQ(path, "/abc");
+    EXPECT_EQ(qel_child_path("/abc", "de", path, 1), 7);
+    EXPECT_STREQ(path, "");
 }
 
 TEST(ChildPath, StopsOnAChildThatBeginsWithASlash)

@@ -122,6 +122,14 @@ TEST_F(SysmsgReceive, StopsOnAMessageThatHasNoRoomForItsSize)
                     qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 05 00 00 00").data(), 5));
 }
 
+TEST_F(SysmsgReceive, StopsOnAMessageThatLacksTheLastByteOfItsSize)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit,
+                    qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 07 00 00 00").data(), 7));
+}
+
 TEST_F(SysmsgReceive, StopsOnASingleByte)
 {
     if (!in_fresh_process())

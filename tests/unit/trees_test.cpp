@@ -571,4 +571,5 @@ TEST_F(RecurseFiles, ChecksInOrder)
                  walk("a", ""));
     EXPECT_FATAL("Path is not valid: \"\"\n", "qel_recurse_files_in_folder", filesystem_unit, 1258,
                  walk("/a", ""));
+    EXPECT_EQ(kernel.count("opendir"), 0);
 }
