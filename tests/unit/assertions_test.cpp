@@ -60,6 +60,7 @@ TEST(LocationCode, CountsBytesAsSignedNumbers)
 TEST(LocationCode, CountsModulo65536)
 {
     // 5 * 122^2 = 74420 = 65536 + 8884; 8884 mod 26 = 18, 341 mod 26 = 3, 13 mod 26 = 13
+    EXPECT_EQ(code_of("zzz", 1), "ERROR KBO1"); // 44652
     EXPECT_EQ(code_of("zzzzz", 1), "ERROR SDN1");
 }
 
@@ -105,6 +106,8 @@ TEST(FailedAssertion, WhileAnotherIsBeingHandledExitsWithStatus1AfterOneSecond)
 
     kernel.on_sleep = [](unsigned seconds) { fprintf(stderr, "[slept %u]", seconds); };
     EXPECT_EXIT(real_assert_fail("second", "a/b", 2), testing::ExitedWithCode(1), "^\\[slept 1\\]$");
+    kernel.throws_at_exit = true; // by exit, not by _exit
+    EXPECT_THROW(real_assert_fail("third", "a/b", 3), ProductExit);
 }
 
 // ---- The macros ----

@@ -231,6 +231,7 @@ TEST_F(FindFileNoCase, ChecksInOrder)
     EXPECT_STOPS("*search_name", filesystem_unit, 461, find_file_no_case("/boot", "", nullptr, 0));
     EXPECT_STOPS("result_path", filesystem_unit, 462, find_file_no_case("/boot", "x", nullptr, 0));
     EXPECT_STOPS("result_path_size > 0", filesystem_unit, 463, find_file_no_case("/boot", "x", path, 0));
+    EXPECT_EQ(kernel.count("opendir"), 0);
 }
 
 // ---- qel_fs_hook ----

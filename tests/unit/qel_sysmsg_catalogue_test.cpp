@@ -411,6 +411,14 @@ TEST_F(CatalogueFiles, ThatCannotBeOpenedStopTheProgramBeforeAnythingIsSent)
     EXPECT_THAT(peer.sent, IsEmpty());
 }
 
+TEST_F(CatalogueFiles, MayHaveBlocksOfMoreThan65535Bytes)
+{
+    peer.confirms();
+    EXPECT_EQ(qel_sysmsg_transfer_data(&peer.con, std::string(70000, 'x').data(), 70000), 1);
+    EXPECT_EQ(hex_of(peer.transmissions.at(0).data(), 8), hex("02 00 00 00 80 11 01 00"));
+    EXPECT_EQ(hex_of(peer.transmissions.at(0).data() + 12, 6), hex("70 11 01 00 'xx'"));
+}
+
 TEST_F(CatalogueFiles, NeedAPath)
 {
     EXPECT_STOPS_ON("path", sysmsg_unit, qel_sysmsg_file_begin(&peer.con, nullptr));

@@ -80,7 +80,7 @@ TEST_F(QueryText, IsNoneWhenItsNulIsMissing)
 
 TEST_F(QueryText, IsNoneWhenItWouldEndBehindTheBuffer)
 {
-    for (const char *length : {"02 02 00 00", "FF FF FF 7F", "F1 FF FF FF", "FF FF FF FF"}) {
+    for (const char *length : {"02 02 00 00", "01 00 01 00", "FF FF FF 7F", "F1 FF FF FF", "FF FF FF FF"}) {
         qel_sysmsg_forget_sequence();
         peer.answers("2F 00 00 00 11 00 00 00 09 00*3 " + std::string(length) + " 00");
         EXPECT_EQ(qel_sysmsg_get_text(&peer.con), nullptr) << length;
