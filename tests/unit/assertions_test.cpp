@@ -71,6 +71,14 @@ TEST(LocationCode, OfTheFileSystemLibraryIsTheOneInTheFieldNotes)
     EXPECT_EQ(code_of("qel_utility/qel_filesystem", 400), "ERROR KCW400");
 }
 
+TEST(LocationCode, IsCutToItsNulInASingleByte)
+{
+    char code[] = "xx";
+    qel_location_code("ab", 407, code, 1);
+    EXPECT_STREQ(code, "");
+    EXPECT_STREQ(code + 1, "x");
+}
+
 // ---- The stop ----
 
 TEST(FailedAssertion, ParksTheProgramASecondAtATime)

@@ -78,6 +78,7 @@ TEST_F(Opendir, StopsOnNullAndOnARelativePath)
 {
     EXPECT_STOPS("path", filesystem_unit, 428, qel_opendir(nullptr));
     EXPECT_FATAL("Path is not absolute: \"etc\"\n", "qel_opendir", filesystem_unit, 429, qel_opendir("etc"));
+    EXPECT_EQ(kernel.count("opendir"), 0);
 }
 
 // ---- qel_exists, qel_file_exists ----

@@ -185,6 +185,8 @@ TEST(SiblingPath, ChecksInOrder)
     EXPECT_STOPS("sibling[0] != '/'", filesystem_unit, 1168,
                  qel_sibling_path("/a", "/c", result, sizeof result));
     EXPECT_STOPS("slash", filesystem_unit, 1173, qel_sibling_path("/a", "c", result, 1));
+    char path[] = "/x/y";
+    EXPECT_STOPS("slash", filesystem_unit, 1173, qel_sibling_path("/a", "c", path, 0));
 }
 
 // ---- qel_filename_part ----

@@ -338,6 +338,15 @@ TEST_F(CatalogueFiles, TravelInChunksOf22050Bytes)
     EXPECT_EQ(file_content(peer), content);
 }
 
+TEST_F(CatalogueFiles, EndWithAMessageOfWhatIsLeft)
+{
+    peer.confirms();
+    const std::string content = varied(23000);
+    EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, content.data(), 23000, "f"), 1);
+    EXPECT_THAT(outline(peer), ElementsAre("type 7, 18 bytes", "type 8, 22066 bytes", "type 8, 966 bytes",
+                                           "type 9, 12 bytes"));
+}
+
 TEST_F(CatalogueFiles, OfExactlyOneChunkTravelInOneMessage)
 {
     peer.confirms();

@@ -24,6 +24,14 @@ TEST_F(SysmsgReceive, HandsAnUnsequencedMessageOnWithoutAConfirm)
     EXPECT_THAT(peer.sent, IsEmpty());
 }
 
+TEST_F(SysmsgReceive, TakesMessagesOfMoreThan65535Bytes)
+{
+    Bytes long_one = bytes_of("0B 00 00 00 70 11 01 00");
+    long_one.resize(70000);
+    peer.receive(long_one);
+    EXPECT_EQ(peer.handled.size(), 1U);
+}
+
 TEST_F(SysmsgReceive, ConfirmsASequencedMessageBeforeItHandsItOn)
 {
     peer.on_handle = [this](const Bytes &) {
