@@ -14,6 +14,7 @@ import bisect
 import collections
 import concurrent.futures
 import hashlib
+import itertools
 import json
 import os
 import random
@@ -22,7 +23,6 @@ import shlex
 import subprocess
 import sys
 import tempfile
-import shutil
 import time
 from pathlib import Path
 
@@ -477,7 +477,8 @@ class Build:
                 self.commands[name] = words
                 self.tests[name] = folder / made
         self.included = self.read_dependencies()
-        self.work = Path(tempfile.mkdtemp(dir=folder, prefix="work-"))
+        self.temporary = tempfile.TemporaryDirectory(dir=folder, prefix="work-")
+        self.work = Path(self.temporary.name)
         self.product, self.plain = {}, {}
         for name in [n for n in self.commands if n.startswith("src/")]:
             self.product[name], self.plain[name] = self.compile(name, self.work / name)
@@ -606,6 +607,8 @@ class Tests:
         digest = hashlib.sha1(b"".join(p.read_bytes() for p in [build.rest, *build.product.values()])).hexdigest()
         kept = build.folder / f"coverage-{digest}.json"  # of these very tests, by an earlier run
         if not kept.exists():
+            for old in build.folder.glob("coverage-*.json"):
+                old.unlink()
             kept.write_text(json.dumps(self.look(build)))
         self.seconds, self.of_function = collections.Counter(), collections.defaultdict(set)
         self.file = {}
@@ -648,16 +651,15 @@ class Tests:
 
     def run(self, program, tests, number=0):
         """Runs tests, the quickest first, until one fails. Returns "passed", "failed" or "never ends"."""
-        waiting, outcome = sorted(tests, key=lambda test: self.seconds[test]), "passed"
-        while waiting and outcome == "passed":
-            part = 1
-            while part < len(waiting) and sum(self.seconds[test] for test in waiting[:part]) < QUICK_TESTS_S:
-                part += 1
-            part = part if waiting is not None and part < len(waiting) else len(waiting)
-            outcome = run_tests(program, ":".join(waiting[:part]), sum(self.seconds[test] for test in waiting[:part]),
-                                {"QEL_MUTANT": str(number)})
-            waiting = waiting[part:]
-        return outcome
+        waiting = sorted(tests, key=lambda test: self.seconds[test])
+        used = list(itertools.accumulate(self.seconds[test] for test in waiting))
+        quick = bisect.bisect(used, QUICK_TESTS_S)
+        for part in (waiting[:quick], waiting[quick:]):
+            outcome = run_tests(program, ":".join(part), sum(self.seconds[test] for test in part),
+                                {"QEL_MUTANT": str(number)}) if part else "passed"
+            if outcome != "passed":
+                return outcome
+        return "passed"
 
 
 def shelter():
@@ -816,7 +818,6 @@ def run_all(sources, mutants, arguments):
         running.update((pool.submit(outcome_outside, build, tests, m), m) for m in waiting if m not in inside)
         for future in concurrent.futures.as_completed(running):
             note(running[future], future.result())
-    shutil.rmtree(build.work)
     return outcomes
 
 
