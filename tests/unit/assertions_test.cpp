@@ -60,6 +60,7 @@ TEST(LocationCode, CountsBytesAsSignedNumbers)
 TEST(LocationCode, CountsModulo65536)
 {
     // 5 * 122^2 = 74420 = 65536 + 8884; 8884 mod 26 = 18, 341 mod 26 = 3, 13 mod 26 = 13
+    EXPECT_EQ(code_of("zzz", 1), "ERROR KBO1"); // 44652
     EXPECT_EQ(code_of("zzzzz", 1), "ERROR SDN1");
 }
 
@@ -68,6 +69,14 @@ TEST(LocationCode, OfTheFileSystemLibraryIsTheOneInTheFieldNotes)
     // The squares of "qel_filesystem" sum up to 163582 = 2 * 65536 + 32510;
     // 32510 mod 26 = 10, 1250 mod 26 = 2, 48 mod 26 = 22
     EXPECT_EQ(code_of("qel_utility/qel_filesystem", 400), "ERROR KCW400");
+}
+
+TEST(LocationCode, IsCutToItsNulInASingleByte)
+{
+    char code[] = "xx";
+    qel_location_code("ab", 407, code, 1);
+    EXPECT_STREQ(code, "");
+    EXPECT_STREQ(code + 1, "x");
 }
 
 // ---- The stop ----
@@ -105,6 +114,8 @@ TEST(FailedAssertion, WhileAnotherIsBeingHandledExitsWithStatus1AfterOneSecond)
 
     kernel.on_sleep = [](unsigned seconds) { fprintf(stderr, "[slept %u]", seconds); };
     EXPECT_EXIT(real_assert_fail("second", "a/b", 2), testing::ExitedWithCode(1), "^\\[slept 1\\]$");
+    kernel.throws_at_exit = true; // by exit, not by _exit
+    EXPECT_THROW(real_assert_fail("third", "a/b", 3), ProductExit);
 }
 
 // ---- The macros ----

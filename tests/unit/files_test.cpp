@@ -78,6 +78,7 @@ TEST_F(Opendir, StopsOnNullAndOnARelativePath)
 {
     EXPECT_STOPS("path", filesystem_unit, 428, qel_opendir(nullptr));
     EXPECT_FATAL("Path is not absolute: \"etc\"\n", "qel_opendir", filesystem_unit, 429, qel_opendir("etc"));
+    EXPECT_EQ(kernel.count("opendir"), 0);
 }
 
 // ---- qel_exists, qel_file_exists ----
@@ -215,9 +216,10 @@ TEST_F(FindFileNoCase, AcceptsARelativeFolder)
 TEST_F(FindFileNoCase, CutsTheResultAtTheBufferAndClosesTheFolder)
 {
     disk.make_file("/boot/file");
-    char path[9] = "";
-    EXPECT_EQ(find_file_no_case("/boot", "file", path, sizeof path), 1);
+    char path[] = "xxxxxxxxxxx";
+    EXPECT_EQ(find_file_no_case("/boot", "file", path, 9), 1);
     EXPECT_STREQ(path, "/boot/fi");
+    EXPECT_STREQ(path + 9, "xx");
     EXPECT_EQ(kernel.count("closedir"), 1);
 }
 
@@ -230,6 +232,7 @@ TEST_F(FindFileNoCase, ChecksInOrder)
     EXPECT_STOPS("*search_name", filesystem_unit, 461, find_file_no_case("/boot", "", nullptr, 0));
     EXPECT_STOPS("result_path", filesystem_unit, 462, find_file_no_case("/boot", "x", nullptr, 0));
     EXPECT_STOPS("result_path_size > 0", filesystem_unit, 463, find_file_no_case("/boot", "x", path, 0));
+    EXPECT_EQ(kernel.count("opendir"), 0);
 }
 
 // ---- qel_fs_hook ----

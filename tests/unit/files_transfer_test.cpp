@@ -185,6 +185,7 @@ TEST_F(CopyFile, PrintsAndCallsTheHookBeforeItChecksTheSourceAndThenTheDestinati
                  qel_copy_file("dst", "src"));
     EXPECT_FATAL("Path is not absolute: \"dst\"\n", "qel_copy_file", filesystem_unit, 584,
                  qel_copy_file("dst", "/src"));
+    EXPECT_EQ(kernel.count("chmod"), 0);
 }
 
 TEST_F(CopyFile, CallsTheHookOnceAtTheStartAndAfterEveryReadTheEmptyOneIncluded)

@@ -97,6 +97,15 @@ TEST_F(FilesystemLimits, NodesHaveTheLongestNamesAndPlainDecimalNumbers)
                                   "mknod /dev/card 020666 1:2", "mknod /dev/qellpc_firmware 020666 254:0"));
 }
 
+TEST_F(FilesystemLimits, NodesOfPartitionsMayHaveLongPathsInSysfs)
+{
+    make_nodes_as_files(kernel, disk);
+    disk.make_folder("/dev");
+    const std::string name = longest.substr(0, 250);
+    disk.make_file("/sys/block/" + name + "/" + name + "1234/dev", "8:1\n");
+    EXPECT_EQ(output_of([] { qel_make_disk_nodes("sd"); }), " " + name + "1234");
+}
+
 TEST_F(FilesystemLimits, TheBoardMayHaveAnyNumberButZero)
 {
     make_nodes_as_files(kernel, disk);
@@ -147,6 +156,8 @@ TEST_F(FilesystemLimits, DumpsTakeTheLongestNames)
 {
     disk.make_file("/a/" + longest, "12345");
     EXPECT_NE(output_of([] { qel_dump_folder("/a"); }).find(" " + longest + " (5)"), std::string::npos);
+    disk.make_file(path_of(900) + "/file", "1234");
+    EXPECT_NE(output_of([] { qel_dump_folder(path_of(900).c_str()); }).find(" file (4)"), std::string::npos);
     disk.make_file("/proc/1234567890/status", "asleep\n");
     EXPECT_NE(output_of(qel_dump_processes).find("/proc/1234567890/status\n"), std::string::npos);
     EXPECT_NE(output_of(qel_dump_processes).find("asleep\n"), std::string::npos);
@@ -188,9 +199,14 @@ TEST_F(FilesystemLimits, RulesArePlainPatternsWithEscapes)
         {1, "/src/abc/\\.d*", true},
         {1, "/src/abc/?def", true}, // a leading period is a letter like any other
         {1, "/src?abc*", true},     // and so is a slash
+        {1, "?def", true},          // the same of bare rules
+        {1, "\\.def", true},
+        {1, "/SRC/abc", false},
         {1, ".DEF", false},
+        {1, "/src/@(abc)", false},
         {1, "@(.def)", false},
         {0, "/src/abc", true}, // the whole path counts, not its beginning
+        {0, "abc", true},
         {0, "*/.def", false},
         {0x100, "*", false},
         {0x101, "*", false},
@@ -279,6 +295,10 @@ TEST_F(FilesystemLimits, WritablePathsOfCopiesMayBeLong)
     EXPECT_TRUE(disk.has(path_of(508) + "/em")); // the tree itself is cut at 511 bytes
     output_of([&] { qel_mergedircontents("/src", (path_of(1500) + "/a").c_str()); });
     EXPECT_TRUE(disk.has(path_of(1500)));
+    kernel.watches_memory = 1;
+    output_of([&] { qel_mergedircontents("/src", (path_of(5000) + "/a").c_str()); });
+    EXPECT_EQ(kernel.count("malloc"), 1);
+    EXPECT_TRUE(kernel.blocks.empty());
 }
 
 TEST_F(FilesystemLimits, ChecksOfComposersComeInTheirOrder)

@@ -117,6 +117,14 @@ TEST_F(LongNames, ThatNoPathHasRoomForDoNotKeepTheOthers)
     EXPECT_EQ(names.size(), 3U);
 }
 
+TEST_F(LongNames, ThatNoPathHasRoomForDoNotKeepTheLastOne)
+{
+    add(6, 765);
+    add(2, 300); // one in each batch
+    EXPECT_EQ(remove_contents(), 0);
+    EXPECT_EQ(names.size(), 6U);
+}
+
 TEST_F(LongNames, ThatNoBatchHasRoomForStay)
 {
     add(1, 6000);

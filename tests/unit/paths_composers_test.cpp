@@ -119,6 +119,11 @@ TEST(ChildPath, IsCutAtTheBufferAndReturnsTheWholeLength)
     char path[5];
     EXPECT_EQ(qel_child_path("/abc", "de", path, sizeof path), 7);
     EXPECT_STREQ(path, "/abc");
+    for (const int none : {0, -1})
+        EXPECT_EQ(qel_child_path("/abc", "de", path, none), 7);
+    EXPECT_STREQ(path, "/abc");
+    EXPECT_EQ(qel_child_path("/abc", "de", path, 1), 7);
+    EXPECT_STREQ(path, "");
 }
 
 TEST(ChildPath, StopsOnAChildThatBeginsWithASlash)
@@ -180,6 +185,8 @@ TEST(SiblingPath, ChecksInOrder)
     EXPECT_STOPS("sibling[0] != '/'", filesystem_unit, 1168,
                  qel_sibling_path("/a", "/c", result, sizeof result));
     EXPECT_STOPS("slash", filesystem_unit, 1173, qel_sibling_path("/a", "c", result, 1));
+    char path[] = "/x/y";
+    EXPECT_STOPS("slash", filesystem_unit, 1173, qel_sibling_path("/a", "c", path, 0));
 }
 
 // ---- qel_filename_part ----

@@ -10,6 +10,7 @@
 
 #include <errno.h>
 #include <gmock/gmock.h>
+#include <limits.h>
 #include <string.h>
 
 using testing::ElementsAre;
@@ -383,6 +384,13 @@ TEST_F(WineExecCapture, TerminatesTheListAfterTheProgramWhenThereAreNoArguments)
     EXPECT_STOPS("0", filesystem_unit, 1744, capture(""));
     EXPECT_THAT(kernel.calls("execve"),
                 ElementsAre(StartsWith("execve /usr/wine/bin/wine [/usr/wine/bin/wine prog.exe] [")));
+    for (const int count : {-1, -2, -3, INT_MIN}) {
+        kernel.forget_calls();
+        EXPECT_STOPS("0", filesystem_unit, 1744, qel_wine_exec_capture("prog.exe", nullptr, count));
+        EXPECT_THAT(kernel.calls("execve"),
+                    ElementsAre(StartsWith("execve /usr/wine/bin/wine [/usr/wine/bin/wine prog.exe] [")))
+            << count;
+    }
 }
 
 TEST_F(WineExecCapture, HandsTheArgumentsToTheRealChild)
@@ -394,6 +402,15 @@ TEST_F(WineExecCapture, HandsTheArgumentsToTheRealChild)
 TEST_F(WineExecCapture, GivesTheChildNoInput)
 {
     EXPECT_EQ(capture("cat; printf 'end of input'"), "end of input");
+}
+
+TEST_F(WineExecCapture, LeavesWhatIsNotPrintedYetAlone)
+{
+    Output output;
+    printf("not yet");
+    EXPECT_EQ(capture("echo text"), "text\n");
+    EXPECT_EQ(output.flushed(), "");
+    EXPECT_EQ(output.text(), "not yet");
 }
 
 TEST_F(WineExecCapture, LeavesTheErrorStreamOfTheChildAlone)

@@ -183,6 +183,11 @@ TEST_F(H8Command, ReadsItsReplyInChunksOfAtMost64Bytes)
     replies = {std::string(64, 'a'), std::string(64, 'b'), std::string(22, 'c')};
     EXPECT_EQ(send("\x04", reply, 150), 150);
     EXPECT_THAT(kernel.calls("read"), ElementsAre("read 5001 64", "read 5001 64", "read 5001 22"));
+    replies = {std::string(63, 'd')};
+    EXPECT_EQ(send("\x04", reply + 80, 63), 63); // as much as there is room for, no more
+    EXPECT_EQ(kernel.calls("read").back(), "read 5001 63");
+    replies = {std::string(64, 'a'), std::string(64, 'b'), std::string(22, 'c')};
+    EXPECT_EQ(send("\x04", reply, 150), 150);
     EXPECT_EQ(std::string(reinterpret_cast<char *>(reply), 150),
               std::string(64, 'a') + std::string(64, 'b') + std::string(22, 'c'));
 }

@@ -33,6 +33,9 @@ TEST(IsBlank, SaysNoToAnythingElse)
 {
     EXPECT_EQ(qel_str_is_blank("  x "), 0);
     EXPECT_EQ(qel_str_is_blank("\x01"), 0);
+    EXPECT_EQ(qel_str_is_blank("\b"), 0); // the neighbours of the controls that are
+    EXPECT_EQ(qel_str_is_blank("\x0E"), 0);
+    EXPECT_EQ(qel_str_is_blank("!"), 0);
     EXPECT_EQ(qel_str_is_blank("\xA0"), 0);
 }
 

@@ -338,6 +338,15 @@ TEST_F(CatalogueFiles, TravelInChunksOf22050Bytes)
     EXPECT_EQ(file_content(peer), content);
 }
 
+TEST_F(CatalogueFiles, EndWithAMessageOfWhatIsLeft)
+{
+    peer.confirms();
+    const std::string content = varied(23000);
+    EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, content.data(), 23000, "f"), 1);
+    EXPECT_THAT(outline(peer), ElementsAre("type 7, 18 bytes", "type 8, 22066 bytes", "type 8, 966 bytes",
+                                           "type 9, 12 bytes"));
+}
+
 TEST_F(CatalogueFiles, OfExactlyOneChunkTravelInOneMessage)
 {
     peer.confirms();
@@ -409,6 +418,14 @@ TEST_F(CatalogueFiles, ThatCannotBeOpenedStopTheProgramBeforeAnythingIsSent)
 {
     EXPECT_STOPS_ON("f", sysmsg_unit, qel_sysmsg_send_file(&peer.con, "/nowhere/at/all", "remote"));
     EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+TEST_F(CatalogueFiles, MayHaveBlocksOfMoreThan65535Bytes)
+{
+    peer.confirms();
+    EXPECT_EQ(qel_sysmsg_transfer_data(&peer.con, std::string(70000, 'x').data(), 70000), 1);
+    EXPECT_EQ(hex_of(peer.transmissions.at(0).data(), 8), hex("02 00 00 00 80 11 01 00"));
+    EXPECT_EQ(hex_of(peer.transmissions.at(0).data() + 12, 6), hex("70 11 01 00 'xx'"));
 }
 
 TEST_F(CatalogueFiles, NeedAPath)

@@ -168,6 +168,7 @@ TEST_F(SysmsgSend, StopsWithoutAConnectionOrItsSendFunction)
     EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_send(nullptr, message.data()));
     peer.con.send = nullptr;
     EXPECT_STOPS_ON("con->send", sysmsg_unit, qel_sysmsg_send(&peer.con, message.data()));
+    EXPECT_STOPS_ON("con->send", sysmsg_unit, qel_sysmsg_send(&peer.con, nullptr));
 }
 
 TEST_F(SysmsgSend, PutsAByteBlockBehindItsLength)
@@ -221,6 +222,7 @@ TEST_F(SysmsgMisuse, NoSendFunction)
 {
     peer.con.send = nullptr;
     EXPECT_STOPS_ON("con->send", sysmsg_unit, request());
+    EXPECT_STOPS_ON("con->send", sysmsg_unit, qel_sysmsg_request(&peer.con, nullptr));
 }
 
 TEST_F(SysmsgMisuse, AnUnsequencedType)
@@ -284,6 +286,16 @@ TEST_F(SysmsgMisuse, ASendWhileAConfirmIsAwaited)
         return;
     peer.on_poll = [this] { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
     EXPECT_STOPS_ON("!pending_ack", sysmsg_unit, query());
+}
+
+TEST_F(SysmsgMisuse, AShortMessageWhileAConfirmIsAwaited)
+{
+    if (!in_fresh_process())
+        return;
+    peer.on_poll = [this] {
+        qel_sysmsg_request(&peer.con, bytes_of("16 00 00 00 0B 00 00 00 00 00 00 00").data());
+    };
+    EXPECT_STOPS_ON("sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)", sysmsg_unit, query());
 }
 
 TEST_F(SysmsgMisuse, ASendWhileAReplyIsAwaited)

@@ -44,6 +44,19 @@ TEST_F(QueryPlugins, CopiesAsManyIdsAsThereAre)
     EXPECT_THAT(plugins, ElementsAre(7U, 0x01020304U, 1U));
 }
 
+TEST_F(QueryPlugins, KeepsNoMemoryAnsweredOrNot)
+{
+    peer.answers("0E 00 00 00 14 00 00 00 09 00*3 01 00 00 00 07 00 00 00");
+    peer.kernel.watches_memory = 1;
+    uint32_t plugins[1];
+    uint32_t count;
+    EXPECT_EQ(qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count), 1);
+    peer.on_send = nullptr;
+    EXPECT_EQ(qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count), 0);
+    EXPECT_THAT(peer.kernel.calls("calloc"), ElementsAre("calloc 20", "calloc 20"));
+    EXPECT_TRUE(peer.kernel.blocks.empty());
+}
+
 TEST_F(QueryPlugins, AcceptsExactlyAsManyAsFit)
 {
     peer.answers("0E 00 00 00 18 00 00 00 09 00*3 02 00 00 00 07 00 00 00 08 00 00 00");

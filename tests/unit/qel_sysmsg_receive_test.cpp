@@ -24,6 +24,14 @@ TEST_F(SysmsgReceive, HandsAnUnsequencedMessageOnWithoutAConfirm)
     EXPECT_THAT(peer.sent, IsEmpty());
 }
 
+TEST_F(SysmsgReceive, TakesMessagesOfMoreThan65535Bytes)
+{
+    Bytes long_one = bytes_of("0B 00 00 00 70 11 01 00");
+    long_one.resize(70000);
+    peer.receive(long_one);
+    EXPECT_EQ(peer.handled.size(), 1U);
+}
+
 TEST_F(SysmsgReceive, ConfirmsASequencedMessageBeforeItHandsItOn)
 {
     peer.on_handle = [this](const Bytes &) {
@@ -120,6 +128,14 @@ TEST_F(SysmsgReceive, StopsOnAMessageThatHasNoRoomForItsSize)
         return;
     EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit,
                     qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 05 00 00 00").data(), 5));
+}
+
+TEST_F(SysmsgReceive, StopsOnAMessageThatLacksTheLastByteOfItsSize)
+{
+    if (!in_fresh_process())
+        return;
+    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit,
+                    qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 07 00 00 00").data(), 7));
 }
 
 TEST_F(SysmsgReceive, StopsOnASingleByte)

@@ -80,7 +80,7 @@ TEST_F(QueryText, IsNoneWhenItsNulIsMissing)
 
 TEST_F(QueryText, IsNoneWhenItWouldEndBehindTheBuffer)
 {
-    for (const char *length : {"02 02 00 00", "FF FF FF 7F", "F1 FF FF FF", "FF FF FF FF"}) {
+    for (const char *length : {"02 02 00 00", "01 00 01 00", "FF FF FF 7F", "F1 FF FF FF", "FF FF FF FF"}) {
         qel_sysmsg_forget_sequence();
         peer.answers("2F 00 00 00 11 00 00 00 09 00*3 " + std::string(length) + " 00");
         EXPECT_EQ(qel_sysmsg_get_text(&peer.con), nullptr) << length;
@@ -163,6 +163,19 @@ TEST_F(QueryDecipher, EmptiesItsResultsEvenWithoutAnAnswer)
     EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 0);
     EXPECT_EQ(plain, nullptr);
     EXPECT_EQ(length, 0U);
+}
+
+TEST_F(QueryDecipher, KeepsNoMemoryButItsBuffer)
+{
+    peer.answers("31 00 00 00 13 00 00 00 09 00*3 03 00 00 00 'abc'");
+    peer.kernel.watches_memory = 1;
+    const void *plain;
+    uint32_t length;
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 1);
+    peer.on_send = nullptr;
+    EXPECT_EQ(qel_sysmsg_decipher(&peer.con, "XYZ", 3, &plain, &length), 0);
+    EXPECT_EQ(peer.kernel.count("malloc"), 2);
+    EXPECT_EQ(peer.kernel.blocks.size(), static_cast<size_t>(peer.kernel.count("realloc")));
 }
 
 TEST_F(QueryDecipher, DoesNotExamineTheLengthThatThePeerGives)

@@ -97,6 +97,13 @@ TEST_F(SysmsgConfirm, WithoutRoomForANumberIsDropped)
 {
     peer.delivers(0, bytes_of("0F 00 00 00 08 00 00 00"));
     EXPECT_EQ(request(), 0);
+    peer.on_poll = [this] { // whatever stands behind it
+        Bytes confirm = confirm_of(peer.transmissions.back());
+        confirm[4] = 8;
+        qel_sysmsg_receive(&peer.con, confirm.data(), 8);
+    };
+    message = bytes_of(post_22);
+    EXPECT_EQ(request(), 0);
 }
 
 TEST_F(SysmsgConfirm, NeedsNoPadding)
@@ -140,6 +147,21 @@ TEST_F(SysmsgConfirm, TimeIsMeasuredInWholeMilliseconds)
     peer.starts_at(1000, 1000);
     EXPECT_EQ(request(), 0);
     EXPECT_EQ(peer.now_ms(), 3000);
+}
+
+TEST_F(SysmsgConfirm, TimeIsMeasuredWithoutTheFractionOfAMillisecond)
+{
+    // After the first poll, 1 ms, come 999.6: not more than 999.
+    peer.on_poll = [this] {
+        if (peer.polls == 1)
+            peer.kernel.advance_usec(998600);
+    };
+    peer.on_send = [this](int n, const Bytes &sent) {
+        if (n == 2)
+            peer.delivers(0, confirm_of(sent));
+    };
+    EXPECT_EQ(request(), 1);
+    EXPECT_THAT(peer.sent, ElementsAre(testing::StartsWith("0 ms"), testing::StartsWith("1000 ms")));
 }
 
 TEST_F(SysmsgConfirm, TimeIsMeasuredWhateverTheCentury)
@@ -378,6 +400,7 @@ TEST_F(SysmsgReply, StopsWhenItIsOneByteTooLong)
         return;
     peer.answers("1D 00 00 00 11 00 00 00 09 00 00 00 2A 00 00 00 00");
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit, query());
+    EXPECT_EQ(reply[0], 0); // before anything is copied
 }
 
 TEST_F(SysmsgReply, StopsWhenItIsOneByteTooLongForABigBuffer)

@@ -476,6 +476,9 @@ TEST_F(CopyWorker, CutsPathsAt511Bytes)
     disk.make_file(folder + "/" + std::string(20, 'c'));
     EXPECT_EQ(work(folder.c_str(), "/dst", 0), 0);
     EXPECT_EQ(kernel.calls("stat").back(), "stat " + folder + "/cccccccc");
+    disk.make_file("/short/" + std::string(20, 'd'));
+    EXPECT_EQ(work("/short", folder.c_str(), 0), 1);
+    EXPECT_TRUE(disk.has(folder + "/dddddddd"));
 }
 
 TEST_F(CopyWorker, PassesTheRulesOnButNotReplace)

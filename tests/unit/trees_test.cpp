@@ -424,6 +424,10 @@ TEST_F(RemoveTree, OfALinkToAFolderEmptiesTheTargetLeavesTheLinkAndReturns0)
     disk.make_link("/link", "target");
     EXPECT_EQ(run(qel_rmdirtree, "/link"), 0);
     EXPECT_THAT(disk.tree("/"), ElementsAre("link", "target/"));
+    // By a path that is the same for calls that the fake kernel does not know.
+    disk.make_file("/target/file");
+    EXPECT_EQ(run(qel_rmdirtree, disk.at("/link").c_str()), 0);
+    EXPECT_THAT(disk.tree("/"), ElementsAre("link", "target/"));
 }
 
 TEST_F(RemoveTree, UnlinksALinkToAFileAndADanglingLink)
@@ -567,4 +571,5 @@ TEST_F(RecurseFiles, ChecksInOrder)
                  walk("a", ""));
     EXPECT_FATAL("Path is not valid: \"\"\n", "qel_recurse_files_in_folder", filesystem_unit, 1258,
                  walk("/a", ""));
+    EXPECT_EQ(kernel.count("opendir"), 0);
 }
