@@ -6,8 +6,7 @@
 ///     EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: 16 00 00 00 0C 00 00 00 ## 00 00 00")));
 ///
 /// Times are milliseconds since the peer was made. Each poll first lets `poll_ms` pass and then delivers
-/// what is due. There is one set of numbers in the process: a test that asks for a certain number, or that
-/// leaves the core by a stop, belongs in a process of its own (fresh_process.h).
+/// what is due.
 #pragma once
 
 #include "support/bytes.h"

@@ -137,9 +137,11 @@ TEST(WineCapture, HoldsAllThatWasWrittenBeforeItsRead)
     FakeKernel kernel;
     kernel.redirect("/usr/wine", disk.path());
     disk.make_file("bin/wine", "#!/bin/sh\nprintf one\nprintf two\n", 0755);
-    kernel.on_shutdown = [](int end, int how) { // the first of them comes before the read
+    pid_t pid = 0;
+    kernel.on_fork = [&] { return pid = real_fork(); };
+    kernel.on_shutdown = [&](int end, int how) { // the first of them comes before the read
         siginfo_t child;
-        EXPECT_EQ(waitid(P_ALL, 0, &child, WEXITED | WNOWAIT), 0);
+        EXPECT_EQ(waitid(P_PID, static_cast<id_t>(pid), &child, WEXITED | WNOWAIT), 0);
         EXPECT_EQ(child.si_status, 0);
         return real_shutdown(end, how);
     };

@@ -1,6 +1,5 @@
 // Sizes of trees and file systems, the working folder, and the stopwatch.
 
-#include "support/fresh_process.h"
 #include "support/output.h"
 #include "support/scratch_disk.h"
 #include "support/stops.h"
@@ -341,8 +340,6 @@ TEST_F(CurrentDir, IsPrintedWithoutFlushing)
 
 TEST(ElapsedUsec, Is0AtFirstThenTheMicrosecondsSince)
 {
-    if (!in_fresh_process())
-        return;
     FakeKernel kernel;
     kernel.set_time(1709622489, 5);
     EXPECT_EQ(qel_elapsed_usec(), 0U);
@@ -355,8 +352,6 @@ TEST(ElapsedUsec, Is0AtFirstThenTheMicrosecondsSince)
 
 TEST(ElapsedUsec, WrapsToAHugeValueAcrossTheTurnOf600Seconds)
 {
-    if (!in_fresh_process())
-        return;
     FakeKernel kernel;
     kernel.set_time(599, 500000);
     EXPECT_EQ(qel_elapsed_usec(), 0U);
@@ -369,8 +364,6 @@ TEST(ElapsedUsec, WrapsToAHugeValueAcrossTheTurnOf600Seconds)
 
 TEST(ElapsedUsec, StartsAgainAfterAFirstCallRightAtTheTurn)
 {
-    if (!in_fresh_process())
-        return;
     FakeKernel kernel;
     kernel.set_time(1200, 0);
     EXPECT_EQ(qel_elapsed_usec(), 0U);

@@ -1,6 +1,5 @@
 // Opening, testing, finding, making and removing files and folders.
 
-#include "support/fresh_process.h"
 #include "support/output.h"
 #include "support/scratch_disk.h"
 #include "support/stops.h"
@@ -236,8 +235,6 @@ TEST_F(FindFileNoCase, ChecksInOrder)
 
 TEST_F(FsHook, IsUnsetAtStart)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(qel_fs_hook, nullptr);
 }
 

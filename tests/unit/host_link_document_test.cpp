@@ -1,6 +1,5 @@
 // The examples of docs/host-link.md: what the document shows is what the code sends and understands.
 
-#include "support/fresh_process.h"
 #include "support/scripted_peer.h"
 
 #include "qel_tolbrin/qel_comms.h"
@@ -117,8 +116,6 @@ TEST_F(HostLinkDocument, ShowsTheWaitingLoader)
 
 TEST_F(HostLinkDocument, ShowsAQueryAndItsAnswerFromBothSides)
 {
-    if (!in_fresh_process())
-        return;
     on_poll = [this] {
         EXPECT_THAT(sent(), ElementsAre(shown.at(3), shown.at(4), shown.at(5), shown.at(6)));
         feed(shown.at(7));

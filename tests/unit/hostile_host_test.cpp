@@ -3,7 +3,6 @@
 
 #include "support/comms_fixture.h"
 #include "support/fake_kernel.h"
-#include "support/fresh_process.h"
 #include "support/link_referee.h"
 
 #include "qel_application_loader/update_mode.h"
@@ -120,8 +119,6 @@ class HostileHost : public testing::Test
 
 TEST_F(HostileHost, SendingEveryTypeIsConfirmedWhereThatIsDueAndOtherwiseIgnored)
 {
-    if (!in_fresh_process())
-        return;
     size_t sequenced = 0;
     for (uint8_t type = 0; type < 100; type++) {
         if (type == 5 || type == 10)
@@ -137,8 +134,6 @@ TEST_F(HostileHost, SendingEveryTypeIsConfirmedWhereThatIsDueAndOtherwiseIgnored
 
 TEST_F(HostileHost, FloodingWithHalfMessagesNoiseAndWrongCrcsIsStillAnsweredAfterwards)
 {
-    if (!in_fresh_process())
-        return;
     for (int i = 0; i < 5000; i++) {
         Bytes packet = bytes_of("00 00 10 00 12 34 55*29"); // of 4096 bytes, never finished
         packet[6] = static_cast<uint8_t>(i);
@@ -154,8 +149,6 @@ TEST_F(HostileHost, FloodingWithHalfMessagesNoiseAndWrongCrcsIsStillAnsweredAfte
 
 TEST_F(HostileHost, RepeatingAMessageIsConfirmedEachTime)
 {
-    if (!in_fresh_process())
-        return;
     for (int i = 0; i < 300; i++)
         host_sends(message_of(22, 7, 12));
     qel_run_update_mode();
@@ -165,8 +158,6 @@ TEST_F(HostileHost, RepeatingAMessageIsConfirmedEachTime)
 
 TEST_F(HostileHost, RepeatingItselfAThousandTimesASecondIsAnsweredAThousandTimes)
 {
-    if (!in_fresh_process())
-        return;
     for (int i = 0; i < 1000; i++)
         host_sends(connect);
     qel_run_update_mode();
@@ -176,8 +167,6 @@ TEST_F(HostileHost, RepeatingItselfAThousandTimesASecondIsAnsweredAThousandTimes
 
 TEST_F(HostileHost, LyingAboutALengthThatMemoryHoldsIsForgottenWithTheNextMessage)
 {
-    if (!in_fresh_process())
-        return;
     for (int i = 0; i < 100; i++)
         records.push_back(bytes_of("00 FF FF FF 00 00 55*29")); // 16 MB, of which 29 bytes come
     host_sends(connect);
@@ -187,8 +176,6 @@ TEST_F(HostileHost, LyingAboutALengthThatMemoryHoldsIsForgottenWithTheNextMessag
 
 TEST_F(HostileHost, LyingAboutALengthOf2GigabytesIsForgottenByALoaderThatHasThem)
 {
-    if (!in_fresh_process())
-        return;
     Bytes block(29); // all that comes of them
     give_2_gigabytes(block.data());
     records.push_back(bytes_of("7F FF FF FF 00 00 55*29"));
@@ -200,8 +187,6 @@ TEST_F(HostileHost, LyingAboutALengthOf2GigabytesIsForgottenByALoaderThatHasThem
 
 TEST_F(HostileHost, LyingAboutALengthOf2GigabytesStopsALoaderThatDoesNotHaveThem)
 {
-    if (!in_fresh_process())
-        return;
     give_2_gigabytes(nullptr);
     records.push_back(bytes_of("7F FF FF FF 00 00 55*29"));
     host_sends(connect);
@@ -211,8 +196,6 @@ TEST_F(HostileHost, LyingAboutALengthOf2GigabytesStopsALoaderThatDoesNotHaveThem
 
 TEST_F(HostileHost, SayingAnotherSizeThanItSendsStopsTheLoader)
 {
-    if (!in_fresh_process())
-        return;
     Bytes message = message_of(22, 3, 12);
     qel_sysmsg_put32(message.data(), 4, 0xFFFFFFFF);
     host_sends(message);
@@ -221,8 +204,6 @@ TEST_F(HostileHost, SayingAnotherSizeThanItSendsStopsTheLoader)
 
 TEST_F(HostileHost, ConnectingWithoutAValueIsAnsweredWithWhatLiesInMemory)
 {
-    if (!in_fresh_process())
-        return;
     host_sends(connect);
     host_sends(bytes_of("05 00 00 00 08 00 00 00"));
     qel_run_update_mode();

@@ -1,7 +1,6 @@
 // What is beyond the ordinary limits: names, paths, lengths, counts and times that are longer, larger or less
 // than any that the cabinet has. The libraries answer or stop; they touch nothing that is not theirs.
 
-#include "support/fresh_process.h"
 #include "support/output.h"
 #include "support/scratch_disk.h"
 #include "support/stops.h"
@@ -412,8 +411,6 @@ TEST_F(LongMessages, MakeNoFileOfLessThanNothing)
 
 TEST_F(LongMessages, AreNotReceivedWithANegativeLength)
 {
-    if (!in_fresh_process())
-        return;
     message = {26, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}; // 2^32 - 1 bytes, as it says
     EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit,
                     qel_sysmsg_receive(&peer.con, message.data(), -1));

@@ -1,7 +1,6 @@
 // The packet link as the receiving side: how it puts packets together, and what it drops or stops on.
 
 #include "support/comms_fixture.h"
-#include "support/fresh_process.h"
 
 #include <gmock/gmock.h>
 
@@ -86,8 +85,6 @@ TEST_F(CommsReceive, IgnoresAContinuationWithoutAMessage)
 
 TEST_F(CommsReceive, IgnoresAContinuationBeforeTheFirstMessageEver)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(feed("80 55*34"), 0);
     EXPECT_THAT(messages, IsEmpty());
 }
@@ -160,15 +157,11 @@ TEST_F(CommsReceive, TakesAMessageOfLength0ForNothingOnceThereIsABuffer)
 
 TEST_F(CommsReceive, StopsOnAMessageOfLength0BeforeAnyOther)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("buf", comms_unit, feed("00 00 00 00 1D 0F 00"));
 }
 
 TEST_F(CommsReceive, KeepsItsBufferForShorterMessages)
 {
-    if (!in_fresh_process())
-        return;
     static const void *last_buffer;
     qel_comms_set_receiver(
         comms, [](void *, const void *message, int) { last_buffer = message; }, nullptr);
@@ -191,51 +184,37 @@ TEST_F(CommsReceive, PassesItsContextToTheReceiver)
 
 TEST_F(CommsReceive, StopsOnAFirstPacketOf6Bytes)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("len > 6", comms_unit, feed("00 00 00 05 32 AC"));
 }
 
 TEST_F(CommsReceive, StopsOnAPacketThatIsTooLong)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("len <= comms->packet_size_max", comms_unit, feed("00 00 00 24 DA 57 55*30"));
 }
 
 TEST_F(CommsReceive, StopsOnAnEmptyPacket)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("len > 0", comms_unit, feed(""));
 }
 
 TEST_F(CommsReceive, StopsWithoutAPacket)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("packet", comms_unit, qel_comms_receive_packet(comms, nullptr, 7));
 }
 
 TEST_F(CommsReceive, StopsWithoutALink)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("comms", comms_unit, qel_comms_receive_packet(nullptr, "\x80", 1));
 }
 
 TEST_F(CommsReceive, StopsWithoutAReceiver)
 {
-    if (!in_fresh_process())
-        return;
     comms->recv = nullptr;
     EXPECT_STOPS_ON("comms->recv", comms_unit, feed("80"));
 }
 
 TEST_F(CommsReceive, StopsOnAReceiverThatFeedsAPacketIn)
 {
-    if (!in_fresh_process())
-        return;
     qel_comms_set_receiver(
         comms, [](void *link, const void *, int) { qel_comms_receive_packet(link, "\x80", 1); }, comms);
     EXPECT_STOPS_ON("!reenter", comms_unit, feed("00 00 00 05 32 AC 'hello'"));

@@ -3,7 +3,6 @@
 // life of the process, is the same for every test.
 
 #include "support/fake_kernel.h"
-#include "support/fresh_process.h"
 #include "support/stops.h"
 
 #include "qel_tolbrin/qel_h8_command.h"
@@ -89,8 +88,6 @@ static std::string run_of(int first, int last)
 
 TEST_F(H8Command, OpensTheDeviceOnTheFirstCommandAndKeepsIt)
 {
-    if (!in_fresh_process())
-        return;
     send("\x07");
     send("\x0A");
     EXPECT_THAT(kernel.calls("open close"), ElementsAre("open /dev/qellpc_command O_RDWR"));
@@ -99,8 +96,6 @@ TEST_F(H8Command, OpensTheDeviceOnTheFirstCommandAndKeepsIt)
 
 TEST_F(H8Command, StopsWhenTheDeviceCannotBeOpenedAndTriesAgainTheNextTime)
 {
-    if (!in_fresh_process())
-        return;
     kernel.fail_nth("open", 1, ENODEV);
     EXPECT_STOPS_ON("f != -1", h8_unit, send("\x07"));
     EXPECT_THAT(records, IsEmpty());

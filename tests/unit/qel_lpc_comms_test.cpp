@@ -2,7 +2,6 @@
 // that keep packet boundaries as the driver does.
 
 #include "support/fake_kernel.h"
-#include "support/fresh_process.h"
 #include "support/stops.h"
 
 #include "qel_tolbrin/qel_lpc_comms.h"
@@ -248,8 +247,6 @@ TEST_F(LpcPoll, EndsAtAReadOf0Bytes)
 
 TEST(LpcPacing, IsOnAtStart)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(qel_lpc_get_pacing(), 1);
 }
 

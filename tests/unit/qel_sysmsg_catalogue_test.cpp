@@ -1,6 +1,5 @@
 // Every operation of the catalogue: the bytes it sends, its result, what it requires.
 
-#include "support/fresh_process.h"
 #include "support/scratch.h"
 #include "support/sysmsg_fixture.h"
 
@@ -192,8 +191,6 @@ TEST(CatalogueMemory, IsGivenBackBehindEveryMessage)
 
 TEST_F(Catalogue, AsksForTheMemoryOfABlockOfAnyLengthAndStopsWithoutIt)
 {
-    if (!in_fresh_process())
-        return;
     peer.kernel.watches_memory = 1;
     peer.kernel.fail("malloc", ENOMEM);
     EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_send_updater(&peer.con, "x", 0x7FFFFFFF - 12));
@@ -264,8 +261,6 @@ static std::string counted_from(uint32_t first)
 
 TEST_F(Catalogue, CountsInTheTestPatternsFrom1EachWithItsOwnCounter)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     qel_sysmsg_test_pattern(&peer.con);
     qel_sysmsg_test_pattern(&peer.con);
@@ -287,8 +282,6 @@ TEST_F(Catalogue, CountsInTheTestPatternsFrom1EachWithItsOwnCounter)
 
 TEST_F(Catalogue, CountsOnInTheSequencedTestPatternThoughNobodyConfirmsIt)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(qel_sysmsg_test_pattern_sequenced(&peer.con), 0);
     peer.confirms();
     EXPECT_EQ(qel_sysmsg_test_pattern_sequenced(&peer.con), 1);

@@ -1,6 +1,5 @@
 // The core of the system messages: connection, numbers, sending, and what it refuses.
 
-#include "support/fresh_process.h"
 #include "support/sysmsg_fixture.h"
 
 #include <gmock/gmock.h>
@@ -81,8 +80,6 @@ TEST_F(SysmsgConnection, TracesOnlyTexts)
 
 TEST_F(SysmsgNumbers, StartWith2)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     EXPECT_EQ(request(), 1);
     EXPECT_EQ(hex_of(peer.transmissions[0]), "16 00 00 00 0C 00 00 00 02 00 00 00");
@@ -90,8 +87,6 @@ TEST_F(SysmsgNumbers, StartWith2)
 
 TEST_F(SysmsgNumbers, GoFrom255To1)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     for (int n = 2; n <= 600; n++) {
         message = bytes_of(post_22);
@@ -102,8 +97,6 @@ TEST_F(SysmsgNumbers, GoFrom255To1)
 
 TEST_F(SysmsgNumbers, AreSpentByMessagesThatNobodyConfirms)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(request(), 0);
     peer.confirms();
     message = bytes_of(post_22);
@@ -113,8 +106,6 @@ TEST_F(SysmsgNumbers, AreSpentByMessagesThatNobodyConfirms)
 
 TEST_F(SysmsgNumbers, DoNotStartAgainWhenThoseReceivedAreForgotten)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     EXPECT_EQ(request(), 1);
     qel_sysmsg_forget_sequence();
@@ -133,8 +124,6 @@ TEST_F(SysmsgNumbers, AreWrittenIntoTheMessageOfTheCaller)
 
 TEST_F(SysmsgNumbers, AreNotSpentByUnsequencedMessages)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     qel_sysmsg_send(&peer.con, bytes_of("0B 00 00 00 08 00 00 00").data());
     EXPECT_EQ(request(), 1);
@@ -237,8 +226,6 @@ TEST_F(SysmsgMisuse, AMessageBelow12Bytes)
 
 TEST_F(SysmsgMisuse, AMessageThatHasANumber)
 {
-    if (!in_fresh_process())
-        return;
     message = bytes_of("16 00 00 00 0C 00 00 00 05 00 00 00");
     EXPECT_STOPS_ON("sysmsg->sequence == 0", sysmsg_unit, request());
     EXPECT_THAT(peer.sent, IsEmpty());
@@ -246,8 +233,6 @@ TEST_F(SysmsgMisuse, AMessageThatHasANumber)
 
 TEST_F(SysmsgMisuse, AMessageThatWasSentAlready)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     EXPECT_EQ(request(), 1);
     EXPECT_STOPS_ON("sysmsg->sequence == 0", sysmsg_unit, request());
@@ -255,8 +240,6 @@ TEST_F(SysmsgMisuse, AMessageThatWasSentAlready)
 
 TEST_F(SysmsgMisuse, AWaitWithoutABuffer)
 {
-    if (!in_fresh_process())
-        return;
     message[8] = 5; // the number is looked at later
     EXPECT_STOPS_ON("buf", sysmsg_unit,
                     qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, nullptr, 0));
@@ -264,32 +247,24 @@ TEST_F(SysmsgMisuse, AWaitWithoutABuffer)
 
 TEST_F(SysmsgMisuse, AWaitWithAnEmptyBuffer)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("buf_size > 0", sysmsg_unit,
                     qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, reply, 0));
 }
 
 TEST_F(SysmsgMisuse, AWaitWithABufferOfNegativeSize)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("buf_size > 0", sysmsg_unit,
                     qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, reply, -1));
 }
 
 TEST_F(SysmsgMisuse, ASendWhileAConfirmIsAwaited)
 {
-    if (!in_fresh_process())
-        return;
     peer.on_poll = [this] { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
     EXPECT_STOPS_ON("!pending_ack", sysmsg_unit, query());
 }
 
 TEST_F(SysmsgMisuse, ASendWhileAReplyIsAwaited)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     peer.on_poll = [this] { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
     EXPECT_STOPS_ON("!pending_wait", sysmsg_unit, query());
@@ -297,8 +272,6 @@ TEST_F(SysmsgMisuse, ASendWhileAReplyIsAwaited)
 
 TEST_F(SysmsgMisuse, ASendFromTheHandlerInsideASend)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("0B 00 00 00 08 00 00 00");
     peer.on_handle = [this](const Bytes &) { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
     EXPECT_STOPS_ON("!reenter", sysmsg_unit, request());
@@ -307,8 +280,6 @@ TEST_F(SysmsgMisuse, ASendFromTheHandlerInsideASend)
 
 TEST_F(SysmsgMisuse, ASendThatWaitsFromTheHandler)
 {
-    if (!in_fresh_process())
-        return;
     // Outside of a send it starts, but the confirm it polls for cannot be received any more.
     peer.confirms();
     peer.on_handle = [this](const Bytes &) { request(); };

@@ -1,7 +1,6 @@
 // The queries whose answers have a fixed layout: the request on the wire, the answer unpacked, and answers
 // that are wrong.
 
-#include "support/fresh_process.h"
 #include "support/sysmsg_fixture.h"
 
 #include <gmock/gmock.h>
@@ -55,8 +54,6 @@ TEST_F(QueryPlugins, AcceptsExactlyAsManyAsFit)
 
 TEST_F(QueryPlugins, StopsOnOneMoreThanFit)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("0E 00 00 00 18 00 00 00 09 00*3 02 00 00 00 07 00 00 00 08 00 00 00");
     uint32_t plugins[1];
     uint32_t count;
@@ -66,8 +63,6 @@ TEST_F(QueryPlugins, StopsOnOneMoreThanFit)
 
 TEST_F(QueryPlugins, StopsOnAnAnswerOneByteTooLong)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("0E 00 00 00 15 00 00 00 09 00*3 01 00 00 00 07 00 00 00 00");
     uint32_t plugins[1];
     uint32_t count;
@@ -77,8 +72,6 @@ TEST_F(QueryPlugins, StopsOnAnAnswerOneByteTooLong)
 
 TEST_F(QueryPlugins, StopsOnACountBeyondWhatFits)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("0E 00 00 00 14 00 00 00 09 00*3 02 00 00 00 07 00 00 00");
     uint32_t plugins[1];
     uint32_t count;
@@ -88,8 +81,6 @@ TEST_F(QueryPlugins, StopsOnACountBeyondWhatFits)
 
 TEST_F(QueryPlugins, StopsOnACountThatIsNegativeForSomebodyElse)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("0E 00 00 00 14 00 00 00 09 00*3 FF FF FF FF 07 00 00 00");
     uint32_t plugins[1];
     uint32_t count;
@@ -182,8 +173,6 @@ TEST_F(Query23, LeavesTheResultAloneWithoutAnAnswer)
 
 TEST_F(Query23, StopsOnALongerAnswer)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("18 00 00 00 71 00 00 00 09 00*104");
     const char *result;
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
@@ -236,8 +225,6 @@ TEST_F(QueryPathExists, ChecksConnectionThenPathThenResult)
 
 TEST_F(QueryPathExists, StopsOnALongerAnswer)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("1D 00 00 00 11 00 00 00 09 00*3 00*5");
     uint32_t exists;
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
@@ -306,8 +293,6 @@ TEST_F(QueryInfo, LeavesTheRecordAloneWithoutAnAnswer)
 
 TEST_F(QueryInfo, StopsOnAnAnswerOneByteTooLong)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("25 00 00 00 19 00 00 00 09 00*3 00*13");
     qel_sysmsg_info info;
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit, qel_sysmsg_get_info(&peer.con, &info));
@@ -368,8 +353,6 @@ TEST_F(QueryItemSize, NeedsRoomForTheSize)
 
 TEST_F(QueryItemSize, StopsOnALongerAnswer)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("28 00 00 00 41 00 00 00 09 00*56");
     uint64_t size;
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
@@ -399,8 +382,6 @@ TEST_F(Query41, LeavesTheResultsAloneWithoutAnAnswer)
 
 TEST_F(Query41, StopsOnAnAnswerOneByteTooLong)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("2A 00 00 00 21 00 00 00 09 00*3 00*21");
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
                     qel_sysmsg_query_41(&peer.con, nullptr, nullptr));

@@ -1,6 +1,5 @@
 // What becomes of a message that arrives: confirmed, dropped, handed on, or the end of the program.
 
-#include "support/fresh_process.h"
 #include "support/sysmsg_fixture.h"
 
 #include <gmock/gmock.h>
@@ -35,8 +34,6 @@ TEST_F(SysmsgReceive, ConfirmsASequencedMessageBeforeItHandsItOn)
 
 TEST(SysmsgFirstMessage, MayHaveAnyNumber)
 {
-    if (!in_fresh_process())
-        return;
     ScriptedPeer peer; // nothing has been forgotten yet
     peer.receive(numbered(22, 1));
     EXPECT_THAT(peer.handled, ElementsAre("16 00 00 00 0C 00 00 00 01 00 00 00"));
@@ -44,8 +41,6 @@ TEST(SysmsgFirstMessage, MayHaveAnyNumber)
 
 TEST_F(SysmsgReceive, StopsWithoutASendFunctionForItsConfirm)
 {
-    if (!in_fresh_process())
-        return;
     peer.con.send = nullptr;
     EXPECT_STOPS_ON("con->send", sysmsg_unit, peer.receive(numbered(22, 1)));
 }
@@ -102,45 +97,33 @@ TEST_F(SysmsgReceive, LetsTheHandlerSendUnsequencedMessages)
 
 TEST_F(SysmsgReceive, StopsOnALengthThatIsNotTheMessages)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B 00 00 00 09 00 00 00"));
 }
 
 TEST_F(SysmsgReceive, StopsOnALengthBeyondTheMessages)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B 00 00 00 08 00 00 00 00"));
 }
 
 TEST_F(SysmsgReceive, StopsOnAMessageThatHasNoRoomForItsSize)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit,
                     qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 05 00 00 00").data(), 5));
 }
 
 TEST_F(SysmsgReceive, StopsOnASingleByte)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B"));
 }
 
 TEST_F(SysmsgReceive, ChecksTheLengthEvenWhileAConfirmIsAwaited)
 {
-    if (!in_fresh_process())
-        return;
     peer.delivers(0, bytes_of("0B 00 00 00 09 00 00 00"));
     EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, request());
 }
 
 TEST_F(SysmsgReceive, StopsOnASequencedMessageBelow12Bytes)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)", sysmsg_unit,
                     peer.receive("16 00 00 00 0B 00 00 00 00 00 00")); // before the number is
     EXPECT_THAT(peer.sent, IsEmpty());
@@ -148,31 +131,23 @@ TEST_F(SysmsgReceive, StopsOnASequencedMessageBelow12Bytes)
 
 TEST_F(SysmsgReceive, StopsOnASequencedMessageWithTheNumber0)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("confirmed->sequence", sysmsg_unit, peer.receive(numbered(22, 0)));
     EXPECT_THAT(peer.sent, IsEmpty());
 }
 
 TEST_F(SysmsgReceive, StopsWithoutAConnection)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_receive(nullptr, message.data(), 12));
 }
 
 TEST_F(SysmsgReceive, StopsWithoutAHandler)
 {
-    if (!in_fresh_process())
-        return;
     peer.con.recv = nullptr;
     EXPECT_STOPS_ON("con->recv", sysmsg_unit, peer.receive("0B 00 00 00 08 00 00 00"));
 }
 
 TEST_F(SysmsgReceive, StopsOnAHandlerThatLetsAnotherMessageIn)
 {
-    if (!in_fresh_process())
-        return;
     peer.on_handle = [this](const Bytes &) { peer.con.poll(peer.con.poll_ctx); };
     peer.delivers(0, bytes_of("0B 00 00 00 08 00 00 00"));
     EXPECT_STOPS_ON("!reenter", sysmsg_unit, peer.receive("0C 00 00 00 08 00 00 00"));

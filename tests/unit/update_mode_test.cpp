@@ -1,7 +1,6 @@
 // The update mode against a scripted host: the board's devices are lists of packets and rows, and time goes
 // on by 100 ms with each look for a stick.
 
-#include "support/fresh_process.h"
 #include "support/scratch_disk.h"
 #include "support/stops.h"
 
@@ -130,8 +129,6 @@ class UpdateMode : public OnScratchDisk
 
 TEST_F(UpdateMode, OpensTheLinkShowsTheBannerAndGoesOnAfterFiveSecondsWhenAStickIsThereFromTheStart)
 {
-    if (!in_fresh_process())
-        return;
     qel_run_update_mode();
     EXPECT_THAT(events, ElementsAre("0.0 row 0", "0.0 row 1TOLBRIN Update...", "0.0 row 2",
                                     "0.0 row 2*Found storage device*", "5.0 row 2"));
@@ -145,8 +142,6 @@ TEST_F(UpdateMode, OpensTheLinkShowsTheBannerAndGoesOnAfterFiveSecondsWhenAStick
 
 TEST_F(UpdateMode, WiresTransportLinkAndMessagesTogether)
 {
-    if (!in_fresh_process())
-        return;
     std::vector<void *> made;
     kernel.watches_memory = 1;
     kernel.on_calloc = [&](size_t count, size_t size) { return made.emplace_back(real_calloc(count, size)); };
@@ -172,8 +167,6 @@ TEST_F(UpdateMode, WiresTransportLinkAndMessagesTogether)
 
 TEST_F(UpdateMode, LooksForTheStickThenAtTheClockThenAtTheLinkWithoutSleeping)
 {
-    if (!in_fresh_process())
-        return;
     stick_at = 2;
     EXPECT_THAT(run(), IsEmpty());
     EXPECT_THAT(kernel.calls("access time read usleep"),
@@ -183,8 +176,6 @@ TEST_F(UpdateMode, LooksForTheStickThenAtTheClockThenAtTheLinkWithoutSleeping)
 
 TEST_F(UpdateMode, AnnouncesItselfOnceASecondWithoutAPeerAndLeavesRow2Empty)
 {
-    if (!in_fresh_process())
-        return;
     stick_at = 65;
     EXPECT_THAT(run(), ElementsAre("1.0 notice", "2.0 notice", "3.0 notice", "4.0 notice", "5.0 notice",
                                    "6.0 notice"));
@@ -192,8 +183,6 @@ TEST_F(UpdateMode, AnnouncesItselfOnceASecondWithoutAPeerAndLeavesRow2Empty)
 
 TEST_F(UpdateMode, ShowsAndAnswersEveryConnectAtOnceWithItsValue)
 {
-    if (!in_fresh_process())
-        return;
     host = {{2, connect_packet}, {6, connect_packet}};
     stick_at = 9;
     EXPECT_THAT(run(),
@@ -202,8 +191,6 @@ TEST_F(UpdateMode, ShowsAndAnswersEveryConnectAtOnceWithItsValue)
 
 TEST_F(UpdateMode, SaysNothingWhileThePeerConnectsEverySecondAndClearsRow2AtTheSecondSilentSecond)
 {
-    if (!in_fresh_process())
-        return;
     host = {{5, connect_packet}, {15, connect_packet}, {25, connect_packet}};
     stick_at = 75;
     // The count changes are seen at the turns to seconds 1, 2 and 3; seconds 4 and 5 end silent.
@@ -214,8 +201,6 @@ TEST_F(UpdateMode, SaysNothingWhileThePeerConnectsEverySecondAndClearsRow2AtTheS
 
 TEST_F(UpdateMode, StopsAnnouncingItselfWhenThePeerComesBackBeforeRow2IsCleared)
 {
-    if (!in_fresh_process())
-        return;
     host = {{5, connect_packet}, {25, connect_packet}};
     stick_at = 55;
     // Silent are seconds 2, then 4 and 5; the connect of second 2 keeps the text for two more.
@@ -225,8 +210,6 @@ TEST_F(UpdateMode, StopsAnnouncingItselfWhenThePeerComesBackBeforeRow2IsCleared)
 
 TEST_F(UpdateMode, IgnoresEveryOtherMessage)
 {
-    if (!in_fresh_process())
-        return;
     host = {{2, notice_packet}};
     stick_at = 5;
     EXPECT_THAT(run(), IsEmpty());
@@ -234,8 +217,6 @@ TEST_F(UpdateMode, IgnoresEveryOtherMessage)
 
 TEST_F(UpdateMode, TakesEveryOtherSecondThanTheLastForANewOneWhereverTheClockGoes)
 {
-    if (!in_fresh_process())
-        return;
     // A notice that takes its 15 ms across a turn, an hour ahead, an hour back, and standing still.
     const std::vector<long> looks_ms = {500, 1990, 2500, 2900, 3603000, 3603500, 3000, 3900, 4000};
     kernel.on_access = [&, next = 0U](auto...) mutable {
@@ -249,8 +230,6 @@ TEST_F(UpdateMode, TakesEveryOtherSecondThanTheLastForANewOneWhereverTheClockGoe
 
 TEST_F(UpdateMode, CountsConnectsFromTheStartOfTheProcessIn32Bits)
 {
-    if (!in_fresh_process())
-        return;
     // 65536 of them before the wait, which knows of none.
     qel_sysmsg_con deaf = {};
     deaf.send = [](auto...) { return 0; };
@@ -269,8 +248,6 @@ TEST_F(UpdateMode, CountsConnectsFromTheStartOfTheProcessIn32Bits)
 
 TEST_F(UpdateMode, WritesAnUpdaterAndTakesItAsTheProgramEvenWhenAStickComesRightBehindIt)
 {
-    if (!in_fresh_process())
-        return;
     host = {{2, updater_packet}};
     stick_at = 3;
     kernel.leave_at("execve", 1);
@@ -285,8 +262,6 @@ TEST_F(UpdateMode, WritesAnUpdaterAndTakesItAsTheProgramEvenWhenAStickComesRight
 
 TEST_F(UpdateMode, JoinsAnUpdaterFromPacketsOf35Bytes)
 {
-    if (!in_fresh_process())
-        return;
     host = {{1, std::string("\x00\x00\x00\x24\xa8\x74\x0a\x00\x00\x00\x24\x00\x00\x00\x18\x00\x00\x00"
                             "#!/bin/sh\nexec /b",
                             35)},
