@@ -53,9 +53,7 @@ inline Bytes confirm_of(const Bytes &message)
     return confirm_with(message.at(8));
 }
 
-class ScriptedPeer
-{
-  public:
+struct ScriptedPeer {
     ScriptedPeer()
     {
         starts_at(1000);
@@ -128,8 +126,6 @@ class ScriptedPeer
     std::function<void()> on_poll;
     long poll_ms = 1;
     int polls = 0;
-
-  private:
     static int take(void *peer, const void *message, int len)
     {
         auto *self = static_cast<ScriptedPeer *>(peer);

@@ -34,9 +34,7 @@ namespace
     return qel_h8_read_number() + room[0];
 }
 
-class BoardLimits : public testing::Test
-{
-  protected:
+struct BoardLimits : testing::Test {
     BoardLimits()
     {
         kernel.set_time(1000);
@@ -59,9 +57,7 @@ class BoardLimits : public testing::Test
     FakeKernel kernel;
 };
 
-class CommsLimits : public Comms
-{
-  protected:
+struct CommsLimits : Comms {
     CommsLimits() : Comms(35) {}
 };
 

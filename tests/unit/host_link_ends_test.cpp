@@ -43,8 +43,7 @@ static int exchanges_wanted(int usual)
 
 static constexpr Faults bad_line = {20, 20, 20, 30, 15};
 
-class HostLinkEnds : public testing::TestWithParam<uint32_t>
-{
+struct HostLinkEnds : testing::TestWithParam<uint32_t> {
 };
 
 TEST_P(HostLinkEnds, AccountForEveryMessageOnABadLine)

@@ -53,9 +53,7 @@ const std::string answer = hex("00 00 00 0C 0D B9 26 00 00 00 0C 00 00 00 78 56 
 
 } // namespace
 
-class HostileHost : public testing::Test
-{
-  protected:
+struct HostileHost : testing::Test {
     HostileHost()
     {
         kernel.set_time(1000);
@@ -120,7 +118,7 @@ class HostileHost : public testing::Test
 TEST_F(HostileHost, SendingEveryTypeIsConfirmedWhereThatIsDueAndOtherwiseIgnored)
 {
     size_t sequenced = 0;
-    for (uint8_t type = 0; type < 100; type++) {
+    for (uint8_t type = 0; type < 100; ++type) {
         if (type == 5 || type == 10)
             continue; // those it serves
         sequenced += type < 50 && LinkReferee::is_sequenced(type);
@@ -134,7 +132,7 @@ TEST_F(HostileHost, SendingEveryTypeIsConfirmedWhereThatIsDueAndOtherwiseIgnored
 
 TEST_F(HostileHost, FloodingWithHalfMessagesNoiseAndWrongCrcsIsStillAnsweredAfterwards)
 {
-    for (int i = 0; i < 5000; i++) {
+    for (int i = 0; i < 5000; ++i) {
         Bytes packet = bytes_of("00 00 10 00 12 34 55*29"); // of 4096 bytes, never finished
         packet[6] = static_cast<uint8_t>(i);
         records.push_back(packet);
@@ -149,7 +147,7 @@ TEST_F(HostileHost, FloodingWithHalfMessagesNoiseAndWrongCrcsIsStillAnsweredAfte
 
 TEST_F(HostileHost, RepeatingAMessageIsConfirmedEachTime)
 {
-    for (int i = 0; i < 300; i++)
+    for (int i = 0; i < 300; ++i)
         host_sends(message_of(22, 7, 12));
     qel_run_update_mode();
     EXPECT_THAT(answers(), SizeIs(300));
@@ -158,7 +156,7 @@ TEST_F(HostileHost, RepeatingAMessageIsConfirmedEachTime)
 
 TEST_F(HostileHost, RepeatingItselfAThousandTimesASecondIsAnsweredAThousandTimes)
 {
-    for (int i = 0; i < 1000; i++)
+    for (int i = 0; i < 1000; ++i)
         host_sends(connect);
     qel_run_update_mode();
     EXPECT_THAT(answers(), SizeIs(1000));
@@ -167,7 +165,7 @@ TEST_F(HostileHost, RepeatingItselfAThousandTimesASecondIsAnsweredAThousandTimes
 
 TEST_F(HostileHost, LyingAboutALengthThatMemoryHoldsIsForgottenWithTheNextMessage)
 {
-    for (int i = 0; i < 100; i++)
+    for (int i = 0; i < 100; ++i)
         records.push_back(bytes_of("00 FF FF FF 00 00 55*29")); // 16 MB, of which 29 bytes come
     host_sends(connect);
     qel_run_update_mode();

@@ -13,9 +13,7 @@ int qel_loader_main(int argc, char **argv);
 
 /// A cabinet whose stick and disk need no nodes, and whose children are only counted. Standard streams stay
 /// what they are. The run is left when the application would be waited for.
-class Main : public OnScratchDisk
-{
-  protected:
+struct Main : OnScratchDisk {
     Main()
     {
         disk.make_folder("/proc/bus");

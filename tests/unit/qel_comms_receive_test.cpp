@@ -1,6 +1,7 @@
 // The packet link as the receiving side: how it puts packets together, and what it drops or stops on.
 
 #include "support/comms_fixture.h"
+#include "support/product_reset.h"
 
 #include <gmock/gmock.h>
 
@@ -8,9 +9,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 /// The link as the receiving side.
-class CommsReceive : public Comms
-{
-};
+using CommsReceive = Comms;
 
 TEST_F(CommsReceive, DeliversAMessageOfOnePacketAtOnce)
 {
@@ -29,7 +28,7 @@ TEST_F(CommsReceive, PutsPacketsTogetherAndReturnsTheLengthMeanwhile)
 
 TEST_F(CommsReceive, TakesBackWhatItSentForEveryLength)
 {
-    for (size_t size = 1; size <= 300; size++) {
+    for (size_t size = 1; size <= 300; ++size) {
         packets.clear();
         messages.clear();
         send(counting(size));
@@ -182,35 +181,20 @@ TEST_F(CommsReceive, PassesItsContextToTheReceiver)
     EXPECT_EQ(context, &messages);
 }
 
-TEST_F(CommsReceive, StopsOnAFirstPacketOf6Bytes)
+TEST_F(CommsReceive, StopsOnAPacketThatIsNone)
 {
-    EXPECT_STOPS_ON("len > 6", comms_unit, feed("00 00 00 05 32 AC"));
-}
-
-TEST_F(CommsReceive, StopsOnAPacketThatIsTooLong)
-{
-    EXPECT_STOPS_ON("len <= comms->packet_size_max", comms_unit, feed("00 00 00 24 DA 57 55*30"));
-}
-
-TEST_F(CommsReceive, StopsOnAnEmptyPacket)
-{
-    EXPECT_STOPS_ON("len > 0", comms_unit, feed(""));
-}
-
-TEST_F(CommsReceive, StopsWithoutAPacket)
-{
-    EXPECT_STOPS_ON("packet", comms_unit, qel_comms_receive_packet(comms, nullptr, 7));
-}
-
-TEST_F(CommsReceive, StopsWithoutALink)
-{
-    EXPECT_STOPS_ON("comms", comms_unit, qel_comms_receive_packet(nullptr, "\x80", 1));
-}
-
-TEST_F(CommsReceive, StopsWithoutAReceiver)
-{
-    comms->recv = nullptr;
-    EXPECT_STOPS_ON("comms->recv", comms_unit, feed("80"));
+    const std::pair<const char *, std::function<void()>> cases[] = {
+        {"len > 6", [this] { feed("00 00 00 05 32 AC"); }},
+        {"len <= comms->packet_size_max", [this] { feed("00 00 00 24 DA 57 55*30"); }},
+        {"len > 0", [this] { feed(""); }},
+        {"packet", [this] { qel_comms_receive_packet(comms, nullptr, 7); }},
+        {"comms", [] { qel_comms_receive_packet(nullptr, "\x80", 1); }},
+        {"comms->recv", [this] { feed(((comms->recv = nullptr), "80")); }},
+    };
+    for (const auto &[text, statement] : cases) {
+        EXPECT_STOPS_ON(text, comms_unit, statement());
+        reset_product(); // it had stopped in the middle of a receipt
+    }
 }
 
 TEST_F(CommsReceive, StopsOnAReceiverThatFeedsAPacketIn)

@@ -114,9 +114,7 @@ static const Operation sequenced_operations[] = {
      "31 00 00 00 10 00 00 00 ## 00*3 00*4"},
 };
 
-class Catalogue : public Sysmsg
-{
-  protected:
+struct Catalogue : Sysmsg {
     /// The only thing that was sent.
     std::string only_message()
     {
@@ -125,9 +123,7 @@ class Catalogue : public Sysmsg
     }
 };
 
-class CatalogueFiles : public Catalogue
-{
-};
+using CatalogueFiles = Catalogue;
 
 TEST_F(CatalogueFiles, GoOnWithoutConfirmsAndCloseTheFileBeforeTheirEnd)
 {
@@ -250,7 +246,7 @@ TEST_F(Catalogue, NeedsAConnectionForEveryOperation)
 static std::string counted_from(uint32_t first)
 {
     std::string words;
-    for (uint32_t value = first; value < first + 777; value++) {
+    for (uint32_t value = first; value < first + 777; ++value) {
         char word[16];
         snprintf(word, sizeof word, " %02X %02X %02X %02X", value & 0xFF, value >> 8 & 0xFF,
                  value >> 16 & 0xFF, value >> 24);
@@ -315,7 +311,7 @@ static std::string file_content(const ScriptedPeer &peer)
 static std::string varied(size_t size)
 {
     std::string content(size, 0);
-    for (size_t at = 0; at < size; at++)
+    for (size_t at = 0; at < size; ++at)
         content[at] = static_cast<char>(at % 251);
     return content;
 }

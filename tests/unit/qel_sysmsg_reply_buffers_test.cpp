@@ -5,12 +5,8 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 
-class QueryText : public Query
-{
-};
-class QueryDecipher : public Query
-{
-};
+using QueryText = Query;
+using QueryDecipher = Query;
 
 // ---- Text ----
 

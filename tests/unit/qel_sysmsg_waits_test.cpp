@@ -8,12 +8,8 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class SysmsgConfirm : public Sysmsg
-{
-};
-class SysmsgReply : public Sysmsg
-{
-};
+using SysmsgConfirm = Sysmsg;
+using SysmsgReply = Sysmsg;
 
 // ---- Confirms ----
 

@@ -38,9 +38,7 @@ const std::string
 
 } // namespace
 
-class UpdateMode : public OnScratchDisk
-{
-  protected:
+struct UpdateMode : OnScratchDisk {
     UpdateMode()
     {
         disk.make_folder("/tmp");
@@ -127,19 +125,6 @@ class UpdateMode : public OnScratchDisk
     std::vector<std::string> events; ///< rows shown and packets sent: "1.0 notice", "0.3 row 2*Connected*"
 };
 
-TEST_F(UpdateMode, OpensTheLinkShowsTheBannerAndGoesOnAfterFiveSecondsWhenAStickIsThereFromTheStart)
-{
-    qel_run_update_mode();
-    EXPECT_THAT(events, ElementsAre("0.0 row 0", "0.0 row 1TOLBRIN Update...", "0.0 row 2",
-                                    "0.0 row 2*Found storage device*", "5.0 row 2"));
-    const std::string lcd = "open /dev/qellpc_lcd O_WRONLY";
-    // The link stays open.
-    EXPECT_THAT(kernel.calls("open close time access read usleep sleep"),
-                ElementsAre("open /dev/qellpc_host_comms O_RDWR|O_NONBLOCK", lcd, "close 501", lcd,
-                            "close 501", lcd, "close 501", "time", "access /sys/block/sda 4", lcd,
-                            "close 501", "sleep 5", lcd, "close 501"));
-}
-
 TEST_F(UpdateMode, WiresTransportLinkAndMessagesTogether)
 {
     std::vector<void *> made;
@@ -163,22 +148,6 @@ TEST_F(UpdateMode, WiresTransportLinkAndMessagesTogether)
     EXPECT_EQ(comms->packet_size_max, 35);
     EXPECT_TRUE(con->recv == qel_update_handler && con->send == qel_comms_send && con->send_ctx == comms);
     EXPECT_TRUE(con->poll == qel_comms_poll && con->poll_ctx == comms);
-}
-
-TEST_F(UpdateMode, LooksForTheStickThenAtTheClockThenAtTheLinkWithoutSleeping)
-{
-    stick_at = 2;
-    EXPECT_THAT(run(), IsEmpty());
-    EXPECT_THAT(kernel.calls("access time read usleep"),
-                ElementsAre("time", "access /sys/block/sda 4", "time", "read 500 64",
-                            "access /sys/block/sda 4", "time", "read 500 64", "access /sys/block/sda 4"));
-}
-
-TEST_F(UpdateMode, AnnouncesItselfOnceASecondWithoutAPeerAndLeavesRow2Empty)
-{
-    stick_at = 65;
-    EXPECT_THAT(run(), ElementsAre("1.0 notice", "2.0 notice", "3.0 notice", "4.0 notice", "5.0 notice",
-                                   "6.0 notice"));
 }
 
 TEST_F(UpdateMode, ShowsAndAnswersEveryConnectAtOnceWithItsValue)
@@ -274,9 +243,7 @@ TEST_F(UpdateMode, JoinsAnUpdaterFromPacketsOf35Bytes)
 
 // ---- qel_update_handler ----
 
-class UpdateHandler : public UpdateMode
-{
-  protected:
+struct UpdateHandler : UpdateMode {
     /// Type 10, size 16, length 4, four bytes.
     const std::string message{"\x0a\x00\x00\x00\x10\x00\x00\x00\x04\x00\x00\x00"
                               "ABCD",
@@ -298,13 +265,6 @@ TEST_F(UpdateHandler, MakesTheUpdaterExecutable)
     EXPECT_EQ(disk.mode("/tmp/updater"), 0755U);
 }
 
-TEST_F(UpdateHandler, DoesNotTruncateAnOlderUpdater)
-{
-    disk.make_file("/tmp/updater", "abcdefgh", 0755);
-    receive_updater(message);
-    EXPECT_EQ(disk.content("/tmp/updater"), "ABCDefgh");
-}
-
 TEST_F(UpdateHandler, WritesAsManyBytesAsTheLengthFieldSays)
 {
     std::string long_message = message + std::string(100, 'x');
@@ -312,33 +272,6 @@ TEST_F(UpdateHandler, WritesAsManyBytesAsTheLengthFieldSays)
     receive_updater(long_message);
     EXPECT_EQ(disk.content("/tmp/updater"), "ABCDxxxxxxxxxxxxxxxx");
     EXPECT_EQ(kernel.count("write"), 2); // one for the image, one for the display
-}
-
-TEST_F(UpdateHandler, ClosesTheUpdaterSoThatItCanRun)
-{
-    receive_updater(message);
-    std::vector<std::string> calls = kernel.calls();
-    calls.resize(3);
-    EXPECT_THAT(
-        calls, ElementsAre("open /tmp/updater O_WRONLY|O_CREAT", StartsWith("write "), StartsWith("close ")));
-    EXPECT_THAT(kernel.calls("open close execve"),
-                ElementsAre("open /tmp/updater O_WRONLY|O_CREAT", StartsWith("close "),
-                            "open /dev/qellpc_lcd O_WRONLY", "close 501", StartsWith("execve ")));
-}
-
-TEST_F(UpdateHandler, WritesTheUpdaterOnceThoughItFallsShort)
-{
-    kernel.shorten_nth("write", 1, 2);
-    receive_updater(message);
-    EXPECT_EQ(disk.content("/tmp/updater"), "AB");
-    EXPECT_EQ(kernel.count("write"), 2); // the second is the display's
-}
-
-TEST_F(UpdateHandler, TriesToRunTheUpdaterEvenWhenItCouldNotBeWritten)
-{
-    kernel.fail_nth("open", 1, EROFS);
-    receive_updater(message);
-    EXPECT_EQ(kernel.count("execve"), 1);
 }
 
 TEST_F(UpdateHandler, PrintsTheProgramAndExitsWith1WhenTheUpdaterCannotBeRun)
