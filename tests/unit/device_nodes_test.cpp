@@ -104,6 +104,7 @@ TEST_F(NodeFromSysfs, StopsOnADevFileWithoutTwoNumbers)
         disk.make_file("/sys/block/sda/dev", content);
         EXPECT_STOPS_AT(1937, qel_make_node_from_sysfs("/sys/block/sda", "/dev", S_IFBLK));
     }
+    EXPECT_EQ(kernel.count("fclose"), 0);
 }
 
 TEST_F(NodeFromSysfs, ChecksTheDevFileEvenWhenTheNodeExists)

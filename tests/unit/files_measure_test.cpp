@@ -231,6 +231,13 @@ TEST_F(CurrentDir, MayBeChangedToARelativePath)
     EXPECT_EQ(real_getcwd(folder, sizeof folder), disk.at("/storage"));
 }
 
+TEST_F(CurrentDir, ToNowhereStopsBeforePrinting)
+{
+    const StopResult stop = stop_of([] { qel_set_current_dir(nullptr); });
+    EXPECT_EQ(stop.line, 1119);
+    EXPECT_EQ(stop.output, "");
+}
+
 // ---- Stopwatch ----
 
 TEST(ElapsedUsec, Is0AtFirstThenTheMicrosecondsSince)

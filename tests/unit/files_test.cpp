@@ -45,6 +45,13 @@ TEST_F(Fopen, OpensAFileForReading)
     EXPECT_THAT(kernel.calls("fopen"), ElementsAre("fopen /etc/file rb"));
 }
 
+TEST_F(Fopen, ChecksItsPathBeforeItTriesTheDisk)
+{
+    EXPECT_STOPS_AT(399, qel_fopen(nullptr));
+    EXPECT_STOPS_AT(400, qel_fopen("etc"));
+    EXPECT_EQ(kernel.count("fopen"), 0);
+}
+
 // ---- qel_exists, qel_file_exists ----
 
 TEST_F(Exists, SaysYesToEntriesOfEveryType)

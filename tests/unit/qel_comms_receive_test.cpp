@@ -191,8 +191,8 @@ TEST_F(CommsReceive, StopsOnAPacketThatIsNone)
         {"comms", [] { qel_comms_receive_packet(nullptr, "\x80", 1); }},
         {"comms->recv", [this] { feed(((comms->recv = nullptr), "80")); }},
     };
-    for (const auto &[text, statement] : cases) {
-        EXPECT_STOPS_ON(text, comms_unit, statement());
+    for (const auto &each : cases) {
+        EXPECT_STOPS_ON(each.first, comms_unit, each.second());
         reset_product(); // it had stopped in the middle of a receipt
     }
 }

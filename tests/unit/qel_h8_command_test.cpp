@@ -83,6 +83,15 @@ TEST_F(H8Command, OpensTheDeviceOnTheFirstCommandAndKeepsIt)
     EXPECT_THAT(records, ElementsAre("\x07", "\x0A"));
 }
 
+TEST_F(H8Command, StopsWhenTheDeviceCannotBeOpenedAndTriesAgainTheNextTime)
+{
+    kernel.fail_nth("open", 1, ENODEV);
+    EXPECT_STOPS_ON("f != -1", h8_unit, send("\x07"));
+    EXPECT_THAT(records, IsEmpty());
+    send("\x07");
+    EXPECT_THAT(records, ElementsAre("\x07"));
+}
+
 // ---- Sending ----
 
 TEST_F(H8Command, GoesOutInRecordsOf64BytesOfWhichAllButTheLastAreContinued)

@@ -109,8 +109,8 @@ TEST_F(SysmsgReceive, StopsOnAMessageThatIsNone)
         {"con", [this] { qel_sysmsg_receive(nullptr, message.data(), 12); }},
         {"con->recv", [this] { peer.receive(((peer.con.recv = nullptr), "0B 00 00 00 08 00 00 00")); }},
     };
-    for (const auto &[text, statement] : cases) {
-        EXPECT_STOPS_ON(text, sysmsg_unit, statement());
+    for (const auto &each : cases) {
+        EXPECT_STOPS_ON(each.first, sysmsg_unit, each.second());
         reset_product(); // it had stopped in the middle of a receipt
     }
     EXPECT_THAT(peer.sent, IsEmpty());
