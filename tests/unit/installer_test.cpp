@@ -45,6 +45,20 @@ struct Install : OnScratchDisk {
 
 // ---- The whole ----
 
+TEST_F(Install, GivesEachToolItsArgumentsItsInputAndNoEnvironment)
+{
+    disk.make_file("/disk/sda1/storage.zip");
+    qel_install();
+    EXPECT_THAT(
+        programs.runs(),
+        ElementsAre("/bin/sfdisk: /bin/sfdisk -uM --quiet --Linux --force /dev/disk/hdc | env: none | in: "
+                    ",8,4,*\n,28,L\n,,6\n",
+                    "/bin/mkdosfs: /bin/mkdosfs /dev/disk/hdc1 | env: none",
+                    "/bin/mkdosfs: /bin/mkdosfs /dev/disk/hdc3 | env: none",
+                    "/bin/syslinux: /bin/syslinux /dev/disk/hdc1 | env: none",
+                    "/bin/miniunz: /bin/miniunz /disk/sda1/storage.zip -d /storage | env: none"));
+}
+
 TEST_F(Install, MakesTheNodesOfEveryInternalDisk)
 {
     disk.make_file("/sys/block/hda/dev", "3:0\n");
