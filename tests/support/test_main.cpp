@@ -12,9 +12,13 @@
 namespace
 {
 
+/// What the product held when a test was over: its buffers stay to the end of the process, and are no leaks.
+auto *const states = new std::vector<std::vector<char>>;
+
 struct FreshProduct : testing::EmptyTestEventListener {
     void OnTestStart(const testing::TestInfo &) override
     {
+        states->push_back(product_state());
         reset_product();
         EXPECT_EQ(fchdir(folder), 0);
     }
