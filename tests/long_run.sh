@@ -67,9 +67,8 @@ restarts)
 sandbox-restarts)
     program=sandbox/sandbox_tests filter='ManyRestarts.*' settings=(QEL_SANDBOX_RESTARTS="${number:-10000}") ;;
 link)
-    # The ends are processes of their own already, so there is no need for yet another one, which is silent.
     program=unit_tests filter='Seeds/HostLinkEnds.AccountForEveryMessageOnABadLine/*'
-    settings=(QEL_LINK_EXCHANGES="${number:-100000}" QEL_TEST_FRESH_PROCESS=1) ;;
+    settings=(QEL_LINK_EXCHANGES="${number:-100000}") ;;
 *) refuse "unknown: ${words[0]}" ;;
 esac
 

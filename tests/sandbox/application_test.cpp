@@ -1,124 +1,21 @@
-// Which application a start finds, and how one from a stick gets onto the storage partition.
+// The application: how one from a stick gets onto the storage partition, the loop that runs it forever, the X
+// server, and the processes they leave.
 
 #include "sandbox/cabinet.h"
 
+#include <errno.h>
 #include <gmock/gmock.h>
+#include <signal.h>
+
+#include <algorithm>
 
 using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
 
-/// Starts the cabinet and returns the path that is run.
-static std::string run_by(Cabinet &cabinet)
-{
-    cabinet.start();
-    cabinet.await_lines("chdir /storage");
-    const std::string line = cabinet.transcript().lines("console \"run: ").front();
-    const std::string before = "console \"run: ", after = "\\n\"";
-    return line.substr(before.size(), line.size() - before.size() - after.size());
-}
-
-static std::vector<std::string> candidates(const Cabinet &cabinet)
-{
-    return cabinet.transcript().lines("console \"candidate: ");
-}
-
-// ---- The search ----
-
-TEST(Search, TakesTheGreatestNameOnStorageByteByByte)
-{
-    Cabinet cabinet;
-    for (const char *name : {"qel_application_10", "qel_application_2", "qel_application_Z"})
-        cabinet.add_program(Cabinet::storage("/") + name);
-    EXPECT_EQ(run_by(cabinet), "/storage/qel_application_Z");
-    EXPECT_THAT(candidates(cabinet), ElementsAre("console \"candidate: /storage/qel_application_10\\n\"",
-                                                 "console \"candidate: /storage/qel_application_2\\n\"",
-                                                 "console \"candidate: /storage/qel_application_Z\\n\""));
-}
-
-TEST(Search, ReportsOnlyNamesGreaterThanTheOneItHas)
-{
-    Cabinet cabinet;
-    cabinet.list_folders_backwards();
-    for (const char *name : {"qel_application_10", "qel_application_2", "qel_application_Z"})
-        cabinet.add_program(Cabinet::storage("/") + name);
-    EXPECT_EQ(run_by(cabinet), "/storage/qel_application_Z");
-    EXPECT_THAT(candidates(cabinet), ElementsAre("console \"candidate: /storage/qel_application_Z\\n\""));
-}
-
-TEST(Search, TakesAGreaterNameOnStorageOverOneOnTheStick)
-{
-    Cabinet cabinet;
-    cabinet.plug_in_stick();
-    cabinet.add_program(Cabinet::storage("/qel_application_2"));
-    cabinet.add_program(Cabinet::stick("/qel_application_10"));
-    EXPECT_EQ(run_by(cabinet), "/storage/qel_application_2");
-    EXPECT_THAT(cabinet.transcript().lines("console \"copy"), IsEmpty());
-}
-
-TEST(Search, TakesTheOneOnStorageOfTwoEqualNamesAndCopiesNothing)
-{
-    Cabinet cabinet;
-    cabinet.plug_in_stick();
-    cabinet.add_program(Cabinet::storage("/qel_application_1"));
-    cabinet.make_file(Cabinet::stick("/qel_application_1"), "not the one");
-    EXPECT_EQ(run_by(cabinet), "/storage/qel_application_1");
-    EXPECT_THAT(cabinet.transcript().lines("open /disk"), IsEmpty());
-    EXPECT_THAT(cabinet.transcript().lines("mount /dev/disk/hdc3"),
-                ElementsAre("mount /dev/disk/hdc3 /storage vfat 1"));
-}
-
-TEST(Search, TakesTheFirstThatItMeetsOfEqualNamesInOnePlace)
-{
-    for (const int backwards : {0, 1}) {
-        Cabinet cabinet;
-        if (backwards)
-            cabinet.list_folders_backwards();
-        cabinet.add_program(Cabinet::storage("/a/qel_application_1"));
-        cabinet.add_program(Cabinet::storage("/b/qel_application_1"));
-        EXPECT_EQ(run_by(cabinet),
-                  backwards ? "/storage/b/qel_application_1" : "/storage/a/qel_application_1");
-    }
-}
-
-TEST(Search, GoesDownIntoFoldersBeforeItGoesOn)
-{
-    Cabinet cabinet;
-    cabinet.add_program(Cabinet::storage("/games/new/qel_application_2"));
-    cabinet.add_program(Cabinet::storage("/qel_application_1"));
-    EXPECT_EQ(run_by(cabinet), "/storage/games/new/qel_application_2");
-    EXPECT_THAT(candidates(cabinet),
-                ElementsAre("console \"candidate: /storage/games/new/qel_application_2\\n\""));
-}
-
-TEST(Search, DoesNotEnterHiddenFoldersOrLinks)
-{
-    Cabinet cabinet;
-    cabinet.add_program(Cabinet::storage("/qel_application_1"));
-    cabinet.add_program(Cabinet::storage("/.hidden/qel_application_2"));
-    cabinet.add_program("/elsewhere/qel_application_3");
-    cabinet.make_link(Cabinet::storage("/link"), "/elsewhere");
-    EXPECT_EQ(run_by(cabinet), "/storage/qel_application_1");
-}
-
-TEST(Search, TakesANameThatIsThePrefixAlone)
-{
-    Cabinet cabinet;
-    cabinet.add_program(Cabinet::storage("/qel_application_"));
-    EXPECT_EQ(run_by(cabinet), "/storage/qel_application_");
-}
-
-TEST(Search, TakesAFolderLikeAFileAndTheLoopTriesToRunIt)
-{
-    Cabinet cabinet;
-    cabinet.add_program(Cabinet::storage("/qel_application_1"));
-    cabinet.make_folder(Cabinet::storage("/qel_application_2"));
-    EXPECT_EQ(run_by(cabinet), "/storage/qel_application_2");
-    cabinet.await_lines("console \"exec failed: qel_application_2\\n\"", 2);
-}
-
-// ---- From the stick to the storage ----
+static const char application[] = "/qel_application_1";
 
 TEST(ANewerApplicationOnAStick, IsCopiedToStorageAndRunsFromThere)
 {
@@ -127,7 +24,6 @@ TEST(ANewerApplicationOnAStick, IsCopiedToStorageAndRunsFromThere)
     cabinet.make_file(Cabinet::storage("/qel_application_1"), "the old one");
     cabinet.add_program(Cabinet::stick("/games/qel_application_2"));
     cabinet.start();
-    EXPECT_TRUE(cabinet.matches("newer_on_stick.txt"));
     EXPECT_THAT(cabinet.await_child(2),
                 AllOf(Contains("arguments [/storage/qel_application_2]"), Contains("folder /storage")));
     EXPECT_EQ(cabinet.content(Cabinet::storage("/qel_application_2")),
@@ -146,17 +42,6 @@ TEST(ANewerApplicationOnAStick, LeavesTheStorageReadOnly)
     EXPECT_THAT(cabinet.transcript().of(3), Contains("helper program: folder: Read-only file system"));
 }
 
-TEST(ANewerApplicationOnAStick, IsFoundOnAWholeDiskWithoutPartitionsToo)
-{
-    Cabinet cabinet;
-    cabinet.add_block_device("sda", 8, 0);
-    cabinet.format("vfat", 8, 0);
-    cabinet.add_program("/machine/vfat/8:0/qel_application_2");
-    EXPECT_EQ(run_by(cabinet), "/storage/qel_application_2");
-    EXPECT_THAT(cabinet.transcript().lines(),
-                Contains("console \"copy: /disk/sda/qel_application_2 -> /storage/qel_application_2\\n\""));
-}
-
 TEST(ANewerApplicationOnAStick, StaysOutWhenTheStorageIsFullAndTheStartStops)
 {
     Cabinet cabinet;
@@ -172,12 +57,119 @@ TEST(ANewerApplicationOnAStick, StaysOutWhenTheStorageIsFullAndTheStartStops)
     EXPECT_EQ(cabinet.transcript().lines("mount ").back(), "mount /dev/disk/hdc3 /storage vfat 32");
 }
 
-TEST(ANewerApplicationOnAStick, CanBeAFolderAndThenArrivesAsAnEmptyFile)
+TEST(TheApplication, IsStartedAgainAtOnceHoweverItEnded)
 {
     Cabinet cabinet;
-    cabinet.plug_in_stick();
-    cabinet.make_file(Cabinet::stick("/qel_application_2/inside"), "x");
-    EXPECT_EQ(run_by(cabinet), "/storage/qel_application_2");
-    cabinet.await_lines("console \"exec failed: qel_application_2\\n\"");
-    EXPECT_EQ(cabinet.content(Cabinet::storage("/qel_application_2")), "");
+    cabinet.add_program(Cabinet::storage(application), "exit 0\nexit 1\nexit 255\nkill 9\nkill 11\n");
+    cabinet.start();
+    cabinet.await_child(7);
+    EXPECT_THAT(cabinet.transcript().lines("waitpid"),
+                ElementsAre("waitpid 3 0 = 3 exit 0", "waitpid 4 0 = 4 exit 1", "waitpid 5 0 = 5 exit 255",
+                            "waitpid 6 0 = 6 signal 9", "waitpid 7 0 = 7 signal 11"));
+    EXPECT_THAT(cabinet.transcript().lines("sleep"), IsEmpty());
+}
+
+TEST(TheApplication, FindsAFreshWinePrefixInEveryRun)
+{
+    Cabinet cabinet;
+    cabinet.add_program(Cabinet::storage(application), "prefix exit 0\nprefix kill 9\nprefix exit 0\n");
+    cabinet.start();
+    for (pid_t n = 2; n <= 5; ++n)
+        EXPECT_THAT(cabinet.await_child(n), Contains("prefix fresh"));
+}
+
+TEST(TheApplication, ThatCannotBeExecutedIsReportedAndTriedAgain)
+{
+    Cabinet cabinet;
+    cabinet.make_file(Cabinet::storage(application), "no program at all", 0755);
+    cabinet.start();
+    EXPECT_TRUE(cabinet.matches("exec_failed.txt"));
+    EXPECT_THAT(cabinet.transcript().of(3),
+                ElementsAre("execve /storage/qel_application_1 [/storage/qel_application_1] " LOADER_ENV,
+                            "execve /storage/qel_application_1 = ENOEXEC", "_exit 1"));
+}
+
+TEST(AWindowsApplication, IsRunByWineUnderTheSameEnvironment)
+{
+    Cabinet cabinet;
+    cabinet.add_program(Cabinet::system("/wine/bin/wine"));
+    cabinet.make_file(Cabinet::storage("/qel_application_game.exe.so"), "a Windows program");
+    cabinet.start();
+    EXPECT_THAT(cabinet.await_child(2),
+                testing::IsSupersetOf({"arguments [/usr/wine/bin/wine /storage/qel_application_game.exe.so]",
+                                       "environment " LOADER_ENV, "folder /storage"}));
+}
+
+TEST(TheXServer, IsStartedOnceHoweverOftenTheApplicationRuns)
+{
+    Cabinet cabinet;
+    cabinet.add_program(Cabinet::storage(application), "exit 0\nexit 0\nexit 0\n");
+    cabinet.start();
+    cabinet.await_child(5);
+    cabinet.await_child(1);
+    EXPECT_EQ(cabinet.runs("Xfake"), 1U);
+    EXPECT_THAT(cabinet.transcript().processes_with("execve /usr/xorg/bin/Xfake"), ElementsAre(2));
+}
+
+TEST(TheXServer, IsNeitherReapedNorStartedAgainWhenItEnds)
+{
+    Cabinet cabinet;
+    cabinet.add_program(Cabinet::system("/xorg/bin/Xfake"), "exit 0\n");
+    cabinet.add_program(Cabinet::storage(application), "exit 0\nexit 0\n");
+    cabinet.start();
+    cabinet.await_child(4);
+    cabinet.await("the X server's end", [&] { return cabinet.children().front().state == 'Z'; });
+    EXPECT_EQ(cabinet.children().size(), 2U);
+    EXPECT_EQ(cabinet.children().front().name, "Xfake");
+    EXPECT_EQ(cabinet.runs("Xfake"), 1U);
+}
+
+TEST(TheXServer, ThatIsMissingLeavesNoMessageAndTheApplicationRuns)
+{
+    Cabinet cabinet;
+    cabinet.add_block_device("hdc/hdc2", 22, 9);
+    cabinet.format("cramfs", 22, 9);
+    cabinet.add_program(Cabinet::storage(application));
+    cabinet.start();
+    cabinet.await_child(2);
+    cabinet.await("the child's end", [&] { return cabinet.transcript().of(2).size() >= 3; });
+    EXPECT_THAT(cabinet.transcript().of(2),
+                ElementsAre("execve /usr/xorg/bin/Xfake [/usr/xorg/bin/Xfake -nolisten tcp -kb] " LOADER_ENV,
+                            "execve /usr/xorg/bin/Xfake = ENOENT", "_exit 1"));
+    EXPECT_THAT(cabinet.transcript().lines("console"), Not(Contains(testing::HasSubstr("failed"))));
+}
+
+TEST(TheWait, AfterAFailedForkIsForAnyChildAndSleepsASecondAfterEachThatIsNotTheOne)
+{
+    Cabinet cabinet;
+    cabinet.add_program(Cabinet::storage(application));
+    cabinet.fail("fork", 2, EAGAIN);
+    cabinet.start();
+    // Nothing but the X server is left to wait for.
+    cabinet.await_child(1);
+    cabinet.await_lines("fork = EAGAIN");
+    ASSERT_EQ(cabinet.children().size(), 1U);
+    EXPECT_THAT(cabinet.transcript().lines("waitpid"), IsEmpty());
+    cabinet.signal(cabinet.children().front().pid, SIGKILL);
+    // It gets the X server, and after a second finds that no child is left, the -1 it waits for.
+    cabinet.await_lines("fork", 3);
+    EXPECT_THAT(cabinet.transcript().lines("waitpid"),
+                ElementsAre("waitpid -1 0 = 2 signal 9", "waitpid -1 0 = ECHILD"));
+    EXPECT_THAT(cabinet.transcript().lines("sleep"), ElementsAre("sleep 1"));
+}
+
+TEST(AnOrphanOfTheApplication, IsAdoptedAndNeverReaped)
+{
+    Cabinet cabinet;
+    cabinet.add_program(Cabinet::storage(application), "orphan exit 0\norphan exit 0\norphan exit 0\n");
+    cabinet.start();
+    cabinet.await("the last run", [&] { return cabinet.runs("qel_application_1") == 4; });
+    const auto dead = [&] {
+        const auto children = cabinet.children();
+        return std::count_if(children.begin(), children.end(),
+                             [](const Sandbox::Process &process) { return process.state == 'Z'; });
+    };
+    cabinet.await("three orphans dead", [&] { return dead() == 3; });
+    // With them, the X server and the running application.
+    EXPECT_EQ(cabinet.children().size(), 5U);
 }

@@ -31,7 +31,7 @@ Cabinet::Cabinet()
     make_file("/machine/sys/class/sound/pcmC0D0p/dev", "116:16\n");
 
     add_block_device("hdc", 22, 0);
-    for (unsigned partition = 1; partition <= 3; partition++)
+    for (unsigned partition = 1; partition <= 3; ++partition)
         add_block_device("hdc/hdc" + std::to_string(partition), 22, partition);
     make_folder("/machine/sys/block/hdc/queue");
     add_block_device("loop0", 7, 0);
@@ -78,11 +78,6 @@ void Cabinet::limit_storage(size_t bytes)
     limit(storage(""), bytes);
 }
 
-void Cabinet::list_folders_backwards()
-{
-    set(order_setting, "descending");
-}
-
 void Cabinet::fail(const std::string &name, int n, int error)
 {
     failures += (failures.empty() ? "" : ", ") + name + " " + std::to_string(n) + " " + std::to_string(error);
@@ -108,8 +103,8 @@ size_t Cabinet::runs(const std::string &name) const
 void Cabinet::start(const std::vector<std::string> &arguments)
 {
     set(mode_setting, std::to_string(mode));
-    set(major_setting, std::to_string(board_major));
-    std::vector<std::string> all = {program_name};
+    set(major_setting, "240");
+    std::vector<std::string> all = {"/init"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     Sandbox::start(SANDBOX_LOADER, all);
 }

@@ -4,9 +4,11 @@
 
 #include "sandbox/sandbox.h"
 
-class Cabinet : public Sandbox
-{
-  public:
+/// The environment of the X server and the application, as the transcript shows it.
+#define LOADER_ENV                                                                                           \
+    "[HOME=/qel_home TERM=linux WINEDEBUG=fixme-all,warn-all LD_LIBRARY_PATH=/usr/xorg/lib DISPLAY=unix:0]"
+
+struct Cabinet : Sandbox {
     Cabinet();
     ~Cabinet();
 
@@ -14,7 +16,6 @@ class Cabinet : public Sandbox
 
     /// The board's mode byte. 1 keeps the console.
     int mode = 1;
-    unsigned board_major = 240;
     /// Adds what /sys/block shows of a disk or, with the disk's name before a slash, of a partition.
     void add_block_device(const std::string &name, unsigned major, unsigned minor);
     /// Makes an empty file system on a device.
@@ -23,8 +24,6 @@ class Cabinet : public Sandbox
     void plug_in_stick();
     /// Gives the storage partition an empty file system with room for so many bytes.
     void limit_storage(size_t bytes);
-    /// Turns the order in which folders list their entries round.
-    void list_folders_backwards();
     /// Lets the call number `n` of `name`, counted over the whole run, fail.
     void fail(const std::string &name, int n, int error);
 
@@ -50,8 +49,7 @@ class Cabinet : public Sandbox
     /// How often the helper program of that name was started.
     size_t runs(const std::string &name) const;
 
-    std::string program_name = "/init";
-    /// Starts the loader. `arguments` follow the program name.
+    /// Starts the loader. `arguments` follow its name.
     void start(const std::vector<std::string> &arguments = {});
     /// Waits until the helper program that was started as the `n`th process of the loader (from 1) has
     /// reported how it was started. Returns its report.
@@ -59,8 +57,6 @@ class Cabinet : public Sandbox
 
     /// Sends a packet as the host at the other end of the board's link.
     void send(const std::string &packet) const;
-
-  private:
     std::string failures;
     int host = -1;
 };

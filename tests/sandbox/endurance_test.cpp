@@ -20,7 +20,7 @@ static long restarts_wanted()
 static std::string repeated(long count, const std::string &line)
 {
     std::string text;
-    for (long i = 0; i < count; i++)
+    for (long i = 0; i < count; ++i)
         text += line;
     return text;
 }

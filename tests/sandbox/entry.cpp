@@ -57,7 +57,7 @@ static void enter_root(int root)
     enter_root(entry.root);
     if (*entry.limited_folder)
         require(mount("tmpfs", entry.limited_folder, "tmpfs", MS_NODEV, entry.limit_options), "limit");
-    for (int stream = 0; stream <= 2; stream++)
+    for (int stream = 0; stream <= 2; ++stream)
         require(dup2(entry.console, stream), "console");
     // The kernel starts its first program so: in a session of its own, with this mask.
     setsid();

@@ -3,7 +3,6 @@
 // run (NAME is the last part of its own path), word by word:
 //
 //   exit N         ends with this exit code          kill N     ends by this signal
-//   print TEXT     to standard output                fill N     N times an x to standard output, at once
 //   input          reads standard input to its end   stay       stays forever
 //   prefix         fills the Wine prefix             orphan     leaves a child behind, which ends at once
 //   move FROM TO   renames                           folder P   makes a folder
@@ -54,7 +53,7 @@ static void report_list(const char *name, char *const *texts)
 {
     char line[1500] = "";
     size_t length = 0;
-    for (; *texts && length < sizeof line; texts++)
+    for (; *texts && length < sizeof line; ++texts)
         length += (size_t)snprintf(line + length, sizeof line - length, length ? " %s" : "%s", *texts);
     report("%s [%s]", name, line);
 }
@@ -63,7 +62,7 @@ static void report_list(const char *name, char *const *texts)
 static void report_streams()
 {
     char streams[300] = "";
-    for (int file = 0; file <= 2; file++) {
+    for (int file = 0; file <= 2; ++file) {
         char link[30], target[100];
         snprintf(link, sizeof link, "/proc/self/fd/%d", file);
         const ssize_t length = readlink(link, target, sizeof target - 1);
@@ -106,7 +105,7 @@ static void report_input()
         fail("input");
     char line[1500];
     size_t length = 0;
-    for (size_t i = 0; i < total && length + 3 < sizeof line; i++)
+    for (size_t i = 0; i < total && length + 3 < sizeof line; ++i)
         length +=
             (size_t)snprintf(line + length, sizeof line - length, text[i] == '\n' ? "\\n" : "%c", text[i]);
     line[length] = '\0';
@@ -121,15 +120,6 @@ static void leave_orphan()
             usleep(1000);
         _exit(0);
     }
-}
-
-static void fill(size_t count)
-{
-    char *text = (char *)malloc(count);
-    memset(text, 'x', count);
-    if (write(1, text, count) != (ssize_t)count)
-        fail("fill");
-    free(text);
 }
 
 [[noreturn]] static void stay()
@@ -149,10 +139,6 @@ static void act(const char *verb)
         _exit(atoi(word()));
     else if (strcmp(verb, "kill") == 0)
         kill(getpid(), atoi(word()));
-    else if (strcmp(verb, "print") == 0)
-        dprintf(1, "%s", word());
-    else if (strcmp(verb, "fill") == 0)
-        fill((size_t)atol(word()));
     else if (strcmp(verb, "stay") == 0)
         stay();
     else if (strcmp(verb, "input") == 0)

@@ -29,8 +29,8 @@ TEST(AHostileHost, FloodsTheLoaderWhichStillAnswersAndTakesAnUpdater)
     Cabinet cabinet;
     start_update_mode(cabinet);
     const std::string half = std::string("\x00\x00\x10\x00\x12\x34", 6) + std::string(29, 'x');
-    for (size_t round = 1; round <= 10; round++) {
-        for (char i = 0; i < 30; i++) {
+    for (size_t round = 1; round <= 10; ++round) {
+        for (char i = 0; i < 30; ++i) {
             cabinet.send(half);
             cabinet.send("\x80" + std::string(34, i));
             cabinet.send(std::string("\x00\x00\x00\x01\x00\x00z", 7)); // a wrong CRC

@@ -7,16 +7,13 @@
 
 #include <filesystem>
 
-using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
 /// A cabinet with a blank internal disk, the installer's tools and a stick with a system. What the tools
 /// make appears when they run.
-class Installation : public Cabinet
-{
-  public:
+struct Installation : Cabinet {
     Installation()
     {
         std::string partition = "input";
@@ -38,16 +35,6 @@ class Installation : public Cabinet
         make_file(stick("/vmlinux"), "a kernel");
         make_file(stick("/storage.zip"), "an archive");
         add_program(stick("/qel_application_1"));
-    }
-    /// What the process `pid` was started as and read.
-    std::vector<std::string> tool(pid_t pid) const
-    {
-        std::vector<std::string> lines;
-        for (const std::string &line : transcript().of(pid)) {
-            if (begins_with(line, "execve") || begins_with(line, "environment") || begins_with(line, "input"))
-                lines.push_back(line);
-        }
-        return lines;
     }
     /// Installs until the loader stops, and returns where: "UNIT:LINE".
     std::string stop()
@@ -72,19 +59,19 @@ TEST(TheInstaller, StartsItsToolsWithoutAnEnvironmentAndFeedsOnlySfdisk)
     Installation cabinet;
     cabinet.start({"qelinstall"});
     cabinet.await_lines("console \"Install complete.\\n\"");
-    EXPECT_THAT(
-        cabinet.tool(2),
-        ElementsAre("execve /bin/sfdisk [/bin/sfdisk -uM --quiet --Linux --force /dev/disk/hdc] [null]",
-                    "environment []", "input \",8,4,*\\n,28,L\\n,,6\\n\", then its end"));
-    EXPECT_THAT(cabinet.tool(3), ElementsAre("execve /bin/mkdosfs [/bin/mkdosfs /dev/disk/hdc1] [null]",
-                                             "environment []", "input \"\", then its end"));
-    EXPECT_THAT(cabinet.tool(4), ElementsAre("execve /bin/mkdosfs [/bin/mkdosfs /dev/disk/hdc3] [null]",
-                                             "environment []", "input \"\", then its end"));
-    EXPECT_THAT(cabinet.tool(5), ElementsAre("execve /bin/syslinux [/bin/syslinux /dev/disk/hdc1] [null]",
-                                             "environment []", "input \"\", then its end"));
-    EXPECT_THAT(cabinet.tool(6),
-                ElementsAre("execve /bin/miniunz [/bin/miniunz /disk/sda1/storage.zip -d /storage] [null]",
-                            "environment []", "input \"\", then its end"));
+    const std::pair<const char *, const char *> tools[] = {
+        {"/bin/sfdisk [/bin/sfdisk -uM --quiet --Linux --force /dev/disk/hdc]", ",8,4,*\\n,28,L\\n,,6\\n"},
+        {"/bin/mkdosfs [/bin/mkdosfs /dev/disk/hdc1]", ""},
+        {"/bin/mkdosfs [/bin/mkdosfs /dev/disk/hdc3]", ""},
+        {"/bin/syslinux [/bin/syslinux /dev/disk/hdc1]", ""},
+        {"/bin/miniunz [/bin/miniunz /disk/sda1/storage.zip -d /storage]", ""},
+    };
+    pid_t pid = 2;
+    for (const auto &[call, input] : tools)
+        EXPECT_THAT(
+            cabinet.transcript().of(pid++),
+            testing::IsSupersetOf({std::string("execve ") + call + " [null]", std::string("environment []"),
+                                   std::string("input \"") + input + "\", then its end"}));
 }
 
 TEST(TheInstaller, LeavesSystemKernelConfigurationAndStorageOnTheDisk)
@@ -100,31 +87,6 @@ TEST(TheInstaller, LeavesSystemKernelConfigurationAndStorageOnTheDisk)
     EXPECT_THAT(cabinet.names("/machine/vfat/22:3"), ElementsAre("qel_application_1", "unpacked"));
     // /boot is unmounted again.
     EXPECT_THAT(cabinet.names("/boot"), IsEmpty());
-}
-
-TEST(TheInstaller, LeavesTheStorageEmptyWithoutAnArchive)
-{
-    Installation cabinet;
-    std::filesystem::remove(cabinet.at(Cabinet::stick("/storage.zip")));
-    std::filesystem::remove(cabinet.at(Cabinet::stick("/qel_application_1")));
-    EXPECT_EQ(cabinet.stop(), "qel_application_loader:189");
-    EXPECT_EQ(cabinet.runs("miniunz"), 0U);
-    EXPECT_THAT(cabinet.transcript().lines("console \"Found"), IsEmpty());
-    EXPECT_THAT(cabinet.transcript().lines("umount"), ElementsAre("umount /boot"));
-    EXPECT_THAT(cabinet.names("/machine/vfat/22:3"), IsEmpty());
-}
-
-TEST(TheInstaller, InstallsOverAnInstalledDisk)
-{
-    Installation cabinet;
-    for (unsigned partition = 1; partition <= 3; partition++)
-        cabinet.add_block_device("hdc/hdc" + std::to_string(partition), 22, partition);
-    cabinet.add_program("/bin/sfdisk", "exit 0");
-    cabinet.start({"qelinstall"});
-    cabinet.await_lines("console \"Install complete.\\n\"");
-    EXPECT_EQ(cabinet.content("/machine/raw/22:2"), cabinet.image);
-    // The nodes were there: after sfdisk the disk's is named in brackets, the partitions' are passed over.
-    EXPECT_THAT(cabinet.transcript().lines(), Contains("console \" (hdc)\\n\""));
 }
 
 TEST(TheInstaller, StopsWhenAToolFails)
@@ -152,30 +114,4 @@ TEST(TheInstaller, WaitsForTheParkedChildWhenAToolIsMissing)
     cabinet.await("the child's stop", [&] { return !cabinet.transcript().processes_with("stop ").empty(); });
     EXPECT_THAT(cabinet.transcript().of(3), Contains("stop qel_utility/qel_filesystem:2101 0"));
     EXPECT_EQ(cabinet.children().size(), 1U);
-}
-
-TEST(TheInstaller, StopsWithoutASystemImageOnTheStick)
-{
-    Installation cabinet;
-    std::filesystem::remove(cabinet.at(Cabinet::stick("/qel_usr.cramfs")));
-    EXPECT_EQ(cabinet.stop(), "qel_application_loader:144");
-    EXPECT_EQ(cabinet.runs("mkdosfs"), 1U);
-}
-
-TEST(TheInstaller, StopsWithoutAKernelOnTheStick)
-{
-    Installation cabinet;
-    std::filesystem::remove(cabinet.at(Cabinet::stick("/vmlinux")));
-    EXPECT_EQ(cabinet.stop(), "qel_application_loader:150");
-    EXPECT_EQ(cabinet.runs("syslinux"), 0U);
-}
-
-TEST(TheInstaller, DoesNotMindAConfigurationThatCannotBeWritten)
-{
-    Installation cabinet;
-    cabinet.add_program("/bin/syslinux", "folder /boot/syslinux.cfg");
-    cabinet.start({"qelinstall"});
-    cabinet.await_lines("console \"Install complete.\\n\"");
-    EXPECT_THAT(cabinet.transcript().lines(),
-                Contains("open /boot/syslinux.cfg O_WRONLY|O_CREAT|O_TRUNC 0666 = EISDIR"));
 }

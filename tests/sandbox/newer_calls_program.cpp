@@ -1,6 +1,5 @@
-// Makes every system call of newer_calls.def, and some numbers that no kernel has, the 32-bit ones through
-// the 32-bit gate, and prints those that do not fail with ENOSYS. To be run under old_kernel only: what it
-// asks for is not defined.
+// Makes every system call above the last one of 2.6.20, the 32-bit ones through the 32-bit gate, and prints
+// those that do not fail with ENOSYS. To be run under old_kernel only: what it asks for is not defined.
 
 #include "sandbox/newer_calls.h"
 
@@ -14,12 +13,12 @@ namespace
 
 int refused;
 
-void check(const char *name, const char *processor, long result)
+void check(int number, const char *processor, long result)
 {
     if (result == -ENOSYS)
         ++refused;
     else
-        printf("%s on %s gives %ld\n", name, processor, result);
+        printf("call %d on %s gives %ld\n", number, processor, result);
 }
 
 long call_x86_64(int number)
@@ -41,17 +40,16 @@ long call_i386(int number)
 
 int main()
 {
-    for (const NewerCall &call : newer_calls) {
-        if (call.x86_64)
-            check(call.name, "x86-64", call_x86_64(call.x86_64));
-        if (call.i386)
-            check(call.name, "i386", call_i386(call.i386));
+    for (int number = last_old_x86_64 + 1; number <= last_checked; ++number) {
+        // The kernel's own probes call these two, past every filter.
+        if (number != 335 && number != 336)
+            check(number, "x86-64", call_x86_64(number));
     }
-    const int later[] = {451, 470, 1000};
-    for (int number : later) {
-        check("a later call", "x86-64", call_x86_64(number));
-        check("a later call", "i386", call_i386(number));
-    }
+    for (int number = last_old_i386 + 1; number <= last_checked; ++number)
+        check(number, "i386", call_i386(number));
+    // The last ones that it has: move_pages and epoll_pwait.
+    if (call_x86_64(last_old_x86_64) == -ENOSYS || call_i386(last_old_i386) == -ENOSYS)
+        printf("an old call is refused\n");
     if (getauxval(AT_SYSINFO_EHDR))
         printf("the vDSO is there\n");
     if (call_x86_64(39) != 0 || call_i386(20) != 1)

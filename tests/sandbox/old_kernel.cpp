@@ -32,10 +32,8 @@
 namespace
 {
 
-constexpr size_t calls_max = sizeof newer_calls / sizeof newer_calls[0];
-
 struct Filter {
-    sock_filter code[4 * calls_max + 50];
+    sock_filter code[50];
     unsigned short length;
 };
 
@@ -56,29 +54,17 @@ void answer(Filter &filter, int number, unsigned error)
     add_answer(filter, error);
 }
 
-/// Everything for one word size. `numbers` ends in a 0; `last_known` is the highest number of the table.
-void add_word_size(Filter &filter, bool is_old, const int *played, int NewerCall::*number, int last_known)
+/// Everything for one word size. `played` ends in a 0; calls got higher numbers as time went on.
+void add_word_size(Filter &filter, bool is_old, const int *played, unsigned last_old)
 {
     add(filter, BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)));
     for (; *played; ++played)
         answer(filter, *played, 0);
     if (is_old) {
-        for (const NewerCall &call : newer_calls) {
-            if (call.*number)
-                answer(filter, call.*number, ENOSYS);
-        }
-        add(filter, BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, static_cast<unsigned>(last_known), 0, 1));
+        add(filter, BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, last_old, 0, 1));
         add_answer(filter, ENOSYS);
     }
     add(filter, BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
-}
-
-constexpr int last_known(int NewerCall::*number)
-{
-    int last = 0;
-    for (const NewerCall &call : newer_calls)
-        last = call.*number > last ? call.*number : last;
-    return last;
 }
 
 /// mount, umount2, mknod, sync; on i386 also umount.
@@ -91,9 +77,9 @@ void build(Filter &filter, bool is_old)
     add(filter, BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, AUDIT_ARCH_X86_64, 1, 0));
     const unsigned short past_x86_64 = filter.length;
     add(filter, BPF_STMT(BPF_JMP | BPF_JA, 0));
-    add_word_size(filter, is_old, played_x86_64, &NewerCall::x86_64, last_known(&NewerCall::x86_64));
+    add_word_size(filter, is_old, played_x86_64, last_old_x86_64);
     filter.code[past_x86_64].k = filter.length - past_x86_64 - 1U;
-    add_word_size(filter, is_old, played_i386, &NewerCall::i386, last_known(&NewerCall::i386));
+    add_word_size(filter, is_old, played_i386, last_old_i386);
 }
 
 // ---- The vDSO ----

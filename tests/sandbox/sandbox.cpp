@@ -100,13 +100,6 @@ void Sandbox::make_link(const std::string &path, const std::string &content) con
     fs::create_symlink(content, at(path));
 }
 
-void Sandbox::make_node(const std::string &path, mode_t mode, unsigned major, unsigned minor) const
-{
-    fs::create_directories(fs::path(at(path)).parent_path());
-    if (mknod(at(path).c_str(), mode, makedev(major, minor)))
-        give_up(path);
-}
-
 void Sandbox::limit(const std::string &path, size_t bytes)
 {
     limited_folder = path;
@@ -140,7 +133,7 @@ std::string Sandbox::look(const std::string &path) const
     static const std::map<mode_t, char> types = {
         {S_IFDIR, 'd'}, {S_IFREG, '-'}, {S_IFLNK, 'l'}, {S_IFCHR, 'c'}, {S_IFBLK, 'b'}};
     std::string text(1, types.at(status.st_mode & S_IFMT));
-    for (int bit = 8; bit >= 0; bit--)
+    for (int bit = 8; bit >= 0; --bit)
         text += status.st_mode >> bit & 1 ? "xwr"[bit % 3] : '-';
     if (S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode))
         text += " " + std::to_string(major(status.st_rdev)) + ":" + std::to_string(minor(status.st_rdev));

@@ -16,14 +16,10 @@
 #include <string>
 #include <vector>
 
-class Sandbox
-{
-  public:
+struct Sandbox {
     Sandbox();
     /// Ends every process inside. A sanitizer's report fails the test.
     ~Sandbox();
-    Sandbox(const Sandbox &) = delete;
-    Sandbox &operator=(const Sandbox &) = delete;
 
     // ---- Its files; parents are made as needed ----
 
@@ -32,7 +28,6 @@ class Sandbox
     void make_folder(const std::string &path) const;
     void make_file(const std::string &path, const std::string &content, mode_t mode = 0644) const;
     void make_link(const std::string &path, const std::string &content) const;
-    void make_node(const std::string &path, mode_t mode, unsigned major, unsigned minor) const;
     /// Makes `path` a file system of its own with room for so many bytes, empty, when PID 1 starts. One only.
     void limit(const std::string &path, size_t bytes);
     /// Copies a file of the host.
@@ -87,8 +82,6 @@ class Sandbox
     void limit_growth(size_t bytes) const;
     /// Sends a signal to a process given by the host's number.
     void signal(pid_t pid, int number) const;
-
-  private:
     /// Takes what has arrived, waiting a little when that is nothing. Returns 0 when all has ended.
     int take_output();
     void end();

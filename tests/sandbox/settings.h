@@ -23,5 +23,4 @@ constexpr char record_mark = '\x1e';
 /// The environment of PID 1 holds the rest.
 constexpr const char *mode_setting = "SANDBOX_MODE";   ///< the board's mode byte, decimal
 constexpr const char *major_setting = "SANDBOX_MAJOR"; ///< the board driver's major number
-constexpr const char *order_setting = "SANDBOX_ORDER"; ///< "descending" turns the order of folders round
 constexpr const char *fail_setting = "SANDBOX_FAIL";   ///< calls to fail: "fork 2 11, chdir 1 13"

@@ -13,9 +13,7 @@
 #include <string>
 #include <vector>
 
-class Transcript
-{
-  public:
+struct Transcript {
     void take(const std::string &bytes);
 
     /// PID 1 and the console.
@@ -31,8 +29,6 @@ class Transcript
     std::vector<pid_t> processes_with(const std::string &beginning) const;
     /// Everything, for a message.
     std::string text() const;
-
-  private:
     void take_record(const std::string &record);
     void end_console_line();
 

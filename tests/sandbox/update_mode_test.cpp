@@ -1,14 +1,12 @@
-// The update mode in its place in the start: the display, the host at the other end of the link, an
-// updater that takes the loader's place, a stick that ends the wait.
+// The update mode: the display, the host at the other end of the link, an updater that takes the loader's
+// place.
 
 #include "sandbox/cabinet.h"
 #include "sandbox/link_packets.h"
 
 #include <gmock/gmock.h>
 
-using testing::Contains;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 static const char notice_line[] =
     "write /dev/qellpc_host_comms \"\\x00\\x00\\x00\\x08\\xb2U\\x0b\\x00\\x00\\x00"
@@ -21,14 +19,6 @@ static const std::string bad_updater_packet("\x00\x00\x00\x16\xe1\xce"
 static std::string row(const std::string &text)
 {
     return "write /dev/qellpc_lcd \"" + text + "\\x00\"";
-}
-
-TEST(TheUpdateMode, ShowsItsBannerAndAnnouncesItselfWhileItWaits)
-{
-    Cabinet cabinet;
-    cabinet.mode = 3;
-    cabinet.start();
-    EXPECT_TRUE(cabinet.matches("update_wait.txt"));
 }
 
 TEST(TheUpdateMode, ShowsAndAnswersAHostThatConnects)
@@ -71,29 +61,4 @@ TEST(TheUpdateMode, EndsTheLoaderWhenTheUpdaterCannotBeExecuted)
     EXPECT_EQ(cabinet.await_end(), 1);
     EXPECT_EQ(cabinet.transcript().lines().back(), "console \"exec failed: /tmp/updater\\n\"");
     EXPECT_EQ(cabinet.content("/tmp/updater"), "no program");
-}
-
-TEST(TheUpdateMode, EndsFiveSecondsAfterAStickIsThereAndTheStartGoesOn)
-{
-    Cabinet cabinet;
-    cabinet.mode = 2;
-    cabinet.start();
-    cabinet.await_lines(row("2"));
-    cabinet.plug_in_stick();
-    cabinet.add_program(Cabinet::stick("/qel_application_1"));
-    EXPECT_TRUE(cabinet.matches("update_stick.txt"));
-    cabinet.await_child(2);
-}
-
-TEST(TheUpdateMode, IsNotEnteredWithoutItsBit)
-{
-    for (const int mode : {0, 1, 4, 0xFD}) {
-        Cabinet cabinet;
-        cabinet.mode = mode;
-        cabinet.add_program(Cabinet::storage("/qel_application_1"));
-        cabinet.start();
-        cabinet.await_child(2);
-        EXPECT_THAT(cabinet.transcript().lines("open /dev/qellpc_host_comms"), IsEmpty());
-        EXPECT_THAT(cabinet.transcript().lines("write /dev/qellpc_lcd"), IsEmpty());
-    }
 }

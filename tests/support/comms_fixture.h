@@ -16,15 +16,13 @@ constexpr const char *comms_unit = "qel_tolbrin/qel_comms";
 inline Bytes counting(size_t size)
 {
     Bytes bytes(size);
-    for (size_t at = 0; at < size; at++)
+    for (size_t at = 0; at < size; ++at)
         bytes[at] = static_cast<uint8_t>(at + 1);
     return bytes;
 }
 
 /// A link of packet size 35 whose transport and receiver are the test.
-class Comms : public testing::Test
-{
-  protected:
+struct Comms : testing::Test {
     explicit Comms(int packet_size = 35)
         : comms(qel_comms_create(packet_size, begin_packet, end_packet, this, poll_transport, this))
     {

@@ -159,7 +159,7 @@ static std::string list(char *const *texts)
     if (!texts)
         return "null";
     std::string all = "[";
-    for (; *texts; texts++)
+    for (; *texts; ++texts)
         all += (all == "[" ? "" : " ") + std::string(*texts);
     return all + "]";
 }

@@ -58,15 +58,11 @@ struct ProductExit : std::exception {
     int status;
 };
 
-class FakeKernel
-{
-  public:
+struct FakeKernel {
     FakeKernel();
     /// Moves every absolute path below `root`, except those that already lie there.
     explicit FakeKernel(const std::string &root);
     ~FakeKernel();
-    FakeKernel(const FakeKernel &) = delete;
-    FakeKernel &operator=(const FakeKernel &) = delete;
 
     // ---- Paths ----
 
@@ -172,8 +168,6 @@ class FakeKernel
     }
     int clock_is_virtual = 0;
     long long clock_usec = 0;
-
-  private:
     struct Plan {
         int fail_always = 0;
         std::map<int, int> fail_nth;

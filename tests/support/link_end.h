@@ -19,9 +19,7 @@
 #include <deque>
 #include <random>
 
-class End
-{
-  public:
+struct End {
     End(int socket_to_test, uint32_t seed) : socket(socket_to_test), random(seed)
     {
         kernel.set_time(1000);
@@ -41,7 +39,7 @@ class End
     /// The asking end: one thing after the other, each with its serial number.
     void ask(int exchanges)
     {
-        for (uint32_t serial = 1; serial <= static_cast<uint32_t>(exchanges); serial++) {
+        for (uint32_t serial = 1; serial <= static_cast<uint32_t>(exchanges); ++serial) {
             switch (random() % 4) {
             case 0:
                 send(0, [&] { return qel_sysmsg_post_21(con, serial); });
@@ -78,8 +76,6 @@ class End
                 send(0, [&] { return qel_sysmsg_post_45(con, static_cast<uint32_t>(random())); });
         }
     }
-
-  private:
     template <typename Send> void send(uint8_t wanted, Send operation)
     {
         tell('S', &wanted, 1);

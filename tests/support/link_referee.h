@@ -9,9 +9,7 @@
 
 #include <deque>
 
-class LinkReferee
-{
-  public:
+struct LinkReferee {
     /// The end starts a sequenced send, waiting for a reply of type `wanted` (0 for none).
     void starts(int wanted)
     {
@@ -87,14 +85,12 @@ class LinkReferee
         uint32_t crc_register = 0x1D0F;
         for (const uint8_t byte : message) {
             crc_register ^= static_cast<uint32_t>(byte) << 8;
-            for (int bit = 0; bit < 8; bit++)
+            for (int bit = 0; bit < 8; ++bit)
                 crc_register =
                     crc_register & 0x8000 ? (crc_register << 1 ^ 0x1021) & 0xFFFF : crc_register << 1;
         }
         return static_cast<uint16_t>(crc_register);
     }
-
-  private:
     static uint32_t word(const uint8_t *bytes, int offset)
     {
         return static_cast<uint32_t>(bytes[offset] << 24 | bytes[offset + 1] << 16 | bytes[offset + 2] << 8 |

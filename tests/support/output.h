@@ -6,20 +6,14 @@
 
 /// Catches standard output while it exists. Instances may nest: when one is left by an
 /// exception, what it caught goes to the next. When the test has failed by the end, it is shown after all.
-class Output
-{
-  public:
+struct Output {
     Output();
     ~Output();
-    Output(const Output &) = delete;
-    Output &operator=(const Output &) = delete;
 
     /// Everything printed so far, also what the product has not flushed.
     std::string text();
     /// Only what has already left the process.
     std::string flushed() const;
-
-  private:
     int caught;
     int original;
     int exceptions_before;

@@ -19,9 +19,7 @@
 #include <utility>
 #include <vector>
 
-class PlayedPrograms
-{
-  public:
+struct PlayedPrograms {
     explicit PlayedPrograms(FakeKernel &kernel) : notes(memfd_create("programs", MFD_CLOEXEC))
     {
         kernel.on_fork = [] { return real_fork(); };
@@ -33,8 +31,6 @@ class PlayedPrograms
     {
         real_close(notes);
     }
-    PlayedPrograms(const PlayedPrograms &) = delete;
-    PlayedPrograms &operator=(const PlayedPrograms &) = delete;
 
     /// How a program started with just these words ends: its exit code, or a signal's number, negative.
     void end_with(const std::string &whole_command, int outcome)
@@ -49,7 +45,7 @@ class PlayedPrograms
         std::vector<std::string> all;
         std::string run;
         char byte;
-        for (off_t at = 0; pread(notes, &byte, 1, at) == 1; at++) {
+        for (off_t at = 0; pread(notes, &byte, 1, at) == 1; ++at) {
             if (byte)
                 run += byte;
             else
@@ -57,12 +53,10 @@ class PlayedPrograms
         }
         return all;
     }
-
-  private:
     static std::string words(char *const *list)
     {
         std::string all;
-        for (; *list; list++)
+        for (; *list; ++list)
             all += (all.empty() ? "" : " ") + std::string(*list);
         return all;
     }

@@ -9,13 +9,9 @@
 #include <string>
 #include <vector>
 
-class Scratch
-{
-  public:
+struct Scratch {
     Scratch();
     ~Scratch();
-    Scratch(const Scratch &) = delete;
-    Scratch &operator=(const Scratch &) = delete;
 
     const std::string &path() const
     {
@@ -45,8 +41,6 @@ class Scratch
     std::vector<std::string> tree(const std::string &path) const;
     /// The names in the folder, in directory order.
     std::vector<std::string> names(const std::string &path) const;
-
-  private:
     std::string folder;
     pid_t maker;
 };

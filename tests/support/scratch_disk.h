@@ -24,9 +24,7 @@ inline void make_nodes_as_files(FakeKernel &kernel, const Scratch &disk)
     };
 }
 
-class OnScratchDisk : public testing::Test
-{
-  protected:
+struct OnScratchDisk : testing::Test {
     /// Makes a block device node, or, for a user who may not, a file that stat calls one.
     void make_block_node(const std::string &path)
     {
@@ -47,9 +45,7 @@ class OnScratchDisk : public testing::Test
 };
 
 /// The working folder of a test, and the old one again afterwards.
-class WorkingFolder
-{
-  public:
+struct WorkingFolder {
     explicit WorkingFolder(const std::string &path) : before(real_open(".", O_RDONLY | O_DIRECTORY, 0))
     {
         EXPECT_EQ(real_chdir(path.c_str()), 0);
@@ -59,18 +55,12 @@ class WorkingFolder
         EXPECT_EQ(fchdir(before), 0);
         real_close(before);
     }
-    WorkingFolder(const WorkingFolder &) = delete;
-    WorkingFolder &operator=(const WorkingFolder &) = delete;
-
-  private:
     int before;
 };
 
 /// What readdir hands out, in this order and with these types, for FakeKernel::on_readdir: one call after
 /// another, whichever folder is being read.
-class Listing
-{
-  public:
+struct Listing {
     Listing &add(const char *name, unsigned char type)
     {
         struct dirent entry = {};
@@ -92,8 +82,6 @@ class Listing
         struct dirent *entry = &entries[given++];
         return entry->d_name[0] ? entry : nullptr;
     }
-
-  private:
     std::vector<struct dirent> entries;
     size_t given = 0;
 };

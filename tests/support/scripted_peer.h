@@ -6,8 +6,7 @@
 ///     EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: 16 00 00 00 0C 00 00 00 ## 00 00 00")));
 ///
 /// Times are milliseconds since the peer was made. Each poll first lets `poll_ms` pass and then delivers
-/// what is due. There is one set of numbers in the process: a test that asks for a certain number, or that
-/// leaves the core by a stop, belongs in a process of its own (fresh_process.h).
+/// what is due.
 #pragma once
 
 #include "support/bytes.h"
@@ -54,9 +53,7 @@ inline Bytes confirm_of(const Bytes &message)
     return confirm_with(message.at(8));
 }
 
-class ScriptedPeer
-{
-  public:
+struct ScriptedPeer {
     ScriptedPeer()
     {
         starts_at(1000);
@@ -129,8 +126,6 @@ class ScriptedPeer
     std::function<void()> on_poll;
     long poll_ms = 1;
     int polls = 0;
-
-  private:
     static int take(void *peer, const void *message, int len)
     {
         auto *self = static_cast<ScriptedPeer *>(peer);

@@ -83,6 +83,12 @@ testing::AssertionResult stops_at(const char *text, const char *unit, int line,
     return is_stop(stop_of(statement), text, unit, line);
 }
 
+testing::AssertionResult stops_at(int line, const std::function<void()> &statement)
+{
+    const StopResult found = stop_of(statement);
+    return is_stop(found, found.text.c_str(), found.unit.c_str(), line);
+}
+
 testing::AssertionResult stops_with_message(const std::string &message, const char *function,
                                             const char *unit, int line,
                                             const std::function<void()> &statement)

@@ -42,13 +42,9 @@ struct StopResult {
 
 /// While it exists, memory that is never freed counts as no leak: for what stops have in hand, and for
 /// objects that the product keeps for the life of the process.
-class LeaksAllowed
-{
-  public:
+struct LeaksAllowed {
     LeaksAllowed();
     ~LeaksAllowed();
-    LeaksAllowed(const LeaksAllowed &) = delete;
-    LeaksAllowed &operator=(const LeaksAllowed &) = delete;
 };
 
 /// Runs `statement` and reports whether and where it stopped. Memory it had in hand counts as no leak.
@@ -59,6 +55,7 @@ constexpr int any_line = -1;
 
 testing::AssertionResult stops_at(const char *text, const char *unit, int line,
                                   const std::function<void()> &statement);
+testing::AssertionResult stops_at(int line, const std::function<void()> &statement);
 testing::AssertionResult stops_with_message(const std::string &message, const char *function,
                                             const char *unit, int line,
                                             const std::function<void()> &statement);
@@ -66,7 +63,11 @@ testing::AssertionResult stops_with_message(const std::string &message, const ch
 /// The statement must stop on the check `text` of `unit` at `line`.
 #define EXPECT_STOPS(text, unit, line, ...) EXPECT_TRUE(stops_at(text, unit, line, [&] { __VA_ARGS__; }))
 
-/// The same for checks whose line is not fixed.
+/// The statement must stop on the numbered check `line`, whose text and unit stand in
+/// unit/reported_locations_test.cpp.
+#define EXPECT_STOPS_AT(line, ...) EXPECT_TRUE(stops_at(line, [&] { __VA_ARGS__; }))
+
+/// The same as EXPECT_STOPS for checks whose line is not fixed.
 #define EXPECT_STOPS_ON(text, unit, ...) EXPECT_STOPS(text, unit, any_line, __VA_ARGS__)
 
 /// The statement must end with the fatal error `message` of `function`: the last thing on standard output

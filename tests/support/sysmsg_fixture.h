@@ -24,9 +24,7 @@ inline Bytes reply_29(uint8_t number, uint8_t value)
     return {29, 0, 0, 0, 16, 0, 0, 0, number, 0, 0, 0, value, 0, 0, 0};
 }
 
-class Sysmsg : public testing::Test
-{
-  protected:
+struct Sysmsg : testing::Test {
     Sysmsg()
     {
         qel_sysmsg_forget_sequence();
@@ -47,9 +45,7 @@ class Sysmsg : public testing::Test
 };
 
 /// Queries whose peer confirms and answers at once, with number 9.
-class Query : public Sysmsg
-{
-  protected:
+struct Query : Sysmsg {
     /// The request, when it was sent once and its answer was confirmed; whatever else was sent, else.
     std::string request_sent()
     {

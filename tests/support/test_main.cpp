@@ -1,41 +1,32 @@
-// The test programs' main, and the way to a process in which nothing has happened yet.
+// The test programs' main: every test begins in the same folder, with the product as a process starts it.
 
-#include "support/fresh_process.h"
 #include "support/fake_kernel.h"
-#include "support/output.h"
+#include "support/product_reset.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <stdlib.h>
+#include <stdio.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
-
-static const char fresh_mark[] = "QEL_TEST_FRESH_PROCESS";
-
-int in_fresh_process()
+namespace
 {
-    if (getenv(fresh_mark))
-        return 1;
 
-    const testing::TestInfo *test = testing::UnitTest::GetInstance()->current_test_info();
-    const std::string filter = std::string("--gtest_filter=") + test->test_suite_name() + "." + test->name();
-    Output output; // shown only when something went wrong
-    const pid_t child = real_fork();
-    if (child == 0) {
-        setenv(fresh_mark, "1", 1);
-        // In a part of all tests, the one there would count as another part's.
-        unsetenv("GTEST_TOTAL_SHARDS");
-        unsetenv("GTEST_SHARD_INDEX");
-        execl("/proc/self/exe", "unit_tests", filter.c_str(), "--gtest_brief=1", nullptr);
-        real__exit(98);
+/// What the product held when a test was over: its buffers stay to the end of the process, and are no leaks.
+auto *const states = new std::vector<std::vector<char>>;
+
+struct FreshProduct : testing::EmptyTestEventListener {
+    void OnTestStart(const testing::TestInfo &) override
+    {
+        states->push_back(product_state());
+        reset_product();
+        EXPECT_EQ(fchdir(folder), 0);
     }
-    int status = 0;
-    EXPECT_EQ(real_waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the test failed in its own process";
-    return 0;
-}
+
+    const int folder = real_open(".", O_PATH | O_DIRECTORY | O_CLOEXEC, 0);
+};
+
+} // namespace
 
 int main(int argc, char **argv)
 {
@@ -44,8 +35,6 @@ int main(int argc, char **argv)
     // The usual umask, so that a test knows what becomes of a mode.
     umask(022);
     testing::InitGoogleMock(&argc, argv);
-    const int result = RUN_ALL_TESTS();
-    // A fresh process in which the test has not run has shown nothing.
-    const bool has_run = testing::UnitTest::GetInstance()->successful_test_count() > 0;
-    return getenv(fresh_mark) && !has_run ? 1 : result;
+    testing::UnitTest::GetInstance()->listeners().Append(new FreshProduct);
+    return RUN_ALL_TESTS();
 }

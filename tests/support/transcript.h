@@ -29,8 +29,6 @@ struct Transcript {
     {
         kernel.on_record = nullptr;
     }
-    Transcript(const Transcript &) = delete;
-    Transcript &operator=(const Transcript &) = delete;
 
     /// Everything so far.
     std::vector<std::string> lines()

@@ -36,9 +36,7 @@ struct Faults {
     unsigned drop, damage, repeat, delay, cut;
 };
 
-class Line
-{
-  public:
+struct Line {
     Line(Faults line_faults, uint32_t seed) : faults(line_faults), random(seed) {}
 
     void takes(Bytes packet, long long now)
@@ -48,7 +46,7 @@ class Line
         if (happens(faults.cut))
             packet.resize(1 + random() % packet.size());
         if (happens(faults.damage)) {
-            for (unsigned flips = 1 + random() % 4; flips > 0; flips--)
+            for (unsigned flips = 1 + random() % 4; flips > 0; --flips)
                 packet[random() % packet.size()] ^= static_cast<uint8_t>(1 << random() % 8);
         }
         if (would_stop_the_end(packet))
@@ -71,8 +69,6 @@ class Line
     {
         return under_way.empty() ? LLONG_MAX / 2 : under_way.begin()->first;
     }
-
-  private:
     unsigned happens(unsigned thousandths)
     {
         return random() % 1000 < thousandths;
@@ -96,9 +92,7 @@ class Line
 
 // ---- The test: both ends, the line and the books ----
 
-class TwoEnds
-{
-  public:
+struct TwoEnds {
     TwoEnds(Faults faults, uint32_t seed, int exchanges, int is_chatty)
         : sides{Side(faults, seed + 1), Side(faults, seed + 2)},
           latest(now + (exchanges + 10LL) * exchange_usec_max)
@@ -144,8 +138,6 @@ class TwoEnds
         int sent = 0, succeeded = 0, failed = 0, handed_on = 0, transmissions = 0, messages = 0;
     };
     Side sides[2];
-
-  private:
     template <typename Body> void start(Side &side, Body body)
     {
         int ends[2];

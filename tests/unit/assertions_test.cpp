@@ -2,7 +2,6 @@
 // ends is left by an exception.
 
 #include "support/fake_kernel.h"
-#include "support/fresh_process.h"
 #include "support/output.h"
 #include "support/stops.h"
 
@@ -83,8 +82,6 @@ TEST(LocationCode, IsCutToItsNulInASingleByte)
 
 TEST(FailedAssertion, ParksTheProgramASecondAtATime)
 {
-    if (!in_fresh_process())
-        return;
     FakeKernel kernel;
     kernel.set_time(0);
     kernel.leave_at("sleep", 4);
@@ -94,8 +91,6 @@ TEST(FailedAssertion, ParksTheProgramASecondAtATime)
 
 TEST(FailedAssertion, PrintsNothing)
 {
-    if (!in_fresh_process())
-        return;
     FakeKernel kernel;
     kernel.leave_at("sleep", 1);
     testing::internal::CaptureStderr();
@@ -105,8 +100,6 @@ TEST(FailedAssertion, PrintsNothing)
 
 TEST(FailedAssertion, WhileAnotherIsBeingHandledExitsWithStatus1AfterOneSecond)
 {
-    if (!in_fresh_process())
-        return;
     FakeKernel kernel;
     kernel.set_time(0);
     kernel.leave_at("sleep", 1);

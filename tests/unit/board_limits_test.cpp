@@ -2,7 +2,6 @@
 
 #include "support/comms_fixture.h"
 #include "support/fake_kernel.h"
-#include "support/fresh_process.h"
 #include "support/stops.h"
 
 #include "qel_tolbrin/qel_h8_command.h"
@@ -35,9 +34,7 @@ namespace
     return qel_h8_read_number() + room[0];
 }
 
-class BoardLimits : public testing::Test
-{
-  protected:
+struct BoardLimits : testing::Test {
     BoardLimits()
     {
         kernel.set_time(1000);
@@ -60,9 +57,7 @@ class BoardLimits : public testing::Test
     FakeKernel kernel;
 };
 
-class CommsLimits : public Comms
-{
-  protected:
+struct CommsLimits : Comms {
     CommsLimits() : Comms(35) {}
 };
 
@@ -84,8 +79,6 @@ TEST_F(BoardLimits, NumbersAreDecimalAsLongAsALongAndEndWithTheReply)
 
 TEST_F(BoardLimits, NothingIsOpenedForWhatIsRefusedNorClosedAfterAShortWrite)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("command", h8_unit, qel_h8_command(nullptr, 0, nullptr, 0));
     EXPECT_STOPS_ON("text", h8_unit, qel_lcd_write_row(-1, nullptr));
     EXPECT_STOPS_ON("row < 4", h8_unit, qel_lcd_write_row(4, ""));
@@ -97,8 +90,6 @@ TEST_F(BoardLimits, NothingIsOpenedForWhatIsRefusedNorClosedAfterAShortWrite)
 
 TEST_F(BoardLimits, TheCommandDeviceMayBeDescriptor0)
 {
-    if (!in_fresh_process())
-        return;
     kernel.on_open = [](auto...) { return 0; };
     EXPECT_EQ(qel_h8_signal(0), 0);
     EXPECT_EQ(qel_h8_signal(7), 0);
@@ -169,8 +160,6 @@ TEST_F(CommsLimits, ChecksComeInTheirOrder)
 
 TEST_F(CommsLimits, NestingIsFoundFirstAndCountsFromTheFirstCheckOn)
 {
-    if (!in_fresh_process())
-        return;
     comms->recv = [](void *, const void *, int) { qel_comms_receive_packet(nullptr, nullptr, 0); };
     EXPECT_STOPS_ON("!reenter", comms_unit, feed("00 00 00 01 94 79 41"));
     EXPECT_STOPS_ON("!reenter", comms_unit, feed("00 00 00 01 94 79 41"));
@@ -178,8 +167,6 @@ TEST_F(CommsLimits, NestingIsFoundFirstAndCountsFromTheFirstCheckOn)
 
 TEST_F(CommsLimits, AStoppedReceiptCountsAsRunning)
 {
-    if (!in_fresh_process())
-        return;
     comms->recv = nullptr;
     comms->packet_size_max = -5;
     EXPECT_STOPS_ON("comms->recv", comms_unit, qel_comms_receive_packet(comms, nullptr, -1));
@@ -188,8 +175,6 @@ TEST_F(CommsLimits, AStoppedReceiptCountsAsRunning)
 
 TEST_F(CommsLimits, AnEmptyPacketIsFoundBeforeOneThatIsTooLong)
 {
-    if (!in_fresh_process())
-        return;
     comms->packet_size_max = -5;
     EXPECT_STOPS_ON("len > 0", comms_unit, qel_comms_receive_packet(comms, "", -1));
 }
@@ -226,8 +211,6 @@ TEST_F(CommsLimits, TheLengthHasAllItsBits)
 
 TEST_F(CommsLimits, TheMessageBufferIsZeroedOfTheExactSizeAndGivenBackWhenItGrows)
 {
-    if (!in_fresh_process())
-        return;
     {
         FakeKernel kernel;
         kernel.watches_memory = 1;

@@ -1,7 +1,6 @@
 // What reaches the console and the log file, and when.
 
 #include "support/fake_kernel.h"
-#include "support/fresh_process.h"
 #include "support/output.h"
 #include "support/scratch.h"
 #include "support/stops.h"
@@ -16,9 +15,7 @@
 #include <unistd.h>
 
 /// Sets the time zone for a test, with a fixed moment to go with it.
-class Console : public testing::Test
-{
-  protected:
+struct Console : testing::Test {
     Console()
     {
         set_zone("UTC0");
@@ -46,11 +43,6 @@ using Print = Console;
 using FatalError = Console;
 
 // ---- Time stamp ----
-
-TEST_F(LogTimestamp, HasZeroPaddedFields)
-{
-    EXPECT_EQ(output_of([] { qel_log_timestamp(stdout); }), "2024-03-05 07:08:09 - ");
-}
 
 TEST_F(LogTimestamp, ReturnsTheNumberOfCharacters)
 {
@@ -132,11 +124,6 @@ TEST_F(FatalError, PrintsTheTimeThePlaceAndTheMessage)
                                             ":400 - fail_fatally() - Path is not absolute: \"etc\"\n");
 }
 
-TEST_F(FatalError, StopsOn0AtItsOwnPlace)
-{
-    EXPECT_STOPS("0", __FILE__, 400, fail_fatally());
-}
-
 TEST_F(FatalError, TakesFileAndLineFromTheCompiler)
 {
     const int line = __LINE__ + 1;
@@ -162,13 +149,6 @@ TEST_F(FatalError, CopiesTimeAndMessageToTheLogFileWithoutThePlaceAndUnflushed)
     fflush(qel_log_file);
     EXPECT_EQ(scratch.content("log"), "2024-03-05 07:08:09 - Path is not absolute: \"etc\"\n");
     fclose(qel_log_file);
-}
-
-TEST_F(FatalError, GoesToNoLogFileAtStart)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_EQ(qel_log_file, nullptr);
 }
 
 TEST_F(Console, HasTheFatalErrorBeforeTheLogHasIt)

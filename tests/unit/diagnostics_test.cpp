@@ -36,36 +36,7 @@ TEST_F(DumpFolder, ListsTheFoldersOwnEntriesToo)
     EXPECT_NE(text.find(" .. (5000000000)"), std::string::npos) << text;
 }
 
-TEST_F(DumpFolder, SaysWhatItCannotStat)
-{
-    disk.make_link("/boot/dangling", "missing");
-    kernel.on_readdir = Listing().add("dangling", DT_LNK);
-    EXPECT_EQ(output_of([] { qel_dump_folder("/boot"); }), "/boot: dangling (can't stat)\n");
-}
-
-TEST_F(DumpFolder, OfAFolderThatCannotBeOpenedIsItsHeaderAlone)
-{
-    EXPECT_EQ(output_of([] { qel_dump_folder("/missing"); }), "/missing:\n");
-}
-
-TEST_F(DumpFolder, IsFlushedAndClosesTheFolder)
-{
-    disk.make_folder("/boot");
-    kernel.on_readdir = Listing();
-    Output output;
-    qel_dump_folder("/boot");
-    EXPECT_EQ(output.flushed(), "/boot:\n");
-    EXPECT_EQ(kernel.count("closedir"), 1);
-}
-
 // ---- qel_dump_file ----
-
-TEST_F(DumpFile, FramesTheFileWithDashes)
-{
-    disk.make_file("/boot/syslinux.cfg", "one\ntwo 100%% %d\n");
-    EXPECT_EQ(output_of([] { qel_dump_file("/boot/syslinux.cfg"); }),
-              DASHES "/boot/syslinux.cfg\n" DASHES "one\ntwo 100%% %d\n" DASHES "\n");
-}
 
 TEST_F(DumpFile, PrintsLongLinesAndAnUnfinishedLastLineWhole)
 {
@@ -82,20 +53,6 @@ TEST_F(DumpFile, ReadsLinesOfAtMost999Bytes)
     EXPECT_EQ(kernel.count("fgets"), 3);
 }
 
-TEST_F(DumpFile, OfAFileThatCannotBeOpenedIsItsFramesAlone)
-{
-    EXPECT_EQ(output_of([] { qel_dump_file("/missing"); }), DASHES "/missing\n" DASHES DASHES "\n");
-}
-
-TEST_F(DumpFile, IsFlushedAndClosesTheFile)
-{
-    disk.make_file("/file", "text\n");
-    Output output;
-    qel_dump_file("/file");
-    EXPECT_EQ(output.flushed(), DASHES "/file\n" DASHES "text\n" DASHES "\n");
-    EXPECT_EQ(kernel.count("fclose"), 1);
-}
-
 // ---- qel_dump_processes ----
 
 TEST_F(DumpProcesses, DumpsTheStatusOfEveryEntryThatBeginsWithADigit)
@@ -109,11 +66,6 @@ TEST_F(DumpProcesses, DumpsTheStatusOfEveryEntryThatBeginsWithADigit)
     EXPECT_EQ(output_of(qel_dump_processes), DASHES "/proc/27/status\n" DASHES "Name: Xfake\n" DASHES "\n" //
               DASHES "/proc/1/status\n" DASHES "Name: loader\n" DASHES "\n"                                //
                                                     "\n");
-}
-
-TEST_F(DumpProcesses, WithoutProcPrintsAnEmptyLine)
-{
-    EXPECT_EQ(output_of(qel_dump_processes), "\n");
 }
 
 TEST_F(DumpProcesses, DumpsAProcessThatIsGoneAsFramesAlone)

@@ -102,7 +102,7 @@ TEST(FakeKernel, IsReachedThroughEverySpellingTheLinkerWraps)
 
     std::istringstream symbols(QEL_WRAPPED_SYMBOLS);
     int count = 0;
-    for (std::string symbol; symbols >> symbol; count++) {
+    for (std::string symbol; symbols >> symbol; ++count) {
         if (symbol == "qel_assert_fail") {
             EXPECT_STOPS("false", __FILE__, 4711, QEL_ASSERT_AT(4711, false));
         } else if (symbol != "exit" && symbol != "free") { // have tests of their own
@@ -229,7 +229,7 @@ TEST(FakeKernel, LetsEveryCallOfANameFail)
 {
     FakeKernel kernel;
     kernel.fail("access", EIO);
-    for (int i = 0; i < 3; i++) {
+    for (int i = 0; i < 3; ++i) {
         errno = 0;
         EXPECT_EQ(access("/", R_OK), -1);
         EXPECT_EQ(errno, EIO);

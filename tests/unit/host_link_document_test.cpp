@@ -1,6 +1,5 @@
 // The examples of docs/host-link.md: what the document shows is what the code sends and understands.
 
-#include "support/fresh_process.h"
 #include "support/scripted_peer.h"
 
 #include "qel_tolbrin/qel_comms.h"
@@ -26,9 +25,7 @@ static std::vector<std::string> document_packets()
 }
 
 /// An end whose packets the test sees and feeds.
-class HostLinkDocument : public testing::Test
-{
-  protected:
+struct HostLinkDocument : testing::Test {
     HostLinkDocument()
     {
         kernel.set_time(1000);
@@ -62,7 +59,7 @@ class HostLinkDocument : public testing::Test
     {
         const auto *bytes = static_cast<const uint8_t *>(packet);
         std::string text;
-        for (int at = 0; at < len; at++) {
+        for (int at = 0; at < len; ++at) {
             char word[8];
             snprintf(word, sizeof word, at ? " %02X" : "%02X", bytes[at]);
             text += word;
@@ -117,8 +114,6 @@ TEST_F(HostLinkDocument, ShowsTheWaitingLoader)
 
 TEST_F(HostLinkDocument, ShowsAQueryAndItsAnswerFromBothSides)
 {
-    if (!in_fresh_process())
-        return;
     on_poll = [this] {
         EXPECT_THAT(sent(), ElementsAre(shown.at(3), shown.at(4), shown.at(5), shown.at(6)));
         feed(shown.at(7));
@@ -130,11 +125,11 @@ TEST_F(HostLinkDocument, ShowsAQueryAndItsAnswerFromBothSides)
     EXPECT_THAT(sent(), ElementsAre(shown.at(9)));
 
     // The other side: confirms the question, and answers with number 7 once 3 to 6 are spent.
-    for (int packet = 3; packet <= 6; packet++)
+    for (int packet = 3; packet <= 6; ++packet)
         feed(shown.at(static_cast<size_t>(packet)));
     EXPECT_THAT(sent(), ElementsAre(shown.at(7)));
     on_poll = nullptr;
-    for (int number = 3; number <= 6; number++)
+    for (int number = 3; number <= 6; ++number)
         EXPECT_EQ(qel_sysmsg_post_22(con), 0);
     sent();
     on_poll = [this] { feed(shown.at(9)); };

@@ -2,7 +2,6 @@
 // over a good one in real time. QEL_LINK_EXCHANGES sets the number of exchanges on the bad line for longer
 // runs.
 
-#include "support/fresh_process.h"
 #include "support/two_ends.h"
 
 #include <signal.h>
@@ -44,14 +43,11 @@ static int exchanges_wanted(int usual)
 
 static constexpr Faults bad_line = {20, 20, 20, 30, 15};
 
-class HostLinkEnds : public testing::TestWithParam<uint32_t>
-{
+struct HostLinkEnds : testing::TestWithParam<uint32_t> {
 };
 
 TEST_P(HostLinkEnds, AccountForEveryMessageOnABadLine)
 {
-    if (!in_fresh_process())
-        return;
     TwoEnds ends(bad_line, GetParam(), exchanges_wanted(1500), 0);
     ends.run();
     show(ends);
@@ -60,8 +56,6 @@ TEST_P(HostLinkEnds, AccountForEveryMessageOnABadLine)
 
 TEST_P(HostLinkEnds, AccountForEveryMessageWhenBothAskAtOnce)
 {
-    if (!in_fresh_process())
-        return;
     TwoEnds ends(bad_line, GetParam(), exchanges_wanted(500), 1);
     ends.run();
     show(ends);
@@ -73,8 +67,6 @@ INSTANTIATE_TEST_SUITE_P(Seeds, HostLinkEnds, testing::Values(1U, 20040101U, 471
 
 TEST(HostLinkEndsOnAGoodLine, LoseNothingAndRepeatNothing)
 {
-    if (!in_fresh_process())
-        return;
     TwoEnds ends({0, 0, 0, 0, 0}, 1, 1000, 0);
     ends.run();
     show(ends);
@@ -102,8 +94,6 @@ static qel_sysmsg_con *real_connection(int socket)
 
 TEST(HostLinkEndsInRealTime, ConfirmAMessagePacedPacketByPacket)
 {
-    if (!in_fresh_process())
-        return;
     int ends[2];
     ASSERT_EQ(real_socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
     const pid_t peer = real_fork();

@@ -1,7 +1,6 @@
 // The loader's main: which steps it takes in which mode, and their order. What each step does is for the
 // other files.
 
-#include "support/fresh_process.h"
 #include "support/scratch_disk.h"
 #include "support/stops.h"
 #include "support/transcript.h"
@@ -14,9 +13,7 @@ int qel_loader_main(int argc, char **argv);
 
 /// A cabinet whose stick and disk need no nodes, and whose children are only counted. Standard streams stay
 /// what they are. The run is left when the application would be waited for.
-class Main : public OnScratchDisk
-{
-  protected:
+struct Main : OnScratchDisk {
     Main()
     {
         disk.make_folder("/proc/bus");
@@ -121,16 +118,12 @@ static Lines system_and_application(const std::string &printed)
 
 TEST_F(Main, TakesItsStepsInOrder)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(steps({"loader"}),
               all_of({kernel_and_board, silence, disks(""), system_and_application("\n")}));
 }
 
 TEST_F(Main, IgnoresTheOtherBitsOfTheModeByte)
 {
-    if (!in_fresh_process())
-        return;
     mode_byte = 0xFC;
     EXPECT_EQ(steps({"loader"}),
               all_of({kernel_and_board, silence, disks(""), system_and_application("\n")}));
@@ -138,8 +131,6 @@ TEST_F(Main, IgnoresTheOtherBitsOfTheModeByte)
 
 TEST_F(Main, RunsTheUpdateModeBeforeItSilencesTheStandardStreams)
 {
-    if (!in_fresh_process())
-        return;
     mode_byte = 2;
     EXPECT_EQ(steps({"loader"}), all_of({kernel_and_board,
                                          {"sleep 5"}, // a stick was found
@@ -150,8 +141,6 @@ TEST_F(Main, RunsTheUpdateModeBeforeItSilencesTheStandardStreams)
 
 TEST_F(Main, SaysThatAConsoleIsWantedBeforeTheUpdateModeAndLeavesTheStandardStreamsAlone)
 {
-    if (!in_fresh_process())
-        return;
     mode_byte = 0x83;
     EXPECT_EQ(
         steps({"loader"}),
@@ -161,8 +150,6 @@ TEST_F(Main, SaysThatAConsoleIsWantedBeforeTheUpdateModeAndLeavesTheStandardStre
 
 TEST_F(Main, WaitsForAStickAndInstallsBeforeItMountsTheSystem)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(steps({"loader", "qelinstall"}),
               all_of({kernel_and_board,
                       silence,
@@ -177,8 +164,6 @@ TEST_F(Main, WaitsForAStickAndInstallsBeforeItMountsTheSystem)
 
 TEST_F(Main, InstallsWithTheConsoleAndBehindTheUpdateModeToo)
 {
-    if (!in_fresh_process())
-        return;
     mode_byte = 3;
     const Lines lines = steps({"loader", "qelinstall"});
     ASSERT_GT(lines.size(), 8U);

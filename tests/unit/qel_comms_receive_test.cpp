@@ -1,7 +1,7 @@
 // The packet link as the receiving side: how it puts packets together, and what it drops or stops on.
 
 #include "support/comms_fixture.h"
-#include "support/fresh_process.h"
+#include "support/product_reset.h"
 
 #include <gmock/gmock.h>
 
@@ -9,9 +9,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 /// The link as the receiving side.
-class CommsReceive : public Comms
-{
-};
+using CommsReceive = Comms;
 
 TEST_F(CommsReceive, DeliversAMessageOfOnePacketAtOnce)
 {
@@ -30,7 +28,7 @@ TEST_F(CommsReceive, PutsPacketsTogetherAndReturnsTheLengthMeanwhile)
 
 TEST_F(CommsReceive, TakesBackWhatItSentForEveryLength)
 {
-    for (size_t size = 1; size <= 300; size++) {
+    for (size_t size = 1; size <= 300; ++size) {
         packets.clear();
         messages.clear();
         send(counting(size));
@@ -86,8 +84,6 @@ TEST_F(CommsReceive, IgnoresAContinuationWithoutAMessage)
 
 TEST_F(CommsReceive, IgnoresAContinuationBeforeTheFirstMessageEver)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(feed("80 55*34"), 0);
     EXPECT_THAT(messages, IsEmpty());
 }
@@ -160,15 +156,11 @@ TEST_F(CommsReceive, TakesAMessageOfLength0ForNothingOnceThereIsABuffer)
 
 TEST_F(CommsReceive, StopsOnAMessageOfLength0BeforeAnyOther)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_STOPS_ON("buf", comms_unit, feed("00 00 00 00 1D 0F 00"));
 }
 
 TEST_F(CommsReceive, KeepsItsBufferForShorterMessages)
 {
-    if (!in_fresh_process())
-        return;
     static const void *last_buffer;
     qel_comms_set_receiver(
         comms, [](void *, const void *message, int) { last_buffer = message; }, nullptr);
@@ -189,53 +181,24 @@ TEST_F(CommsReceive, PassesItsContextToTheReceiver)
     EXPECT_EQ(context, &messages);
 }
 
-TEST_F(CommsReceive, StopsOnAFirstPacketOf6Bytes)
+TEST_F(CommsReceive, StopsOnAPacketThatIsNone)
 {
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("len > 6", comms_unit, feed("00 00 00 05 32 AC"));
-}
-
-TEST_F(CommsReceive, StopsOnAPacketThatIsTooLong)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("len <= comms->packet_size_max", comms_unit, feed("00 00 00 24 DA 57 55*30"));
-}
-
-TEST_F(CommsReceive, StopsOnAnEmptyPacket)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("len > 0", comms_unit, feed(""));
-}
-
-TEST_F(CommsReceive, StopsWithoutAPacket)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("packet", comms_unit, qel_comms_receive_packet(comms, nullptr, 7));
-}
-
-TEST_F(CommsReceive, StopsWithoutALink)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("comms", comms_unit, qel_comms_receive_packet(nullptr, "\x80", 1));
-}
-
-TEST_F(CommsReceive, StopsWithoutAReceiver)
-{
-    if (!in_fresh_process())
-        return;
-    comms->recv = nullptr;
-    EXPECT_STOPS_ON("comms->recv", comms_unit, feed("80"));
+    const std::pair<const char *, std::function<void()>> cases[] = {
+        {"len > 6", [this] { feed("00 00 00 05 32 AC"); }},
+        {"len <= comms->packet_size_max", [this] { feed("00 00 00 24 DA 57 55*30"); }},
+        {"len > 0", [this] { feed(""); }},
+        {"packet", [this] { qel_comms_receive_packet(comms, nullptr, 7); }},
+        {"comms", [] { qel_comms_receive_packet(nullptr, "\x80", 1); }},
+        {"comms->recv", [this] { feed(((comms->recv = nullptr), "80")); }},
+    };
+    for (const auto &each : cases) {
+        EXPECT_STOPS_ON(each.first, comms_unit, each.second());
+        reset_product(); // it had stopped in the middle of a receipt
+    }
 }
 
 TEST_F(CommsReceive, StopsOnAReceiverThatFeedsAPacketIn)
 {
-    if (!in_fresh_process())
-        return;
     qel_comms_set_receiver(
         comms, [](void *link, const void *, int) { qel_comms_receive_packet(link, "\x80", 1); }, comms);
     EXPECT_STOPS_ON("!reenter", comms_unit, feed("00 00 00 05 32 AC 'hello'"));

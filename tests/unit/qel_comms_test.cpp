@@ -69,30 +69,16 @@ TEST_F(Comms, CannotPollWithoutAPollCallback)
 
 // ---- Sending ----
 
-TEST_F(Comms, SendsAMessageOf29BytesAsOneFullPacket)
+TEST_F(Comms, SendsMessagesOfUpTo29BytesInOnePacket)
 {
-    send(counting(29));
-    EXPECT_THAT(packets, ElementsAre(hex("00 00 00 1D DF 39 "
-                                         "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 "
-                                         "11 12 13 14 15 16 17 18 19 1A 1B 1C 1D")));
-    EXPECT_THAT(more, ElementsAre(0));
-}
-
-TEST_F(Comms, SendsThe30thByteInAContinuation)
-{
-    send(counting(30));
-    EXPECT_THAT(packets, ElementsAre(hex("00 00 00 1E F0 6D "
-                                         "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 "
-                                         "11 12 13 14 15 16 17 18 19 1A 1B 1C 1D"),
-                                     "80 1E"));
-    EXPECT_THAT(more, ElementsAre(1, 0));
-}
-
-TEST_F(Comms, SendsASingleByteAsAPacketOf7)
-{
+    const std::string numbers =
+        "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 11 12 13 14 15 16 17 18 19 1A 1B 1C 1D";
     send(counting(1));
-    EXPECT_THAT(packets, ElementsAre("00 00 00 01 DC BD 01"));
-    EXPECT_THAT(more, ElementsAre(0));
+    send(counting(29));
+    send(counting(30));
+    EXPECT_THAT(packets, ElementsAre("00 00 00 01 DC BD 01", hex("00 00 00 1D DF 39 " + numbers),
+                                     hex("00 00 00 1E F0 6D " + numbers), "80 1E"));
+    EXPECT_THAT(more, ElementsAre(0, 0, 1, 0));
 }
 
 TEST_F(Comms, Cuts100BytesInto29And34And34And3)

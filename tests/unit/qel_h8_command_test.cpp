@@ -3,7 +3,6 @@
 // life of the process, is the same for every test.
 
 #include "support/fake_kernel.h"
-#include "support/fresh_process.h"
 #include "support/stops.h"
 
 #include "qel_tolbrin/qel_h8_command.h"
@@ -18,9 +17,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-class H8 : public testing::Test
-{
-  protected:
+struct H8 : testing::Test {
     static constexpr int command_device = 5001;
     static constexpr int lcd_device = 5002;
 
@@ -67,20 +64,11 @@ using H8Wrappers = H8;
 using H8Graphics = H8;
 using LcdRow = H8;
 
-/// A command of `size` bytes: its number, then 1, 2, 3 ...
-static std::string numbered(char number, int size)
-{
-    std::string command(1, number);
-    for (int i = 1; i < size; i++)
-        command += static_cast<char>(i);
-    return command;
-}
-
 /// The bytes `first` to `last`.
 static std::string run_of(int first, int last)
 {
     std::string bytes;
-    for (int byte = first; byte <= last; byte++)
+    for (int byte = first; byte <= last; ++byte)
         bytes += static_cast<char>(byte);
     return bytes;
 }
@@ -89,8 +77,6 @@ static std::string run_of(int first, int last)
 
 TEST_F(H8Command, OpensTheDeviceOnTheFirstCommandAndKeepsIt)
 {
-    if (!in_fresh_process())
-        return;
     send("\x07");
     send("\x0A");
     EXPECT_THAT(kernel.calls("open close"), ElementsAre("open /dev/qellpc_command O_RDWR"));
@@ -99,8 +85,6 @@ TEST_F(H8Command, OpensTheDeviceOnTheFirstCommandAndKeepsIt)
 
 TEST_F(H8Command, StopsWhenTheDeviceCannotBeOpenedAndTriesAgainTheNextTime)
 {
-    if (!in_fresh_process())
-        return;
     kernel.fail_nth("open", 1, ENODEV);
     EXPECT_STOPS_ON("f != -1", h8_unit, send("\x07"));
     EXPECT_THAT(records, IsEmpty());
@@ -110,54 +94,20 @@ TEST_F(H8Command, StopsWhenTheDeviceCannotBeOpenedAndTriesAgainTheNextTime)
 
 // ---- Sending ----
 
-TEST_F(H8Command, Of64BytesGoesOutInOneWrite)
+TEST_F(H8Command, GoesOutInRecordsOf64BytesOfWhichAllButTheLastAreContinued)
 {
-    EXPECT_EQ(send(numbered(9, 64)), 0);
-    EXPECT_THAT(records, ElementsAre(numbered(9, 64)));
-}
-
-TEST_F(H8Command, OfOneByteGoesOutInOneWrite)
-{
-    EXPECT_EQ(send("\x07"), 0);
-    EXPECT_THAT(records, ElementsAre("\x07"));
-}
-
-TEST_F(H8Command, Of65BytesGoesOutAsAFullContinuationRecordAndTwoBytes)
-{
-    send(numbered(9, 65));
-    EXPECT_THAT(records, ElementsAre("\x14" + run_of(1, 63), "\x09" + run_of(64, 64)));
-}
-
-TEST_F(H8Command, Of127BytesGoesOutAsAFullContinuationRecordAndAFullFinalRecord)
-{
-    send(numbered(9, 127));
-    EXPECT_THAT(records, ElementsAre("\x14" + run_of(1, 63), "\x09" + run_of(64, 126)));
-}
-
-TEST_F(H8Command, Of128BytesNeedsAThirdRecord)
-{
-    send(numbered(9, 128));
-    EXPECT_THAT(records,
-                ElementsAre("\x14" + run_of(1, 63), "\x14" + run_of(64, 126), "\x09" + run_of(127, 127)));
-}
-
-TEST_F(H8Command, StopsOnAWriteThatIsNotTakenWhole)
-{
-    kernel.shorten_nth("write", 1, 3);
-    EXPECT_STOPS_ON("n == len", h8_unit, send("\x09\x01\x02\x03"));
-    kernel.fail_nth("write", 2, EIO);
-    EXPECT_STOPS_ON("n == len", h8_unit, send("\x07"));
-}
-
-TEST_F(H8Command, StopsOnARecordThatIsNotTakenWhole)
-{
-    kernel.shorten_nth("write", 1, 63);
-    EXPECT_STOPS_ON("n == bytes_to_write", h8_unit, send(numbered(9, 65)));
-    EXPECT_THAT(records, SizeIs(1));
-    kernel.shorten_nth("write", 3, 1);
-    EXPECT_STOPS_ON("n == bytes_to_write", h8_unit, send(numbered(9, 65)));
-    kernel.fail_nth("write", 4, EIO);
-    EXPECT_STOPS_ON("n == bytes_to_write", h8_unit, send(numbered(9, 65)));
+    const std::pair<int, std::vector<std::string>> cases[] = {
+        {1, {"\x09"}},
+        {64, {"\x09" + run_of(1, 63)}},
+        {65, {"\x14" + run_of(1, 63), "\x09" + run_of(64, 64)}},
+        {127, {"\x14" + run_of(1, 63), "\x09" + run_of(64, 126)}},
+        {128, {"\x14" + run_of(1, 63), "\x14" + run_of(64, 126), "\x09" + run_of(127, 127)}},
+    };
+    for (const auto &[size, wanted] : cases) {
+        records.clear();
+        EXPECT_EQ(send("\x09" + run_of(1, size - 1)), 0);
+        EXPECT_EQ(records, wanted) << size;
+    }
 }
 
 TEST_F(H8Command, ChecksInOrder)
@@ -199,7 +149,7 @@ TEST_F(H8Command, EndsItsReplyAtAShortReadAndLeavesTheRestFilledWithAB)
     replies = {"short"};
     EXPECT_EQ(send("\x04", reply, 99), 5);
     EXPECT_EQ(memcmp(reply, "short", 5), 0);
-    for (int i = 5; i < 99; i++)
+    for (int i = 5; i < 99; ++i)
         EXPECT_EQ(reply[i], 0xAB) << i;
     EXPECT_EQ(reply[99], 0);
     EXPECT_EQ(kernel.count("read"), 1);
@@ -221,21 +171,6 @@ TEST_F(H8Command, StopsReadingWhenNothingRemains)
     EXPECT_EQ(kernel.count("read"), 1);
 }
 
-TEST_F(H8Command, StopsOnAFailedRead)
-{
-    uint8_t reply[64];
-    kernel.fail("read", EIO);
-    EXPECT_STOPS_ON("n >= 0", h8_unit, send("\x04", reply, 64));
-}
-
-TEST_F(H8Command, ReadsItsReplyAfterTheWholeCommandIsOut)
-{
-    uint8_t reply[1];
-    replies = {"x"};
-    send(numbered(9, 65), reply, 1);
-    EXPECT_THAT(kernel.calls("read write"), ElementsAre("write 5001 64", "write 5001 2", "read 5001 1"));
-}
-
 // ---- Wrappers ----
 
 TEST_F(H8Wrappers, SendASignalAsItsNumberAlone)
@@ -243,13 +178,6 @@ TEST_F(H8Wrappers, SendASignalAsItsNumberAlone)
     for (uint8_t number : std::initializer_list<uint8_t>{0, 7, 10, 13, 15, 16})
         EXPECT_EQ(qel_h8_signal(number), 0);
     EXPECT_THAT(records, ElementsAre(std::string(1, '\0'), "\x07", "\x0A", "\x0D", "\x0F", "\x10"));
-    EXPECT_EQ(kernel.count("read"), 0);
-}
-
-TEST_F(H8Wrappers, SetAValueWithCommand3)
-{
-    EXPECT_EQ(qel_h8_set_value(200), 0);
-    EXPECT_THAT(records, ElementsAre("\x03\xC8"));
     EXPECT_EQ(kernel.count("read"), 0);
 }
 
@@ -298,18 +226,6 @@ TEST_F(H8Wrappers, SendATextWithItsNulAsCommand6Or8)
     EXPECT_EQ(kernel.count("read"), 0);
 }
 
-TEST_F(H8Wrappers, SendATextOf62CharactersInASingleWrite)
-{
-    qel_h8_send_text_8(std::string(62, 'x').c_str());
-    EXPECT_THAT(records, ElementsAre("\x08" + std::string(62, 'x') + '\0'));
-}
-
-TEST_F(H8Wrappers, SetFiveValuesWithCommand9)
-{
-    EXPECT_EQ(qel_h8_set_values(1, 2, 3, 4, 255), 0);
-    EXPECT_THAT(records, ElementsAre("\x09\x01\x02\x03\x04\xFF"));
-}
-
 TEST_F(H8Wrappers, ReadANumberWithCommand14UpToTheFirstNonDigit)
 {
     replies = {"12abc", "  -7", "abc", "", std::string(64, '0')};
@@ -329,12 +245,6 @@ TEST_F(H8Wrappers, ReadANumberThatFillsAllOfTheReply)
 }
 
 // ---- Graphics ----
-
-TEST_F(H8Graphics, SetAnAddressWithCommand11)
-{
-    EXPECT_EQ(qel_h8_gfx_set_address(7, 127), 0);
-    EXPECT_THAT(records, ElementsAre("\x0B\x07\x7F"));
-}
 
 TEST_F(H8Graphics, WriteBytesWithCommand12)
 {
@@ -361,19 +271,6 @@ TEST_F(H8Graphics, StopOnNoDataAndOnALengthOf0)
     EXPECT_THAT(records, IsEmpty());
 }
 
-TEST_F(H8Graphics, DrawAPictureAs8BandsOfOneAddressAnd4Writes)
-{
-    const uint8_t image[1024] = {};
-    qel_h8_gfx_draw_bitmap(image);
-    ASSERT_THAT(records, SizeIs(40));
-    for (size_t i = 0; i < 40; i++) {
-        if (i % 5 == 0)
-            EXPECT_EQ(records[i], std::string("\x0B") + static_cast<char>(i / 5) + '\0') << i;
-        else
-            EXPECT_EQ(records[i], "\x0C" + std::string(32, '\0')) << i;
-    }
-}
-
 TEST_F(H8Graphics, DrawPixelXOfRowYFromBitXMod8OfItsByte)
 {
     uint8_t image[1024] = {};
@@ -398,7 +295,7 @@ TEST_F(H8Graphics, DrawARowAcrossTheWholeBand)
     uint8_t image[1024] = {};
     memset(image + 3 * 16, 0xFF, 16);
     qel_h8_gfx_draw_bitmap(image);
-    for (size_t i = 1; i <= 4; i++)
+    for (size_t i = 1; i <= 4; ++i)
         EXPECT_EQ(records[i], "\x0C" + std::string(32, '\x08')) << i;
     EXPECT_EQ(records[6], "\x0C" + std::string(32, '\0'));
 }
@@ -447,26 +344,6 @@ TEST_F(LcdRow, OpensAndClosesTheDisplayEveryTimeAndReturnsTheResultOfTheClose)
     EXPECT_EQ(qel_lcd_write_row(0, "b"), -1);
     EXPECT_EQ(kernel.count("open"), 2);
     EXPECT_EQ(kernel.count("close"), 2);
-}
-
-TEST_F(LcdRow, StopsWhenTheDisplayCannotBeOpened)
-{
-    kernel.fail("open", ENODEV);
-    EXPECT_STOPS_ON("f != -1", h8_unit, qel_lcd_write_row(0, "a"));
-}
-
-TEST_F(LcdRow, StopsOnAWriteThatIsNotTakenWhole)
-{
-    kernel.shorten_nth("write", 1, 2);
-    EXPECT_STOPS_ON("bytes_written == bytes", h8_unit, qel_lcd_write_row(0, "a"));
-    kernel.fail("write", EIO);
-    EXPECT_STOPS_ON("bytes_written == bytes", h8_unit, qel_lcd_write_row(0, "a"));
-}
-
-TEST_F(LcdRow, StopsOnRow4AndOnANegativeOne)
-{
-    EXPECT_STOPS_ON("row < 4", h8_unit, qel_lcd_write_row(4, "a"));
-    EXPECT_STOPS_ON("row >= 0", h8_unit, qel_lcd_write_row(-1, "a"));
 }
 
 TEST_F(LcdRow, ChecksTheTextBeforeTheRow)

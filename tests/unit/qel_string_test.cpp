@@ -7,67 +7,60 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
-/// Runs an in-place operation on a copy of `text`.
-static std::string changed(void (*operation)(char *), const std::string &text)
+namespace
 {
-    std::string copy = text;
-    operation(copy.data());
-    return copy.c_str();
+
+const char every_space[] = " \t\n\v\f\r";
+
+/// Runs an in-place operation on a copy of each text; the second of a pair is what must come of it.
+void expect_changes(void (*operation)(char *),
+                    std::initializer_list<std::pair<std::string, const char *>> cases)
+{
+    for (auto [text, wanted] : cases) {
+        const std::string before = text;
+        operation(text.data());
+        EXPECT_STREQ(text.c_str(), wanted) << '"' << before << '"';
+    }
 }
 
-static const char every_space[] = " \t\n\v\f\r";
-
-// ---- qel_str_is_blank ----
-
-TEST(IsBlank, SaysYesToTheEmptyString)
+void expect_judged(int (*judge)(const char *), int wanted, std::initializer_list<const char *> texts)
 {
-    EXPECT_EQ(qel_str_is_blank(""), 1);
+    for (const char *text : texts)
+        EXPECT_EQ(judge(text), wanted) << text;
 }
 
-TEST(IsBlank, SaysYesToEveryKindOfWhitespace)
+/// Replaces in a buffer of `dst_size` bytes of "123456789..."; returns the result and all of the buffer.
+struct Replaced {
+    int result;
+    std::string buffer;
+};
+Replaced replace(const char *src, int dst_size, const char *pattern, const char *replacement)
 {
-    EXPECT_EQ(qel_str_is_blank(every_space), 1);
+    std::string buffer = "123456789abcdefghijk";
+    const int result = qel_str_replace(src, buffer.data(), dst_size, pattern, replacement);
+    return {result, buffer};
 }
 
-TEST(IsBlank, SaysNoToAnythingElse)
-{
-    EXPECT_EQ(qel_str_is_blank("  x "), 0);
-    EXPECT_EQ(qel_str_is_blank("\x01"), 0);
-    EXPECT_EQ(qel_str_is_blank("\b"), 0); // the neighbours of the controls that are
-    EXPECT_EQ(qel_str_is_blank("\x0E"), 0);
-    EXPECT_EQ(qel_str_is_blank("!"), 0);
-    EXPECT_EQ(qel_str_is_blank("\xA0"), 0);
-}
+} // namespace
 
-// ---- qel_str_trim_left ----
-
-TEST(TrimLeft, LeavesAStringThatBeginsWithSomethingElseAlone)
+TEST(IsBlank, SaysYesToWhitespaceAlone)
 {
-    EXPECT_EQ(changed(qel_str_trim_left, "abc "), "abc ");
+    expect_judged(qel_str_is_blank, 1, {"", every_space});
+    expect_judged(qel_str_is_blank, 0, {"  x ", "\x01", "\b", "\x0E", "!", "\xA0"});
 }
 
 TEST(TrimLeft, MovesTheRestToTheStart)
 {
-    EXPECT_EQ(changed(qel_str_trim_left, " \t\n\v\f\ra b "), "a b ");
+    expect_changes(qel_str_trim_left,
+                   {{"abc ", "abc "}, {" \t\n\v\f\ra b ", "a b "}, {every_space, ""}, {"", ""}});
 }
 
-TEST(TrimLeft, EmptiesAnAllWhitespaceString)
+TEST(TrimRight, ReplacesEveryTrailingBlankByNul)
 {
-    EXPECT_EQ(changed(qel_str_trim_left, every_space), "");
-    EXPECT_EQ(changed(qel_str_trim_left, ""), "");
-}
-
-// ---- qel_str_trim_right ----
-
-TEST(TrimRight, RemovesTrailingWhitespaceOnly)
-{
-    EXPECT_EQ(changed(qel_str_trim_right, " a b \t\n\v\f\r"), " a b");
-}
-
-TEST(TrimRight, EmptiesAnAllWhitespaceString)
-{
-    EXPECT_EQ(changed(qel_str_trim_right, every_space), "");
-    EXPECT_EQ(changed(qel_str_trim_right, ""), "");
+    expect_changes(qel_str_trim_right, {{" a b \t\n\v\f\r", " a b"}, {every_space, ""}, {"", ""}});
+    char text[] = "a \t";
+    qel_str_trim_right(text);
+    EXPECT_EQ(memcmp(text, "a\0\0", 4), 0);
 }
 
 TEST(TrimRight, LeavesWhatStandsBeforeAnEmptyStringAlone)
@@ -77,194 +70,86 @@ TEST(TrimRight, LeavesWhatStandsBeforeAnEmptyStringAlone)
     EXPECT_STREQ(text, "a ");
 }
 
-TEST(TrimRight, ReplacesEveryTrailingCharacterByNul)
+TEST(Whitespace, IsTrimmedCollapsedOrBoth)
 {
-    char text[] = "a \t";
-    qel_str_trim_right(text);
-    EXPECT_EQ(memcmp(text, "a\0\0", 4), 0);
+    expect_changes(qel_str_trim, {{"\t a  b \n", "a  b"}, {" ", ""}, {"", ""}});
+    expect_changes(qel_str_collapse_spaces, {{" a\tb ", " a b "},
+                                             {"\t\ta \n\v\f\rb\n\n", " a b "},
+                                             {every_space, " "},
+                                             {"abc", "abc"},
+                                             {"", ""}});
+    expect_changes(qel_str_normalize_spaces, {{"\t a \n\n b  ", "a b"}, {"   ", ""}});
 }
-
-// ---- qel_str_trim ----
-
-TEST(Trim, RemovesWhitespaceAtBothEnds)
-{
-    EXPECT_EQ(changed(qel_str_trim, "\t a  b \n"), "a  b");
-    EXPECT_EQ(changed(qel_str_trim, " "), "");
-    EXPECT_EQ(changed(qel_str_trim, ""), "");
-}
-
-// ---- qel_str_collapse_spaces ----
-
-TEST(CollapseSpaces, MakesEveryRunOneBlankAlsoAtTheEnds)
-{
-    EXPECT_EQ(changed(qel_str_collapse_spaces, " a\tb "), " a b ");
-    EXPECT_EQ(changed(qel_str_collapse_spaces, "\t\ta \n\v\f\rb\n\n"), " a b ");
-    EXPECT_EQ(changed(qel_str_collapse_spaces, every_space), " ");
-}
-
-TEST(CollapseSpaces, LeavesTextWithoutWhitespaceAlone)
-{
-    EXPECT_EQ(changed(qel_str_collapse_spaces, "abc"), "abc");
-    EXPECT_EQ(changed(qel_str_collapse_spaces, ""), "");
-}
-
-// ---- qel_str_normalize_spaces ----
-
-TEST(NormalizeSpaces, TrimsTheEndsAndLeavesSingleBlanksInside)
-{
-    EXPECT_EQ(changed(qel_str_normalize_spaces, "\t a \n\n b  "), "a b");
-}
-
-TEST(NormalizeSpaces, EmptiesAnAllWhitespaceString)
-{
-    EXPECT_EQ(changed(qel_str_normalize_spaces, "   "), "");
-}
-
-// ---- Null ----
 
 TEST(WhitespaceFunctions, StopOnNull)
 {
+    for (const auto function : {qel_str_trim_left, qel_str_trim_right, qel_str_trim, qel_str_collapse_spaces,
+                                qel_str_normalize_spaces})
+        EXPECT_STOPS_ON("s", string_unit, function(nullptr));
     EXPECT_STOPS_ON("s", string_unit, qel_str_is_blank(nullptr));
-    EXPECT_STOPS_ON("s", string_unit, qel_str_trim_left(nullptr));
-    EXPECT_STOPS_ON("s", string_unit, qel_str_trim_right(nullptr));
-    EXPECT_STOPS_ON("s", string_unit, qel_str_trim(nullptr));
-    EXPECT_STOPS_ON("s", string_unit, qel_str_collapse_spaces(nullptr));
-    EXPECT_STOPS_ON("s", string_unit, qel_str_normalize_spaces(nullptr));
 }
 
 // ---- qel_str_replace ----
 
-TEST(Replace, TakesMatchesLeftToRightWithoutOverlap)
+TEST(Replace, TakesMatchesLeftToRightWithoutOverlapAndNeverSearchesInsertedText)
 {
-    char dst[10];
-    EXPECT_EQ(qel_str_replace("aaa", dst, sizeof dst, "aa", "b"), 3);
-    EXPECT_STREQ(dst, "ba");
-}
-
-TEST(Replace, ReplacesEveryMatch)
-{
-    char dst[20];
-    EXPECT_EQ(qel_str_replace("x.y.z.", dst, sizeof dst, ".", "--"), 10);
-    EXPECT_STREQ(dst, "x--y--z--");
-}
-
-TEST(Replace, NeverSearchesInsertedText)
-{
-    char dst[20];
-    EXPECT_EQ(qel_str_replace("ab", dst, sizeof dst, "a", "aab"), 5);
-    EXPECT_STREQ(dst, "aabb");
-}
-
-TEST(Replace, RemovesWithAnEmptyReplacement)
-{
-    char dst[20];
-    EXPECT_EQ(qel_str_replace("a-b-", dst, sizeof dst, "-", ""), 3);
-    EXPECT_STREQ(dst, "ab");
-}
-
-TEST(Replace, CopiesASourceWithoutMatch)
-{
-    char dst[20];
-    EXPECT_EQ(qel_str_replace("abc", dst, sizeof dst, "x", "y"), 4);
-    EXPECT_STREQ(dst, "abc");
-    EXPECT_EQ(qel_str_replace("", dst, sizeof dst, "x", "y"), 1);
-    EXPECT_STREQ(dst, "");
+    static const struct {
+        const char *src, *pattern, *replacement, *wanted;
+    } cases[] = {
+        {"aaa", "aa", "b", "ba"}, {"x.y.z.", ".", "--", "x--y--z--"}, {"ab", "a", "aab", "aabb"},
+        {"a-b-", "-", "", "ab"},  {"abc", "x", "y", "abc"},           {"", "x", "y", ""},
+    };
+    for (const auto &each : cases) {
+        const Replaced found = replace(each.src, 20, each.pattern, each.replacement);
+        EXPECT_STREQ(found.buffer.c_str(), each.wanted);
+        EXPECT_EQ(found.result, static_cast<int>(strlen(each.wanted)) + 1) << each.src;
+    }
 }
 
 TEST(Replace, FillsTheWholeDestinationWithZerosFirst)
 {
-    char dst[6];
-    memset(dst, 'x', sizeof dst);
-    qel_str_replace("ab", dst, sizeof dst, "b", "c");
-    EXPECT_EQ(memcmp(dst, "ac\0\0\0\0", sizeof dst), 0);
+    EXPECT_EQ(replace("ab", 6, "b", "c").buffer.substr(0, 7), std::string("ac\0\0\0\0007", 7));
 }
 
 TEST(Replace, CountsWhatDoesNotFitAndLeavesAFullBufferWithoutTerminator)
 {
-    char dst[] = "12345";
-    EXPECT_EQ(qel_str_replace("abc", dst, 4, "b", "xyz"), 6);
-    EXPECT_EQ(memcmp(dst, "axyz5", 5), 0);
+    const auto expect = [](const Replaced &found, int result, const std::string &buffer) {
+        EXPECT_EQ(found.result, result);
+        EXPECT_EQ(found.buffer.substr(0, 5), buffer);
+    };
+    expect(replace("abc", 4, "b", "xyz"), 6, "axyz5");
+    expect(replace("abcd", 4, "x", "y"), 5, "abcd5");
+    expect(replace("abc", 4, "x", "y"), 4, std::string("abc\0005", 5));
 }
 
-TEST(Replace, LeavesAResultOfExactlyTheSizeWithoutTerminator)
+TEST(Replace, ChecksItsArgumentsInOrderAndLeavesTheDestinationAloneWhenItStops)
 {
-    char dst[] = "12345";
-    EXPECT_EQ(qel_str_replace("abcd", dst, 4, "x", "y"), 5);
-    EXPECT_EQ(memcmp(dst, "abcd5", 5), 0);
-}
-
-TEST(Replace, TerminatesAResultThatFitsExactly)
-{
-    char dst[] = "12345";
-    EXPECT_EQ(qel_str_replace("abc", dst, 4, "x", "y"), 4);
-    EXPECT_EQ(memcmp(dst, "abc\0005", 5), 0);
-}
-
-TEST(Replace, StopsOnADestinationSizeOf0)
-{
-    char dst[4];
-    EXPECT_STOPS_ON("dst_size > 0", string_unit, qel_str_replace("a", dst, 0, "b", "c"));
-    EXPECT_STOPS_ON("dst_size > 0", string_unit, qel_str_replace("a", dst, -1, "b", "c"));
-}
-
-TEST(Replace, ChecksItsArgumentsInOrder)
-{
-    char dst[4];
+    char dst[] = "abc";
     EXPECT_STOPS_ON("src", string_unit, qel_str_replace(nullptr, nullptr, 0, nullptr, nullptr));
     EXPECT_STOPS_ON("dst", string_unit, qel_str_replace("a", nullptr, 0, nullptr, nullptr));
     EXPECT_STOPS_ON("dst_size > 0", string_unit, qel_str_replace("a", dst, 0, nullptr, nullptr));
+    EXPECT_STOPS_ON("dst_size > 0", string_unit, qel_str_replace("a", dst, -1, "b", "c"));
     EXPECT_STOPS_ON("pattern", string_unit, qel_str_replace("a", dst, 4, nullptr, nullptr));
-    EXPECT_STOPS_ON("replacement", string_unit, qel_str_replace("a", dst, 4, "b", nullptr));
-}
-
-TEST(Replace, LeavesTheDestinationAloneWhenItStops)
-{
-    char dst[] = "abc";
     EXPECT_STOPS_ON("replacement", string_unit, qel_str_replace("a", dst, 4, "b", nullptr));
     EXPECT_STREQ(dst, "abc");
 }
 
 // ---- qel_filename_is_valid ----
 
-TEST(FilenameIsValid, AcceptsAnOrdinaryName)
+TEST(FilenameIsValid, RefusesNullEmptySlashesAndEachOfTheEightForbiddenCharactersAnywhere)
 {
-    EXPECT_EQ(qel_filename_is_valid("readme.txt"), 1);
-    EXPECT_EQ(qel_filename_is_valid(" ~!#$%&'()+,-;=@[]^_`{}"), 1);
-}
-
-TEST(FilenameIsValid, RefusesNullAndEmpty)
-{
+    expect_judged(qel_filename_is_valid, 1, {"readme.txt", " ~!#$%&'()+,-;=@[]^_`{}", "caf\xC3\xA9"});
+    expect_judged(qel_filename_is_valid, 0,
+                  {"", "a\\b", "a:b", "a*", "?a", "\"", "a<", "a>b", "|", "a/b", "/", "tab\there", "a\x7F"});
     EXPECT_EQ(qel_filename_is_valid(nullptr), 0);
-    EXPECT_EQ(qel_filename_is_valid(""), 0);
 }
 
-TEST(FilenameIsValid, RefusesEachOfTheEightForbiddenCharactersAnywhere)
+TEST(FilenameIsValid, RefusesEveryControlCharacterAndAcceptsEveryByteOf128AndMore)
 {
-    for (const char *name : {"a\\b", "a:b", "a*", "?a", "\"", "a<", "a>b", "|"})
-        EXPECT_EQ(qel_filename_is_valid(name), 0) << name;
-}
-
-TEST(FilenameIsValid, RefusesASlash)
-{
-    EXPECT_EQ(qel_filename_is_valid("a/b"), 0);
-    EXPECT_EQ(qel_filename_is_valid("/"), 0);
-}
-
-TEST(FilenameIsValid, RefusesEveryControlCharacter)
-{
-    EXPECT_EQ(qel_filename_is_valid("tab\there"), 0);
-    for (int byte = 1; byte < 32; byte++) {
-        const char name[] = {'a', static_cast<char>(byte), '\0'};
-        EXPECT_EQ(qel_filename_is_valid(name), 0) << byte;
-    }
-    EXPECT_EQ(qel_filename_is_valid("a\x7F"), 0);
-}
-
-TEST(FilenameIsValid, AcceptsEveryByteOf128AndMore)
-{
-    EXPECT_EQ(qel_filename_is_valid("caf\xC3\xA9"), 1);
-    for (int byte = 128; byte < 256; byte++) {
+    for (int byte = 1; byte < 256; ++byte) {
         const char name[] = {static_cast<char>(byte), '\0'};
-        EXPECT_EQ(qel_filename_is_valid(name), 1) << byte;
+        if (byte < 32 || byte > 127) {
+            EXPECT_EQ(qel_filename_is_valid(name), byte > 127) << byte;
+        }
     }
 }

@@ -1,6 +1,5 @@
 // Every operation of the catalogue: the bytes it sends, its result, what it requires.
 
-#include "support/fresh_process.h"
 #include "support/scratch.h"
 #include "support/sysmsg_fixture.h"
 
@@ -115,9 +114,7 @@ static const Operation sequenced_operations[] = {
      "31 00 00 00 10 00 00 00 ## 00*3 00*4"},
 };
 
-class Catalogue : public Sysmsg
-{
-  protected:
+struct Catalogue : Sysmsg {
     /// The only thing that was sent.
     std::string only_message()
     {
@@ -126,9 +123,7 @@ class Catalogue : public Sysmsg
     }
 };
 
-class CatalogueFiles : public Catalogue
-{
-};
+using CatalogueFiles = Catalogue;
 
 TEST_F(CatalogueFiles, GoOnWithoutConfirmsAndCloseTheFileBeforeTheirEnd)
 {
@@ -192,8 +187,6 @@ TEST(CatalogueMemory, IsGivenBackBehindEveryMessage)
 
 TEST_F(Catalogue, AsksForTheMemoryOfABlockOfAnyLengthAndStopsWithoutIt)
 {
-    if (!in_fresh_process())
-        return;
     peer.kernel.watches_memory = 1;
     peer.kernel.fail("malloc", ENOMEM);
     EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_send_updater(&peer.con, "x", 0x7FFFFFFF - 12));
@@ -253,7 +246,7 @@ TEST_F(Catalogue, NeedsAConnectionForEveryOperation)
 static std::string counted_from(uint32_t first)
 {
     std::string words;
-    for (uint32_t value = first; value < first + 777; value++) {
+    for (uint32_t value = first; value < first + 777; ++value) {
         char word[16];
         snprintf(word, sizeof word, " %02X %02X %02X %02X", value & 0xFF, value >> 8 & 0xFF,
                  value >> 16 & 0xFF, value >> 24);
@@ -264,8 +257,6 @@ static std::string counted_from(uint32_t first)
 
 TEST_F(Catalogue, CountsInTheTestPatternsFrom1EachWithItsOwnCounter)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     qel_sysmsg_test_pattern(&peer.con);
     qel_sysmsg_test_pattern(&peer.con);
@@ -287,8 +278,6 @@ TEST_F(Catalogue, CountsInTheTestPatternsFrom1EachWithItsOwnCounter)
 
 TEST_F(Catalogue, CountsOnInTheSequencedTestPatternThoughNobodyConfirmsIt)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(qel_sysmsg_test_pattern_sequenced(&peer.con), 0);
     peer.confirms();
     EXPECT_EQ(qel_sysmsg_test_pattern_sequenced(&peer.con), 1);
@@ -322,7 +311,7 @@ static std::string file_content(const ScriptedPeer &peer)
 static std::string varied(size_t size)
 {
     std::string content(size, 0);
-    for (size_t at = 0; at < size; at++)
+    for (size_t at = 0; at < size; ++at)
         content[at] = static_cast<char>(at % 251);
     return content;
 }

@@ -1,6 +1,6 @@
 // The core of the system messages: connection, numbers, sending, and what it refuses.
 
-#include "support/fresh_process.h"
+#include "support/product_reset.h"
 #include "support/sysmsg_fixture.h"
 
 #include <gmock/gmock.h>
@@ -10,18 +10,10 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class SysmsgConnection : public Sysmsg
-{
-};
-class SysmsgNumbers : public Sysmsg
-{
-};
-class SysmsgSend : public Sysmsg
-{
-};
-class SysmsgMisuse : public Sysmsg
-{
-};
+using SysmsgConnection = Sysmsg;
+using SysmsgNumbers = Sysmsg;
+using SysmsgSend = Sysmsg;
+using SysmsgMisuse = Sysmsg;
 
 // ---- Connection ----
 
@@ -56,7 +48,7 @@ TEST_F(SysmsgConnection, KnowsTheSequencedTypes)
     const std::set<uint32_t> sequenced = {1,  2,  3,  4,  7,  8,  9,  13, 14, 17, 18, 19,
                                           20, 21, 22, 23, 24, 28, 29, 32, 33, 34, 35, 36,
                                           37, 39, 40, 41, 42, 43, 44, 45, 46, 47, 48, 49};
-    for (uint32_t type = 0; type < 1000; type++)
+    for (uint32_t type = 0; type < 1000; ++type)
         EXPECT_EQ(qel_sysmsg_has_sequence(type), sequenced.count(type) ? 1 : 0) << type;
     for (const uint32_t type : {0x01000002U, 0x80000001U, 0xFFFFFFFFU})
         EXPECT_EQ(qel_sysmsg_has_sequence(type), 0) << type;
@@ -81,8 +73,6 @@ TEST_F(SysmsgConnection, TracesOnlyTexts)
 
 TEST_F(SysmsgNumbers, StartWith2)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     EXPECT_EQ(request(), 1);
     EXPECT_EQ(hex_of(peer.transmissions[0]), "16 00 00 00 0C 00 00 00 02 00 00 00");
@@ -90,10 +80,8 @@ TEST_F(SysmsgNumbers, StartWith2)
 
 TEST_F(SysmsgNumbers, GoFrom255To1)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
-    for (int n = 2; n <= 600; n++) {
+    for (int n = 2; n <= 600; ++n) {
         message = bytes_of(post_22);
         EXPECT_EQ(request(), 1);
         EXPECT_EQ(peer.transmissions.back().at(8), n <= 255 ? n : n <= 510 ? n - 255 : n - 510) << n;
@@ -102,8 +90,6 @@ TEST_F(SysmsgNumbers, GoFrom255To1)
 
 TEST_F(SysmsgNumbers, AreSpentByMessagesThatNobodyConfirms)
 {
-    if (!in_fresh_process())
-        return;
     EXPECT_EQ(request(), 0);
     peer.confirms();
     message = bytes_of(post_22);
@@ -113,8 +99,6 @@ TEST_F(SysmsgNumbers, AreSpentByMessagesThatNobodyConfirms)
 
 TEST_F(SysmsgNumbers, DoNotStartAgainWhenThoseReceivedAreForgotten)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     EXPECT_EQ(request(), 1);
     qel_sysmsg_forget_sequence();
@@ -133,8 +117,6 @@ TEST_F(SysmsgNumbers, AreWrittenIntoTheMessageOfTheCaller)
 
 TEST_F(SysmsgNumbers, AreNotSpentByUnsequencedMessages)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     qel_sysmsg_send(&peer.con, bytes_of("0B 00 00 00 08 00 00 00").data());
     EXPECT_EQ(request(), 1);
@@ -212,86 +194,53 @@ TEST_F(SysmsgSend, StopsOnAByteBlockOfTheWrongKindOfType)
 
 // ---- Misuse of the sequenced send ----
 
-TEST_F(SysmsgMisuse, NoConnection)
+TEST_F(SysmsgMisuse, StopsOnWhatCannotBeSent)
 {
     EXPECT_STOPS_ON("con", sysmsg_unit,
                     qel_sysmsg_request(nullptr, bytes_of("0B 00 00 00 08 00 00 00").data()));
-}
-
-TEST_F(SysmsgMisuse, NoSendFunction)
-{
+    const std::pair<const char *, const char *> cases[] = {
+        {"0B 00 00 00 08 00 00 00", "qel_sysmsg_has_sequence(sysmsg->msg_type)"},
+        {"16 00 00 00 0B 00 00 00 00 00 00 00", "sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)"},
+        {"16 00 00 00 0C 00 00 00 05 00 00 00", "sysmsg->sequence == 0"},
+    };
+    for (const auto &[bytes, text] : cases) {
+        message = bytes_of(bytes);
+        EXPECT_STOPS_ON(text, sysmsg_unit, request());
+        reset_product(); // the last one had stopped in the middle of a send
+    }
+    EXPECT_THAT(peer.sent, IsEmpty());
     peer.con.send = nullptr;
     EXPECT_STOPS_ON("con->send", sysmsg_unit, request());
     EXPECT_STOPS_ON("con->send", sysmsg_unit, qel_sysmsg_request(&peer.con, nullptr));
 }
 
-TEST_F(SysmsgMisuse, AnUnsequencedType)
+TEST_F(SysmsgMisuse, StopsOnAMessageThatWasSentAlready)
 {
-    message = bytes_of("0B 00 00 00 08 00 00 00");
-    EXPECT_STOPS_ON("qel_sysmsg_has_sequence(sysmsg->msg_type)", sysmsg_unit, request());
-}
-
-TEST_F(SysmsgMisuse, AMessageBelow12Bytes)
-{
-    message = bytes_of("16 00 00 00 0B 00 00 00 00 00 00 00");
-    EXPECT_STOPS_ON("sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)", sysmsg_unit, request());
-}
-
-TEST_F(SysmsgMisuse, AMessageThatHasANumber)
-{
-    if (!in_fresh_process())
-        return;
-    message = bytes_of("16 00 00 00 0C 00 00 00 05 00 00 00");
-    EXPECT_STOPS_ON("sysmsg->sequence == 0", sysmsg_unit, request());
-    EXPECT_THAT(peer.sent, IsEmpty());
-}
-
-TEST_F(SysmsgMisuse, AMessageThatWasSentAlready)
-{
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     EXPECT_EQ(request(), 1);
     EXPECT_STOPS_ON("sysmsg->sequence == 0", sysmsg_unit, request());
 }
 
-TEST_F(SysmsgMisuse, AWaitWithoutABuffer)
+TEST_F(SysmsgMisuse, StopsOnAWaitWithoutABuffer)
 {
-    if (!in_fresh_process())
-        return;
     message[8] = 5; // the number is looked at later
     EXPECT_STOPS_ON("buf", sysmsg_unit,
                     qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, nullptr, 0));
-}
-
-TEST_F(SysmsgMisuse, AWaitWithAnEmptyBuffer)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("buf_size > 0", sysmsg_unit,
-                    qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, reply, 0));
-}
-
-TEST_F(SysmsgMisuse, AWaitWithABufferOfNegativeSize)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("buf_size > 0", sysmsg_unit,
-                    qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, reply, -1));
+    for (const int size : {0, -1}) {
+        reset_product(); // it had stopped in the middle of a send
+        EXPECT_STOPS_ON("buf_size > 0", sysmsg_unit,
+                        qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, reply, size));
+    }
 }
 
 TEST_F(SysmsgMisuse, ASendWhileAConfirmIsAwaited)
 {
-    if (!in_fresh_process())
-        return;
     peer.on_poll = [this] { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
     EXPECT_STOPS_ON("!pending_ack", sysmsg_unit, query());
 }
 
 TEST_F(SysmsgMisuse, AShortMessageWhileAConfirmIsAwaited)
 {
-    if (!in_fresh_process())
-        return;
     peer.on_poll = [this] {
         qel_sysmsg_request(&peer.con, bytes_of("16 00 00 00 0B 00 00 00 00 00 00 00").data());
     };
@@ -300,8 +249,6 @@ TEST_F(SysmsgMisuse, AShortMessageWhileAConfirmIsAwaited)
 
 TEST_F(SysmsgMisuse, ASendWhileAReplyIsAwaited)
 {
-    if (!in_fresh_process())
-        return;
     peer.confirms();
     peer.on_poll = [this] { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
     EXPECT_STOPS_ON("!pending_wait", sysmsg_unit, query());
@@ -309,8 +256,6 @@ TEST_F(SysmsgMisuse, ASendWhileAReplyIsAwaited)
 
 TEST_F(SysmsgMisuse, ASendFromTheHandlerInsideASend)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("0B 00 00 00 08 00 00 00");
     peer.on_handle = [this](const Bytes &) { qel_sysmsg_request(&peer.con, bytes_of(post_22).data()); };
     EXPECT_STOPS_ON("!reenter", sysmsg_unit, request());
@@ -319,8 +264,6 @@ TEST_F(SysmsgMisuse, ASendFromTheHandlerInsideASend)
 
 TEST_F(SysmsgMisuse, ASendThatWaitsFromTheHandler)
 {
-    if (!in_fresh_process())
-        return;
     // Outside of a send it starts, but the confirm it polls for cannot be received any more.
     peer.confirms();
     peer.on_handle = [this](const Bytes &) { request(); };

@@ -1,7 +1,7 @@
 // The queries whose answers have a fixed layout: the request on the wire, the answer unpacked, and answers
 // that are wrong.
 
-#include "support/fresh_process.h"
+#include "support/product_reset.h"
 #include "support/sysmsg_fixture.h"
 
 #include <gmock/gmock.h>
@@ -9,27 +9,13 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class QueryPlugins : public Query
-{
-};
-class Query23 : public Query
-{
-};
-class QueryPathExists : public Query
-{
-};
-class QueryInfo : public Query
-{
-};
-class QueryItemSize : public Query
-{
-};
-class Query41 : public Query
-{
-};
-class QueryPluginSize : public Query
-{
-};
+using QueryPlugins = Query;
+using Query23 = Query;
+using QueryPathExists = Query;
+using QueryInfo = Query;
+using QueryItemSize = Query;
+using Query41 = Query;
+using QueryPluginSize = Query;
 
 // ---- Plugins ----
 
@@ -57,59 +43,6 @@ TEST_F(QueryPlugins, KeepsNoMemoryAnsweredOrNot)
     EXPECT_TRUE(peer.kernel.blocks.empty());
 }
 
-TEST_F(QueryPlugins, AcceptsExactlyAsManyAsFit)
-{
-    peer.answers("0E 00 00 00 18 00 00 00 09 00*3 02 00 00 00 07 00 00 00 08 00 00 00");
-    uint32_t plugins[2];
-    uint32_t count;
-    EXPECT_EQ(qel_sysmsg_get_plugins(&peer.con, plugins, 2, &count), 1);
-    EXPECT_THAT(plugins, ElementsAre(7U, 8U));
-}
-
-TEST_F(QueryPlugins, StopsOnOneMoreThanFit)
-{
-    if (!in_fresh_process())
-        return;
-    peer.answers("0E 00 00 00 18 00 00 00 09 00*3 02 00 00 00 07 00 00 00 08 00 00 00");
-    uint32_t plugins[1];
-    uint32_t count;
-    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
-                    qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count));
-}
-
-TEST_F(QueryPlugins, StopsOnAnAnswerOneByteTooLong)
-{
-    if (!in_fresh_process())
-        return;
-    peer.answers("0E 00 00 00 15 00 00 00 09 00*3 01 00 00 00 07 00 00 00 00");
-    uint32_t plugins[1];
-    uint32_t count;
-    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
-                    qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count));
-}
-
-TEST_F(QueryPlugins, StopsOnACountBeyondWhatFits)
-{
-    if (!in_fresh_process())
-        return;
-    peer.answers("0E 00 00 00 14 00 00 00 09 00*3 02 00 00 00 07 00 00 00");
-    uint32_t plugins[1];
-    uint32_t count;
-    EXPECT_STOPS_ON("msg->num_plugins <= plugin_max", sysmsg_unit,
-                    qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count));
-}
-
-TEST_F(QueryPlugins, StopsOnACountThatIsNegativeForSomebodyElse)
-{
-    if (!in_fresh_process())
-        return;
-    peer.answers("0E 00 00 00 14 00 00 00 09 00*3 FF FF FF FF 07 00 00 00");
-    uint32_t plugins[1];
-    uint32_t count;
-    EXPECT_STOPS_ON("msg->num_plugins <= plugin_max", sysmsg_unit,
-                    qel_sysmsg_get_plugins(&peer.con, plugins, 1, &count));
-}
-
 TEST_F(QueryPlugins, AcceptsNoPluginsInNoRoom)
 {
     peer.answers("0E 00 00 00 10 00 00 00 09 00*3 00 00 00 00");
@@ -129,14 +62,6 @@ TEST_F(QueryPlugins, LeavesTheResultsAloneWithoutAnAnswer)
     EXPECT_EQ(peer.now_ms(), 15000);
     EXPECT_EQ(plugins[0], 1U);
     EXPECT_EQ(count, 99U);
-}
-
-TEST_F(QueryPlugins, NeedsRoomForIdsAndCount)
-{
-    uint32_t word;
-    EXPECT_STOPS_ON("plugins", sysmsg_unit, qel_sysmsg_get_plugins(nullptr, nullptr, 1, nullptr));
-    EXPECT_STOPS_ON("plugin_count", sysmsg_unit, qel_sysmsg_get_plugins(nullptr, &word, 1, nullptr));
-    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_get_plugins(nullptr, &word, 1, &word));
 }
 
 // ---- Query 23 ----
@@ -186,23 +111,6 @@ TEST_F(Query23, KeepsTheAnswerUntilTheNextOne)
     EXPECT_STREQ(first, "second");
 }
 
-TEST_F(Query23, LeavesTheResultAloneWithoutAnAnswer)
-{
-    const char *result = "untouched";
-    EXPECT_EQ(qel_sysmsg_query_23(&peer.con, "", nullptr, 0, &result), 0);
-    EXPECT_STREQ(result, "untouched");
-}
-
-TEST_F(Query23, StopsOnALongerAnswer)
-{
-    if (!in_fresh_process())
-        return;
-    peer.answers("18 00 00 00 71 00 00 00 09 00*104");
-    const char *result;
-    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
-                    qel_sysmsg_query_23(&peer.con, "", nullptr, 0, &result));
-}
-
 // ---- Path exists ----
 
 TEST_F(QueryPathExists, SendsThePathAndReturnsThePeersWord)
@@ -223,13 +131,6 @@ TEST_F(QueryPathExists, CutsThePathAt99Characters)
     EXPECT_EQ(exists, 0U);
 }
 
-TEST_F(QueryPathExists, LeavesTheResultAloneWithoutAnAnswer)
-{
-    uint32_t exists = 99;
-    EXPECT_EQ(qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", &exists), 0);
-    EXPECT_EQ(exists, 99U);
-}
-
 TEST_F(QueryPathExists, StopsWithAMessageOnAPathThatIsNotAbsolute)
 {
     uint32_t exists;
@@ -238,23 +139,6 @@ TEST_F(QueryPathExists, StopsWithAMessageOnAPathThatIsNotAbsolute)
                      sysmsg_unit, any_line, qel_sysmsg_tolbrin_path_exists(&peer.con, path.c_str(), &exists));
     }
     EXPECT_THAT(peer.sent, IsEmpty());
-}
-
-TEST_F(QueryPathExists, ChecksConnectionThenPathThenResult)
-{
-    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_tolbrin_path_exists(nullptr, "a", nullptr));
-    EXPECT_STOPS_ON("0", sysmsg_unit, qel_sysmsg_tolbrin_path_exists(&peer.con, "a", nullptr));
-    EXPECT_STOPS_ON("exists", sysmsg_unit, qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", nullptr));
-}
-
-TEST_F(QueryPathExists, StopsOnALongerAnswer)
-{
-    if (!in_fresh_process())
-        return;
-    peer.answers("1D 00 00 00 11 00 00 00 09 00*3 00*5");
-    uint32_t exists;
-    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
-                    qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", &exists));
 }
 
 // ---- Answers that are too short ----
@@ -309,28 +193,6 @@ TEST_F(QueryInfo, FillsAllButTheCallersOwnField)
     EXPECT_EQ(info.c, 0xFFFFFFFFU);
 }
 
-TEST_F(QueryInfo, LeavesTheRecordAloneWithoutAnAnswer)
-{
-    qel_sysmsg_info info = {1, 2, 3, 4};
-    EXPECT_EQ(qel_sysmsg_get_info(&peer.con, &info), 0);
-    EXPECT_EQ(info.a, 2U);
-    EXPECT_EQ(info.c, 4U);
-}
-
-TEST_F(QueryInfo, StopsOnAnAnswerOneByteTooLong)
-{
-    if (!in_fresh_process())
-        return;
-    peer.answers("25 00 00 00 19 00 00 00 09 00*3 00*13");
-    qel_sysmsg_info info;
-    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit, qel_sysmsg_get_info(&peer.con, &info));
-}
-
-TEST_F(QueryInfo, NeedsARecord)
-{
-    EXPECT_STOPS_ON("info", sysmsg_unit, qel_sysmsg_get_info(nullptr, nullptr));
-}
-
 // ---- Item size ----
 
 TEST_F(QueryItemSize, SendsBothValuesAndTheName)
@@ -367,28 +229,6 @@ TEST_F(QueryItemSize, ReadsAShortAnswerOverItsRequest)
     EXPECT_EQ(size, 0U); // the request's zeros
 }
 
-TEST_F(QueryItemSize, LeavesTheResultAloneWithoutAnAnswer)
-{
-    uint64_t size = 99;
-    EXPECT_EQ(qel_sysmsg_get_item_size(&peer.con, 1, "name", 2, &size), 0);
-    EXPECT_EQ(size, 99U);
-}
-
-TEST_F(QueryItemSize, NeedsRoomForTheSize)
-{
-    EXPECT_STOPS_ON("item_size", sysmsg_unit, qel_sysmsg_get_item_size(nullptr, 1, "name", 2, nullptr));
-}
-
-TEST_F(QueryItemSize, StopsOnALongerAnswer)
-{
-    if (!in_fresh_process())
-        return;
-    peer.answers("28 00 00 00 41 00 00 00 09 00*56");
-    uint64_t size;
-    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
-                    qel_sysmsg_get_item_size(&peer.con, 1, "name", 2, &size));
-}
-
 // ---- Query 41 ----
 
 TEST_F(Query41, ReturnsBothValues)
@@ -400,23 +240,6 @@ TEST_F(Query41, ReturnsBothValues)
     EXPECT_EQ(request_sent(), shown("29 00 00 00 0C 00 00 00 ## 00*3"));
     EXPECT_EQ(first, 0x8182838485868788U);
     EXPECT_EQ(second, 0x9192939495969798U);
-}
-
-TEST_F(Query41, LeavesTheResultsAloneWithoutAnAnswer)
-{
-    uint64_t first = 1, second = 2;
-    EXPECT_EQ(qel_sysmsg_query_41(&peer.con, &first, &second), 0);
-    EXPECT_EQ(first, 1U);
-    EXPECT_EQ(second, 2U);
-}
-
-TEST_F(Query41, StopsOnAnAnswerOneByteTooLong)
-{
-    if (!in_fresh_process())
-        return;
-    peer.answers("2A 00 00 00 21 00 00 00 09 00*3 00*21");
-    EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit,
-                    qel_sysmsg_query_41(&peer.con, nullptr, nullptr));
 }
 
 TEST_F(Query41, NeedsNeitherResult)
@@ -444,16 +267,76 @@ TEST_F(QueryPluginSize, SendsTheIdAndReturnsTheSize)
     EXPECT_EQ(size, 0x8182838485868788U);
 }
 
-TEST_F(QueryPluginSize, LeavesTheResultAloneWithoutAnAnswer)
+// ---- What all of them have in common ----
+
+TEST_F(Query, LeavesItsResultsAloneWithoutAnAnswer)
 {
-    uint64_t size = 1;
-    EXPECT_EQ(qel_sysmsg_get_plugin_size(&peer.con, 5, &size), 0);
-    EXPECT_EQ(size, 1U);
+    uint32_t exists = 99;
+    EXPECT_EQ(qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", &exists), 0);
+    EXPECT_EQ(exists, 99U);
+    const char *text = "untouched";
+    EXPECT_EQ(qel_sysmsg_query_23(&peer.con, "", nullptr, 0, &text), 0);
+    EXPECT_STREQ(text, "untouched");
+    qel_sysmsg_info info = {1, 2, 3, 4};
+    EXPECT_EQ(qel_sysmsg_get_info(&peer.con, &info), 0);
+    EXPECT_TRUE(info.own == 1 && info.a == 2 && info.b == 3 && info.c == 4);
+    uint64_t first = 1, second = 2;
+    EXPECT_EQ(qel_sysmsg_query_41(&peer.con, &first, &second), 0);
+    EXPECT_EQ(second, 2U);
+    EXPECT_EQ(qel_sysmsg_get_item_size(&peer.con, 1, "name", 2, &first), 0);
+    EXPECT_EQ(qel_sysmsg_get_plugin_size(&peer.con, 5, &first), 0);
+    EXPECT_EQ(first, 1U);
 }
 
-TEST_F(QueryPluginSize, NeedsAnIdAndRoomForTheSize)
+TEST_F(Query, StopsOnAnAnswerOneByteTooLongAndOnACountBeyondWhatFits)
 {
+    static uint32_t words[2];
+    static uint64_t size;
+    static const char *text;
+    static qel_sysmsg_info info;
+    const std::string too_long = "sysmsg->msg_size <= wait_buf_size",
+                      too_many = "msg->num_plugins <= plugin_max";
+    const auto plugins = [](qel_sysmsg_con *con) { qel_sysmsg_get_plugins(con, words, 1, words + 1); };
+    const struct {
+        const char *answer;
+        std::string text;
+        void (*ask)(qel_sysmsg_con *con);
+    } cases[] = {
+        {"0E 00 00 00 18 00 00 00 09 00*3 02 00 00 00 07 00 00 00 08 00 00 00", too_long, plugins},
+        {"0E 00 00 00 15 00 00 00 09 00*3 01 00 00 00 07 00 00 00 00", too_long, plugins},
+        {"0E 00 00 00 14 00 00 00 09 00*3 02 00 00 00 07 00 00 00", too_many, plugins},
+        {"0E 00 00 00 14 00 00 00 09 00*3 FF FF FF FF 07 00 00 00", too_many, plugins},
+        {"18 00 00 00 71 00 00 00 09 00*104", too_long,
+         [](qel_sysmsg_con *con) { qel_sysmsg_query_23(con, "", nullptr, 0, &text); }},
+        {"1D 00 00 00 11 00 00 00 09 00*3 00*5", too_long,
+         [](qel_sysmsg_con *con) { qel_sysmsg_tolbrin_path_exists(con, "/a", words); }},
+        {"25 00 00 00 19 00 00 00 09 00*3 00*13", too_long,
+         [](qel_sysmsg_con *con) { qel_sysmsg_get_info(con, &info); }},
+        {"28 00 00 00 41 00 00 00 09 00*56", too_long,
+         [](qel_sysmsg_con *con) { qel_sysmsg_get_item_size(con, 1, "name", 2, &size); }},
+        {"2A 00 00 00 21 00 00 00 09 00*3 00*21", too_long,
+         [](qel_sysmsg_con *con) { qel_sysmsg_query_41(con, nullptr, nullptr); }},
+    };
+    for (const auto &each : cases) {
+        ScriptedPeer asked;
+        asked.answers(each.answer);
+        EXPECT_STOPS_ON(each.text.c_str(), sysmsg_unit, each.ask(&asked.con)) << each.answer;
+        reset_product(); // it had stopped in the middle of a send
+    }
+}
+
+TEST_F(Query, NeedsAConnectionAndRoomForItsResults)
+{
+    uint32_t word;
     uint64_t size;
+    EXPECT_STOPS_ON("plugins", sysmsg_unit, qel_sysmsg_get_plugins(nullptr, nullptr, 1, nullptr));
+    EXPECT_STOPS_ON("plugin_count", sysmsg_unit, qel_sysmsg_get_plugins(nullptr, &word, 1, nullptr));
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_get_plugins(nullptr, &word, 1, &word));
+    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_tolbrin_path_exists(nullptr, "a", nullptr));
+    EXPECT_STOPS_ON("0", sysmsg_unit, qel_sysmsg_tolbrin_path_exists(&peer.con, "a", nullptr));
+    EXPECT_STOPS_ON("exists", sysmsg_unit, qel_sysmsg_tolbrin_path_exists(&peer.con, "/a", nullptr));
+    EXPECT_STOPS_ON("info", sysmsg_unit, qel_sysmsg_get_info(nullptr, nullptr));
+    EXPECT_STOPS_ON("item_size", sysmsg_unit, qel_sysmsg_get_item_size(nullptr, 1, "name", 2, nullptr));
     EXPECT_STOPS_ON("plugin_id > 0", sysmsg_unit, qel_sysmsg_get_plugin_size(&peer.con, 0, &size));
     EXPECT_STOPS_ON("plugin_id > 0", sysmsg_unit, qel_sysmsg_get_plugin_size(nullptr, 0, nullptr));
     EXPECT_STOPS_ON("plugin_size", sysmsg_unit, qel_sysmsg_get_plugin_size(nullptr, 1, nullptr));

@@ -1,6 +1,6 @@
 // What becomes of a message that arrives: confirmed, dropped, handed on, or the end of the program.
 
-#include "support/fresh_process.h"
+#include "support/product_reset.h"
 #include "support/sysmsg_fixture.h"
 
 #include <gmock/gmock.h>
@@ -8,9 +8,7 @@
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class SysmsgReceive : public Sysmsg
-{
-};
+using SysmsgReceive = Sysmsg;
 
 // ---- Receiving ----
 
@@ -43,8 +41,6 @@ TEST_F(SysmsgReceive, ConfirmsASequencedMessageBeforeItHandsItOn)
 
 TEST(SysmsgFirstMessage, MayHaveAnyNumber)
 {
-    if (!in_fresh_process())
-        return;
     ScriptedPeer peer; // nothing has been forgotten yet
     peer.receive(numbered(22, 1));
     EXPECT_THAT(peer.handled, ElementsAre("16 00 00 00 0C 00 00 00 01 00 00 00"));
@@ -52,8 +48,6 @@ TEST(SysmsgFirstMessage, MayHaveAnyNumber)
 
 TEST_F(SysmsgReceive, StopsWithoutASendFunctionForItsConfirm)
 {
-    if (!in_fresh_process())
-        return;
     peer.con.send = nullptr;
     EXPECT_STOPS_ON("con->send", sysmsg_unit, peer.receive(numbered(22, 1)));
 }
@@ -108,87 +102,38 @@ TEST_F(SysmsgReceive, LetsTheHandlerSendUnsequencedMessages)
     EXPECT_THAT(peer.sent, ElementsAre("0 ms: 26 00 00 00 0C 00 00 00 2A 00 00 00"));
 }
 
-TEST_F(SysmsgReceive, StopsOnALengthThatIsNotTheMessages)
+TEST_F(SysmsgReceive, StopsOnAMessageThatIsNone)
 {
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B 00 00 00 09 00 00 00"));
-}
-
-TEST_F(SysmsgReceive, StopsOnALengthBeyondTheMessages)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B 00 00 00 08 00 00 00 00"));
-}
-
-TEST_F(SysmsgReceive, StopsOnAMessageThatHasNoRoomForItsSize)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit,
-                    qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 05 00 00 00").data(), 5));
-}
-
-TEST_F(SysmsgReceive, StopsOnAMessageThatLacksTheLastByteOfItsSize)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit,
-                    qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 07 00 00 00").data(), 7));
-}
-
-TEST_F(SysmsgReceive, StopsOnASingleByte)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, peer.receive("0B"));
+    const char *const wrong_length = "len == sysmsg->msg_size";
+    const std::pair<const char *, std::function<void()>> cases[] = {
+        {wrong_length, [this] { peer.receive("0B 00 00 00 09 00 00 00"); }},
+        {wrong_length, [this] { peer.receive("0B 00 00 00 08 00 00 00 00"); }},
+        {wrong_length, [this] { peer.receive("0B"); }},
+        {wrong_length,
+         [this] { qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 05 00 00 00").data(), 5); }},
+        {wrong_length,
+         [this] { qel_sysmsg_receive(&peer.con, bytes_of("0B 00 00 00 07 00 00 00").data(), 7); }},
+        {"sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)",
+         [this] { peer.receive("16 00 00 00 0B 00 00 00 00 00 00"); }}, // before the number is
+        {"confirmed->sequence", [this] { peer.receive(numbered(22, 0)); }},
+        {"con", [this] { qel_sysmsg_receive(nullptr, message.data(), 12); }},
+        {"con->recv", [this] { peer.receive(((peer.con.recv = nullptr), "0B 00 00 00 08 00 00 00")); }},
+    };
+    for (const auto &each : cases) {
+        EXPECT_STOPS_ON(each.first, sysmsg_unit, each.second());
+        reset_product(); // it had stopped in the middle of a receipt
+    }
+    EXPECT_THAT(peer.sent, IsEmpty());
 }
 
 TEST_F(SysmsgReceive, ChecksTheLengthEvenWhileAConfirmIsAwaited)
 {
-    if (!in_fresh_process())
-        return;
     peer.delivers(0, bytes_of("0B 00 00 00 09 00 00 00"));
     EXPECT_STOPS_ON("len == sysmsg->msg_size", sysmsg_unit, request());
 }
 
-TEST_F(SysmsgReceive, StopsOnASequencedMessageBelow12Bytes)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("sysmsg->msg_size >= sizeof(struct qel_sysmsg_confirmed)", sysmsg_unit,
-                    peer.receive("16 00 00 00 0B 00 00 00 00 00 00")); // before the number is
-    EXPECT_THAT(peer.sent, IsEmpty());
-}
-
-TEST_F(SysmsgReceive, StopsOnASequencedMessageWithTheNumber0)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("confirmed->sequence", sysmsg_unit, peer.receive(numbered(22, 0)));
-    EXPECT_THAT(peer.sent, IsEmpty());
-}
-
-TEST_F(SysmsgReceive, StopsWithoutAConnection)
-{
-    if (!in_fresh_process())
-        return;
-    EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_receive(nullptr, message.data(), 12));
-}
-
-TEST_F(SysmsgReceive, StopsWithoutAHandler)
-{
-    if (!in_fresh_process())
-        return;
-    peer.con.recv = nullptr;
-    EXPECT_STOPS_ON("con->recv", sysmsg_unit, peer.receive("0B 00 00 00 08 00 00 00"));
-}
-
 TEST_F(SysmsgReceive, StopsOnAHandlerThatLetsAnotherMessageIn)
 {
-    if (!in_fresh_process())
-        return;
     peer.on_handle = [this](const Bytes &) { peer.con.poll(peer.con.poll_ctx); };
     peer.delivers(0, bytes_of("0B 00 00 00 08 00 00 00"));
     EXPECT_STOPS_ON("!reenter", sysmsg_unit, peer.receive("0C 00 00 00 08 00 00 00"));

@@ -1,17 +1,12 @@
 // The queries that keep an answer of any length for their caller: a text, and deciphered bytes.
 
-#include "support/fresh_process.h"
 #include "support/sysmsg_fixture.h"
 
 #include <errno.h>
 #include <gmock/gmock.h>
 
-class QueryText : public Query
-{
-};
-class QueryDecipher : public Query
-{
-};
+using QueryText = Query;
+using QueryDecipher = Query;
 
 // ---- Text ----
 
@@ -43,16 +38,12 @@ TEST_F(QueryText, MayEndWithTheBuffersOwnLastByte)
 
 TEST_F(QueryText, StopsOnALongerAnswer)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("2F 00 00 00 11 02 00 00 09 00*3 01 02 00 00 74*512 00"); // 529 bytes
     EXPECT_STOPS_ON("sysmsg->msg_size <= wait_buf_size", sysmsg_unit, qel_sysmsg_get_text(&peer.con));
 }
 
 TEST_F(QueryText, StopsInTheSendWithoutMemoryForTheAnswer)
 {
-    if (!in_fresh_process())
-        return;
     peer.kernel.watches_memory = 1;
     peer.kernel.fail("realloc", ENOMEM);
     EXPECT_STOPS_ON("buf", sysmsg_unit, qel_sysmsg_get_text(&peer.con));
@@ -98,8 +89,6 @@ TEST_F(QueryText, StaysUntilTheNextOne)
 
 TEST_F(QueryText, NeedsAConnection)
 {
-    if (!in_fresh_process())
-        return;
     peer.kernel.watches_memory = 1;
     EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_get_text(nullptr));
     EXPECT_STOPS_ON("con", sysmsg_unit, qel_sysmsg_reply_text(nullptr, "text"));
@@ -130,8 +119,6 @@ TEST_F(QueryDecipher, FailsOnAnAnswerOfLength0)
 
 TEST_F(QueryDecipher, FailsOnAFirstAnswerWithoutALength)
 {
-    if (!in_fresh_process())
-        return;
     // What the answer does not fill of a new buffer is zero.
     peer.answers("31 00 00 00 0C 00 00 00 09 00*3");
     const void *plain;
@@ -141,8 +128,6 @@ TEST_F(QueryDecipher, FailsOnAFirstAnswerWithoutALength)
 
 TEST_F(QueryDecipher, KeepsWhatItsBufferHeldWhenItGrows)
 {
-    if (!in_fresh_process())
-        return;
     const void *plain;
     uint32_t length;
     peer.answers("31 00 00 00 13 00 00 00 09 00*3 03 00 00 00 'abc'");
@@ -190,8 +175,6 @@ TEST_F(QueryDecipher, DoesNotExamineTheLengthThatThePeerGives)
 
 TEST_F(QueryDecipher, StopsOnAnAnswerLongerThanTheQuestion)
 {
-    if (!in_fresh_process())
-        return;
     peer.answers("31 00 00 00 14 00 00 00 09 00*3 04 00 00 00 'abcd'");
     const void *plain;
     uint32_t length;
@@ -201,8 +184,6 @@ TEST_F(QueryDecipher, StopsOnAnAnswerLongerThanTheQuestion)
 
 TEST_F(QueryDecipher, TakesQuestionsOfAnyLengthInTurnAndGrowsItsBufferOnlyForLongerAnswers)
 {
-    if (!in_fresh_process())
-        return;
     peer.kernel.watches_memory = 1;
     for (const int size : {1, 111, 112, 113, 240, 20000, 5}) {
         qel_sysmsg_forget_sequence();

@@ -1,7 +1,6 @@
 // The update mode against a scripted host: the board's devices are lists of packets and rows, and time goes
 // on by 100 ms with each look for a stick.
 
-#include "support/fresh_process.h"
 #include "support/scratch_disk.h"
 #include "support/stops.h"
 
@@ -39,9 +38,7 @@ const std::string
 
 } // namespace
 
-class UpdateMode : public OnScratchDisk
-{
-  protected:
+struct UpdateMode : OnScratchDisk {
     UpdateMode()
     {
         disk.make_folder("/tmp");
@@ -128,25 +125,8 @@ class UpdateMode : public OnScratchDisk
     std::vector<std::string> events; ///< rows shown and packets sent: "1.0 notice", "0.3 row 2*Connected*"
 };
 
-TEST_F(UpdateMode, OpensTheLinkShowsTheBannerAndGoesOnAfterFiveSecondsWhenAStickIsThereFromTheStart)
-{
-    if (!in_fresh_process())
-        return;
-    qel_run_update_mode();
-    EXPECT_THAT(events, ElementsAre("0.0 row 0", "0.0 row 1TOLBRIN Update...", "0.0 row 2",
-                                    "0.0 row 2*Found storage device*", "5.0 row 2"));
-    const std::string lcd = "open /dev/qellpc_lcd O_WRONLY";
-    // The link stays open.
-    EXPECT_THAT(kernel.calls("open close time access read usleep sleep"),
-                ElementsAre("open /dev/qellpc_host_comms O_RDWR|O_NONBLOCK", lcd, "close 501", lcd,
-                            "close 501", lcd, "close 501", "time", "access /sys/block/sda 4", lcd,
-                            "close 501", "sleep 5", lcd, "close 501"));
-}
-
 TEST_F(UpdateMode, WiresTransportLinkAndMessagesTogether)
 {
-    if (!in_fresh_process())
-        return;
     std::vector<void *> made;
     kernel.watches_memory = 1;
     kernel.on_calloc = [&](size_t count, size_t size) { return made.emplace_back(real_calloc(count, size)); };
@@ -170,30 +150,8 @@ TEST_F(UpdateMode, WiresTransportLinkAndMessagesTogether)
     EXPECT_TRUE(con->poll == qel_comms_poll && con->poll_ctx == comms);
 }
 
-TEST_F(UpdateMode, LooksForTheStickThenAtTheClockThenAtTheLinkWithoutSleeping)
-{
-    if (!in_fresh_process())
-        return;
-    stick_at = 2;
-    EXPECT_THAT(run(), IsEmpty());
-    EXPECT_THAT(kernel.calls("access time read usleep"),
-                ElementsAre("time", "access /sys/block/sda 4", "time", "read 500 64",
-                            "access /sys/block/sda 4", "time", "read 500 64", "access /sys/block/sda 4"));
-}
-
-TEST_F(UpdateMode, AnnouncesItselfOnceASecondWithoutAPeerAndLeavesRow2Empty)
-{
-    if (!in_fresh_process())
-        return;
-    stick_at = 65;
-    EXPECT_THAT(run(), ElementsAre("1.0 notice", "2.0 notice", "3.0 notice", "4.0 notice", "5.0 notice",
-                                   "6.0 notice"));
-}
-
 TEST_F(UpdateMode, ShowsAndAnswersEveryConnectAtOnceWithItsValue)
 {
-    if (!in_fresh_process())
-        return;
     host = {{2, connect_packet}, {6, connect_packet}};
     stick_at = 9;
     EXPECT_THAT(run(),
@@ -202,8 +160,6 @@ TEST_F(UpdateMode, ShowsAndAnswersEveryConnectAtOnceWithItsValue)
 
 TEST_F(UpdateMode, SaysNothingWhileThePeerConnectsEverySecondAndClearsRow2AtTheSecondSilentSecond)
 {
-    if (!in_fresh_process())
-        return;
     host = {{5, connect_packet}, {15, connect_packet}, {25, connect_packet}};
     stick_at = 75;
     // The count changes are seen at the turns to seconds 1, 2 and 3; seconds 4 and 5 end silent.
@@ -214,8 +170,6 @@ TEST_F(UpdateMode, SaysNothingWhileThePeerConnectsEverySecondAndClearsRow2AtTheS
 
 TEST_F(UpdateMode, StopsAnnouncingItselfWhenThePeerComesBackBeforeRow2IsCleared)
 {
-    if (!in_fresh_process())
-        return;
     host = {{5, connect_packet}, {25, connect_packet}};
     stick_at = 55;
     // Silent are seconds 2, then 4 and 5; the connect of second 2 keeps the text for two more.
@@ -225,8 +179,6 @@ TEST_F(UpdateMode, StopsAnnouncingItselfWhenThePeerComesBackBeforeRow2IsCleared)
 
 TEST_F(UpdateMode, IgnoresEveryOtherMessage)
 {
-    if (!in_fresh_process())
-        return;
     host = {{2, notice_packet}};
     stick_at = 5;
     EXPECT_THAT(run(), IsEmpty());
@@ -234,8 +186,6 @@ TEST_F(UpdateMode, IgnoresEveryOtherMessage)
 
 TEST_F(UpdateMode, TakesEveryOtherSecondThanTheLastForANewOneWhereverTheClockGoes)
 {
-    if (!in_fresh_process())
-        return;
     // A notice that takes its 15 ms across a turn, an hour ahead, an hour back, and standing still.
     const std::vector<long> looks_ms = {500, 1990, 2500, 2900, 3603000, 3603500, 3000, 3900, 4000};
     kernel.on_access = [&, next = 0U](auto...) mutable {
@@ -249,8 +199,6 @@ TEST_F(UpdateMode, TakesEveryOtherSecondThanTheLastForANewOneWhereverTheClockGoe
 
 TEST_F(UpdateMode, CountsConnectsFromTheStartOfTheProcessIn32Bits)
 {
-    if (!in_fresh_process())
-        return;
     // 65536 of them before the wait, which knows of none.
     qel_sysmsg_con deaf = {};
     deaf.send = [](auto...) { return 0; };
@@ -269,8 +217,6 @@ TEST_F(UpdateMode, CountsConnectsFromTheStartOfTheProcessIn32Bits)
 
 TEST_F(UpdateMode, WritesAnUpdaterAndTakesItAsTheProgramEvenWhenAStickComesRightBehindIt)
 {
-    if (!in_fresh_process())
-        return;
     host = {{2, updater_packet}};
     stick_at = 3;
     kernel.leave_at("execve", 1);
@@ -285,8 +231,6 @@ TEST_F(UpdateMode, WritesAnUpdaterAndTakesItAsTheProgramEvenWhenAStickComesRight
 
 TEST_F(UpdateMode, JoinsAnUpdaterFromPacketsOf35Bytes)
 {
-    if (!in_fresh_process())
-        return;
     host = {{1, std::string("\x00\x00\x00\x24\xa8\x74\x0a\x00\x00\x00\x24\x00\x00\x00\x18\x00\x00\x00"
                             "#!/bin/sh\nexec /b",
                             35)},
@@ -299,9 +243,7 @@ TEST_F(UpdateMode, JoinsAnUpdaterFromPacketsOf35Bytes)
 
 // ---- qel_update_handler ----
 
-class UpdateHandler : public UpdateMode
-{
-  protected:
+struct UpdateHandler : UpdateMode {
     /// Type 10, size 16, length 4, four bytes.
     const std::string message{"\x0a\x00\x00\x00\x10\x00\x00\x00\x04\x00\x00\x00"
                               "ABCD",
@@ -323,13 +265,6 @@ TEST_F(UpdateHandler, MakesTheUpdaterExecutable)
     EXPECT_EQ(disk.mode("/tmp/updater"), 0755U);
 }
 
-TEST_F(UpdateHandler, DoesNotTruncateAnOlderUpdater)
-{
-    disk.make_file("/tmp/updater", "abcdefgh", 0755);
-    receive_updater(message);
-    EXPECT_EQ(disk.content("/tmp/updater"), "ABCDefgh");
-}
-
 TEST_F(UpdateHandler, WritesAsManyBytesAsTheLengthFieldSays)
 {
     std::string long_message = message + std::string(100, 'x');
@@ -337,33 +272,6 @@ TEST_F(UpdateHandler, WritesAsManyBytesAsTheLengthFieldSays)
     receive_updater(long_message);
     EXPECT_EQ(disk.content("/tmp/updater"), "ABCDxxxxxxxxxxxxxxxx");
     EXPECT_EQ(kernel.count("write"), 2); // one for the image, one for the display
-}
-
-TEST_F(UpdateHandler, ClosesTheUpdaterSoThatItCanRun)
-{
-    receive_updater(message);
-    std::vector<std::string> calls = kernel.calls();
-    calls.resize(3);
-    EXPECT_THAT(
-        calls, ElementsAre("open /tmp/updater O_WRONLY|O_CREAT", StartsWith("write "), StartsWith("close ")));
-    EXPECT_THAT(kernel.calls("open close execve"),
-                ElementsAre("open /tmp/updater O_WRONLY|O_CREAT", StartsWith("close "),
-                            "open /dev/qellpc_lcd O_WRONLY", "close 501", StartsWith("execve ")));
-}
-
-TEST_F(UpdateHandler, WritesTheUpdaterOnceThoughItFallsShort)
-{
-    kernel.shorten_nth("write", 1, 2);
-    receive_updater(message);
-    EXPECT_EQ(disk.content("/tmp/updater"), "AB");
-    EXPECT_EQ(kernel.count("write"), 2); // the second is the display's
-}
-
-TEST_F(UpdateHandler, TriesToRunTheUpdaterEvenWhenItCouldNotBeWritten)
-{
-    kernel.fail_nth("open", 1, EROFS);
-    receive_updater(message);
-    EXPECT_EQ(kernel.count("execve"), 1);
 }
 
 TEST_F(UpdateHandler, PrintsTheProgramAndExitsWith1WhenTheUpdaterCannotBeRun)

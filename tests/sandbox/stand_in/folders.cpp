@@ -1,7 +1,6 @@
-// Folders. They are listed in the order of their names, or the reverse: on a kernel of its own the order
+// Folders. They are listed in the order of their names: on a kernel of its own the order
 // is whatever the file system likes, and a transcript could not be compared.
 
-#include "sandbox/settings.h"
 #include "sandbox/stand_in/stand_in.h"
 
 #include <errno.h>
@@ -20,7 +19,7 @@ static struct listing {
 
 static struct listing *listing_of(const DIR *folder)
 {
-    for (struct listing *listing = listings; listing < listings + listings_max; listing++) {
+    for (struct listing *listing = listings; listing < listings + listings_max; ++listing) {
         if (listing->folder == folder)
             return listing;
     }
@@ -30,9 +29,7 @@ static struct listing *listing_of(const DIR *folder)
 
 static int by_name(const void *a, const void *b)
 {
-    const char *order = getenv(order_setting);
-    const int result = strcmp(((const struct dirent *)a)->d_name, ((const struct dirent *)b)->d_name);
-    return order && strcmp(order, "descending") == 0 ? -result : result;
+    return strcmp(((const struct dirent *)a)->d_name, ((const struct dirent *)b)->d_name);
 }
 
 DIR *stand_in_opendir(const char *path)

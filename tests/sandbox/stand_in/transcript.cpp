@@ -69,7 +69,7 @@ void record_poll(int failed, const char *format, ...)
 const char *quoted(const void *bytes, size_t count, char *text, size_t size)
 {
     size_t length = (size_t)snprintf(text, size, "\"");
-    for (size_t i = 0; i < count && length < size; i++) {
+    for (size_t i = 0; i < count && length < size; ++i) {
         const unsigned char byte = ((const unsigned char *)bytes)[i];
         const int is_plain = isprint(byte) && byte != '"' && byte != '\\';
         length += (size_t)snprintf(text + length, size - length, is_plain ? "%c" : "\\x%02x", byte);
@@ -98,7 +98,7 @@ int is_planned_to_fail(const char *name)
         }
     }
     int fails = 0;
-    for (struct plan *plan = plans; plan < plans + count; plan++) {
+    for (struct plan *plan = plans; plan < plans + count; ++plan) {
         if (strcmp(plan->name, name) == 0 && --plan->n == 0) {
             errno = plan->error;
             fails = 1;
