@@ -16,6 +16,7 @@ WHAT, and the usual NUMBER:
                            started by itself, then installed again, checked, and started
   copy-cuts 60             the same while a newer application is copied from a stick. Each disk is started by
                            itself, with the same stick, and with a stick that has a still greater name
+  boots 50                 starts the simulated cabinet so often, while six busy loops run
   restarts 500             restarts of an application in the simulated cabinet
   sandbox-restarts 10000   the same in namespaces on this kernel (needs root)
   link 100000              exchanges over a lossy host link, with three seeds
@@ -35,7 +36,7 @@ refuse() {
     exit 2
 }
 
-build=build/test seed=1 words=()
+build=build/test seed=1 words=() repeat=1 busy_loops=0
 while [ $# -gt 0 ]; do
     case "$1" in
         --help) usage; exit 0 ;;
@@ -57,6 +58,9 @@ install-cuts)
     program=machine/machine_tests filter='PowerCut.DuringAnInstall*' settings=(QEL_INSTALL_CUTS="${number:-60}") ;;
 copy-cuts)
     program=machine/machine_tests filter='PowerCut.WhileAnApplication*' settings=(QEL_COPY_CUTS="${number:-60}") ;;
+boots)
+    program=machine/machine_tests filter='NormalBoot.PrintsTheStartUpSequence' settings=()
+    repeat=${number:-50} busy_loops=6 ;;
 restarts)
     program=machine/machine_tests filter='CabinetEndurance.ManyRestarts*'
     settings=(QEL_MACHINE_RESTARTS="${number:-500}") ;;
@@ -82,4 +86,10 @@ if [ -z "$("$build/tests/$program" --gtest_list_tests --gtest_filter="$filter")"
     echo "error: $program has no test named $filter" >&2
     exit 1
 fi
-env QEL_POWER_SEED="$seed" "${settings[@]}" "$build/tests/$program" --gtest_filter="$filter"
+for ((i = 0; i < busy_loops; i++)); do
+    yes >/dev/null &
+done
+[ $busy_loops -eq 0 ] || trap 'kill $(jobs -p)' EXIT
+[[ ${words[0]} != *-cuts ]] || echo "seed $seed"
+env QEL_POWER_SEED="$seed" "${settings[@]}" \
+    "$build/tests/$program" --gtest_filter="$filter" --gtest_repeat="$repeat"

@@ -31,10 +31,10 @@ bool read_number(const std::string &text, size_t &at, int &number)
         return false;
     const bool is_negative = text[at] == '-';
     if (text[at] == '-' || text[at] == '+')
-        at++;
+        ++at;
     const size_t first = at;
     __extension__ __int128 value = 0;
-    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; at++)
+    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at)
         value = std::min<__int128>(value * 10 + (text[at] - '0'), __int128{1} << 64);
     if (at == first)
         return false;
@@ -78,6 +78,7 @@ struct Kernel {
 
     Kernel()
     {
+        calls.keeps_books = false;
         calls.on_mkdir = [](auto...) { return 0; };
         calls.on_mknod = [this](const char *path, mode_t mode, dev_t device) {
             made.push_back(path + std::string(S_ISBLK(mode) ? " b " : " c ") + std::to_string(major(device)) +
@@ -158,9 +159,9 @@ std::string node_text(const std::string &path, char type, int major_number, int 
 
 /// Goes by what the kernel publishes before the product has made anything.
 struct Model {
-    explicit Model(const Kernel &before) : files(before.files), folders(before.folders) {}
-    std::map<std::string, std::string> files;
-    std::map<std::string, std::vector<std::string>> folders;
+    explicit Model(Kernel &before) : files(before.files), folders(before.folders) {}
+    const std::map<std::string, std::string> &files;
+    std::map<std::string, std::vector<std::string>> &folders;
     std::set<std::string> nodes;
     std::vector<std::string> made;
 
@@ -211,22 +212,29 @@ std::string text_of(const std::vector<std::string> &lines)
     return text;
 }
 
-/// Compares the nodes, all or those up to the stop, and the result of a call with the model's.
-void compare(Kernel &kernel, const std::function<int()> &call, const std::function<int(Model &)> &expect)
+/// Compares the nodes, all or those up to the stop, and the result if there is one, of a call with the
+/// model's.
+template <typename Call, typename Expect> void compare(Kernel &kernel, Call call, Expect expect)
 {
     Model model(kernel);
     int expected_line = 0, expected_result = 0, result = 0;
+    const auto result_of = [](int &value, auto work, auto &...arguments) {
+        if constexpr (std::is_void_v<decltype(work(arguments...))>)
+            work(arguments...);
+        else
+            value = work(arguments...);
+    };
     try {
-        expected_result = expect(model);
+        result_of(expected_result, expect, model);
     } catch (const StopAt &stop) {
         expected_line = stop.line;
     }
-    const RunEnd outcome = run([&] { result = call(); });
-    require(outcome.line == expected_line, "the stop", outcome.text + " " + std::to_string(outcome.line),
+    const RunEnd end = run([&] { result_of(result, call); });
+    REQUIRE(end.line == expected_line, "the stop", end.text + " " + std::to_string(end.line),
             std::to_string(expected_line));
-    require(!outcome.stopped || outcome.unit == unit, "its unit", outcome.unit);
-    require(kernel.made == model.made, "the nodes", text_of(kernel.made), text_of(model.made));
-    require(outcome.stopped || result == expected_result, "the result", std::to_string(result),
+    REQUIRE(!end.stopped || end.unit == unit, "its unit", end.unit);
+    REQUIRE(kernel.made == model.made, "the nodes", text_of(kernel.made), text_of(model.made));
+    REQUIRE(end.stopped || result == expected_result, "the result", std::to_string(result),
             std::to_string(expected_result));
 }
 
@@ -236,23 +244,16 @@ void check_board(FuzzedDataProvider &input)
 {
     Kernel kernel;
     const std::string devices = kernel.files["/proc/devices"] = input.ConsumeRemainingBytesAsString();
-    compare(
-        kernel,
-        [] {
-            qel_make_lpc_nodes();
-            return 0;
-        },
-        [&](Model &model) {
-            const int expected = major_in(devices);
-            if (!expected)
-                throw StopAt{2321};
-            int minor_number = 0;
-            for (const char *name : {"firmware", "midi", "lcd", "command", "button", "test", "console",
-                                     "host_comms", "reserved1", "reserved2"})
-                model.made.push_back(
-                    node_text(std::string("/dev/qellpc_") + name, 'c', expected, minor_number++));
-            return 0;
-        });
+    compare(kernel, qel_make_lpc_nodes, [&](Model &model) {
+        const int expected = major_in(devices);
+        if (!expected)
+            throw StopAt{2321};
+        int minor_number = 0;
+        for (const char *name : {"firmware", "midi", "lcd", "command", "button", "test", "console",
+                                 "host_comms", "reserved1", "reserved2"})
+            model.made.push_back(
+                node_text(std::string("/dev/qellpc_") + name, 'c', expected, minor_number++));
+    });
 }
 
 // ---- Nodes from sysfs ----
@@ -279,23 +280,14 @@ void check_sound(FuzzedDataProvider &input)
     kernel.folders["/sys/class/sound"];
     while (input.remaining_bytes() > 0)
         add_entry(input, kernel, "/sys/class/sound", name_of(input, ""));
-    compare(
-        kernel,
-        [] {
-            qel_make_sound_nodes();
-            return 0;
-        },
-        [](Model &model) {
-            model.make_sound();
-            return 0;
-        });
+    compare(kernel, qel_make_sound_nodes, [](Model &model) { model.make_sound(); });
 }
 
 void check_disks(FuzzedDataProvider &input)
 {
     Kernel kernel;
     kernel.folders["/sys/block"];
-    for (int disks = 0; input.remaining_bytes() > 0 && disks < 5; disks++) {
+    for (int disks = 0; input.remaining_bytes() > 0 && disks < 5; ++disks) {
         const std::string disk = name_of(input, input.ConsumeBool() ? "sd" : "");
         add_entry(input, kernel, "/sys/block", disk);
         kernel.folders["/sys/block/" + disk];
@@ -319,21 +311,10 @@ void check_one(FuzzedDataProvider &input)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+const int input_bytes_max = 1200; // a line of /proc/devices is read up to 999 bytes at a time
+
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
-    switch (input.ConsumeIntegralInRange(0, 3)) {
-    case 0:
-        check_board(input);
-        break;
-    case 1:
-        check_sound(input);
-        break;
-    case 2:
-        check_disks(input);
-        break;
-    default:
-        check_one(input);
-    }
-    return 0;
+    constexpr void (*checks[])(FuzzedDataProvider &) = {check_board, check_sound, check_disks, check_one};
+    checks[input.ConsumeIntegralInRange(0, 3)](input);
 }

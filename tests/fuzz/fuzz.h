@@ -10,9 +10,12 @@
 #include <string.h>
 
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <string>
+
+/// Each target's: what it does with an input. Longer ones do nothing that those of this size cannot do.
+void work_on(FuzzedDataProvider &input);
+extern const int input_bytes_max;
 
 /// How a run of the product ended.
 struct RunEnd {
@@ -26,31 +29,41 @@ struct RunEnd {
 /// product holds on the heap is freed afterwards.
 RunEnd run(const std::function<void()> &statement);
 
-/// The largest block that the product gets from its heap; for more there is no memory.
-constexpr size_t heap_block_bytes_max = 1 << 20;
+/// The check on which the product must stop now, and the unit that reports it; "" for none.
+extern std::string expected_stop;
+extern const char *expected_unit;
+
+/// Runs `statement`, which must come to its end, or to the expected stop if there is one by then.
+void run_to_end(const std::function<void()> &statement);
+
+/// The largest block that the product gets from its heap; for more there is no memory. No input fills it.
+constexpr size_t heap_block_bytes_max = 1 << 14;
 
 /// The smallest: shorter requests get this much. A target raises it where the product may read beyond what
 /// it has asked for.
 extern size_t heap_block_bytes_min;
 
-/// Ends the fuzzing with a finding unless `holds`.
-void require(bool holds, const char *what, const std::string &found = "", const std::string &expected = "");
+/// Ends the fuzzing with a finding.
+[[noreturn]] void report(const char *what, const std::string &found = "", const std::string &expected = "");
 
-/// A stop must be on one of these checks of `unit`, or there must be none.
-void require_documented(const RunEnd &outcome, const char *unit, std::initializer_list<const char *> texts);
+/// REQUIRE(holds, what, found, expected): a finding unless `holds`. Only then are the texts made.
+#define REQUIRE(holds, ...) ((holds) ? void() : report(__VA_ARGS__))
+
+inline void require_same(const char *what, uint64_t found, uint64_t expected)
+{
+    REQUIRE(found == expected, what, std::to_string(found), std::to_string(expected));
+}
 
 /// A copy in a heap block of exactly its size, so that the sanitizer sees every byte beyond.
-template <typename Element> class Exactly
-{
-  public:
+template <typename Element> struct Exactly {
     explicit Exactly(size_t element_count) : count(element_count), block(new Element[element_count]()) {}
     Exactly(const void *bytes, size_t byte_count) : Exactly(byte_count / sizeof(Element))
     {
         if (byte_count > 0)
             memcpy(block.get(), bytes, byte_count);
     }
+    explicit Exactly(const Bytes &bytes) : Exactly(bytes.data(), bytes.size()) {}
     explicit Exactly(const std::string &text) : Exactly(text.c_str(), text.size() + 1) {}
-
     Element *get() const
     {
         return block.get();
@@ -60,7 +73,6 @@ template <typename Element> class Exactly
         return count;
     }
 
-  private:
     size_t count;
     std::unique_ptr<Element[]> block;
 };

@@ -48,8 +48,8 @@ Bytes any_message(FuzzedDataProvider &input)
 /// Any bytes must do.
 void show(const Bytes &message)
 {
-    require(!describe_message(message).empty(), "a description");
-    require(message_json(message)["size"] == message.size(), "the size shown", hex_of(message));
+    REQUIRE(!describe_message(message).empty(), "a description");
+    REQUIRE(message_json(message)["size"] == message.size(), "the size shown", hex_of(message));
     fields_of(message);
 }
 
@@ -57,7 +57,7 @@ struct Host {
     Host()
     {
         int ends[2];
-        require(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends) == 0, "a pair of sockets");
+        REQUIRE(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends) == 0, "a pair of sockets");
         link.transport.descriptor = ends[0];
         peer = ends[1];
         link.transport.paced = false;
@@ -82,14 +82,9 @@ struct Host {
     std::vector<Bytes> handed_on;
 };
 
-void require_same(const char *what, uint64_t found, uint64_t expected)
-{
-    require(found == expected, what, std::to_string(found), std::to_string(expected));
-}
-
 void receive(Host &host, const Bytes &record)
 {
-    require(send(host.peer, record.data(), record.size(), 0) == static_cast<ssize_t>(record.size()),
+    REQUIRE(send(host.peer, record.data(), record.size(), 0) == static_cast<ssize_t>(record.size()),
             "a send");
     const unsigned messages_before = host.rules.messages;
     host.rules.take(record);
@@ -97,9 +92,9 @@ void receive(Host &host, const Bytes &record)
     const bool is_handed_on = has_message && is_proper(host.rules.message);
     host.improper += has_message && !is_handed_on;
     host.handed_on.clear();
-    require(link_poll(host.link, 0), "a record that has come");
+    REQUIRE(link_poll(host.link, 0), "a record that has come");
     require_same("messages handed on", host.handed_on.size(), is_handed_on);
-    require(!is_handed_on || host.handed_on[0] == host.rules.message, "the message",
+    REQUIRE(!is_handed_on || host.handed_on[0] == host.rules.message, "the message",
             hex_of(host.rules.message));
     const LinkCounts &counts = host.link.counts;
     require_same("received", counts.messages_received, host.rules.messages);
@@ -114,7 +109,7 @@ void send_message(Host &host, const Bytes &message)
     Bytes record(record_bytes_max);
     for (ssize_t n; (n = recv(host.peer, record.data(), record.size(), 0)) > 0;)
         host.rules_of_peer.take({record.begin(), record.begin() + n});
-    require(host.rules_of_peer.message == message, "what the peer gets", hex_of(host.rules_of_peer.message),
+    REQUIRE(host.rules_of_peer.message == message, "what the peer gets", hex_of(host.rules_of_peer.message),
             hex_of(message));
     host.rules_of_peer.message.clear();
 }
@@ -146,15 +141,14 @@ void act(Host &host, FuzzedDataProvider &input)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+const int input_bytes_max = 1024; // a message has 700 bytes at most
+
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     output = {.json = input.ConsumeBool(), .quiet = true, .verbose = true};
-    const RunEnd end = run([&] {
+    run_to_end([&] {
         Host host;
         while (input.remaining_bytes() > 0)
             act(host, input);
     });
-    require(!end.stopped, "a stop", end.unit + " " + end.text);
-    return 0;
 }

@@ -51,7 +51,7 @@ bool is_valid(const std::string &s, int flavour = 0)
         return !s.empty();
     const size_t root = root_of(s, flavour);
     const std::vector<std::string> components = components_of(s.substr(root));
-    for (size_t i = 0; i < components.size(); i++) {
+    for (size_t i = 0; i < components.size(); ++i) {
         const bool may_be_empty = i == 0 && root == 0 && components.size() > 1;
         if ((components[i].empty() && !may_be_empty) ||
             !std::all_of(components[i].begin(), components[i].end(), is_allowed))
@@ -102,28 +102,28 @@ std::string cut(const std::string &s, size_t size)
 /// Runs a call that must stop at `line`, or not when that is 0. Returns whether it came through.
 bool comes_through(const char *what, int line, const std::function<void()> &call)
 {
-    const RunEnd outcome = run(call);
-    require(outcome.line == line && (!outcome.stopped || outcome.unit == unit), what,
-            outcome.unit + ":" + std::to_string(outcome.line), std::to_string(line));
-    return !outcome.stopped;
+    const RunEnd end = run(call);
+    REQUIRE(end.line == line && (!end.stopped || end.unit == unit), what,
+            end.unit + ":" + std::to_string(end.line), std::to_string(line));
+    return !end.stopped;
 }
 
 void check_tests(const std::string &s)
 {
     const Text path(s);
     for (const int flavour : {0, 1}) {
-        require(_qel_path_root_len(path.get(), flavour) == static_cast<int>(root_of(s, flavour)), "root", s);
-        require(_qel_path_is_root_dir(path.get(), flavour) == is_root(s, flavour), "is_root_dir", s);
-        require(_qel_path_is_valid(path.get(), flavour) == is_valid(s, flavour), "is_valid", s);
-        require(_qel_path_is_absolute(path.get(), flavour) == is_absolute(s, flavour), "is_absolute", s);
+        REQUIRE(_qel_path_root_len(path.get(), flavour) == static_cast<int>(root_of(s, flavour)), "root", s);
+        REQUIRE(_qel_path_is_root_dir(path.get(), flavour) == is_root(s, flavour), "is_root_dir", s);
+        REQUIRE(_qel_path_is_valid(path.get(), flavour) == is_valid(s, flavour), "is_valid", s);
+        REQUIRE(_qel_path_is_absolute(path.get(), flavour) == is_absolute(s, flavour), "is_absolute", s);
     }
-    require(qel_path_is_root_dir(path.get()) == is_root(s, 0), "qel_path_is_root_dir", s);
-    require(qel_unix_path_is_root_dir(path.get()) == is_root(s, 0), "qel_unix_path_is_root_dir", s);
-    require(qel_dos_path_is_root_dir(path.get()) == is_root(s, 1), "qel_dos_path_is_root_dir", s);
-    require(qel_path_is_valid(path.get()) == is_valid(s), "qel_path_is_valid", s);
-    require(qel_path_is_absolute(path.get()) == is_absolute(s), "qel_path_is_absolute", s);
-    require(qel_unix_path_is_absolute(path.get()) == is_absolute(s), "qel_unix_path_is_absolute", s);
-    require(qel_dos_path_is_absolute(path.get()) == is_absolute(s, 1), "qel_dos_path_is_absolute", s);
+    REQUIRE(qel_path_is_root_dir(path.get()) == is_root(s, 0), "qel_path_is_root_dir", s);
+    REQUIRE(qel_unix_path_is_root_dir(path.get()) == is_root(s, 0), "qel_unix_path_is_root_dir", s);
+    REQUIRE(qel_dos_path_is_root_dir(path.get()) == is_root(s, 1), "qel_dos_path_is_root_dir", s);
+    REQUIRE(qel_path_is_valid(path.get()) == is_valid(s), "qel_path_is_valid", s);
+    REQUIRE(qel_path_is_absolute(path.get()) == is_absolute(s), "qel_path_is_absolute", s);
+    REQUIRE(qel_unix_path_is_absolute(path.get()) == is_absolute(s), "qel_unix_path_is_absolute", s);
+    REQUIRE(qel_dos_path_is_absolute(path.get()) == is_absolute(s, 1), "qel_dos_path_is_absolute", s);
 }
 
 /// A change in place: stops at `line`, or makes `expected` of the text.
@@ -133,7 +133,7 @@ void check_change(const char *what, Change change, const std::string &s, int lin
 {
     const Text text(s);
     if (comes_through(what, line, [&] { change(text.get()); }))
-        require(text.get() == expected, what, text.get(), expected);
+        REQUIRE(text.get() == expected, what, text.get(), expected);
 }
 
 void check_changes(const std::string &s)
@@ -162,8 +162,8 @@ void check_composer(const char *what, size_t size, int line, size_t result, cons
     int found = 0;
     if (!comes_through(what, line, [&] { found = compose(dst.get(), static_cast<int>(size)); }))
         return;
-    require(found == static_cast<int>(result), what, std::to_string(found), std::to_string(result));
-    require(dst.get() == expected, what, dst.get(), expected);
+    REQUIRE(found == static_cast<int>(result), what, std::to_string(found), std::to_string(result));
+    REQUIRE(dst.get() == expected, what, dst.get(), expected);
 }
 
 void check_parent(const std::string &s, size_t size)
@@ -243,9 +243,10 @@ void check_extension(const std::string &s, const std::string &ext, size_t room)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+const int input_bytes_max = 256; // the paths have 130 bytes at most
+
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     const size_t dst_size = input.ConsumeIntegralInRange<size_t>(1, 100);
     const std::string other = text_of(input, 30), path = text_of(input, 100);
     check_tests(path);
@@ -255,5 +256,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     check_sibling(path, other, dst_size);
     check_filename_part(path, dst_size);
     check_extension(path, other, dst_size);
-    return 0;
 }

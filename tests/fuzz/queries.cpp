@@ -20,23 +20,23 @@
 #include <sanitizer/asan_interface.h>
 
 #include <algorithm>
+#include <optional>
 
 namespace
 {
 
-constexpr const char *unit = "qel_tolbrin/qel_sysmsg";
 constexpr long long answer_time_usec = 15000000;
 constexpr uint32_t plugins_answer = 14;
 
 /// Confirms every request and answers with the messages that the input holds.
 struct Peer {
-    Peer(FuzzedDataProvider &fuzz_input, std::string &stop) : input(fuzz_input), expected_stop(stop)
+    explicit Peer(FuzzedDataProvider &fuzz_input) : input(fuzz_input)
     {
+        kernel.keeps_books = false;
         kernel.set_time(1000);
     }
 
     FuzzedDataProvider &input;
-    std::string &expected_stop; ///< the check on which the product must stop now, or ""
     FakeKernel kernel;
     qel_sysmsg_con con = {hand_on, take, this, poll, this};
     MessageRules rules;
@@ -50,7 +50,7 @@ struct Peer {
 
     static void hand_on(qel_sysmsg_con *, const void *)
     {
-        require(false, "handed on while an answer is awaited");
+        REQUIRE(false, "handed on while an answer is awaited");
     }
 
     static int take(void *peer, const void *message, int len)
@@ -59,13 +59,11 @@ struct Peer {
         const auto *bytes = static_cast<const uint8_t *>(message);
         const Bytes sent(bytes, bytes + len);
         if (sent[0] == 15) {
-            auto &to_confirm = self->rules.to_confirm;
-            require(!to_confirm.empty() && sent == to_confirm.front(), "confirmed", hex_of(sent));
-            to_confirm.pop_front();
+            take_expected(self->rules.to_confirm, sent, "confirmed");
             return 0;
         }
-        require(self->expected_stop.empty(), "no stop", "", self->expected_stop);
-        require(self->sent_at < 0, "sent again although confirmed");
+        REQUIRE(expected_stop.empty(), "no stop", "", expected_stop);
+        REQUIRE(self->sent_at < 0, "sent again although confirmed");
         self->sent_at = self->kernel.clock_usec;
         self->rules.awaited = sent[8];
         return 0;
@@ -74,9 +72,8 @@ struct Peer {
     static int poll(void *peer)
     {
         auto *self = static_cast<Peer *>(peer);
-        require(self->rules.waits, "polled after the answer");
-        require(self->waited_usec() < answer_time_usec, "polled after the time for the answer");
-        self->kernel.forget_calls();
+        REQUIRE(self->rules.waits, "polled after the answer");
+        REQUIRE(self->waited_usec() < answer_time_usec, "polled after the time for the answer");
         self->kernel.advance_usec(500000);
         if (self->rules.awaited)
             self->deliver({15, 0, 0, 0, 12, 0, 0, 0, self->rules.awaited, 0, 0, 0});
@@ -88,7 +85,7 @@ struct Peer {
     /// Since the request.
     long long waited_usec() const
     {
-        require(sent_at >= 0, "no request was sent");
+        REQUIRE(sent_at >= 0, "no request was sent");
         return kernel.clock_usec - sent_at;
     }
 
@@ -117,11 +114,11 @@ struct Peer {
     void deliver(const Bytes &message)
     {
         expected_stop = rules.receive(message);
-        const Exactly<uint8_t> block(message.data(), message.size());
+        const Exactly<uint8_t> block(message);
         qel_sysmsg_receive(&con, block.get(), static_cast<int>(message.size()));
-        require(expected_stop.empty(), "no stop", "", expected_stop);
-        require(rules.to_confirm.empty(), "not confirmed");
-        require(rules.to_hand_on.empty(), "not handed on");
+        REQUIRE(expected_stop.empty(), "no stop", "", expected_stop);
+        REQUIRE(rules.to_confirm.empty(), "not confirmed");
+        REQUIRE(rules.to_hand_on.empty(), "not handed on");
         Bytes number = rules.reply; // also where it is cut short
         number.resize(16);
         if (rules.wanted == plugins_answer && word(number, 12) > plugins_max)
@@ -143,24 +140,25 @@ struct Peer {
     /// After it: whether there was an answer, which then is in `buffer`, over what was there.
     bool end(Bytes &buffer) const
     {
-        require(expected_stop.empty(), "no stop", "", expected_stop);
+        REQUIRE(expected_stop.empty(), "no stop", "", expected_stop);
         if (rules.reply.empty())
-            require(waited_usec() >= answer_time_usec, "given up too early");
+            REQUIRE(waited_usec() >= answer_time_usec, "given up too early");
         buffer.resize(std::max<size_t>(buffer.size(), rules.room));
         std::copy(rules.reply.begin(), rules.reply.end(), buffer.begin());
         return !rules.reply.empty();
     }
+
+    /// A whole query, which must succeed when there is an answer. Returns the answer.
+    template <typename Query> std::optional<Bytes> ask(size_t room, Query query)
+    {
+        begin(room);
+        const int result = query();
+        Bytes answer;
+        const bool answered = end(answer);
+        require_same("the result", static_cast<uint64_t>(result), answered);
+        return answered ? std::optional(answer) : std::nullopt;
+    }
 };
-
-void require_result(bool found, bool expected)
-{
-    require(found == expected, "the result", std::to_string(found), std::to_string(expected));
-}
-
-void require_value(const char *what, uint64_t found, uint64_t expected)
-{
-    require(found == expected, what, std::to_string(found), std::to_string(expected));
-}
 
 /// A variable before the query.
 constexpr uint32_t untouched = 0x77777777;
@@ -172,15 +170,12 @@ void get_plugins(Peer &peer)
     const Exactly<uint32_t> plugins(peer.input.ConsumeIntegralInRange<size_t>(0, 120));
     uint32_t count = untouched;
     peer.plugins_max = plugins.size();
-    peer.begin(16 + 4 * plugins.size());
-    const int result =
-        qel_sysmsg_get_plugins(&peer.con, plugins.get(), static_cast<int32_t>(plugins.size()), &count);
-    Bytes answer;
-    const bool answered = peer.end(answer);
-    require_result(result, answered);
-    require_value("the number of plugins", count, answered ? word(answer, 12) : untouched);
-    for (size_t i = 0; i < plugins.size(); i++)
-        require_value("a plugin", plugins.get()[i], answered && i < count ? word(answer, 16 + 4 * i) : 0);
+    const auto answer = peer.ask(16 + 4 * plugins.size(), [&] {
+        return qel_sysmsg_get_plugins(&peer.con, plugins.get(), static_cast<int32_t>(plugins.size()), &count);
+    });
+    require_same("the number of plugins", count, answer ? word(*answer, 12) : untouched);
+    for (size_t i = 0; i < plugins.size(); ++i)
+        require_same("a plugin", plugins.get()[i], answer && i < count ? word(*answer, 16 + 4 * i) : 0);
 }
 
 void query_23(Peer &peer)
@@ -188,21 +183,21 @@ void query_23(Peer &peer)
     const size_t count = peer.input.ConsumeIntegralInRange<size_t>(0, 11);
     std::vector<Text> texts;
     std::vector<const char *> items;
-    for (size_t i = 0; i < count; i++)
+    for (size_t i = 0; i < count; ++i)
         texts.emplace_back(text_of(peer.input, 120));
     for (const Text &text : texts)
         items.push_back(text.get());
     const Text name(text_of(peer.input, 120));
     const char *text = nullptr;
     peer.begin(112);
-    peer.expected_stop = count > 10 ? "i < 10" : "";
+    expected_stop = count > 10 ? "i < 10" : "";
     const int result =
         qel_sysmsg_query_23(&peer.con, name.get(), items.data(), static_cast<uint32_t>(count), &text);
     const bool answered = peer.end(peer.text_of_24);
-    require_result(result, answered);
-    require((text != nullptr) == answered, "where the text is");
+    require_same("the result", static_cast<uint64_t>(result), answered);
+    REQUIRE((text != nullptr) == answered, "where the text is");
     if (text)
-        require(memcmp(text, &peer.text_of_24[9], 103) == 0, "the text", hex_of(text, 103),
+        REQUIRE(memcmp(text, &peer.text_of_24[9], 103) == 0, "the text", hex_of(text, 103),
                 hex_of(&peer.text_of_24[9], 103));
 }
 
@@ -218,27 +213,20 @@ void path_exists(Peer &peer)
     const std::string path = "/" + text_of(peer.input, 150);
     const Text block(path);
     uint32_t exists = untouched;
-    peer.begin(16);
-    peer.expected_stop = is_valid(path) ? "" : "0"; // a fatal error
-    const int result = qel_sysmsg_tolbrin_path_exists(&peer.con, block.get(), &exists);
-    Bytes answer;
-    const bool answered = peer.end(answer);
-    require_result(result, answered);
-    require_value("exists", exists, answered ? word(answer, 12) : untouched);
+    expected_stop = is_valid(path) ? "" : "0"; // a fatal error
+    const auto answer =
+        peer.ask(16, [&] { return qel_sysmsg_tolbrin_path_exists(&peer.con, block.get(), &exists); });
+    require_same("exists", exists, answer ? word(*answer, 12) : untouched);
 }
 
 void get_info(Peer &peer)
 {
     qel_sysmsg_info info = {77, untouched, untouched, untouched};
-    peer.begin(24);
-    const int result = qel_sysmsg_get_info(&peer.con, &info);
-    Bytes answer;
-    const bool answered = peer.end(answer);
-    require_result(result, answered);
-    require_value("a", info.a, answered ? word(answer, 12) : untouched);
-    require_value("b", info.b, answered ? word(answer, 16) : untouched);
-    require_value("c", info.c, answered ? word(answer, 20) : untouched);
-    require_value("the caller's own field", info.own, 77);
+    const auto answer = peer.ask(24, [&] { return qel_sysmsg_get_info(&peer.con, &info); });
+    require_same("a", info.a, answer ? word(*answer, 12) : untouched);
+    require_same("b", info.b, answer ? word(*answer, 16) : untouched);
+    require_same("c", info.c, answer ? word(*answer, 20) : untouched);
+    require_same("the caller's own field", info.own, 77);
 }
 
 void get_item_size(Peer &peer)
@@ -246,36 +234,24 @@ void get_item_size(Peer &peer)
     const Text name(text_of(peer.input, 40));
     const char *asked = peer.input.ConsumeBool() ? name.get() : nullptr;
     uint64_t size = untouched;
-    peer.begin(64);
-    const int result = qel_sysmsg_get_item_size(&peer.con, 1, asked, 2, &size);
-    Bytes answer;
-    const bool answered = peer.end(answer);
-    require_result(result, answered);
-    require_value("the size", size, answered ? long_word(answer, 56) : untouched);
+    const auto answer = peer.ask(64, [&] { return qel_sysmsg_get_item_size(&peer.con, 1, asked, 2, &size); });
+    require_same("the size", size, answer ? long_word(*answer, 56) : untouched);
 }
 
 void query_41(Peer &peer)
 {
     uint64_t first = untouched, second = untouched;
-    peer.begin(32);
-    const int result = qel_sysmsg_query_41(&peer.con, &first, &second);
-    Bytes answer;
-    const bool answered = peer.end(answer);
-    require_result(result, answered);
-    require_value("the first", first, answered ? long_word(answer, 16) : untouched);
-    require_value("the second", second, answered ? long_word(answer, 24) : untouched);
+    const auto answer = peer.ask(32, [&] { return qel_sysmsg_query_41(&peer.con, &first, &second); });
+    require_same("the first", first, answer ? long_word(*answer, 16) : untouched);
+    require_same("the second", second, answer ? long_word(*answer, 24) : untouched);
 }
 
 void get_plugin_size(Peer &peer)
 {
     uint64_t size = untouched;
     const uint32_t plugin = 1 + peer.input.ConsumeIntegral<uint8_t>();
-    peer.begin(24);
-    const int result = qel_sysmsg_get_plugin_size(&peer.con, plugin, &size);
-    Bytes answer;
-    const bool answered = peer.end(answer);
-    require_result(result, answered);
-    require_value("the size", size, answered ? long_word(answer, 16) : untouched);
+    const auto answer = peer.ask(24, [&] { return qel_sysmsg_get_plugin_size(&peer.con, plugin, &size); });
+    require_same("the size", size, answer ? long_word(*answer, 16) : untouched);
 }
 
 void get_text(Peer &peer)
@@ -286,11 +262,11 @@ void get_text(Peer &peer)
     const bool answered = peer.end(peer.text);
     const size_t length = word(peer.text, 12);
     const bool has_text = answered && length > 0 && length <= 513 && peer.text[15 + length] == 0;
-    require_result(text != nullptr, has_text);
+    require_same("the result", text != nullptr, has_text);
     if (!has_text)
         return;
     const std::string expected(reinterpret_cast<const char *>(&peer.text[16]));
-    require(text == expected, "the text", text, expected);
+    REQUIRE(text == expected, "the text", text, expected);
 }
 
 void decipher(Peer &peer)
@@ -298,7 +274,7 @@ void decipher(Peer &peer)
     const Bytes bytes = peer.input.ConsumeBytes<uint8_t>(peer.input.ConsumeIntegralInRange<size_t>(1, 300));
     if (bytes.empty())
         return;
-    const Exactly<uint8_t> cipher(bytes.data(), bytes.size());
+    const Exactly<uint8_t> cipher(bytes);
     const void *plain = cipher.get();
     uint32_t length = 1;
     peer.begin(16 + bytes.size());
@@ -306,14 +282,14 @@ void decipher(Peer &peer)
         qel_sysmsg_decipher(&peer.con, cipher.get(), static_cast<int>(bytes.size()), &plain, &length);
     const bool answered = peer.end(peer.plain);
     const bool has_plain = answered && word(peer.plain, 12) > 0;
-    require_result(result, has_plain);
-    require((plain != nullptr) == has_plain, "where the plain text is");
-    require_value("the length", length, has_plain ? word(peer.plain, 12) : 0);
+    require_same("the result", static_cast<uint64_t>(result), has_plain);
+    REQUIRE((plain != nullptr) == has_plain, "where the plain text is");
+    require_same("the length", length, has_plain ? word(peer.plain, 12) : 0);
     if (!has_plain)
         return;
     // The length is the peer's word; what can be read is as long as the question.
-    require(__asan_region_is_poisoned(const_cast<void *>(plain), bytes.size()) == nullptr, "the plain text");
-    require(memcmp(plain, &peer.plain[16], bytes.size()) == 0, "the plain text", hex_of(plain, bytes.size()),
+    REQUIRE(__asan_region_is_poisoned(const_cast<void *>(plain), bytes.size()) == nullptr, "the plain text");
+    REQUIRE(memcmp(plain, &peer.plain[16], bytes.size()) == 0, "the plain text", hex_of(plain, bytes.size()),
             hex_of(&peer.plain[16], bytes.size()));
 }
 
@@ -332,19 +308,17 @@ const struct {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+const int input_bytes_max = 1024; // an answer has 600 bytes at most
+
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
-    std::string expected_stop;
-    const RunEnd outcome = run([&] {
-        Peer peer(input, expected_stop);
+    expected_unit = "qel_tolbrin/qel_sysmsg";
+    run_to_end([&] {
+        Peer peer(input);
         while (input.remaining_bytes() > 0) {
             const auto &query = queries[input.ConsumeIntegralInRange<size_t>(0, std::size(queries) - 1)];
             peer.rules.wanted = query.answer;
             query.ask(peer);
         }
     });
-    require(outcome.text == expected_stop, "the stop", outcome.text, expected_stop);
-    require(!outcome.stopped || outcome.unit == unit, "its unit", outcome.unit);
-    return 0;
 }

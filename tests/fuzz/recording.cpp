@@ -49,7 +49,7 @@ struct Model {
     uint32_t number(size_t at, size_t bytes) const
     {
         uint32_t value = 0;
-        for (size_t i = 0; i < bytes; i++)
+        for (size_t i = 0; i < bytes; ++i)
             value = value << 8 | file.get()[at + bytes - 1 - i];
         return value;
     }
@@ -76,7 +76,7 @@ struct Model {
         case 1:
             return length >= 20 && read_interface(at, end);
         case 3:
-            foreign++;
+            ++foreign;
             return true;
         case 6:
             return length >= 32 && read_packet(at, end);
@@ -91,7 +91,7 @@ struct Model {
         const Option option = find_option(9, at + 16, end);
         const int digits = option.size > 0 ? file.get()[option.at] : 6;
         uint64_t ticks = 1;
-        for (int i = 0; i < std::min(digits, 9); i++)
+        for (int i = 0; i < std::min(digits, 9); ++i)
             ticks *= 10;
         interfaces.push_back({number(at + 8, 2), ticks});
         return digits <= 9;
@@ -122,7 +122,7 @@ struct Model {
         if (interface >= interfaces.size() || options > end)
             return false;
         if (interfaces[interface].link_type != 147) {
-            foreign++;
+            ++foreign;
             return true;
         }
         const Option flags = find_option(2, options, end);
@@ -135,29 +135,26 @@ struct Model {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+const int input_bytes_max = 2048; // some sixty blocks
+
+void work_on(FuzzedDataProvider &input)
 {
-    const Exactly<uint8_t> file(data, size);
+    const Exactly<uint8_t> file(input.ConsumeRemainingBytes<uint8_t>());
     const Model model(file);
-    const std::span<const uint8_t> bytes(file.get(), size);
-    const RunEnd outcome = run([&] {
+    const std::span<const uint8_t> bytes(file.get(), file.size());
+    run_to_end([&] {
         const RecordingContents contents = recording_read(bytes);
-        require(contents.problem.empty() == model.is_whole, "the verdict", contents.problem);
-        require(contents.foreign == model.foreign, "packets of other kinds", std::to_string(contents.foreign),
-                std::to_string(model.foreign));
-        require(contents.packets.size() == model.packets.size(), "packets");
-        for (size_t i = 0; i < model.packets.size(); i++) {
+        REQUIRE(contents.problem.empty() == model.is_whole, "the verdict", contents.problem);
+        require_same("packets of other kinds", contents.foreign, model.foreign);
+        require_same("packets", contents.packets.size(), model.packets.size());
+        for (size_t i = 0; i < model.packets.size(); ++i) {
             const std::span<const uint8_t> found = contents.packets[i].bytes;
-            require(found.data() == file.get() + model.packets[i].at, "where a packet is");
-            require(found.size() == model.packets[i].size, "its size", std::to_string(found.size()),
-                    std::to_string(model.packets[i].size));
+            REQUIRE(found.data() == file.get() + model.packets[i].at, "where a packet is");
+            require_same("its size", found.size(), model.packets[i].size);
             const Direction names[] = {Direction::unknown, Direction::inbound, Direction::outbound,
                                        Direction::unknown};
-            require(contents.packets[i].direction == names[model.packets[i].direction], "its direction");
-            require(contents.packets[i].time_us == model.packets[i].time_us, "its time",
-                    std::to_string(contents.packets[i].time_us), std::to_string(model.packets[i].time_us));
+            REQUIRE(contents.packets[i].direction == names[model.packets[i].direction], "its direction");
+            require_same("its time", contents.packets[i].time_us, model.packets[i].time_us);
         }
     });
-    require(!outcome.stopped, "a stop", outcome.text);
-    return 0;
 }

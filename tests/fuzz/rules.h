@@ -7,6 +7,7 @@
 
 #include <deque>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// May stand in a path; about slashes there are other rules.
@@ -14,26 +15,18 @@ inline bool is_allowed(char c)
 {
     const auto byte = static_cast<unsigned char>(c);
     return byte >= 128 ||
-           (byte >= ' ' && byte <= '~' && std::string("\\:*?\"<>|").find(c) == std::string::npos);
+           (byte >= ' ' && byte <= '~' && std::string_view("\\:*?\"<>|").find(c) == std::string_view::npos);
+}
+
+/// What the product has given out must be the next of what it has to give out.
+inline void take_expected(std::deque<Bytes> &expected, const Bytes &found, const char *what)
+{
+    REQUIRE(!expected.empty(), what, hex_of(found), "nothing");
+    REQUIRE(found == expected.front(), what, hex_of(found), hex_of(expected.front()));
+    expected.pop_front();
 }
 
 // ---- Packets ----
-
-/// The packets of a message, as they are sent.
-inline std::vector<Bytes> packets_of(const Bytes &message, size_t packet_size = 35)
-{
-    const unsigned crc = LinkReferee::crc16(message);
-    const auto size = static_cast<uint32_t>(message.size());
-    std::vector<Bytes> packets = {{static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
-                                   static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size),
-                                   static_cast<uint8_t>(crc >> 8), static_cast<uint8_t>(crc)}};
-    for (const uint8_t byte : message) {
-        if (packets.back().size() == packet_size)
-            packets.push_back({0x80});
-        packets.back().push_back(byte);
-    }
-    return packets;
-}
 
 /// Receiving packets.
 struct PacketRules {
@@ -67,8 +60,9 @@ struct PacketRules {
             if (!has_buffer)
                 return "buf";
         }
-        for (size_t at = header; at < packet_size && message.size() < length; at++)
-            message.push_back(packet[at]);
+        const size_t taken = std::min(packet_size - header, length - message.size());
+        const auto first = packet.begin() + static_cast<long>(header);
+        message.insert(message.end(), first, first + static_cast<long>(taken));
         if (length > 0 && message.size() == length) {
             if (LinkReferee::crc16(message) == crc)
                 delivered.push_back(message);
@@ -99,10 +93,10 @@ struct GuardedPacketRules {
         const size_t says =
             size_t{packet[0]} << 24 | size_t{packet[1]} << 16 | size_t{packet[2]} << 8 | packet[3];
         if (len == 0 || len > 35 || (is_first && (len < 7 || says == 0))) {
-            refused++;
+            ++refused;
             packets.length = is_first ? 0 : packets.length;
         } else if (!is_first && packets.length == 0) {
-            stray++;
+            ++stray;
         } else {
             packets.take(packet, len);
             count_whole();
@@ -115,11 +109,11 @@ struct GuardedPacketRules {
         if (packets.length > 0)
             return;
         if (packets.delivered.empty()) {
-            crc_wrong++;
+            ++crc_wrong;
             return;
         }
-        messages++;
-        message = packets.delivered.front();
+        ++messages;
+        message.swap(packets.delivered.front());
         packets.delivered.clear();
     }
 };
@@ -128,7 +122,7 @@ struct GuardedPacketRules {
 
 inline void put_word(Bytes &message, size_t offset, uint32_t value)
 {
-    for (size_t i = 0; i < 4 && offset + i < message.size(); i++)
+    for (size_t i = 0; i < 4 && offset + i < message.size(); ++i)
         message[offset + i] = static_cast<uint8_t>(value >> 8 * i);
 }
 

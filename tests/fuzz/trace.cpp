@@ -116,7 +116,7 @@ struct Trace {
         CLI::App app;
         add_trace(app, command);
         app.parse("trace /proc/self/fd/" + std::to_string(file));
-        require(dup2(printed, STDOUT_FILENO) == STDOUT_FILENO, "standard output");
+        REQUIRE(dup2(printed, STDOUT_FILENO) == STDOUT_FILENO, "standard output");
     }
 };
 
@@ -124,7 +124,7 @@ void put_file(int file, const Bytes &bytes)
 {
     const bool is_put = ftruncate(file, 0) == 0 &&
                         pwrite(file, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size());
-    require(is_put && lseek(file, 0, SEEK_SET) == 0, "a file in memory");
+    REQUIRE(is_put && lseek(file, 0, SEEK_SET) == 0, "a file in memory");
 }
 
 /// Returns what is printed.
@@ -134,16 +134,15 @@ std::string trace_of(const Bytes &file, bool as_json, const Json &result)
     put_file(trace.file, file);
     put_file(trace.printed, {});
     output.json = as_json;
-    const RunEnd end = run([&] {
+    run_to_end([&] {
         Session session;
         Outcome outcome;
         trace.command.check();
         trace.command.run(session, outcome);
-        require(outcome.result == result, "the result", outcome.result.dump(), result.dump());
+        REQUIRE(outcome.result == result, "the result", outcome.result.dump(), result.dump());
     });
-    require(!end.stopped, "a stop", end.text);
     std::string text(static_cast<size_t>(lseek(trace.printed, 0, SEEK_END)), ' ');
-    require(pread(trace.printed, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()), "text");
+    REQUIRE(pread(trace.printed, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()), "text");
     return text;
 }
 
@@ -154,17 +153,16 @@ unsigned lines_of(const std::string &text)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+const int input_bytes_max = 1280; // a message has 1200 bytes at most
+
+void work_on(FuzzedDataProvider &input)
 {
-    FuzzedDataProvider input(data, size);
     const std::vector<Recorded> packets = any_packets(input);
     const Expected expected = expected_of(packets);
-    const std::string traced = trace_of(file_of(packets), false, expected.result);
+    const Bytes file = file_of(packets);
+    const std::string traced = trace_of(file, false, expected.result);
     const size_t end = traced.rfind('\n', traced.size() - 2) + 1; // npos + 1 is 0
-    require(traced.substr(end) == expected.closing, "the closing line", traced.substr(end), expected.closing);
-    require(lines_of(traced) == expected.lines, "lines", std::to_string(lines_of(traced)),
-            std::to_string(expected.lines));
-    const unsigned events = lines_of(trace_of(file_of(packets), true, expected.result));
-    require(events == expected.result["messages"], "events", std::to_string(events));
-    return 0;
+    REQUIRE(traced.substr(end) == expected.closing, "the closing line", traced.substr(end), expected.closing);
+    require_same("lines", lines_of(traced), expected.lines);
+    require_same("events", lines_of(trace_of(file, true, expected.result)), expected.result["messages"]);
 }

@@ -20,22 +20,17 @@ namespace
 
 enum { link_file = 500, lcd_file = 501, updater_file = 502 };
 
-/// What the records that were read so far must lead to.
-struct Expected {
-    const char *unit = "";
-    std::string stop; ///< the check, or ""
-    Bytes updater;    ///< the message, or nothing
-};
-
 /// The board's devices, and a clock that goes on with each look for a stick.
 struct Board {
-    Board(FuzzedDataProvider &fuzz_input, Expected &to_expect) : input(fuzz_input), expected(to_expect)
+    Board(FuzzedDataProvider &fuzz_input, Bytes &expected_updater)
+        : input(fuzz_input), updater(expected_updater)
     {
+        kernel.keeps_books = false;
         kernel.set_time(1000);
         kernel.on_open = [](const char *path, int flags, mode_t mode) {
             const std::string name = path;
             const bool is_updater = name == "/tmp/updater";
-            require(!is_updater || (flags == (O_WRONLY | O_CREAT) && mode == 0755), "how it is opened");
+            REQUIRE(!is_updater || (flags == (O_WRONLY | O_CREAT) && mode == 0755), "how it is opened");
             return is_updater ? updater_file : name == "/dev/qellpc_lcd" ? lcd_file : link_file;
         };
         kernel.on_close = [](int) { return 0; };
@@ -45,14 +40,14 @@ struct Board {
             return take(file, static_cast<const uint8_t *>(bytes), size);
         };
         kernel.on_execve = [this](const char *path, auto...) -> int {
-            require(wrote_updater, "an updater that was not written");
-            require(path == std::string("/tmp/updater"), "what is executed", path);
+            REQUIRE(wrote_updater, "an updater that was not written");
+            REQUIRE(path == std::string("/tmp/updater"), "what is executed", path);
             throw LeftProduct();
         };
     }
 
     FuzzedDataProvider &input;
-    Expected &expected;
+    Bytes &updater; ///< the message that the records so far have led to, or nothing
     FakeKernel kernel;
     PacketRules packets{35};
     MessageRules messages;
@@ -63,7 +58,6 @@ struct Board {
 
     int look_for_stick()
     {
-        kernel.forget_calls();
         kernel.advance_usec(300000);
         if (input.remaining_bytes() == 0)
             return 0;
@@ -94,10 +88,10 @@ struct Board {
 
     ssize_t read_record(void *bytes, size_t size)
     {
-        require(size == 64, "room for a record", std::to_string(size));
-        require(expected.stop.empty(), "no stop", "", expected.stop);
-        require(expected.updater.empty(), "not tried", "", hex_of(expected.updater));
-        require(answers.empty(), "not answered", "", answers.empty() ? "" : hex_of(answers.front()));
+        REQUIRE(size == 64, "room for a record", std::to_string(size));
+        REQUIRE(expected_stop.empty(), "no stop", "", expected_stop);
+        REQUIRE(updater.empty(), "not tried", "", hex_of(updater));
+        REQUIRE(answers.empty(), "not answered", "", answers.empty() ? "" : hex_of(answers.front()));
         if (records.empty()) {
             buffer.assign(64, 0);
             errno = EAGAIN;
@@ -117,12 +111,12 @@ struct Board {
             return;
         }
         std::copy(record.begin(), record.end(), buffer.begin());
-        expected.unit = "qel_tolbrin/qel_comms";
-        expected.stop = packets.take(buffer, record.size());
+        expected_unit = "qel_tolbrin/qel_comms";
+        expected_stop = packets.take(buffer, record.size());
         if (packets.delivered.empty())
             return;
-        expected.unit = "qel_tolbrin/qel_sysmsg";
-        expected.stop = messages.receive(packets.delivered.front());
+        expected_unit = "qel_tolbrin/qel_sysmsg";
+        expected_stop = messages.receive(packets.delivered.front());
         packets.delivered.clear();
         answers.swap(messages.to_confirm);
         if (!messages.to_hand_on.empty())
@@ -135,7 +129,7 @@ struct Board {
     {
         const uint32_t type = word(message, 0);
         if (type == 10)
-            expected.updater = message;
+            updater = message;
         if (type != 5)
             return;
         answers.push_back({38, 0, 0, 0, 12, 0, 0, 0});
@@ -146,14 +140,14 @@ struct Board {
     /// What the loader sends fits one packet: its notices and its answers.
     void take_packet(const Bytes &packet)
     {
-        require(packet.size() > 6 && packet.size() <= 35, "the size of a packet", hex_of(packet));
+        REQUIRE(packet.size() > 6 && packet.size() <= 35, "the size of a packet", hex_of(packet));
         const Bytes message(packet.begin() + 6, packet.end());
-        require(packet == packets_of(message).front(), "a packet", hex_of(packet));
+        REQUIRE(packet == packets_of(message).front(), "a packet", hex_of(packet));
         if (message == Bytes({11, 0, 0, 0, 8, 0, 0, 0}))
             return;
-        require(!answers.empty(), "no answer", hex_of(message));
+        REQUIRE(!answers.empty(), "no answer", hex_of(message));
         const Bytes &answer = answers.front();
-        require(message.size() == 12 && std::equal(answer.begin(), answer.end(), message.begin()),
+        REQUIRE(message.size() == 12 && std::equal(answer.begin(), answer.end(), message.begin()),
                 "an answer", hex_of(message), hex_of(answer));
         answers.pop_front();
     }
@@ -162,14 +156,14 @@ struct Board {
     /// says what lies in memory.
     void take_updater(const uint8_t *bytes, size_t size)
     {
-        const Bytes &message = expected.updater;
-        require(!message.empty() && !wrote_updater, "an updater without a message", std::to_string(size));
+        const Bytes &message = updater;
+        REQUIRE(!message.empty() && !wrote_updater, "an updater without a message", std::to_string(size));
         wrote_updater = true;
         if (message.size() < 12)
             return;
-        require(size == word(message, 8), "its length", std::to_string(size), hex_of(message));
+        REQUIRE(size == word(message, 8), "its length", std::to_string(size), hex_of(message));
         const size_t count = std::min(size, message.size() - 12);
-        require(std::equal(bytes, bytes + count, message.begin() + 12), "its bytes", hex_of(bytes, count),
+        REQUIRE(std::equal(bytes, bytes + count, message.begin() + 12), "its bytes", hex_of(bytes, count),
                 hex_of(message));
     }
 
@@ -180,7 +174,7 @@ struct Board {
         if (file == link_file)
             take_packet(Bytes(bytes, bytes + size));
         if (file == lcd_file)
-            require(bytes[size - 1] == '\0' && bytes[0] >= '0' && bytes[0] <= '2', "a row of the display",
+            REQUIRE(bytes[size - 1] == '\0' && bytes[0] >= '0' && bytes[0] <= '2', "a row of the display",
                     hex_of(bytes, size));
         return static_cast<ssize_t>(size);
     }
@@ -188,22 +182,20 @@ struct Board {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+const int input_bytes_max = 512; // a message has 200 bytes at most
+
+void work_on(FuzzedDataProvider &input)
 {
     heap_block_bytes_min = 12; // the handler reads a message's value also where the message ends before it
-    FuzzedDataProvider input(data, size);
-    Expected expected;
+    Bytes updater;
     bool has_left = false;
-    const RunEnd outcome = run([&] {
-        Board board(input, expected);
+    run_to_end([&] {
+        Board board(input, updater);
         try {
             qel_run_update_mode();
         } catch (const LeftProduct &) {
             has_left = true; // the updater has taken over
         }
     });
-    require(outcome.text == expected.stop, "the stop", outcome.text, expected.stop);
-    require(!outcome.stopped || outcome.unit == expected.unit, "its unit", outcome.unit, expected.unit);
-    require(has_left == !expected.updater.empty(), "the updater's turn", "", hex_of(expected.updater));
-    return 0;
+    REQUIRE(has_left == !updater.empty(), "the updater's turn", "", hex_of(updater));
 }

@@ -267,13 +267,16 @@ static int gives_back(const std::string &name)
     return name == "close" || name == "fclose" || name == "closedir";
 }
 
+/// Text that is not wanted is not made.
+#define TURN(symbol, name, text) (active->keeps_books ? active->next(symbol, name, text) : FakeKernel::Turn())
+
 #define WRAPPER(result, failure, symbol, name, parameters, arguments, libc_arguments, text)                  \
     extern "C" result libc_##symbol parameters __asm__("__real_" #symbol);                                   \
     extern "C" result wrap_##symbol parameters __asm__("__wrap_" #symbol);                                   \
     result wrap_##symbol parameters                                                                          \
     {                                                                                                        \
         if (active) {                                                                                        \
-            const int error = active->next(#symbol, #name, spelled text).error;                              \
+            const int error = TURN(#symbol, #name, spelled text).error;                                      \
             if (error) {                                                                                     \
                 if (gives_back(#name))                                                                       \
                     active->on_##name ? active->on_##name arguments : libc_##symbol libc_arguments;          \
@@ -296,7 +299,7 @@ static int gives_back(const std::string &name)
     result wrap_##name parameters                                                                            \
     {                                                                                                        \
         if (active && is_recorded arguments) {                                                               \
-            const FakeKernel::Turn turn = active->next(#name, #name, spelled text);                          \
+            const FakeKernel::Turn turn = TURN(#name, #name, spelled text);                                  \
             if (turn.error) {                                                                                \
                 made<result>(#name, handle arguments, failure, turn.error);                                  \
                 errno = turn.error;                                                                          \
@@ -305,7 +308,8 @@ static int gives_back(const std::string &name)
             size_argument = std::min(size_argument, turn.size_max);                                          \
             const size_t record = active->calls().size() - 1;                                                \
             const result moved = active->on_##name ? active->on_##name arguments : real_##name arguments;    \
-            active->note_transfer(record, static_cast<long>(moved));                                         \
+            if (active->keeps_books)                                                                         \
+                active->note_transfer(record, static_cast<long>(moved));                                     \
             return made<result>(#name, handle arguments, moved);                                             \
         }                                                                                                    \
         return real_##name arguments;                                                                        \
@@ -328,7 +332,7 @@ extern "C" void wrap_sync() __asm__("__wrap_sync");
 void wrap_sync()
 {
     if (active) {
-        active->next("sync", "sync", "");
+        TURN("sync", "sync", "");
         if (active->on_sync)
             return active->on_sync();
     }
@@ -339,7 +343,7 @@ extern "C" void wrap__exit(int status) __asm__("__wrap__exit");
 void wrap__exit(int status)
 {
     if (active) {
-        active->next("_exit", "_exit", spelled(status));
+        TURN("_exit", "_exit", spelled(status));
         if (active->on_fork)
             throw ChildExit(status);
     }
@@ -361,7 +365,7 @@ static int is_refused(const char *name, size_t size)
 {
     if (!active || !active->watches_memory)
         return 0;
-    const int error = active->next(name, name, spelled(size)).error;
+    const int error = TURN(name, name, spelled(size)).error;
     if (error)
         errno = error;
     return error != 0;
@@ -419,7 +423,7 @@ unsigned wrap_sleep(unsigned seconds)
 {
     if (!active)
         return real_sleep(seconds);
-    if (const int error = active->next("sleep", "sleep", spelled(seconds)).error) {
+    if (const int error = TURN("sleep", "sleep", spelled(seconds)).error) {
         errno = error;
         return seconds;
     }
@@ -437,7 +441,7 @@ int wrap_usleep(useconds_t microseconds)
 {
     if (!active)
         return real_usleep(microseconds);
-    if (const int error = active->next("usleep", "usleep", spelled(microseconds)).error) {
+    if (const int error = TURN("usleep", "usleep", spelled(microseconds)).error) {
         errno = error;
         return -1;
     }
@@ -454,7 +458,7 @@ extern "C" time_t wrap_time(time_t *result) __asm__("__wrap_time");
 time_t wrap_time(time_t *result)
 {
     if (active)
-        active->next("time", "time", "");
+        TURN("time", "time", "");
     if (!active || !active->clock_is_virtual)
         return real_time(result);
     const time_t now = static_cast<time_t>(active->clock_usec / 1000000);
@@ -467,7 +471,7 @@ extern "C" int wrap_gettimeofday(struct timeval *now, void *zone) __asm__("__wra
 int wrap_gettimeofday(struct timeval *now, void *zone)
 {
     if (active)
-        active->next("gettimeofday", "gettimeofday", "");
+        TURN("gettimeofday", "gettimeofday", "");
     if (!active || !active->clock_is_virtual)
         return real_gettimeofday(now, zone);
     now->tv_sec = static_cast<time_t>(active->clock_usec / 1000000);

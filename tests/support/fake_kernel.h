@@ -93,6 +93,9 @@ class FakeKernel
         const auto found = transfers.find(record);
         return found == transfers.end() ? -1 : found->second;
     }
+    /// Cleared, calls are answered and no more: not recorded, not counted, not made to fail. For programs
+    /// that make very many.
+    bool keeps_books = true;
     /// Told of every call, once it is recorded and before it is made.
     std::function<void()> on_record;
     /// A call that has come to its end, for tapes; the last record is its own.

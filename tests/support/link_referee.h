@@ -133,3 +133,21 @@ class LinkReferee
     int active = 0, wanted_type = 0;
     uint8_t awaited = 0, last_number = 0;
 };
+
+/// The packets of a message, as they are sent.
+inline std::vector<Bytes> packets_of(const Bytes &message, size_t packet_size = 35)
+{
+    const unsigned crc = LinkReferee::crc16(message);
+    const auto size = static_cast<uint32_t>(message.size());
+    std::vector<Bytes> packets = {{static_cast<uint8_t>(size >> 24), static_cast<uint8_t>(size >> 16),
+                                   static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size),
+                                   static_cast<uint8_t>(crc >> 8), static_cast<uint8_t>(crc)}};
+    for (size_t at = 0; at < message.size();) {
+        if (at > 0)
+            packets.push_back({0x80});
+        const size_t end = std::min(message.size(), at + packet_size - packets.back().size());
+        packets.back().insert(packets.back().end(), &message[at], message.data() + end);
+        at = end;
+    }
+    return packets;
+}

@@ -34,21 +34,6 @@ Bytes message_of(uint32_t type, uint8_t number, size_t size)
     return message;
 }
 
-/// The packets of a message, with the CRC as the referee computes it.
-std::vector<Bytes> packets_of(const Bytes &message)
-{
-    const unsigned crc = LinkReferee::crc16(message);
-    std::vector<Bytes> packets = {{0, 0, static_cast<uint8_t>(message.size() >> 8),
-                                   static_cast<uint8_t>(message.size()), static_cast<uint8_t>(crc >> 8),
-                                   static_cast<uint8_t>(crc)}};
-    for (const uint8_t byte : message) {
-        if (packets.back().size() == 35)
-            packets.push_back({0x80});
-        packets.back().push_back(byte);
-    }
-    return packets;
-}
-
 const Bytes connect = bytes_of("05 00 00 00 0C 00 00 00 78 56 34 12");
 const std::string answer = hex("00 00 00 0C 0D B9 26 00 00 00 0C 00 00 00 78 56 34 12");
 
