@@ -1,5 +1,5 @@
-// The Debian programs that run inside a cabinet: this computer's own, or those of a 32-bit Debian unpacked beside
-// it. None of them is started here.
+// The Debian programs that run inside a cabinet: this computer's own, or those of a 32-bit Debian unpacked
+// beside it. None of them is started here.
 #pragma once
 
 #include "images/parts.h"
