@@ -14,6 +14,8 @@ import tempfile
 import time
 from pathlib import Path
 
+from contest import write_results
+
 PROJECT = Path(__file__).resolve().parent.parent
 LOADER = "QEL Loader..."
 
@@ -37,9 +39,12 @@ def parts_of_run(name, clone, environment):
 
 
 def main(words):
-    if len(words) > 1 or words[:1] == ["--help"]:
+    if words == ["--help"]:
         print(__doc__.strip())
-        return 0 if words == ["--help"] else 2
+        return 0
+    if len(words) > 1 or not all(Path(word).is_file() for word in words):
+        print("error: RESULTS must be one existing file of results; first_run.py --help shows how", file=sys.stderr)
+        return 2
     contests = []
     with tempfile.TemporaryDirectory() as folder:
         subprocess.run(["git", "clone", "-q", PROJECT, f"{folder}/clone"], check=True)
@@ -51,9 +56,7 @@ def main(words):
     if words:
         results = json.loads(Path(words[0]).read_text(encoding="utf-8"))
         kept = [contest for contest in results["contests"] if " ./run: " not in contest["name"]]
-        lines = ",\n".join(json.dumps(contest) for contest in kept + contests)
-        head = json.dumps({"machine": results["machine"], "rounds": results["rounds"]})[:-1]
-        Path(words[0]).write_text(f'{head}, "contests": [\n{lines}\n]}}\n', encoding="utf-8")
+        write_results(words[0], results["machine"], results["rounds"], kept + contests)
     return 0
 
 

@@ -3,7 +3,6 @@
 
 usage: report.py RESULTS                 print every figure as a Markdown table; exit code 1 when a goal is missed
        report.py RESULTS --into DOCUMENT replace the document's table by one line for each goal
-       report.py --machine               print what the results say about this computer, as JSON
 """
 import datetime
 import json
@@ -18,7 +17,7 @@ MARKS = ("<!-- results: made by benchmarks/report.py -->\n", "<!-- end of result
 
 
 def machine():
-    """Date, computer and load."""
+    """What the results say about this computer."""
     def first(path, pattern):
         return re.search(pattern, Path(path).read_text(encoding="utf-8"))[1]
     return {"date": datetime.date.today().isoformat(),
@@ -70,9 +69,6 @@ def table(results, goals_only):
 
 
 def main(words):
-    if words == ["--machine"]:
-        print(json.dumps(machine()))
-        return 0
     if len(words) not in (1, 3) or words[0].startswith("-") or words[1:2] not in ([], ["--into"]):
         print(__doc__.strip(), file=sys.stdout if words == ["--help"] else sys.stderr)
         return 0 if words == ["--help"] else 2

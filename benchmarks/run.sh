@@ -52,5 +52,5 @@ for preset in product product-i586 bench-subjects bench tools; do
         exit 1
     fi
 done
-build/bench/benchmarks/qel_bench --results "$results" --machine "$(benchmarks/report.py --machine)" "${words[@]}"
+benchmarks/bench.py --results "$results" "${words[@]}"
 [ $calls -eq 1 ] || exec benchmarks/report.py "$results"

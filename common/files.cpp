@@ -92,3 +92,8 @@ ScratchFolder::~ScratchFolder()
     std::error_code ignored;
     std::filesystem::remove_all(path, ignored);
 }
+
+std::string ScratchFolder::at(const std::string &name) const
+{
+    return path + "/" + name;
+}

@@ -11,7 +11,7 @@ struct Descriptor {
     ~Descriptor();
 };
 
-/// The name under which an open file can be opened once more.
+/// The name under which an open file can be opened again.
 std::string path_of(const Descriptor &descriptor);
 
 std::string read_file(const std::string &path);
@@ -37,4 +37,7 @@ struct ScratchFolder {
     ~ScratchFolder();
     ScratchFolder(const ScratchFolder &) = delete;
     ScratchFolder &operator=(const ScratchFolder &) = delete;
+
+    /// The path of `name` in it.
+    std::string at(const std::string &name) const;
 };

@@ -65,7 +65,7 @@ int connect_link(const std::string &path)
 int listen_link(const std::string &path)
 {
     sockaddr_un address = address_of(path);
-    // Two that find the same socket left behind must not each replace the other's.
+    // Two that find the same socket left behind must not replace each other's.
     std::string folder = std::filesystem::path(path).parent_path();
     const Descriptor lock = {open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
     if (lock.number < 0 || flock(lock.number, LOCK_EX) != 0)

@@ -78,7 +78,7 @@ std::string on_one_line(const Work &work, const std::runtime_error &error)
 
 // ---- Boot record and partition table ----
 
-/// False when there is no table to go on with.
+/// False when there is no table to read.
 bool check_boot_record(Work &work)
 {
     std::string record = read_bytes(work.disk, 0, sector_bytes);

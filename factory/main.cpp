@@ -133,7 +133,7 @@ int try_it(Options &options)
 
 void add_target(CLI::App &command, Options &options)
 {
-    command.add_option("--target", options.target, "the machine that the loader is built for")
+    command.add_option("--target", options.target, "the machine that this source tree's pieces are for")
         ->check(CLI::IsMember(targets))
         ->capture_default_str();
 }

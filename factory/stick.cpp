@@ -1,4 +1,4 @@
-// Factory sticks. A stick is one vfat partition behind a boot record, with syslinux on it, whose
+// Factory sticks. A stick is one vfat partition after a boot record, with syslinux on it, whose
 // configuration differs from the installed one by the word "qelinstall" only.
 
 #include "stick.h"

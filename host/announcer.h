@@ -1,5 +1,5 @@
-// Announcements of the host (type 5): every half second, each with a value of its own, so that an answer
-// shows which one it answers, and that it answers this process.
+// Announcements of the host (type 5): every half second, each with its own value, so that an answer shows
+// which one it answers, and that it answers this process.
 #pragma once
 
 #include "session.h"
@@ -14,7 +14,7 @@ struct Announcer {
     std::map<uint32_t, double> open = {}; ///< values without an answer yet, and when they were sent
 };
 
-/// Values start where no other process of today is likely to have been.
+/// Values start where no other process of today is likely to have started.
 Announcer announcer_start();
 
 /// Announces if it is time to.

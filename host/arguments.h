@@ -13,7 +13,8 @@
 /// A number, decimal or hexadecimal with 0x.
 uint64_t to_number(const std::string &word, uint64_t most);
 
-/// Pairs of hexadecimal digits, blanks and colons between them are welcome; or @FILE, the bytes of a file.
+/// Pairs of hexadecimal digits, with or without blanks and colons between them; or @FILE, the bytes of a
+/// file.
 std::string to_bytes(const std::string &word);
 
 /// A message of the catalogue by name or number; null for a number that it does not have. `type` is the
@@ -32,5 +33,5 @@ struct LocalFile {
 };
 LocalFile open_file(const std::string &path);
 
-/// Reads up to `count` bytes from byte `offset` on. What is missing, the file does not have.
+/// Reads up to `count` bytes from byte `offset` on; fewer at the end of the file.
 std::string read_piece(const LocalFile &file, uint64_t offset, size_t count);

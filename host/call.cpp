@@ -6,8 +6,11 @@
 #include "common/interrupt.h"
 #include "errors.h"
 
+#include <CLI/CLI.hpp>
+
 #include <math.h>
-#include <unistd.h>
+
+#include <algorithm>
 
 namespace
 {
@@ -21,29 +24,27 @@ void limit_time(Session &session, const Command &command)
         session.ends_at = seconds_now() + command.seconds;
 }
 
+/// The proof in the result of a command while nothing has shown that it is done; null for commands that show
+/// nothing.
+Json no_proof(const std::string &command)
+{
+    const char *const shown[] = {"connect", "update", "send-file", "query", "post", "test-pattern"};
+    return std::ranges::find(shown, command) == std::end(shown) ? Json() : Json("none");
+}
+
 /// Waits for one peer, then takes the socket away again.
 void wait_for_peer(Session &session, const std::string &path, double wait_s)
 {
     Transport &transport = session.link.transport;
     const double end = seconds_now() + wait_s;
-    int listener = transport_listen(path);
-    auto stop = [&] {
-        close(listener);
-        unlink(path.c_str());
-    };
+    const Listener listener(path);
     note("waiting for a peer at " + path);
-    try {
-        while (!transport_accept(transport, listener, end - seconds_now())) {
-            transport.may_go_on();
-            if (seconds_now() >= end)
-                throw Failure(fault::cannot_open,
-                              "socket " + path + ": nobody has come; start the other end, or --wait longer");
-        }
-    } catch (...) {
-        stop();
-        throw;
+    while (!transport_accept(transport, listener, end - seconds_now())) {
+        transport.may_go_on();
+        if (seconds_now() >= end)
+            throw Failure(fault::cannot_open,
+                          "socket " + path + ": nobody has come; start the other end, or --wait longer");
     }
-    stop();
 }
 
 } // namespace
@@ -83,7 +84,7 @@ void open_link(Session &session, const LinkOptions &options, const Command &comm
 Ended carry_out(const Command &command, Session &session, bool unverified_ok)
 {
     Ended ended = {.command = command.name, .link = session.name};
-    Outcome outcome = {.proof = command.shows_proof ? Json("none") : Json()};
+    Outcome outcome = {.proof = no_proof(command.name)};
     const double started_at = seconds_now();
     session.ends_in_order = command.watches;
     limit_time(session, command);
@@ -107,10 +108,19 @@ Ended carry_out(const Command &command, Session &session, bool unverified_ok)
     return ended;
 }
 
+std::string command_among(const CLI::App &app, const std::vector<std::string> &words)
+{
+    for (const std::string &word : words)
+        if (!app.get_subcommands([&](const CLI::App *sub) { return sub->get_name() == word; }).empty())
+            return word;
+    return "";
+}
+
 Ended failed(const std::string &command, const std::exception &reason)
 {
     const auto *failure = dynamic_cast<const Failure *>(&reason);
     return {.command = command,
+            .proof = no_proof(command),
             .fault = failure == nullptr ? fault::internal : failure->fault,
             .text = reason.what()};
 }

@@ -14,9 +14,9 @@ namespace CLI
 class App;
 }
 
-/// What a command has to say when it ends, in whichever way.
+/// What a command reports when it ends, in whichever way.
 struct Outcome {
-    Json proof = {};         ///< what has shown that it is done; null where nothing is to be shown
+    Json proof = {};         ///< what has shown that it is done; null for commands that show nothing
     Json result = {};        ///< null while nothing is known
     std::string answer = {}; ///< what a query prints
 };
@@ -27,13 +27,11 @@ struct Command {
     bool has_link = true;             ///< it talks to the other end
     bool takes_several = false;       ///< links at once
     bool takes_peers = false;         ///< with --listen it waits for them itself
-    bool shows_proof = false;         ///< its result says what has shown that it is done
     bool reads_input = false;         ///< standard input is its file
-    bool watches = false;             ///< it goes on for its seconds, or until it is interrupted
+    bool watches = false;             ///< it runs for its seconds, or until it is interrupted
     double seconds = 0;               ///< 0: until it is interrupted
     std::function<void()> check = {}; ///< throws Failure for what can be judged without the link
     std::function<void(Session &session, Outcome &outcome)> run = {};
-    std::function<std::string(const Json &result)> answer_of = {}; ///< what a query prints, from its result
 };
 
 /// A way to the other end: "device", "socket" or "listen", and the path.
@@ -53,6 +51,7 @@ struct Call {
     LinkOptions link;
     OutputSettings output;
     bool unverified_ok = false;
+    bool one_of_several = false; ///< it runs on one of several links
     Command command;
     std::vector<std::string> words = {}; ///< of the command line, without the program
     double started_at = 0;               ///< as by seconds_now
@@ -66,6 +65,9 @@ void open_link(Session &session, const LinkOptions &options, const Command &comm
 
 /// Runs a command on an open session; what ends it early is in the result.
 Ended carry_out(const Command &command, Session &session, bool unverified_ok);
+
+/// The first of the words that names a command of `app`, or "".
+std::string command_among(const CLI::App &app, const std::vector<std::string> &words);
 
 /// The result of what could not even begin.
 Ended failed(const std::string &command, const std::exception &reason);
@@ -83,9 +85,11 @@ void add_send_file(CLI::App &app, Command &command);
 void add_query(CLI::App &app, Command &command);
 void add_post(CLI::App &app, Command &command);
 void add_test_pattern(CLI::App &app, Command &command);
-void add_sleep(CLI::App &app, Command &command);
 void add_batch(CLI::App &app, Command &command, const Call &call);
 void add_serve(CLI::App &app, Command &command);
 void add_trace(CLI::App &app, Command &command);
 void add_catalogue(CLI::App &app, Command &command);
 void add_completion(CLI::App &app, Command &command);
+
+/// What can be asked for with query.
+std::vector<std::string> query_names();

@@ -201,15 +201,13 @@ std::string catalogue_as_lua()
 {
     std::string lua = "local catalogue = {\n";
     for (const CatalogueMessage &message : messages) {
-        lua += "    [" + number(message.type) + "] = { name = \"" + message.name +
-               "\", sequenced = " + (qel_sysmsg_has_sequence(message.type) ? "true" : "false") +
-               ", size = " + number(message.size) + ", size_max = " + number(message.size_max) +
-               ", fields = {";
+        lua += "    [" + number(message.type) + "] = \"" + message.name +
+               (qel_sysmsg_has_sequence(message.type) ? " sequenced " : " - ") + number(message.size) + " " +
+               number(message.size_max);
         for (const CatalogueField &field : message.fields)
-            lua += std::string("\n        { name = \"") + field.name +
-                   "\", offset = " + number(field.offset) + ", size = " + number(field.size) + ", kind = \"" +
-                   kind_name(field.kind) + "\" },";
-        lua += message.fields.empty() ? "} },\n" : "\n    } },\n";
+            lua += std::string(" ") + field.name + ":" + kind_name(field.kind) + ":" + number(field.offset) +
+                   ":" + number(field.size);
+        lua += "\",\n";
     }
     return lua + "}\n";
 }

@@ -67,19 +67,19 @@ Json message_json(ByteView message)
                 {"name", nullptr},
                 {"number", nullptr},
                 {"size", message.size()},
-                {"fields", {{"body", hex(body_of(message))}}}};
+                {"fields", {{"body", hex_digits(body_of(message))}}}};
     uint32_t type = type_of(message);
     const CatalogueMessage *known = catalogue_find(type), *fits = fitting(message);
     Json fields = Json::object();
     if (fits == nullptr)
-        fields["body"] = hex(body_of(message));
+        fields["body"] = hex_digits(body_of(message));
     else
         for (const CatalogueField &field : fits->fields) {
             FieldValue value = field_value(message, field);
             bool is_binary = field.kind == block || field.kind == record;
             std::visit([&](const auto &v) { fields[field.name] = v; }, value);
             if (is_binary)
-                fields[field.name] = hex(std::get<std::string>(value));
+                fields[field.name] = hex_digits(std::get<std::string>(value));
         }
     return {{"type", type},
             {"name", known != nullptr && is_assigned(*known) ? Json(known->name) : Json()},
@@ -128,7 +128,7 @@ std::string in_quotes(const std::string &characters)
     return result + "\"";
 }
 
-std::string hex(const std::string &bytes)
+std::string hex_digits(const std::string &bytes)
 {
     const char digits[] = "0123456789abcdef";
     std::string result;

@@ -91,7 +91,7 @@ void put_rest(Message &message, const CatalogueField &field, const std::string &
     put_bytes(message, size_t{field.offset} + field.size, bytes);
 }
 
-/// The texts counted by the field `count`, which stands behind them.
+/// The number for the field `count`, which follows the texts.
 uint64_t count_of(const FieldValues &values)
 {
     for (const auto &[name, value] : values)

@@ -34,7 +34,7 @@ FieldValue field_value(ByteView message, const CatalogueField &field);
 /// All fields of such a message. Empty when its type is unknown.
 FieldValues fields_of(ByteView message);
 
-/// How much a text of this field may have, in bytes.
+/// The longest text that fits this field, in bytes.
 uint32_t text_max(const CatalogueMessage &message, const CatalogueField &field);
 
 /// Builds a message: lengths and counts are computed, and what `values` lacks is zero. Texts must not be
@@ -56,7 +56,7 @@ std::string describe_message(ByteView message);
 std::string in_quotes(const std::string &characters);
 
 /// All bytes in hexadecimal: `00ff10`.
-std::string hex(const std::string &bytes);
+std::string hex_digits(const std::string &bytes);
 
 /// The first bytes, at most `shown`, in hexadecimal, and how many there are: `40 bytes 00 01 02 ...`.
 std::string hex_bytes(ByteView bytes, size_t shown = 16);

@@ -45,12 +45,13 @@ void add_options(CLI::App &app, Call &call)
 {
     app.set_version_flag("--version", std::string("qel-host ") + qel_version);
     app.add_flag("--json", call.output.json, "print JSON, an object for each line; the last is the result");
-    app.add_flag("--quiet", call.output.quiet, "print errors only, besides results");
+    app.add_flag("--quiet", call.output.quiet, "print only errors and results");
     app.add_flag("--verbose", call.output.verbose, "show every message, in and out");
     app.add_flag("--unverified-ok", call.unverified_ok, "exit code 0 instead of 6");
+    app.add_flag("--one-of-several", call.one_of_several)->group(""); // of run_on_several
     add_place(app, call.link, "device", "the board driver's node, as /dev/qellpc_host_comms");
     add_place(app, call.link, "socket", "a socket to connect to: the simulated cabinet, or a qel-host");
-    add_place(app, call.link, "listen", "a socket to make and wait at for a peer");
+    add_place(app, call.link, "listen", "a socket to make, to wait there for a peer");
     app.add_option("--wait", call.link.wait_s, "seconds to try while nobody is at the socket (5)")
         ->check(CLI::Range(0.0, 1e9))
         ->group(link_group);
@@ -119,7 +120,6 @@ Ended run_on_link(Call &call)
         ended = carry_out(call.command, session, call.unverified_ok);
     } catch (const std::exception &error) {
         ended = failed(call.command.name, error);
-        ended.proof = call.command.shows_proof ? Json("none") : Json();
     }
     ended.link = session.name;
     transport_read(session.link.transport); // so that the other end is not reset for what was not read
@@ -141,10 +141,7 @@ int show(const Ended &ended)
     if (ended.fault.exit != 0)
         print_error(ended.text);
     try {
-        if (output.json)
-            print_json(ended_json(ended));
-        else if (!ended.answer.empty())
-            print_line(ended.answer);
+        print_result(ended);
     } catch (const Failure &failure) {
         print_error(failure.what());
         return failure.fault.exit;
@@ -167,23 +164,17 @@ int run(Call &call)
         ended = call.command.has_link ? run_on_link(call) : run_without_link(call);
     } catch (const std::exception &error) {
         ended = failed(call.command.name, error);
-        ended.proof = call.command.shows_proof ? Json("none") : Json();
     }
     ended.seconds = round((seconds_now() - call.started_at) * 1000) / 1000;
     return show(ended);
 }
 
-/// What a call was meant to be that cannot be read: so that its error is of the right form and name.
+/// The result of a call that cannot be read, in the form and under the name that it was meant to have.
 Ended wrong_words(const CLI::App &app, const Call &call, const CLI::ParseError &error)
 {
-    Ended ended = failed("", Failure(fault::wrong_call, std::string(error.what()) + " (--help shows how)"));
-    for (const std::string &word : call.words) {
-        output.json |= word == "--json";
-        auto is_meant = [&](const CLI::App *sub) { return sub->get_name() == word; };
-        if (ended.command.empty() && !app.get_subcommands(is_meant).empty())
-            ended.command = word;
-    }
-    return ended;
+    output.json = std::ranges::find(call.words, "--json") != call.words.end();
+    return failed(command_among(app, call.words),
+                  Failure(fault::wrong_call, std::string(error.what()) + " (--help shows how)"));
 }
 
 int read_and_run(int argc, char **argv)
@@ -205,6 +196,8 @@ int read_and_run(int argc, char **argv)
         return show({.answer = text.substr(0, text.find_last_not_of('\n') + 1)});
     }
     output = call.output;
+    if (call.one_of_several)
+        output.link = name_of(call.link.places.at(0));
     return run(call);
 }
 

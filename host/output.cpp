@@ -43,6 +43,25 @@ int write_all(int file, const std::string &text)
     return 0;
 }
 
+std::string link_prefix()
+{
+    return output.link.empty() ? "" : output.link + ": ";
+}
+
+/// A row of several links.
+std::string row_of(const Ended &ended)
+{
+    std::string outcome = ended.proof.is_string() ? ended.proof.get<std::string>() : "-";
+    char seconds[30];
+    snprintf(seconds, sizeof seconds, "%.1f", ended.seconds);
+    std::string row = output.link + "\t" + std::to_string(ended.fault.exit) + "\t" +
+                      (ended.fault.exit == 0 ? outcome : ended.fault.name) + "\t" + seconds;
+    if (ended.command == "query" && ended.fault.exit == 0)
+        row += "\t" + ended.answer;
+    std::ranges::replace(row, '\n', ' ');
+    return row;
+}
+
 const char *name_of(Way way)
 {
     return way == Way::in ? "in" : way == Way::out ? "out" : "?";
@@ -87,13 +106,13 @@ void note(const std::string &line)
 
 void note_unended(const std::string &text)
 {
-    if (!output.quiet)
+    if (!output.quiet && output.link.empty())
         write_all(STDERR_FILENO, text);
 }
 
 void print_error(const std::string &text)
 {
-    write_all(STDERR_FILENO, "error: " + text + "\n");
+    write_all(STDERR_FILENO, "error: " + link_prefix() + text + "\n");
 }
 
 void show_message(Way way, ByteView message, double time)
@@ -107,11 +126,30 @@ void show_message(Way way, ByteView message, double time)
         print_line(describe_message(message));
 }
 
+void show_passing(Way way, ByteView message)
+{
+    if (output.verbose && output.json)
+        show_message(way, message, wall_clock());
+    else if (output.verbose && !output.quiet)
+        write_all(STDERR_FILENO,
+                  link_prefix() + (way == Way::in ? "in  " : "out ") + describe_message(message) + "\n");
+}
+
 double wall_clock()
 {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+void print_result(const Ended &ended)
+{
+    if (output.json)
+        print_json(ended_json(ended));
+    else if (!output.link.empty())
+        print_line(row_of(ended));
+    else if (!ended.answer.empty())
+        print_line(ended.answer);
 }
 
 Json ended_json(const Ended &ended)

@@ -11,6 +11,7 @@ struct OutputSettings {
     bool json = false;
     bool quiet = false;
     bool verbose = false;
+    std::string link = {}; ///< of several, the one this process runs on: errors and messages name it
 };
 
 /// The settings of this process.
@@ -25,7 +26,7 @@ void flush_output();
 /// The object as a line.
 void print_json(const Json &object);
 
-/// Prints to standard error, unless that is to be quiet.
+/// Prints to standard error; nothing with --quiet, or on one of several links.
 void note(const std::string &line);
 void note_unended(const std::string &text);
 
@@ -36,6 +37,9 @@ enum class Way { in, out, unknown };
 
 /// Prints a message that a command shows: its line, or its event. `time` counts seconds since 1970.
 void show_message(Way way, ByteView message, double time);
+
+/// The same of a message that passes, with --verbose.
+void show_passing(Way way, ByteView message);
 
 /// Seconds since 1970.
 double wall_clock();
@@ -49,6 +53,9 @@ struct Ended {
     double seconds = 0;
     std::string answer = {}; ///< what a query prints
 };
+
+/// Prints the result: as JSON, as a row when it is that of one of several links, else what a query prints.
+void print_result(const Ended &ended);
 
 /// The result as --json prints it.
 Json ended_json(const Ended &ended);

@@ -3,7 +3,7 @@
 // its time in microseconds and its direction; the link type is the first user-defined one.
 //
 // The directions are those of the end that records: outbound is what it sends. What records for a cabinet
-// stands at the host end too, so that outbound goes from the host to the cabinet.
+// is at the host's end as well: outbound goes from the host to the cabinet.
 #pragma once
 
 #include <stddef.h>

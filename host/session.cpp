@@ -1,6 +1,6 @@
-// What comes passes, in this order: the confirm that is awaited, which everything else waits for unseen and
-// unconfirmed, to be repeated by the other end; then the confirm that is owed; then the filter of
-// repetitions; then the answer that is awaited; then the command.
+// A message that comes takes these steps. While a confirm is awaited, only that is seen; the rest is dropped
+// unconfirmed, and the other end repeats it. Otherwise the message is confirmed, dropped if it is a
+// repetition, taken as the answer that is awaited, or handed to the command.
 
 #include "session.h"
 

@@ -2,9 +2,9 @@
 // wait. All commands share it.
 //
 // Sequenced messages are confirmed one at a time. Before the first, an opening is sent: a message of type 35,
-// which nobody acts upon. The other end remembers the number of the last message only and drops one that
-// bears the same; once the opening is confirmed, that number is the opening's, whatever an earlier process
-// has sent.
+// which nobody acts upon. The other end remembers only the last message's number and drops a message with the
+// same one. Once the opening is confirmed, that number is the opening's, whatever an earlier process has
+// sent.
 #pragma once
 
 #include "link/link.h"

@@ -1,7 +1,7 @@
-// One process of this program for each link, all together: what a process says as JSON becomes its line.
+// One process of this program for each link, all together. Each prints its own result; only whole lines of it
+// go on from here.
 
 #include "call.h"
-#include "commands/queries.h"
 #include "common/child.h"
 #include "common/files.h"
 #include "common/interrupt.h"
@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,11 +27,10 @@ struct Runner {
     pid_t process = 0;
     int output = -1;       ///< what it prints, or -1 when it has ended
     std::string text = {}; ///< of that, a line that has not ended
-    Json result = {};
     int exit = 0;
 };
 
-/// The words of the call without its links and without --json.
+/// The words of the call without its links.
 std::vector<std::string> common_words(const std::vector<std::string> &words)
 {
     std::vector<std::string> kept;
@@ -42,7 +42,7 @@ std::vector<std::string> common_words(const std::vector<std::string> &words)
         }
         if (word == "--device" || word == "--socket")
             ++i;
-        else if (!word.starts_with("--device=") && !word.starts_with("--socket=") && word != "--json")
+        else if (!word.starts_with("--device=") && !word.starts_with("--socket="))
             kept.push_back(word);
     }
     return kept;
@@ -74,7 +74,7 @@ void start(Runner &runner, const std::vector<std::string> &words, const std::str
         throw std::runtime_error("no pipe for a process; close some programs and try again");
     write_file(path_of(in), input);
     const Descriptor out = {ends[1]};
-    std::vector<std::string> all = {"/proc/self/exe", "--json", "--quiet", "--" + runner.place.kind,
+    std::vector<std::string> all = {"/proc/self/exe", "--one-of-several", "--" + runner.place.kind,
                                     runner.place.path};
     all.insert(all.end(), words.begin(), words.end());
     // A group of its own: what ends it comes from here alone.
@@ -87,77 +87,38 @@ void start(Runner &runner, const std::vector<std::string> &words, const std::str
     runner.output = ends[0];
 }
 
-/// A message that passes, with --verbose.
-void show_event(const Runner &runner, const Json &event)
+/// Prints what a process that was killed cannot.
+void print_lost(const Runner &runner, const std::string &command)
 {
-    if (output.json)
-        return print_json(event);
-    const Json &message = event["message"];
-    note(name_of(runner.place) + ": " + event["direction"].get<std::string>() + " " +
-         catalogue_name(message["type"].is_null() ? UINT32_MAX : message["type"].get<uint32_t>()) + ", " +
-         message["size"].dump() + " bytes: " + message["fields"].dump());
+    output.link = name_of(runner.place);
+    Ended ended = failed(command, std::runtime_error("a process of qel-host has ended without a result; "
+                                                     "report this as a fault of qel-host"));
+    ended.link = output.link;
+    print_error(ended.text);
+    print_result(ended);
+    output.link.clear();
 }
 
-/// Takes the lines that it has printed whole. The one that is not an event is the result.
-void take_lines(Runner &runner)
-{
-    for (size_t end; (end = runner.text.find('\n')) != std::string::npos; runner.text.erase(0, end + 1)) {
-        Json line = Json::parse(runner.text.substr(0, end), nullptr, false);
-        if (line.is_object() && line.contains("event"))
-            show_event(runner, line);
-        else if (line.is_object() && !line.contains("line"))
-            runner.result = line;
-    }
-}
-
-std::string line_of(const Json &result, const Command &command)
-{
-    std::string outcome = result["proof"].is_string() ? result["proof"].get<std::string>() : "-";
-    if (!result["error"].is_null())
-        outcome = result["error"]["code"];
-    char seconds[30];
-    snprintf(seconds, sizeof seconds, "%.1f",
-             result["seconds"].is_number() ? result["seconds"].get<double>() : 0);
-    std::string line =
-        result["link"].get<std::string>() + "\t" + result["exit"].dump() + "\t" + outcome + "\t" + seconds;
-    if (command.answer_of && result["exit"] == 0)
-        line += "\t" + command.answer_of(result["result"]);
-    std::ranges::replace(line, '\n', ' ');
-    return line;
-}
-
-void print_result(Runner &runner, const Command &command)
-{
-    Json &result = runner.result;
-    if (result.is_null()) {
-        result = ended_json(failed("", std::runtime_error("a process of qel-host has ended without a result; "
-                                                          "report this as a fault of qel-host")));
-        result["link"] = name_of(runner.place);
-    }
-    runner.exit = result["exit"];
-    if (output.json)
-        print_json(result);
-    else
-        print_line(line_of(result, command));
-    if (!result["error"].is_null())
-        print_error(result["link"].get<std::string>() + ": " + result["error"]["message"].get<std::string>());
-}
-
-/// Takes what a process prints, and prints its line when it has ended.
+/// Takes what a process prints, and prints its lines as they are whole.
 void take(Runner &runner, const Command &command)
 {
     char bytes[4096];
     ssize_t n = read(runner.output, bytes, sizeof bytes);
     if (n > 0) {
         runner.text.append(bytes, static_cast<size_t>(n));
-        take_lines(runner);
+        if (size_t end = runner.text.rfind('\n'); end != std::string::npos) {
+            print_line(runner.text.substr(0, end));
+            runner.text.erase(0, end + 1);
+        }
     }
     if (n > 0 || (n < 0 && errno == EINTR))
         return;
     close(runner.output);
     runner.output = -1;
-    wait_for_child(runner.process);
-    print_result(runner, command);
+    int status = wait_for_child(runner.process);
+    runner.exit = WIFEXITED(status) ? WEXITSTATUS(status) : fault::internal.exit;
+    if (!WIFEXITED(status))
+        print_lost(runner, command.name);
 }
 
 void take_all(std::vector<Runner> &runners, const Command &command)

@@ -17,8 +17,7 @@ void qel_assert_fail(const char *expression, const char *file, int line)
                        "if you can";
     print_error(text);
     try {
-        if (output.json)
-            print_json(ended_json({.fault = fault::internal, .text = text}));
+        print_result({.fault = fault::internal, .text = text});
     } catch (const Failure &) {
         // There is nobody left to say it to.
     }

@@ -32,7 +32,7 @@ template <typename Record> Record read_record(const LocalFile &file, uint64_t of
     return record;
 }
 
-/// A shared library is built like a PIE, but for this flag.
+/// A shared library is built like a PIE, except for this flag.
 template <typename Entry, typename Segment> void check_flags(const LocalFile &file, const Segment &dynamic)
 {
     for (uint64_t at = 0; at + sizeof(Entry) <= dynamic.p_filesz; at += sizeof(Entry)) {

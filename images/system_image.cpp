@@ -73,7 +73,7 @@ void pack_system_image(const std::string &image, const std::string &folder)
 std::string usual_system_image(const Parts &parts)
 {
     std::vector<FileAt> files = system_files(parts);
-    std::string image = parts.work_folder + "/qel_usr-" + parts.target.name + ".cramfs";
+    std::string image = parts.build_folder + "/machine/" + parts.target.name + "/qel_usr.cramfs";
     make_unless_same(image, key_of(files), [&] { make_system_image(image, files); });
     return image;
 }

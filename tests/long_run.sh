@@ -26,7 +26,7 @@ Options:
   --build DIR   where to build (build/test)
   --help        this text
 
-A cut takes about 10 seconds on an idle computer. Exit code: 0 when all was as it must be, 1 otherwise, 2 for a
+With QEL_TEST_TARGET=i586 in the environment, the cabinet is the 32-bit one. A cut takes about 10 seconds on an idle computer. Exit code: 0 when all was as it must be, 1 otherwise, 2 for a
 wrong call.
 END
 }
@@ -74,7 +74,7 @@ link)
 esac
 
 need_packages build tools gtest
-[ $program != machine/machine_tests ] || machine/set_up.sh
+[ $program != machine/machine_tests ] || machine/set_up.sh "${QEL_TEST_TARGET:-x86-64}"
 mkdir -p "$build"
 echo "building $program ..."
 if ! { cmake --preset test -B "$build" && cmake --build "$build" --target "${program#*/}"; } >"$build.log" 2>&1; then

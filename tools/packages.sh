@@ -28,13 +28,14 @@ i386_programs=(busybox-static xvfb x11-xkb-utils fdisk dosfstools extlinux miniz
     libx11-6 libxau6 libxcb1 libxdmcp6 libxfont2 libxkbfile1 libzstd1 zlib1g)
 
 need_packages() {
-    local missing=() name group names=()
+    local missing=() name group names=() installed
     for group in "$@"; do
         read -ra group -d '' <<<"${packages[$group]}" || true
         names+=("${group[@]}")
     done
+    installed=$(dpkg-query -W -f ' ${Package} ${db:Status-Status}\n' "${names[@]}" 2>/dev/null || true)$'\n'
     for name in "${names[@]}"; do
-        dpkg-query -W -f '${db:Status-Status}\n' "$name" 2>/dev/null | grep -qx installed || missing+=("$name")
+        [[ $installed == *" $name installed"$'\n'* ]] || missing+=("$name")
     done
     [ ${#missing[@]} -eq 0 ] && return 0
     # One at a time.

@@ -21,10 +21,10 @@ size_max=$((96 * 1024))
 fail() { echo "error: $*" >&2; exit 1; }
 
 # Puts the program's own instructions through an assembler that knows those of an i586 only. Where a jump goes
-# is no matter, and %eiz (no register) cannot be assembled.
+# does not matter, and %eiz (no register) cannot be assembled.
 require_i586_instructions() {
     local listing instructions
-    file -L "$1" | grep -q 'ELF 32-bit' || fail "$1 is no 32-bit program"
+    file -L "$1" | grep -q 'ELF 32-bit' || fail "$1 is not a 32-bit program"
     listing=$(objdump -d --no-show-raw-insn --no-addresses "$1") || fail "objdump cannot read $1"
     instructions=$(sed -nE 's/^\t//; T; s/<.*//; s/,%eiz,[1248]//; s/^(call|j[a-z]+) *$/\1 0/; p' <<<"$listing")
     [ -n "$instructions" ] || fail "$1 holds no instructions to look at"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the loader once more from a copy of the sources in another folder, and compares it with the one in
+# Builds the loader again from a copy of the sources in another folder, and compares it with the one in
 # build/, byte by byte, with its debugging information and without.
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -130,7 +130,7 @@ static void link_of_product(benchmark::State &state)
 }
 BENCHMARK(link_of_product)->Name("link/product");
 
-/// Puts the next bytes behind the header of a packet and takes them out at the other end.
+/// Puts the next bytes after the header of a packet and takes them out at the other end.
 static void move(uint8_t *packet, int header, const uint8_t *&from, uint8_t *&to, int &left)
 {
     const int count = std::min(packet_bytes - header, left);

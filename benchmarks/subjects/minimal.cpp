@@ -4,7 +4,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -99,16 +101,37 @@ static void _prepare(const char *program)
     }
 }
 
+// ---- Moving records of 35 bytes from process to process ----
+
+static int _records(long count)
+{
+    char record[35] = "";
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends))
+        return 0;
+    pid_t reader = fork();
+    for (long i = 0; i < count; i++) {
+        if ((reader ? write(ends[0], record, sizeof record) : read(ends[1], record, sizeof record)) !=
+            sizeof record)
+            return 0;
+    }
+    int status = 0;
+    return reader == 0 || (waitpid(reader, &status, 0) == reader && status == 0);
+}
+
 int main(int argc, char **argv)
 {
     if (argc == 4 && strcmp(argv[1], "copy") == 0)
         return !_copy(argv[2], argv[3]);
     if (argc == 3 && strcmp(argv[1], "remove") == 0)
         return !_remove(argv[2]);
+    if (argc == 3 && strcmp(argv[1], "records") == 0)
+        return !_records(atol(argv[2]));
     if (argc == 3 && strcmp(argv[1], "restart") == 0)
         _restart(argv[2], 0);
     if (argc == 3 && strcmp(argv[1], "restart-prepared") == 0)
         _restart(argv[2], 1);
-    fprintf(stderr, "usage: minimal copy FROM TO | remove TREE | restart[-prepared] PROGRAM\n");
+    fprintf(stderr,
+            "usage: minimal copy FROM TO | remove TREE | records COUNT | restart[-prepared] PROGRAM\n");
     return 2;
 }

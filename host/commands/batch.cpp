@@ -83,17 +83,44 @@ std::vector<std::string> words_of(std::string text)
 
 // ---- Lines ----
 
-Command command_of(std::vector<std::string> words)
+void add_sleep(CLI::App &app, Command &command)
 {
-    CLI::App app("", "");
-    Command command;
+    auto seconds = std::make_shared<double>(0);
+    CLI::App *sub = app.add_subcommand("sleep", "Wait; messages that come are confirmed");
+    sub->add_option("seconds", *seconds, "how many")->required()->check(CLI::Range(0.0, 1e9));
+    sub->callback([=, &command] {
+        command = {.name = "sleep"};
+        command.run = [=](Session &session, Outcome &) { session_wait(session, *seconds); };
+    });
+}
+
+void add_commands(CLI::App &app, Command &command)
+{
     app.set_help_flag();
-    app.require_subcommand(1);
     for (auto *add :
          {add_connect, add_update, add_send_file, add_query, add_post, add_test_pattern, add_sleep})
         add(app, command);
     for (CLI::App *sub : app.get_subcommands({}))
         sub->set_help_flag();
+}
+
+/// The command that a line names, which may be wrong otherwise; "" when it names none.
+std::string command_in(const std::string &text)
+{
+    CLI::App app("", "");
+    Command command;
+    add_commands(app, command);
+    std::string word;
+    std::istringstream(text) >> word;
+    return command_among(app, {word});
+}
+
+Command command_of(std::vector<std::string> words)
+{
+    CLI::App app("", "");
+    Command command;
+    app.require_subcommand(1);
+    add_commands(app, command);
     std::ranges::reverse(words);
     try {
         app.parse(words);
@@ -148,12 +175,14 @@ void count_failed(Batch &batch, const Failure &failure)
 
 void print_ended(size_t number, const Ended &ended)
 {
+    if (!output.link.empty())
+        return; // of several links, each has one result
     if (output.json) {
         Json result = ended_json(ended);
         result["line"] = number;
         print_json(result);
-    } else if (!ended.answer.empty()) {
-        print_line(ended.answer);
+    } else {
+        print_result(ended);
     }
 }
 
@@ -204,7 +233,7 @@ void run_input(Session &session, Batch &batch, const std::function<void()> &repo
         try {
             line = line_of(number, *text);
         } catch (const Failure &failure) {
-            Ended ended = failed("", failure);
+            Ended ended = failed(command_in(*text), failure);
             ended.link = session.name;
             ended.counts = counts_json(session.link);
             print_ended(number, ended);

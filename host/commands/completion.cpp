@@ -1,7 +1,6 @@
 // completion: prints the script that completes commands, options, queries and messages in a shell.
 
 #include "call.h"
-#include "commands/queries.h"
 
 #include <CLI/CLI.hpp>
 
@@ -11,7 +10,8 @@ namespace
 std::string options_of(const CLI::App &sub)
 {
     std::string words;
-    for (const CLI::Option *option : sub.get_options())
+    for (const CLI::Option *option :
+         sub.get_options([](const CLI::Option *one) { return !one->get_group().empty(); }))
         for (const std::string &name : option->get_lnames())
             words += "--" + name + " ";
     return words;
@@ -22,8 +22,8 @@ std::string words_of(const std::string &command)
 {
     std::string words;
     if (command == "query")
-        for (const Query &query : queries())
-            words += query.name + std::string(" ");
+        for (const std::string &name : query_names())
+            words += name + " ";
     if (command == "post")
         for (const CatalogueMessage &message : catalogue())
             if (is_assigned(message))
@@ -40,24 +40,23 @@ std::string bash_script(const CLI::App &app)
         cases += "        " + sub->get_name() + ") options=\"" + options_of(*sub) + "\" words=\"" +
                  words_of(sub->get_name()) + "\" ;;\n";
     }
-    return "_qel_host()\n{\n"
-           "    local word=\"${COMP_WORDS[COMP_CWORD]}\" command= i options words\n"
-           "    local commands=\"" +
-           commands +
-           "\"\n"
-           "    for ((i = 1; i < COMP_CWORD; ++i)); do\n"
-           "        [[ \" $commands \" == *\" ${COMP_WORDS[i]} \"* ]] && command=\"${COMP_WORDS[i]}\" && "
-           "break\n"
-           "    done\n"
-           "    case \"$command\" in\n" +
-           cases + "        *) options=\"" + options_of(app) +
-           "\" words=\"$commands\" ;;\n"
-           "    esac\n"
-           "    [[ \"$word\" == -* ]] && words=\"$options\"\n"
-           "    COMPREPLY=($(compgen -W \"$words\" -- \"$word\"))\n"
-           "    [[ -n \"$words\" ]] || COMPREPLY=($(compgen -f -- \"$word\"))\n"
-           "}\n"
-           "complete -o filenames -F _qel_host qel-host";
+    return R"(_qel_host()
+{
+    local word="${COMP_WORDS[COMP_CWORD]}" command= i options words
+    local commands=")" +
+           commands + R"("
+    for ((i = 1; i < COMP_CWORD; ++i)); do
+        [[ " $commands " == *" ${COMP_WORDS[i]} "* ]] && command="${COMP_WORDS[i]}" && break
+    done
+    case "$command" in
+)" + cases +
+           R"(        *) options=")" + options_of(app) + R"(" words="$commands" ;;
+    esac
+    [[ "$word" == -* ]] && words="$options"
+    COMPREPLY=($(compgen -W "$words" -- "$word"))
+    [[ -n "$words" ]] || COMPREPLY=($(compgen -f -- "$word"))
+}
+complete -o filenames -F _qel_host qel-host)";
 }
 
 } // namespace

@@ -10,33 +10,24 @@
 #include <math.h>
 
 #include <algorithm>
+#include <numeric>
 
 namespace
 {
-
-struct RoundTrips {
-    unsigned answered = 0;
-    double sum = 0, least = 1e9, most = 0;
-};
-
-void count_trip(RoundTrips &trips, double seconds)
-{
-    ++trips.answered;
-    trips.sum += seconds;
-    trips.least = std::min(trips.least, seconds);
-    trips.most = std::max(trips.most, seconds);
-}
 
 double in_ms(double seconds)
 {
     return round(seconds * 1e6) / 1000;
 }
 
-Json trips_json(const RoundTrips &trips)
+/// The least, the mean and the most of round trips in seconds.
+Json trips_json(const std::vector<double> &trips)
 {
-    if (trips.answered == 0)
+    if (trips.empty())
         return nullptr;
-    return {in_ms(trips.least), in_ms(trips.sum / trips.answered), in_ms(trips.most)};
+    const auto [least, most] = std::ranges::minmax(trips);
+    return {in_ms(least), in_ms(std::reduce(trips.begin(), trips.end()) / static_cast<double>(trips.size())),
+            in_ms(most)};
 }
 
 /// What --verbose shows as events anyway is not shown twice.
@@ -46,16 +37,15 @@ void show_coming(ByteView message)
         show_message(Way::in, message, wall_clock());
 }
 
-void announce_to_the_end(Session &session, Announcer &announcer, RoundTrips &trips, Outcome &outcome)
+void announce_to_the_end(Session &session, Announcer &announcer, std::vector<double> &trips, Outcome &outcome)
 {
     auto report = [&] {
-        outcome.result = {{"announced", announcer.sent},
-                          {"answered", trips.answered},
-                          {"round_trip_ms", trips_json(trips)}};
+        outcome.result = {
+            {"announced", announcer.sent}, {"answered", trips.size()}, {"round_trip_ms", trips_json(trips)}};
     };
     session.on_message = [&](ByteView message, double time) {
         if (auto seconds = answered(announcer, message, time))
-            count_trip(trips, *seconds);
+            trips.push_back(*seconds);
         report();
         show_coming(message);
     };
@@ -72,12 +62,12 @@ void announce_to_the_end(Session &session, Announcer &announcer, RoundTrips &tri
 void run_connect(Session &session, Outcome &outcome)
 {
     Announcer announcer = announcer_start();
-    RoundTrips trips;
+    std::vector<double> trips;
     announce_to_the_end(session, announcer, trips, outcome);
-    note("announced " + std::to_string(announcer.sent) + " times, answered " +
-         std::to_string(trips.answered) + " times" +
-         (trips.answered == 0 ? "" : ", round trip " + trips_json(trips).dump() + " ms (least, mean, most)"));
-    if (trips.answered == 0)
+    note("announced " + std::to_string(announcer.sent) + " times, answered " + std::to_string(trips.size()) +
+         " times" +
+         (trips.empty() ? "" : ", round trip " + trips_json(trips).dump() + " ms (least, mean, most)"));
+    if (trips.empty())
         throw Failure(fault::no_answer,
                       "the other end did not answer; see whether it is in update mode, or another "
                       "qel-host that serves");
@@ -104,10 +94,9 @@ void add(CLI::App &app, Command &command, const std::string &name, const std::st
 {
     auto seconds = std::make_shared<double>(0);
     CLI::App *sub = app.add_subcommand(name, what);
-    sub->add_option("--seconds", *seconds, "end after so many seconds (until Ctrl-C)")
-        ->check(CLI::Range(0.001, 1e9));
+    sub->add_option("--seconds", *seconds, "stop after N seconds (at Ctrl-C)")->check(CLI::Range(0.001, 1e9));
     sub->callback([=, &command] {
-        command = {.name = name, .shows_proof = name == "connect", .watches = true, .seconds = *seconds};
+        command = {.name = name, .watches = true, .seconds = *seconds};
         command.run = [=](Session &session, Outcome &outcome) { run(session, outcome); };
     });
 }

@@ -1,5 +1,4 @@
-// Walks paths part by part from the folder's descriptor, so that there is no moment in which a path could
-// lead elsewhere.
+// Walks paths part by part from the folder's descriptor, so that a path can never lead elsewhere.
 
 #include "commands/folder.h"
 
@@ -26,8 +25,8 @@ std::string error_text(int error)
     return strerror(error);
 }
 
-/// The parts of a path; empty ones and "." do not count. `problem` is set when a part is "..", or when there
-/// is no end to it.
+/// The parts of a path; empty ones and "." do not count. `problem` is set when a part is "..", or the path
+/// is too long.
 std::vector<std::string> parts_of(const std::string &path, std::string &problem)
 {
     std::vector<std::string> parts;

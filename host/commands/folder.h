@@ -1,7 +1,7 @@
 // A folder that is shown to the other end as its root: "/a/b" means FOLDER/a/b. No path leads out of it: ".."
 // is refused, and symbolic links are not followed, whatever is in the folder.
 //
-// Problems come back as text, "" when there is none.
+// Problems come back as text, "" without one.
 #pragma once
 
 #include <stdint.h>
@@ -14,7 +14,7 @@ struct Folder {
     int descriptor = -1;
 };
 
-/// A file that is being received. It stands beside its place as NAME.part until it is whole.
+/// A file that is being received. It is NAME.part, next to its place, until it is whole.
 struct IncomingFile {
     std::string path; ///< as the other end gave it; "" when no file is being received
     std::string name; ///< its last part
@@ -28,7 +28,7 @@ Folder folder_open(const std::string &path);
 
 bool folder_has(const Folder &folder, const std::string &path);
 
-/// The size of a regular file; 0 when it is none, or not there.
+/// The size of a regular file; 0 for anything else, or when it is not there.
 uint64_t folder_file_size(const Folder &folder, const std::string &path);
 
 /// The files in a folder whose names are decimal numbers from 1 on, in order.
@@ -36,14 +36,14 @@ std::vector<uint64_t> folder_numbers(const Folder &folder, const std::string &pa
 
 // ---- Receiving files ----
 
-/// Begins the file `path`, making the folders that lead to it. One that was not ended is thrown away.
+/// Begins the file `path`, making the folders that lead to it. One that was not ended is discarded.
 std::string incoming_begin(IncomingFile &incoming, const Folder &folder, const std::string &path);
 
-/// Adds to it. After a problem the file is thrown away.
+/// Adds to it. After a problem the file is discarded.
 std::string incoming_add(IncomingFile &incoming, const std::string &bytes);
 
 /// Puts it in its place, with this mode.
 std::string incoming_end(IncomingFile &incoming, unsigned mode);
 
-/// Throws away what has come of it.
+/// Discards what has come of it.
 void incoming_drop(IncomingFile &incoming);

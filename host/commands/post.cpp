@@ -158,7 +158,7 @@ void add_post(CLI::App &app, Command &command)
                   "wait for the answer that the catalogue has, or for --reply=MESSAGE");
     sub->footer(usage());
     sub->callback([=, &command] {
-        command = {.name = "post", .takes_several = true, .shows_proof = true};
+        command = {.name = "post", .takes_several = true};
         command.check = [=] { check_post(*options); };
         command.run = [=](Session &session, Outcome &outcome) { run_post(session, outcome, *options); };
     });

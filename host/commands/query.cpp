@@ -2,7 +2,6 @@
 
 #include "arguments.h"
 #include "call.h"
-#include "commands/queries.h"
 #include "errors.h"
 
 #include "qel_tolbrin/qel_sysmsg.h"
@@ -15,7 +14,17 @@
 namespace
 {
 
-const Query all_queries[] = {
+/// How a query is spelled, what it sends, and what of the answer is printed.
+struct Query {
+    const char *name;
+    uint32_t type;
+    const char *arguments;             ///< for the usage line
+    std::vector<const char *> fields;  ///< that the arguments go to, in order; a list takes the rest
+    size_t required;                   ///< number of arguments that must be there
+    std::vector<const char *> printed; ///< fields of the answer
+};
+
+const Query queries[] = {
     {"plugins", 13, "", {}, 0, {"plugins"}},
     {"path-exists", 28, "PATH", {"path"}, 1, {"exists"}},
     {"info", 36, "", {}, 0, {"a", "b", "c"}},
@@ -38,7 +47,7 @@ struct QueryOptions {
 std::string usage()
 {
     std::string lines = "Queries:\n";
-    for (const Query &query : all_queries)
+    for (const Query &query : queries)
         lines += std::string("  ") + query.name + " " + query.arguments + "\n";
     return lines;
 }
@@ -60,10 +69,11 @@ void check_values(const QueryOptions &options)
 
 void check_query(QueryOptions &options)
 {
-    options.query = find_query(options.what);
-    if (options.query == nullptr)
+    auto found = std::ranges::find(queries, options.what, &Query::name);
+    if (found == std::end(queries))
         wrong_call("there is no query \"" + options.what + "\"");
-    const Query &query = *options.query;
+    options.query = found;
+    const Query &query = *found;
     const CatalogueMessage &message = *catalogue_find(query.type);
     const std::vector<std::string> &words = options.arguments;
     size_t used = 0;
@@ -80,6 +90,28 @@ void check_query(QueryOptions &options)
     if (used < words.size() || words.size() < query.required)
         wrong_call(options.what + " takes " + (query.fields.empty() ? "no arguments" : query.arguments));
     check_values(options);
+}
+
+std::string bare(const Json &value)
+{
+    return value.is_string() ? in_quotes(value.get<std::string>()) : value.dump();
+}
+
+/// The fields of the answer, from its MESSAGE: a line, or one for each entry of a list.
+std::string bare_answer(const Query &query, const Json &answer)
+{
+    std::string text;
+    for (const char *name : query.printed) {
+        const Json &value = answer["fields"][name];
+        if (query.type == qel_sysmsg_type_decipher)
+            return value.get<std::string>();
+        if (value.is_array())
+            for (const Json &one : value)
+                text += (text.empty() ? "" : "\n") + bare(one);
+        else
+            text += (text.empty() ? "" : " ") + bare(value);
+    }
+    return text;
 }
 
 void ask(Session &session, Outcome &outcome, const QueryOptions &options)
@@ -110,38 +142,14 @@ void run_query(Session &session, Outcome &outcome, const QueryOptions &options)
     }
 }
 
-std::string bare(const Json &value)
-{
-    return value.is_string() ? in_quotes(value.get<std::string>()) : value.dump();
-}
-
 } // namespace
 
-std::span<const Query> queries()
+std::vector<std::string> query_names()
 {
-    return all_queries;
-}
-
-const Query *find_query(const std::string &name)
-{
-    auto found = std::ranges::find(all_queries, name, &Query::name);
-    return found == std::end(all_queries) ? nullptr : found;
-}
-
-std::string bare_answer(const Query &query, const Json &answer)
-{
-    std::string text;
-    for (const char *name : query.printed) {
-        const Json &value = answer["fields"][name];
-        if (query.type == qel_sysmsg_type_decipher)
-            return value.get<std::string>();
-        if (value.is_array())
-            for (const Json &one : value)
-                text += (text.empty() ? "" : "\n") + bare(one);
-        else
-            text += (text.empty() ? "" : " ") + bare(value);
-    }
-    return text;
+    std::vector<std::string> names;
+    for (const Query &query : queries)
+        names.emplace_back(query.name);
+    return names;
 }
 
 void add_query(CLI::App &app, Command &command)
@@ -150,13 +158,12 @@ void add_query(CLI::App &app, Command &command)
     CLI::App *sub = app.add_subcommand("query", "Ask the other end and print its answer");
     sub->add_option("what", options->what, "one of the queries below")->required();
     sub->add_option("arguments", options->arguments, "its arguments");
-    sub->add_option("--tries", options->tries, "ask so often, on a bad link (1)")
+    sub->add_option("--tries", options->tries, "ask up to N times, on a bad link (1)")
         ->check(CLI::Range(1, 1000000));
     sub->footer(usage());
     sub->callback([=, &command] {
-        command = {.name = "query", .takes_several = true, .shows_proof = true};
+        command = {.name = "query", .takes_several = true};
         command.check = [=] { check_query(*options); };
         command.run = [=](Session &session, Outcome &outcome) { run_query(session, outcome, *options); };
-        command.answer_of = [=](const Json &result) { return bare_answer(*options->query, result); };
     });
 }

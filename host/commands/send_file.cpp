@@ -1,5 +1,5 @@
-// send-file: sends a file in pieces, each of which must be confirmed. A confirm says only that the other end
-// has received the piece; whether a file has come to be is asked before and after.
+// send-file: sends a file in pieces, each of which must be confirmed. A confirm shows only that the other end
+// has received the piece; so whether the file exists is asked before and after.
 
 #include "arguments.h"
 #include "call.h"
@@ -155,12 +155,12 @@ void add_send_file(CLI::App &app, Command &command)
     CLI::App *sub = app.add_subcommand("send-file", "Send a file");
     sub->add_option("local", options->local, "the file here")->required();
     sub->add_option("remote", options->remote, "its path there")->required();
-    sub->add_option("--tries", options->tries, "send it again so often until it is there (1)")
+    sub->add_option("--tries", options->tries, "send it up to N times until it is there (1)")
         ->check(CLI::Range(1, 1000000));
     sub->add_option("--chunk", options->piece_bytes, "bytes in a message (22050)")
         ->check(CLI::Range(1, piece_bytes_max));
     sub->callback([=, &command] {
-        command = {.name = "send-file", .takes_several = true, .shows_proof = true};
+        command = {.name = "send-file", .takes_several = true};
         command.check = [=] { open_file(options->local); };
         command.run = [=](Session &session, Outcome &outcome) { run_send_file(session, outcome, *options); };
     });

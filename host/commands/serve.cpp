@@ -6,7 +6,7 @@
 
 #include "arguments.h"
 #include "call.h"
-#include "commands/answers.h"
+#include "commands/folder.h"
 #include "common/clock.h"
 #include "common/interrupt.h"
 #include "errors.h"
@@ -26,6 +26,15 @@ namespace
 const size_t requests_max = 64; // beyond, queries are dropped: a peer waits for the answer to each
 const double notice_every_s = 1;
 
+struct ServeOptions {
+    std::string folder;
+    bool once = false;  ///< end with the first peer
+    double seconds = 0; ///< 0: until interrupted
+    bool notices = false;
+    std::vector<std::string> info = {"0", "0", "0"}, values = {"0", "0"};
+    std::string answer, text;
+};
+
 struct Server {
     Session &session;
     const ServeOptions &options;
@@ -37,6 +46,11 @@ struct Server {
     bool has_updater = false;          ///< the peer has sent an updater, with which a loader would be gone
     uint64_t next_counter[2] = {};     ///< of the test patterns, unsequenced and sequenced; 0 at first
 };
+
+std::string text_of(const FieldValues &fields, const char *name)
+{
+    return std::get<std::string>(fields.at(name));
+}
 
 // ---- What comes without wanting an answer ----
 
@@ -85,13 +99,52 @@ void check_counters(Server &server, const FieldValues &fields, bool sequenced)
 {
     const auto &counters = std::get<std::vector<uint64_t>>(fields.at("counters"));
     uint64_t &next = server.next_counter[sequenced ? 1 : 0];
-    if (next != 0 && counters.front() != next && !output.json)
-        print_line("  the counters jump from " + std::to_string(next - 1) + " to " +
-                   std::to_string(counters.front()));
+    if (next != 0 && counters.front() != next)
+        note("the counters jump from " + std::to_string(next - 1) + " to " +
+             std::to_string(counters.front()));
     next = counters.front() + counters.size();
 }
 
 // ---- Answers ----
+
+bool is_query(uint32_t type)
+{
+    const CatalogueMessage *known = catalogue_find(type);
+    return known != nullptr && known->answer != 0 && qel_sysmsg_has_sequence(type) != 0;
+}
+
+/// The fields of the answer to a query of this type, which asks with the fields `asked`.
+FieldValues answer_to(const Server &server, uint32_t type, const FieldValues &asked)
+{
+    const ServeOptions &options = server.options;
+    const auto &info = options.info, &values = options.values;
+    FieldValues answer = asked;
+    switch (type) {
+    case qel_sysmsg_type_get_plugins:
+        return {{"plugins", folder_numbers(server.folder, "plugins")}};
+    case qel_sysmsg_type_query_23:
+        return {{"text", options.answer}};
+    case qel_sysmsg_type_path_exists:
+        return {{"exists", uint64_t{folder_has(server.folder, text_of(asked, "path"))}}};
+    case qel_sysmsg_type_get_info:
+        return {{"a", to_number(info[0], UINT32_MAX)},
+                {"b", to_number(info[1], UINT32_MAX)},
+                {"c", to_number(info[2], UINT32_MAX)}};
+    case qel_sysmsg_type_get_item_size:
+        answer["item_size"] = folder_file_size(server.folder, "items/" + text_of(asked, "name"));
+        return answer;
+    case qel_sysmsg_type_query_41:
+        return {{"first", to_number(values[0], UINT64_MAX)}, {"second", to_number(values[1], UINT64_MAX)}};
+    case qel_sysmsg_type_get_plugin_size:
+        answer["plugin_size"] = folder_file_size(
+            server.folder, "plugins/" + std::to_string(std::get<uint64_t>(asked.at("plugin_id"))));
+        return answer;
+    case qel_sysmsg_type_get_text: // without a text there are no bytes at all, not even a NUL
+        return options.text.empty() ? FieldValues{} : FieldValues{{"text", options.text}};
+    default: // to be deciphered
+        return answer;
+    }
+}
 
 void answer_requests(Server &server)
 {
@@ -99,8 +152,8 @@ void answer_requests(Server &server)
         Message request = std::move(server.requests.front());
         server.requests.pop_front();
         uint32_t type = type_of(request);
-        Message answer = build_message(catalogue_find(type)->answer,
-                                       answer_to(type, fields_of(request), server.options, server.folder));
+        Message answer =
+            build_message(catalogue_find(type)->answer, answer_to(server, type, fields_of(request)));
         try {
             session_require(server.session, answer, "the answer to " + describe_message(request));
         } catch (const Failure &failure) {
@@ -151,7 +204,7 @@ void take(Server &server, Outcome &outcome, ByteView message)
         show_message(Way::in, message, wall_clock());
     if (!misfit(message).empty())
         return;
-    if (has_answer(type_of(message)) && server.requests.size() < requests_max)
+    if (is_query(type_of(message)) && server.requests.size() < requests_max)
         server.requests.emplace_back(message.begin(), message.end());
     act(server, message);
 }
@@ -189,8 +242,10 @@ void serve_and_part(Server &server)
 }
 
 /// Serves one peer after another.
-void serve_peers(Server &server, int listener)
+void serve_peers(Server &server, const std::string &path)
 {
+    const Listener listener(path);
+    note("serving " + server.options.folder + " at " + path);
     Transport &transport = server.session.link.transport;
     do {
         while (!transport_accept(transport, listener, 1))
@@ -203,18 +258,6 @@ void serve_peers(Server &server, int listener)
     } while (!server.options.once);
 }
 
-void listen_and_serve(Server &server, const std::string &path)
-{
-    int listener = transport_listen(path);
-    note("serving " + server.options.folder + " at " + path);
-    try {
-        serve_peers(server, listener);
-    } catch (const TimeUp &) {
-    }
-    close(listener);
-    unlink(path.c_str());
-}
-
 void run_serve(Session &session, Outcome &outcome, const ServeOptions &options)
 {
     Server server = {session, options, folder_open(options.folder)};
@@ -223,7 +266,7 @@ void run_serve(Session &session, Outcome &outcome, const ServeOptions &options)
     const std::string listen = "listen:";
     try {
         if (session.name.starts_with(listen))
-            listen_and_serve(server, session.name.substr(listen.size()));
+            serve_peers(server, session.name.substr(listen.size()));
         else
             serve_and_part(server);
     } catch (const TimeUp &) {
@@ -255,7 +298,7 @@ void add_serve(CLI::App &app, Command &command)
     sub->add_option("folder", options->folder, "the other end's root: its files, plugins/ID, items/NAME")
         ->required();
     sub->add_flag("--once", options->once, "with --listen: end with the first peer");
-    sub->add_option("--seconds", options->seconds, "end after so many seconds (until Ctrl-C)")
+    sub->add_option("--seconds", options->seconds, "stop after N seconds (at Ctrl-C)")
         ->check(CLI::Range(0.001, 1e9));
     sub->add_flag("--notices", options->notices, "send a type-11 notice once a second, as the loader does");
     sub->add_option("--info", options->info, "the three values of get_info")->expected(3);

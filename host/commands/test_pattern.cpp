@@ -64,7 +64,7 @@ void add_test_pattern(CLI::App &app, Command &command)
     sub->add_flag("--sequenced", options->sequenced, "those that are confirmed");
     sub->add_option("--count", options->count, "how many (1)")->check(CLI::Range(1, 1000000000));
     sub->callback([=, &command] {
-        command = {.name = "test-pattern", .shows_proof = true};
+        command = {.name = "test-pattern"};
         command.run = [=](Session &session, Outcome &outcome) {
             run_test_pattern(session, outcome, *options);
         };

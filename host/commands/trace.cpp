@@ -9,8 +9,6 @@
 
 #include <CLI/CLI.hpp>
 
-#include <sys/mman.h>
-
 namespace
 {
 
@@ -106,42 +104,18 @@ void print_packets(const RecordingContents &contents, const TraceOptions &option
 
 std::string counts_line(const TraceCounts &counts)
 {
-    char line[200];
-    snprintf(
-        line, sizeof line,
-        "%llu packets, %llu messages; %llu dropped by CRC, %llu not complete, %llu packets without a "
-        "message, "
-        "%llu refused",
-        static_cast<unsigned long long>(counts.packets), static_cast<unsigned long long>(counts.messages),
-        static_cast<unsigned long long>(counts.crc_wrong), static_cast<unsigned long long>(counts.incomplete),
-        static_cast<unsigned long long>(counts.stray), static_cast<unsigned long long>(counts.refused));
-    return line;
+    auto number = [](uint64_t value) { return std::to_string(value); };
+    return number(counts.packets) + " packets, " + number(counts.messages) + " messages; " +
+           number(counts.crc_wrong) + " dropped by CRC, " + number(counts.incomplete) + " not complete, " +
+           number(counts.stray) + " packets without a message, " + number(counts.refused) + " refused";
 }
-
-/// The bytes of a file, without a copy.
-struct Mapping {
-    void *start;
-    size_t size;
-    explicit Mapping(const LocalFile &file)
-        : start(file.size == 0 ? MAP_FAILED
-                               : mmap(nullptr, file.size, PROT_READ, MAP_PRIVATE, file.descriptor.number, 0)),
-          size(start == MAP_FAILED ? 0 : file.size)
-    {
-    }
-    ~Mapping()
-    {
-        if (start != MAP_FAILED)
-            munmap(start, size);
-    }
-    Mapping(const Mapping &) = delete;
-    Mapping &operator=(const Mapping &) = delete;
-};
 
 void run_trace(Outcome &outcome, const TraceOptions &options)
 {
     LocalFile file = open_file(options.file);
-    Mapping mapping(file);
-    RecordingContents contents = recording_read({static_cast<const uint8_t *>(mapping.start), mapping.size});
+    const std::string bytes = read_piece(file, 0, file.size);
+    RecordingContents contents =
+        recording_read({reinterpret_cast<const uint8_t *>(bytes.data()), bytes.size()});
     TraceCounts counts;
     output_buffered(true);
     print_packets(contents, options, counts);

@@ -1,5 +1,5 @@
-// update: sends an updater, which takes the loader's place. Nothing confirms it, so that what shows it is
-// that the loader, which gave signs of life until then, does not answer any more.
+// update: sends an updater, which takes the loader's place. Nothing confirms it. It is shown by the loader,
+// which gave signs of life until then and does not answer any more.
 
 #include "announcer.h"
 #include "arguments.h"
@@ -248,7 +248,7 @@ void add_update(CLI::App &app, Command &command)
     CLI::App *sub = app.add_subcommand("update", "Send an updater, which takes the loader's place");
     sub->add_option("file", options->file, "the program: static ELF for i386 or x86-64, or a script")
         ->required();
-    sub->add_option("--tries", options->tries, "send it so often while the loader does not take it (3)")
+    sub->add_option("--tries", options->tries, "send it up to N times while the loader does not take it (3)")
         ->check(CLI::Range(1, 1000000));
     sub->add_option("--loader-wait", options->loader_wait_s,
                     "seconds to wait for the loader's first answer (60)")
@@ -259,7 +259,7 @@ void add_update(CLI::App &app, Command &command)
                     "a message by which the updater shows itself within the watch");
     sub->add_flag("--force", options->force, "send FILE whatever it looks like");
     sub->callback([=, &command] {
-        command = {.name = "update", .takes_several = true, .shows_proof = true};
+        command = {.name = "update", .takes_several = true};
         command.check = [=] { check_update(*options); };
         command.run = [=](Session &session, Outcome &outcome) { run_update(session, outcome, *options); };
     });

@@ -34,16 +34,6 @@ int end_packet(void *context, void *packet, int len, int)
     return len;
 }
 
-void show_passing(Way way, ByteView message)
-{
-    if (!output.verbose)
-        return;
-    if (output.json)
-        show_message(way, message, wall_clock());
-    else
-        note((way == Way::in ? "in  " : "out ") + describe_message(message));
-}
-
 void refuse(Link &link, const std::string &what)
 {
     ++link.counts.refused;

@@ -43,7 +43,7 @@ const char *reason_to_refuse(ByteView packet, const PacketReport &head)
     return nullptr;
 }
 
-/// Adds what the packet carries behind its header.
+/// Adds what the packet carries after its header.
 void store(Reassembly &reassembly, ByteView packet, size_t header_bytes)
 {
     size_t n = std::min(packet_bytes_max - header_bytes, reassembly.missing);

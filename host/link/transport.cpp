@@ -197,17 +197,27 @@ void transport_connect(Transport &transport, const std::string &path, double wai
     }
 }
 
-int transport_listen(const std::string &path)
+Listener::Listener(const std::string &at) : path(at)
 {
-    return listen_link(path);
+    try {
+        descriptor = listen_link(path);
+    } catch (const std::runtime_error &error) {
+        throw Failure(fault::cannot_open, error.what());
+    }
 }
 
-bool transport_accept(Transport &transport, int listener, double wait_s)
+Listener::~Listener()
 {
-    pollfd peer = {listener, POLLIN, 0};
+    close(descriptor);
+    unlink(path.c_str());
+}
+
+bool transport_accept(Transport &transport, const Listener &listener, double wait_s)
+{
+    pollfd peer = {listener.descriptor, POLLIN, 0};
     if (poll(&peer, 1, milliseconds(wait_s)) != 1)
         return false;
-    int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    int connection = accept4(listener.descriptor, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (connection < 0)
         return false;
     start_with_peer(transport, connection);

@@ -46,11 +46,19 @@ void transport_open_device(Transport &transport, const std::string &path);
 /// Connects to the socket `path`; tries for `wait_s` seconds while nobody listens there.
 void transport_connect(Transport &transport, const std::string &path, double wait_s);
 
-/// Makes the socket `path` to listen on. Returns its descriptor.
-int transport_listen(const std::string &path);
+/// The socket `path`, to listen on; taken away at the end.
+struct Listener {
+    explicit Listener(const std::string &path);
+    ~Listener();
+    Listener(const Listener &) = delete;
+    Listener &operator=(const Listener &) = delete;
+
+    const std::string path;
+    int descriptor;
+};
 
 /// Waits up to `wait_s`, at most a twentieth of a second, for a peer. Returns false when none came.
-bool transport_accept(Transport &transport, int listener, double wait_s);
+bool transport_accept(Transport &transport, const Listener &listener, double wait_s);
 
 /// Hangs up on the peer, if there is one.
 void transport_hang_up(Transport &transport, const std::string &reason);
@@ -69,7 +77,7 @@ void transport_read(Transport &transport);
 /// The same, after waiting up to `wait_s`, at most a twentieth of a second, while nothing has come.
 void transport_poll(Transport &transport, double wait_s);
 
-/// ByteView that the peer has not read yet; always 0 on a device.
+/// Bytes that the peer has not read yet; always 0 on a device.
 int transport_unread(const Transport &transport);
 
 /// Sleeps, at most a twentieth of a second.

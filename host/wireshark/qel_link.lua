@@ -10,139 +10,60 @@
 local qel = Proto("qel", "Host link")
 qel.prefs.packet_size = Pref.uint("Largest packet", 35, "Bytes of a full packet, header included")
 
--- What messages look like: made by "qel-host catalogue --lua", do not edit.
+-- What messages look like: name, "sequenced" or "-", size, largest size, and fields as NAME:KIND:OFFSET:SIZE; a size of
+-- 0 varies, or has no limit. Made by "qel-host catalogue --lua", do not edit.
 -- catalogue begin
 local catalogue = {
-    [0] = { name = "unassigned_0", sequenced = false, size = 0, size_max = 0, fields = {} },
-    [1] = { name = "transfer_begin", sequenced = true, size = 16, size_max = 0, fields = {
-        { name = "value", offset = 12, size = 4, kind = "value32" },
-    } },
-    [2] = { name = "transfer_data", sequenced = true, size = 0, size_max = 0, fields = {
-        { name = "block", offset = 12, size = 4, kind = "block" },
-    } },
-    [3] = { name = "transfer_end", sequenced = true, size = 12, size_max = 0, fields = {} },
-    [4] = { name = "unassigned_4", sequenced = true, size = 0, size_max = 0, fields = {} },
-    [5] = { name = "connect", sequenced = false, size = 12, size_max = 0, fields = {
-        { name = "value", offset = 8, size = 4, kind = "value32" },
-    } },
-    [6] = { name = "unassigned_6", sequenced = false, size = 0, size_max = 0, fields = {} },
-    [7] = { name = "file_begin", sequenced = true, size = 0, size_max = 0, fields = {
-        { name = "path", offset = 12, size = 4, kind = "text_block" },
-    } },
-    [8] = { name = "file_data", sequenced = true, size = 0, size_max = 22066, fields = {
-        { name = "block", offset = 12, size = 4, kind = "block" },
-    } },
-    [9] = { name = "file_end", sequenced = true, size = 12, size_max = 0, fields = {} },
-    [10] = { name = "updater", sequenced = false, size = 0, size_max = 0, fields = {
-        { name = "block", offset = 8, size = 4, kind = "block" },
-    } },
-    [11] = { name = "notify_11", sequenced = false, size = 8, size_max = 0, fields = {} },
-    [12] = { name = "notify_12", sequenced = false, size = 8, size_max = 0, fields = {} },
-    [13] = { name = "get_plugins", sequenced = true, size = 12, size_max = 0, fields = {} },
-    [14] = { name = "plugins", sequenced = true, size = 0, size_max = 0, fields = {
-        { name = "plugins", offset = 12, size = 4, kind = "ids" },
-    } },
-    [15] = { name = "confirmed", sequenced = false, size = 12, size_max = 0, fields = {
-        { name = "sequence", offset = 8, size = 1, kind = "value8" },
-    } },
-    [16] = { name = "test_pattern", sequenced = false, size = 3120, size_max = 0, fields = {
-        { name = "counters", offset = 8, size = 4, kind = "counters" },
-    } },
-    [17] = { name = "test_pattern_sequenced", sequenced = true, size = 3124, size_max = 0, fields = {
-        { name = "counters", offset = 12, size = 4, kind = "counters" },
-    } },
-    [18] = { name = "post_18", sequenced = true, size = 136, size_max = 0, fields = {
-        { name = "name", offset = 9, size = 100, kind = "text" },
-    } },
-    [19] = { name = "post_19", sequenced = true, size = 136, size_max = 0, fields = {
-        { name = "name", offset = 9, size = 100, kind = "text" },
-        { name = "value", offset = 112, size = 4, kind = "value32" },
-        { name = "record", offset = 116, size = 20, kind = "record" },
-    } },
-    [20] = { name = "post_20", sequenced = true, size = 136, size_max = 0, fields = {
-        { name = "name", offset = 9, size = 100, kind = "text" },
-    } },
-    [21] = { name = "post_21", sequenced = true, size = 16, size_max = 0, fields = {
-        { name = "value", offset = 12, size = 4, kind = "value32" },
-    } },
-    [22] = { name = "post_22", sequenced = true, size = 12, size_max = 0, fields = {} },
-    [23] = { name = "query_23", sequenced = true, size = 1116, size_max = 0, fields = {
-        { name = "name", offset = 9, size = 100, kind = "text" },
-        { name = "items", offset = 109, size = 1000, kind = "texts" },
-        { name = "count", offset = 1112, size = 4, kind = "count" },
-    } },
-    [24] = { name = "reply_24", sequenced = true, size = 112, size_max = 0, fields = {
-        { name = "text", offset = 9, size = 100, kind = "characters" },
-    } },
-    [25] = { name = "unassigned_25", sequenced = false, size = 0, size_max = 0, fields = {} },
-    [26] = { name = "notify_26", sequenced = false, size = 32, size_max = 0, fields = {} },
-    [27] = { name = "notify_27", sequenced = false, size = 32, size_max = 0, fields = {
-        { name = "record", offset = 9, size = 20, kind = "record" },
-    } },
-    [28] = { name = "path_exists", sequenced = true, size = 112, size_max = 0, fields = {
-        { name = "path", offset = 9, size = 100, kind = "text" },
-    } },
-    [29] = { name = "reply_path_exists", sequenced = true, size = 16, size_max = 0, fields = {
-        { name = "exists", offset = 12, size = 4, kind = "value32" },
-    } },
-    [30] = { name = "notify_30", sequenced = false, size = 12, size_max = 0, fields = {
-        { name = "value", offset = 8, size = 4, kind = "value32" },
-    } },
-    [31] = { name = "notify_31", sequenced = false, size = 8, size_max = 0, fields = {} },
-    [32] = { name = "post_32", sequenced = true, size = 44, size_max = 0, fields = {
-        { name = "name", offset = 9, size = 31, kind = "text" },
-        { name = "value", offset = 40, size = 4, kind = "value32" },
-    } },
-    [33] = { name = "post_33", sequenced = true, size = 40, size_max = 0, fields = {
-        { name = "name", offset = 9, size = 31, kind = "text" },
-    } },
-    [34] = { name = "post_34", sequenced = true, size = 12, size_max = 0, fields = {} },
-    [35] = { name = "unassigned_35", sequenced = true, size = 0, size_max = 0, fields = {} },
-    [36] = { name = "get_info", sequenced = true, size = 12, size_max = 0, fields = {} },
-    [37] = { name = "info", sequenced = true, size = 24, size_max = 0, fields = {
-        { name = "a", offset = 12, size = 4, kind = "value32" },
-        { name = "b", offset = 16, size = 4, kind = "value32" },
-        { name = "c", offset = 20, size = 4, kind = "value32" },
-    } },
-    [38] = { name = "connect_answer", sequenced = false, size = 12, size_max = 0, fields = {
-        { name = "value", offset = 8, size = 4, kind = "value32" },
-    } },
-    [39] = { name = "get_item_size", sequenced = true, size = 64, size_max = 0, fields = {
-        { name = "value", offset = 12, size = 4, kind = "value32" },
-        { name = "name", offset = 16, size = 31, kind = "text" },
-        { name = "value2", offset = 48, size = 4, kind = "value32" },
-    } },
-    [40] = { name = "item_size", sequenced = true, size = 64, size_max = 0, fields = {
-        { name = "value", offset = 12, size = 4, kind = "value32" },
-        { name = "name", offset = 16, size = 31, kind = "text" },
-        { name = "value2", offset = 48, size = 4, kind = "value32" },
-        { name = "item_size", offset = 56, size = 8, kind = "value64" },
-    } },
-    [41] = { name = "query_41", sequenced = true, size = 12, size_max = 0, fields = {} },
-    [42] = { name = "reply_42", sequenced = true, size = 32, size_max = 0, fields = {
-        { name = "first", offset = 16, size = 8, kind = "value64" },
-        { name = "second", offset = 24, size = 8, kind = "value64" },
-    } },
-    [43] = { name = "get_plugin_size", sequenced = true, size = 24, size_max = 0, fields = {
-        { name = "plugin_id", offset = 12, size = 4, kind = "value32" },
-    } },
-    [44] = { name = "plugin_size", sequenced = true, size = 24, size_max = 0, fields = {
-        { name = "plugin_id", offset = 12, size = 4, kind = "value32" },
-        { name = "plugin_size", offset = 16, size = 8, kind = "value64" },
-    } },
-    [45] = { name = "post_45", sequenced = true, size = 24, size_max = 0, fields = {
-        { name = "value", offset = 12, size = 4, kind = "value32" },
-    } },
-    [46] = { name = "get_text", sequenced = true, size = 12, size_max = 0, fields = {} },
-    [47] = { name = "text", sequenced = true, size = 0, size_max = 528, fields = {
-        { name = "text", offset = 12, size = 4, kind = "text_block" },
-    } },
-    [48] = { name = "decipher", sequenced = true, size = 0, size_max = 0, fields = {
-        { name = "block", offset = 12, size = 4, kind = "block" },
-    } },
-    [49] = { name = "plain", sequenced = true, size = 0, size_max = 0, fields = {
-        { name = "block", offset = 12, size = 4, kind = "block" },
-    } },
+    [0] = "unassigned_0 - 0 0",
+    [1] = "transfer_begin sequenced 16 0 value:value32:12:4",
+    [2] = "transfer_data sequenced 0 0 block:block:12:4",
+    [3] = "transfer_end sequenced 12 0",
+    [4] = "unassigned_4 sequenced 0 0",
+    [5] = "connect - 12 0 value:value32:8:4",
+    [6] = "unassigned_6 - 0 0",
+    [7] = "file_begin sequenced 0 0 path:text_block:12:4",
+    [8] = "file_data sequenced 0 22066 block:block:12:4",
+    [9] = "file_end sequenced 12 0",
+    [10] = "updater - 0 0 block:block:8:4",
+    [11] = "notify_11 - 8 0",
+    [12] = "notify_12 - 8 0",
+    [13] = "get_plugins sequenced 12 0",
+    [14] = "plugins sequenced 0 0 plugins:ids:12:4",
+    [15] = "confirmed - 12 0 sequence:value8:8:1",
+    [16] = "test_pattern - 3120 0 counters:counters:8:4",
+    [17] = "test_pattern_sequenced sequenced 3124 0 counters:counters:12:4",
+    [18] = "post_18 sequenced 136 0 name:text:9:100",
+    [19] = "post_19 sequenced 136 0 name:text:9:100 value:value32:112:4 record:record:116:20",
+    [20] = "post_20 sequenced 136 0 name:text:9:100",
+    [21] = "post_21 sequenced 16 0 value:value32:12:4",
+    [22] = "post_22 sequenced 12 0",
+    [23] = "query_23 sequenced 1116 0 name:text:9:100 items:texts:109:1000 count:count:1112:4",
+    [24] = "reply_24 sequenced 112 0 text:characters:9:100",
+    [25] = "unassigned_25 - 0 0",
+    [26] = "notify_26 - 32 0",
+    [27] = "notify_27 - 32 0 record:record:9:20",
+    [28] = "path_exists sequenced 112 0 path:text:9:100",
+    [29] = "reply_path_exists sequenced 16 0 exists:value32:12:4",
+    [30] = "notify_30 - 12 0 value:value32:8:4",
+    [31] = "notify_31 - 8 0",
+    [32] = "post_32 sequenced 44 0 name:text:9:31 value:value32:40:4",
+    [33] = "post_33 sequenced 40 0 name:text:9:31",
+    [34] = "post_34 sequenced 12 0",
+    [35] = "unassigned_35 sequenced 0 0",
+    [36] = "get_info sequenced 12 0",
+    [37] = "info sequenced 24 0 a:value32:12:4 b:value32:16:4 c:value32:20:4",
+    [38] = "connect_answer - 12 0 value:value32:8:4",
+    [39] = "get_item_size sequenced 64 0 value:value32:12:4 name:text:16:31 value2:value32:48:4",
+    [40] = "item_size sequenced 64 0 value:value32:12:4 name:text:16:31 value2:value32:48:4 item_size:value64:56:8",
+    [41] = "query_41 sequenced 12 0",
+    [42] = "reply_42 sequenced 32 0 first:value64:16:8 second:value64:24:8",
+    [43] = "get_plugin_size sequenced 24 0 plugin_id:value32:12:4",
+    [44] = "plugin_size sequenced 24 0 plugin_id:value32:12:4 plugin_size:value64:16:8",
+    [45] = "post_45 sequenced 24 0 value:value32:12:4",
+    [46] = "get_text sequenced 12 0",
+    [47] = "text sequenced 0 528 text:text_block:12:4",
+    [48] = "decipher sequenced 0 0 block:block:12:4",
+    [49] = "plain sequenced 0 0 block:block:12:4",
 }
 -- catalogue end
 
@@ -182,46 +103,51 @@ local field_makers = {
     ids = ProtoField.uint32,
 }
 
--- Kinds that make up the rest of a message, behind a 32-bit number; the value says how much one of it is.
+-- Kinds that make up the rest of a message, after a 32-bit number; the value is the size of what it counts.
 local rest_kinds = { block = 1, text_block = 1, counters = 1, ids = 4 }
 
+-- Reads the catalogue and registers its fields.
 local all_fields = {}
 for _, field in pairs(f) do
     all_fields[#all_fields + 1] = field
 end
-for _, message in pairs(catalogue) do
-    for _, field in ipairs(message.fields) do
-        local name = "qel." .. message.name .. "." .. field.name
-        field.proto = field_makers[field.kind](name, field.name)
+for kind, text in pairs(catalogue) do
+    local words = text:gmatch("%S+")
+    local entry = { name = words(), sequenced = words() == "sequenced", size = tonumber(words()),
+                    size_max = tonumber(words()), fields = {} }
+    for word in words do
+        local name, field_kind, offset, size = word:match("(.+):(.+):(.+):(.+)")
+        local field = { name = name, kind = field_kind, offset = tonumber(offset), size = tonumber(size) }
+        local full_name = "qel." .. entry.name .. "." .. name
+        field.proto = field_makers[field_kind](full_name, name)
         all_fields[#all_fields + 1] = field.proto
-        if rest_kinds[field.kind] then
-            field.count_proto = ProtoField.uint32(name .. "_length", field.name .. " length")
+        if rest_kinds[field_kind] then
+            field.count_proto = ProtoField.uint32(full_name .. "_length", name .. " length")
             all_fields[#all_fields + 1] = field.count_proto
         end
+        entry.fields[#entry.fields + 1] = field
     end
+    catalogue[kind] = entry
 end
 qel.fields = all_fields
 
-local expert = {
-    crc = ProtoExpert.new("qel.crc_wrong", "The CRC is wrong: the message is dropped",
-                          expert.group.CHECKSUM, expert.severity.ERROR),
-    stray = ProtoExpert.new("qel.stray", "Continuation without a message",
-                            expert.group.SEQUENCE, expert.severity.WARN),
-    interrupts = ProtoExpert.new("qel.interrupts", "The message before was not complete",
-                                 expert.group.SEQUENCE, expert.severity.WARN),
-    incomplete = ProtoExpert.new("qel.incomplete", "Packet of a message that is not complete",
-                                 expert.group.SEQUENCE, expert.severity.WARN),
-    packet = ProtoExpert.new("qel.bad_packet", "Packet that breaks the rules of the link",
-                             expert.group.PROTOCOL, expert.severity.ERROR),
-    short = ProtoExpert.new("qel.short_packet", "Not full, although the message goes on",
-                            expert.group.PROTOCOL, expert.severity.WARN),
-    message = ProtoExpert.new("qel.bad_message", "Message that is not as the catalogue has it",
-                              expert.group.PROTOCOL, expert.severity.ERROR),
-    unknown = ProtoExpert.new("qel.unknown_type", "Type that the catalogue does not have",
-                              expert.group.UNDECODED, expert.severity.NOTE),
+local all_experts = {}
+local function new_expert(name, text, group, severity)
+    local made = ProtoExpert.new("qel." .. name, text, expert.group[group], expert.severity[severity])
+    all_experts[#all_experts + 1] = made
+    return made
+end
+local shown = {
+    crc = new_expert("crc_wrong", "The CRC is wrong: the message is dropped", "CHECKSUM", "ERROR"),
+    stray = new_expert("stray", "Continuation without a message", "SEQUENCE", "WARN"),
+    interrupts = new_expert("interrupts", "The message before was not complete", "SEQUENCE", "WARN"),
+    incomplete = new_expert("incomplete", "Packet of a message that is not complete", "SEQUENCE", "WARN"),
+    bad_packet = new_expert("bad_packet", "Packet that breaks the rules of the link", "PROTOCOL", "ERROR"),
+    short = new_expert("short_packet", "Not full, although the message goes on", "PROTOCOL", "WARN"),
+    message = new_expert("bad_message", "Message that is not as the catalogue has it", "PROTOCOL", "ERROR"),
+    unknown = new_expert("unknown_type", "Type that the catalogue does not have", "UNDECODED", "NOTE"),
 }
-qel.experts = { expert.crc, expert.stray, expert.interrupts, expert.incomplete, expert.packet, expert.short,
-                expert.message, expert.unknown }
+qel.experts = all_experts
 
 -- ---- CRC: polynomial 0x1021, start 0x1D0F ----
 
@@ -256,8 +182,8 @@ function qel.init()
     frames, progress, sequenced = {}, {}, {}
 end
 
--- Adds what the packet carries behind its header. Every packet but the last is full; where one is not, the
--- receiver takes what it finds behind it, here zeros.
+-- Adds what the packet carries after its header. Every packet but the last is full; where one is not, the
+-- receiver takes whatever follows it, here zeros.
 local function store(state, packet, header_size)
     local n = math.min(qel.prefs.packet_size - header_size, state.remaining)
     local part = packet:sub(header_size + 1, header_size + n)
@@ -268,37 +194,20 @@ end
 
 -- Finds out what the packet, a string, of frame `number` does.
 local function follow(packet, direction, number)
-    local info = {}
-    if packet:byte(1) < 0x80 then
-        info.interrupts = progress[direction] ~= nil
-        if info.interrupts then
-            info.interrupted = progress[direction].began
-            progress[direction].interrupted_in = number
-        end
-        if #packet <= 6 then
-            info.bad_packet = true
-            progress[direction] = nil
-            return info
-        end
-        local b1, b2, b3, b4, b5, b6 = packet:byte(1, 6)
-        progress[direction] = { remaining = ((b1 * 256 + b2) * 256 + b3) * 256 + b4, crc = b5 * 256 + b6, parts = {},
-                                began = number }
-        info.header_size = 6
-        if progress[direction].remaining == 0 then
-            info.bad_packet = true
-            progress[direction] = nil
-            return info
-        end
-    else
-        info.header_size = 1
-        info.stray = progress[direction] == nil
-    end
-    info.bad_packet = #packet > qel.prefs.packet_size
-    if info.bad_packet and info.header_size == 6 then
-        progress[direction] = nil
-    end
+    local info = { header_size = packet:byte(1) < 0x80 and 6 or 1, bad_packet = #packet > qel.prefs.packet_size }
     local state = progress[direction]
-    if not info.bad_packet and state then
+    if info.header_size == 6 then
+        if state then
+            info.interrupts, info.interrupted, state.interrupted_in = true, state.began, number
+        end
+        local b1, b2, b3, b4, b5, b6 = (packet .. "\0\0\0\0\0"):byte(1, 6)
+        state = { remaining = ((b1 * 256 + b2) * 256 + b3) * 256 + b4, crc = b5 * 256 + b6, parts = {}, began = number }
+        info.bad_packet = info.bad_packet or #packet <= 6 or state.remaining == 0
+        progress[direction] = not info.bad_packet and state or nil
+    else
+        info.stray = state == nil and not info.bad_packet
+    end
+    if state and not info.bad_packet then
         info.state = state
         info.short = store(state, packet, info.header_size)
         if state.remaining == 0 then
@@ -417,7 +326,7 @@ end
 
 -- What the catalogue does not describe is shown as it is.
 local function show_body(tree, tvb, entry)
-    local offset = entry and entry.sequenced and 12 or 8
+    local offset = tvb:len() < 8 and 0 or entry and entry.sequenced and 12 or 8
     if tvb:len() > offset then
         tree:add(f.body, tvb(offset))
     end
@@ -433,22 +342,17 @@ local function show_head(tree, tvb, entry)
     end
 end
 
--- Returns what is wrong with a message that travelled well, or nil.
-local function problem_of(bytes)
-    return broken_rule(bytes) or misfit(bytes)
-end
-
 local function show_message(tree, info)
     local tvb = ByteArray.new(info.message, true):tvb("Message")
     local entry = #info.message >= 4 and catalogue[little32(info.message, 0)] or nil
     local name = entry and entry.name or "unknown"
     local message = tree:add(f.message, tvb(), name)
-    local problem = problem_of(info.message)
+    local problem = broken_rule(info.message) or misfit(info.message)
     show_head(message, tvb, entry)
     if problem then
-        message:add_proto_expert_info(expert.message, "Message that is not as the catalogue has it: " .. problem)
+        message:add_proto_expert_info(shown.message, "Message that is not as the catalogue has it: " .. problem)
     elseif not entry then
-        message:add_proto_expert_info(expert.unknown)
+        message:add_proto_expert_info(shown.unknown)
     end
     if problem or not entry or entry.size == 0 and #entry.fields == 0 then
         show_body(message, tvb, entry)
@@ -469,10 +373,10 @@ local function show_message(tree, info)
 end
 
 local function show_packet(tree, tvb, info)
-    if not info.header_size then
+    tree:add(f.first, info.header_size == 6):set_generated()
+    if tvb:len() < info.header_size then
         return
     end
-    tree:add(f.first, info.header_size == 6):set_generated()
     if info.header_size == 6 then
         tree:add(f.length, tvb(0, 4))
         tree:add(f.crc, tvb(4, 2))
@@ -502,10 +406,9 @@ function qel.dissector(tvb, pinfo, root)
 
     local tree = root:add(qel, tvb())
     show_packet(tree, tvb, info)
-    for flag, shown in pairs({ stray = expert.stray, interrupts = expert.interrupts, bad_packet = expert.packet,
-                               short = expert.short }) do
+    for _, flag in ipairs({ "stray", "interrupts", "bad_packet", "short" }) do
         if info[flag] then
-            tree:add_proto_expert_info(shown)
+            tree:add_proto_expert_info(shown[flag])
         end
     end
     if info.interrupted then
@@ -514,7 +417,7 @@ function qel.dissector(tvb, pinfo, root)
     local summary = info.header_size == 6 and "First packet" or "Continuation"
     -- At a second visit it is known what has come of the message.
     if pinfo.visited and info.state and info.state.remaining > 0 then
-        tree:add_proto_expert_info(expert.incomplete)
+        tree:add_proto_expert_info(shown.incomplete)
         if info.state.interrupted_in then
             tree:add(f.interrupted_in, info.state.interrupted_in):set_generated()
         end
@@ -525,7 +428,7 @@ function qel.dissector(tvb, pinfo, root)
         if info.crc_right then
             summary = show_message(tree, info)
         else
-            tree:add_proto_expert_info(expert.crc)
+            tree:add_proto_expert_info(shown.crc)
             summary = "CRC wrong"
         end
     end

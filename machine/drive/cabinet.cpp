@@ -174,6 +174,8 @@ void power_on(Cabinet &cabinet, const CabinetSetup &setup)
     start_qemu(cabinet, setup);
     for (const std::string &path : setup.wait_for)
         cabinet.service_port.out += "wait " + path + "\n";
+    if (setup.old_kernel)
+        cabinet.service_port.out += "old kernel\n";
     cabinet.service_port.out += "go\n";
     if (setup.report_stops)
         cabinet.service_port.out += "report stops\n";

@@ -33,6 +33,7 @@ struct CabinetSetup {
     std::string write_log; ///< file that gets every write to the internal disk (write_log.h); empty: none
     std::string stick;     ///< raw image of a USB stick that is present at power-on; written to
     bool start_from_stick = false;     ///< BIOS start: the stick comes before the internal disk
+    bool old_kernel = false;           ///< i586: without the system calls that Linux has got since 2.6.20
     std::vector<std::string> wait_for; ///< paths in the machine that must exist before the loader starts
     Board board;
     bool terminal = false;     ///< a shell on its own terminal

@@ -4,8 +4,9 @@
 //
 // What the outside wants done before that arrives as lines on the port "service":
 //
-//   wait PATH    wait until PATH exists (a disk or a stick that takes its time to appear)
-//   go           become the loader
+//   wait PATH     wait until PATH exists (a disk or a stick that takes its time to appear)
+//   old kernel    let the loader, and all that it starts, find no system calls that are newer than
+//   Linux 2.6.20 go            become the loader
 //
 // A machine without that port, started by itself from a stick or its disk, waits for nothing.
 
@@ -62,16 +63,21 @@ int open_board_back_side()
     fail("finding the board driver");
 }
 
-void follow_wishes(int service)
+/// Returns whether the kernel is to look old.
+bool follow_wishes(int service)
 {
+    bool is_old = false;
     std::string line;
     while (read_line(service, line) && line != "go") {
         if (line.starts_with("wait "))
             while (!std::filesystem::exists(line.substr(5)))
                 usleep(20 * 1000);
+        else if (line == "old kernel")
+            is_old = true;
         else
             fail(("understanding the wish: " + line).c_str());
     }
+    return is_old;
 }
 
 bool is_child()
@@ -106,8 +112,7 @@ int main(int, char **argv, char **environment)
     int service = open_port("service");
     int board = open_port("board");
     int console = open_port("console");
-    if (service >= 0)
-        follow_wishes(service);
+    const bool is_old = service >= 0 && follow_wishes(service);
     if (board >= 0) {
         int back_side = open_board_back_side();
         if (is_child())
@@ -124,6 +129,8 @@ int main(int, char **argv, char **environment)
     if (service >= 0)
         dprintf(service, "loader\n");
     take_console(console);
+    if (is_old)
+        lose_newer_calls();
     execve(loader, argv, environment);
     fail(loader);
 }

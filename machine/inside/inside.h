@@ -27,3 +27,7 @@ bool write_all(int descriptor, const void *bytes, size_t size);
 
 /// A shell on the terminal `path`, started again whenever it ends.
 [[noreturn]] void run_shell(const char *path);
+
+/// From now on every system call that Linux has got since 2.6.20 fails with ENOSYS, in this process and in
+/// all that it becomes or starts. For the 32-bit cabinet.
+void lose_newer_calls();

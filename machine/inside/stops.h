@@ -9,7 +9,7 @@
 #include <string>
 
 struct StopWatch {
-    int processes = -1; ///< a /proc that is mounted nowhere, so that the loader finds no trace of it
+    int processes = -1;   ///< a /proc that is mounted nowhere, so that the loader finds no trace of it
     time_t next_look = 0; ///< in seconds of the machine's clock
     std::set<int> reported;
 };

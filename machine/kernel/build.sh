@@ -42,7 +42,7 @@ left_out=(Documentation 'arch/[!x]' drivers/{clk,comedi,crypto,dma,edac,gpio,gpu
     drivers/{md,media,mfd,mmc,mtd,nvme,phy,pinctrl,platform,power,regulator,s390,soc,spi,staging,thunderbolt}/
     'drivers/misc/*/' 'drivers/net/*/' 'drivers/scsi/*/' drivers/video/fbdev/
     fs/{9p,afs,btrfs,ceph,ext4,f2fs,gfs2,jffs2,jfs,nfs,nfsd,nilfs2,ntfs3,ocfs2,reiserfs,smb,ubifs,xfs}/
-    net/{batman-adv,bluetooth,bridge,ipv4,ipv6,mac80211,netfilter,rxrpc,sched,sctp,tipc,wireless}/
+    net/{batman-adv,bluetooth,bridge,ipv4,mac80211,netfilter,rxrpc,sctp,tipc,wireless}/
     samples/ sound/{firewire,isa,pci,soc,usb}/ tools/{perf,testing}/)
 
 unpack() {
@@ -56,7 +56,7 @@ unpack() {
     mkdir -p "$source.new/drivers/misc/qel" &&
     cp "$here"/drivers/* "$source.new/drivers/misc/qel/" &&
     echo 'obj-y += qel/' >>"$source.new/drivers/misc/Makefile" &&
-    patch -d "$source.new" -p1 <"$here/disk-name.patch" &&
+    cat "$here"/*.patch | patch -d "$source.new" -p1 &&
     mv "$source.new" "$source"
 }
 
@@ -75,7 +75,7 @@ configure() {
 
 # A message per tenth of the objects goes to descriptor 8.
 compile() {
-    local line done=0 objects=720 # as counted in a build
+    local line done=0 objects=780 # as counted in a build
     make -C "$folder/source" O="$folder/build" ARCH=x86 -j"$(nproc)" bzImage 2>&1 |
         while IFS= read -r line; do
             echo "$line"
@@ -112,7 +112,7 @@ prepare() {
         need_packages kernel >&2
         version=$(dpkg-query -W -f '${Version}' linux-source-6.1)
         recipe=2
-        source_key=$({ echo "$recipe $version ${left_out[*]}"; cd "$here" && cat disk-name.patch drivers/*; } | key_of)
+        source_key=$({ echo "$recipe $version ${left_out[*]}"; cd "$here" && cat ./*.patch drivers/*; } | key_of)
         folder=$cache/kernel-$({ echo "$source_key"; cd "$here" && cat cabinet.config "$target.config" embedded.list; } |
             key_of)
         mkdir -p "$folder"

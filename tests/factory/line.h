@@ -17,7 +17,7 @@
 struct Line {
     ScratchFolder folder;
     Delivery delivery;
-    std::vector<std::string> steps; ///< progress told so far
+    std::vector<std::string> steps; ///< progress reported so far
 
     Line();
     std::string at(const std::string &name) const;

@@ -239,7 +239,7 @@ TEST(Delivery, WithAnApplicationOfAnotherNameIsRefused)
 TEST(Delivery, WithAnArchiveThatCannotBeUnpackedIsRefused)
 {
     Line line;
-    write_file(line.at("broken.zip"), "this is no archive");
+    write_file(line.at("broken.zip"), "this is not an archive");
     line.delivery.storage = line.at("broken.zip");
     EXPECT_THAT(line.refusal(), HasSubstr("the cabinet's miniunz cannot unpack this archive"));
     line.delivery.storage = line.at("missing.zip");

@@ -176,6 +176,15 @@ class StandardInput(HostTest):
         self.result(run.end(), 2, "wrong_call")
         self.assertEqual(memory.types(), [35, 22])
 
+    def test_has_results_that_name_the_command_of_a_wrong_line(self):
+        run = self.start("batch", "--json", "--keep-going", stdin=subprocess.PIPE)
+        run.process.stdin.write(b"frobnicate\npost post_21 x\n  query --frobnicate\npost 'open\nconnect\n")
+        run.process.stdin.close()
+        lines = self.lines(run.end())
+        self.assertEqual([(line["command"], line["proof"]) for line in lines],
+                         [(None, None), ("post", "none"), ("query", "none"), ("post", "none"), ("connect", "none"),
+                          ("batch", None)])
+
     def test_may_end_without_a_newline(self):
         run = self.start("batch", stdin=subprocess.PIPE)
         run.process.stdin.write(b"query info")

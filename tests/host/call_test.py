@@ -68,6 +68,12 @@ class WrongCalls(HostTest):
             self.assertIsNone(result["counts"])
             self.assertIsNone(result["result"])
 
+    def test_have_no_proof_where_the_command_has_one(self):
+        for command in COMMANDS:
+            proof = "none" if command in ("connect", "update", "send-file", "query", "post", "test-pattern") else None
+            result = self.result(self.plain(command, "--json", "--frobnicate"), 2, "wrong_call")
+            self.assertEqual((result["command"], result["proof"]), (command, proof))
+
     def test_are_words_that_the_command_does_not_take(self):
         image = self.file("image", "#!/bin/sh\n")
         for words in [["connect", "--seconds", "x"], ["connect", "--seconds", "-1"], ["connect", "more"],
@@ -221,7 +227,8 @@ class Links(HostTest):
     def test_that_are_no_sockets_cannot_be_opened_and_stay_as_they_are(self):
         name = self.file("file", "content")
         self.result(self.plain("query", "info", "--json", "--socket", name, "--wait", "0"), 3, "cannot_open")
-        self.result(self.plain("query", "info", "--json", "--listen", name), 3, "cannot_open")
+        for words in [["query", "info"], ["serve", self.folder]]:
+            self.result(self.plain(*words, "--json", "--listen", name), 3, "cannot_open")
         self.result(self.plain("query", "info", "--json", "--socket", "x" * 200, "--wait", "0"), 3,
                     "cannot_open")
         with open(name) as file:

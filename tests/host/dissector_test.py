@@ -1,7 +1,8 @@
-"""The Wireshark dissector and `trace --json` say the same of recordings of a line that loses, doubles and garbles."""
+"""The Wireshark dissector and `trace` say the same of recordings of a line that loses, doubles and garbles."""
 
 import pathlib
 import random
+import re
 import subprocess
 
 import other_end
@@ -9,61 +10,121 @@ import wire
 from other_end import HostTest
 
 DISSECTOR = pathlib.Path(__file__).resolve().parents[2] / "host/wireshark/qel_link.lua"
-FIELDS = ["qel.message", "qel.type", "qel.size", "qel.sequence"]
-SESSION = [
-    ("in", wire.message(wire.NOTIFY_11)),
-    ("out", wire.message(wire.CONNECT, wire.words(42))),
-    ("in", wire.message(wire.CONNECT_ANSWER, wire.words(42))),
-    ("out", wire.message(36, b"", 7)),
-    ("in", wire.message(wire.CONFIRMED, bytes([7, 0, 0, 0]))),
-    ("in", wire.message(39, bytes(range(52)), 9)),
-    ("out", wire.message(8, wire.block(bytes(300)), 8)),
-    ("in", wire.message(77, b"\xab")),
-]
+HEAD = ["qel.message", "qel.type", "qel.size", "qel.sequence", "qel.body"]
+VERDICTS = ["qel.crc_right", "qel.stray", "qel.bad_packet", "qel.interrupts"]
+LETTERS = bytes(range(ord("a"), ord("z") + 1))
+
+
+def text(chance, most):
+    return bytes(chance.choices(LETTERS, k=chance.randrange(most)))
+
+
+def put(chance, field, message):
+    """Puts something into a field of a message, which grows if the field is its rest."""
+    kind, at, size = field["kind"], field["offset"], field["size"]
+    if kind == "text":
+        data = text(chance, size).ljust(size, b"\0")
+    elif kind == "characters":
+        data = text(chance, size + 1).ljust(size, b"\0")
+    elif kind == "texts":
+        data = b"".join(text(chance, 100).ljust(100, b"\0") for _ in range(10))
+    elif kind == "count":
+        data = wire.words(chance.randrange(12))
+    elif kind == "text_block":
+        data = wire.block(text(chance, 90) + b"\0")
+    elif kind == "block":
+        data = wire.block(chance.randbytes(chance.randrange(90)))
+    elif kind == "ids":
+        data = wire.words(2, 7, chance.getrandbits(32))
+    elif kind == "counters":
+        data = wire.words(len(message) - at - size) + chance.randbytes(len(message) - at - size)
+    else:
+        data = chance.randbytes(size)
+    message[at:at + len(data) if kind not in ("text_block", "block", "ids") else None] = data
+
+
+def session(chance, catalogue):
+    """Every message of the catalogue, each once as it has to be and once with another size; and what nobody knows."""
+    for entry in catalogue:
+        body = 12 if entry["sequenced"] else 8
+        message = bytearray(max(entry["size"] or 0, body))
+        for field in entry["fields"]:
+            put(chance, field, message)
+        message[:8] = wire.words(entry["type"], len(message))
+        if entry["sequenced"]:
+            message[8] = chance.randrange(1, 256)
+        yield bytes(message)
+        yield wire.message(entry["type"], chance.randbytes(chance.randrange(30)), chance.randrange(256))
+    yield wire.message(77, b"\xab")
+    yield wire.message(5, b"\xab", size=100)
+    yield b"short"
 
 
 class Recordings(HostTest):
-    def recorded(self, seed):
-        """A recording of the session five times over on a bad line."""
+    def recorded(self, seed, catalogue):
+        """A recording of the session on a bad line."""
         chance, records = random.Random(seed), []
-        for direction, message in SESSION * 5:
+        for message in session(chance, catalogue):
+            direction, faults = chance.choice(["in", "out"]), chance.choice([0, 0, 5])
             for packet in wire.packets_of(message):
-                fault = chance.choice(["lost", "doubled", "garbled"] + 12 * [""])
+                fault = chance.choice(["lost", "doubled", "garbled", "cut", "long"][:faults] + 40 * [""])
                 if fault == "garbled":
                     packet = packet[:-1] + bytes([packet[-1] ^ 1])
+                packet = {"cut": packet[:5], "long": packet + bytes(9)}.get(fault, packet)
                 for _ in range({"lost": 0, "doubled": 2}.get(fault, 1)):
                     records.append((1_700_000_000_000_000 + len(records), direction, packet))
         return self.file(f"r{seed}", wire.recording(records))
 
     def of_trace(self, file):
+        """What trace says of each message, as tshark has it; in which packets it sees what; and its counts."""
         *events, result = self.lines(self.plain("trace", file, "--json"))
-        messages = [event["message"] for event in events]
-        return [tuple(str(message[key] or {"name": "unknown"}.get(key, "")) for key in ("name", "type", "size", "number"))
-                for message in messages], result["result"]
+        messages = []
+        for message in (event["message"] for event in events):
+            fields = {
+                f"qel.{message['name']}.{name}": list(map(str, value if isinstance(value, list) else [value]))
+                for name, value in message["fields"].items() if name != "body" and value not in ("", [])}
+            head = [message["name"], message["type"], message["size"] if fields else None, message["number"],
+                    message["fields"].get("body")]  # of messages without fields, tshark shows the size they claim
+            messages.append((["" if value is None else str(value) for value in head], fields))
+        lines = self.plain("trace", file).out.splitlines()[:-1]
+        seen = [{int(line.split()[0]) for line in lines if re.search(pattern, line)} for pattern in
+                ("CRC WRONG", "; without a message", "; refused: ", "; the message before was not complete")]
+        return messages, seen, result["result"]
 
-    def of_tshark(self, file):
-        call = ["tshark", "-X", f"lua_script:{DISSECTOR}", "-r", file, "-T", "fields"]
-        for field in FIELDS + ["qel.crc_right", "qel.interrupted"]:
-            call += ["-e", field]
+    def of_tshark(self, file, names):
+        call = ["tshark", "-X", f"lua_script:{DISSECTOR}", "-r", file, "-T", "fields", "-E", "aggregator=;"]
+        for name in HEAD + VERDICTS + names:
+            call += ["-e", name]
         rows = [line.split("\t") for line in subprocess.run(
             call, capture_output=True, text=True, check=True).stdout.splitlines()]
-        return rows
+        messages = []
+        for row in rows:
+            if row[0]:
+                values = dict(zip(names, row[len(HEAD) + len(VERDICTS):]))
+                fields = {name: value.split(";") for name, value in values.items() if value}
+                head = ["" if re.match("unknown|unassigned", row[0]) else row[0], row[1], row[2] if fields else "",
+                        "" if row[3] == "0" else row[3], row[4]]
+                messages.append((head, fields))
+        seen = [{number for number, row in enumerate(rows, 1) if row[len(HEAD) + place] in wanted}
+                for place, wanted in enumerate([("0", "False"), ("1",), ("1",), ("1",)])]
+        return messages, seen, rows
 
-    def test_have_the_same_messages_wrong_crcs_and_interruptions(self):
-        interrupted = wrong = 0
+    def test_have_the_same_messages_with_all_fields_and_the_same_troubles(self):
+        catalogue = self.lines(self.plain("catalogue", "--json"))[-1]["result"]["messages"]
+        names = [f"qel.{entry['name']}.{field['name']}" for entry in catalogue for field in entry["fields"]]
+        shown, troubles = set(), [0] * 4
         for seed in range(6):
             with self.subTest(seed=seed):
-                file = self.recorded(seed)
-                messages, counts = self.of_trace(file)
-                rows = self.of_tshark(file)
-                self.assertEqual([tuple(row[:4]) for row in rows if row[1]], messages)
-                self.assertEqual(len(messages), counts["messages"])
-                self.assertEqual(sum(row[4] in ("0", "False") for row in rows), counts["crc_wrong"])
-                self.assertEqual(len(rows), counts["packets"])
-                interrupted += sum(row[5] != "" for row in rows)
-                wrong += counts["crc_wrong"]
-        self.assertGreater(interrupted, 0)
-        self.assertGreater(wrong, 0)
+                file = self.recorded(seed, catalogue)
+                messages, seen, counts = self.of_trace(file)
+                shown_there, seen_there, rows = self.of_tshark(file, names)
+                self.assertEqual(shown_there, messages)
+                self.assertEqual(seen_there, seen)
+                self.assertEqual((len(rows), len(messages)), (counts["packets"], counts["messages"]))
+                shown |= {name for _, fields in messages for name in fields}
+                troubles = [before + len(now) for before, now in zip(troubles, seen)]
+        self.assertEqual(shown, set(names))
+        self.assertNotIn(0, troubles)
 
 
 if __name__ == "__main__":

@@ -16,7 +16,7 @@ using testing::ElementsAre;
 namespace
 {
 
-/// ROOT is served; OUTSIDE lies beside it and must stay as it is.
+/// ROOT is served; OUTSIDE is next to it and must not change.
 struct Served : testing::Test {
     ScratchFolder scratch;
     Folder folder;
@@ -54,7 +54,7 @@ TEST_F(ServedFolder, HasItsFilesUnderAbsoluteAndRelativePaths)
     EXPECT_FALSE(folder_has(folder, "/nothing"));
     EXPECT_FALSE(folder_has(folder, "/inside/below"));
     EXPECT_EQ(folder_file_size(folder, "/inside"), 5u);
-    EXPECT_EQ(folder_file_size(folder, "/"), 0u) << "a folder is no file";
+    EXPECT_EQ(folder_file_size(folder, "/"), 0u) << "a folder is not a file";
     EXPECT_EQ(folder_file_size(folder, "/nothing"), 0u);
 }
 

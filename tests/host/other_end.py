@@ -93,7 +93,7 @@ class Run:
         """Moves the clock of a process that waits; false when it is `until` already."""
         number, deadline = self.waits
         if until is None and (deadline == FOR_EVER or self.now > LONGEST):
-            raise AssertionError(f"qel-host waits for ever at {self.now:.3f} s: {self.said()}")
+            raise AssertionError(f"qel-host waits forever at {self.now:.3f} s: {self.said()}")
         target = deadline if until is None else min(deadline, STARTED_AT * 10**9 + round(until * 1e9))
         if until is not None and self.ticks >= target:
             return False

@@ -18,11 +18,11 @@ const std::string section =
     bytes("0a 0d 0d 0a  1c 00 00 00  4d 3c 2b 1a  01 00 00 00  ff ff ff ff ff ff ff ff  1c 00 00 00");
 const std::string interface =
     bytes("01 00 00 00  28 00 00 00  93 00 00 00  40 00 00 00"
-          "02 00 09 00 68 6f 73 74 20 6c 69 6e 6b 00 00 00  00 00 00 00  28 00 00 00");
+          " 02 00 09 00 68 6f 73 74 20 6c 69 6e 6b 00 00 00  00 00 00 00  28 00 00 00");
 // 0x0005d12b8040666a is 1637359649 s and 056362 us; 7 bytes, outbound.
 const std::string packet =
     bytes("06 00 00 00  34 00 00 00  00 00 00 00  2b d1 05 00  6a 66 40 80  07 00 00 00  07 00 00 00"
-          "00 00 00 01 e1 f0 61 00  02 00 04 00 02 00 00 00  00 00 00 00  34 00 00 00");
+          " 00 00 00 01 e1 f0 61 00  02 00 04 00 02 00 00 00  00 00 00 00  34 00 00 00");
 const uint64_t packet_time_us = 0x0005d12b8040666a;
 
 std::span<const uint8_t> span_of(const std::string &text)
@@ -79,14 +79,14 @@ TEST(RecordingReader, FollowsTheResolutionOfTheInterface)
 {
     // Option 9 with 9: nanoseconds; with 3: milliseconds; with 0x8a: 1/1024 s, which nothing writes here.
     const std::string nanoseconds = bytes("01 00 00 00  20 00 00 00  93 00 00 00  40 00 00 00"
-                                          "09 00 01 00 09 00 00 00  00 00 00 00  20 00 00 00");
+                                          " 09 00 01 00 09 00 00 00  00 00 00 00  20 00 00 00");
     const std::string milliseconds = bytes("01 00 00 00  20 00 00 00  93 00 00 00  40 00 00 00"
-                                           "09 00 01 00 03 00 00 00  00 00 00 00  20 00 00 00");
+                                           " 09 00 01 00 03 00 00 00  00 00 00 00  20 00 00 00");
     const std::string binary = bytes("01 00 00 00  20 00 00 00  93 00 00 00  40 00 00 00"
-                                     "09 00 01 00 8a 00 00 00  00 00 00 00  20 00 00 00");
+                                     " 09 00 01 00 8a 00 00 00  00 00 00 00  20 00 00 00");
     // 2048 ticks.
     const std::string at_2048 = bytes("06 00 00 00  24 00 00 00  00 00 00 00  00 00 00 00  00 08 00 00"
-                                      "01 00 00 00  01 00 00 00  80 00 00 00  24 00 00 00");
+                                      " 01 00 00 00  01 00 00 00  80 00 00 00  24 00 00 00");
     ASSERT_THAT(Read(section + nanoseconds + at_2048).packets, SizeIs(1));
     EXPECT_EQ(Read(section + nanoseconds + at_2048).packets[0].time_us, 2u);
     EXPECT_EQ(Read(section + milliseconds + at_2048).packets.at(0).time_us, 2048000u);

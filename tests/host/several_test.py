@@ -5,6 +5,7 @@ import os
 import pty
 import signal
 import subprocess
+import tempfile
 import threading
 import tty
 
@@ -90,9 +91,8 @@ class SeveralLinks(HostTest):
             self.call("query", "info", "--wait", "0", "--no-pacing", options=options).returncode, 3)
 
     def ends_again(self, *kinds):
-        os.mkdir(self.path("again"))
-        self.folder = self.path("again")
-        self.addCleanup(setattr, self, "folder", os.path.dirname(self.folder))
+        self.addCleanup(setattr, self, "folder", self.folder)
+        self.folder = tempfile.mkdtemp(dir=self.folder)
         return self.ends(*kinds)
 
     def test_are_done_when_all_are_done(self):
@@ -114,6 +114,32 @@ class SeveralLinks(HostTest):
             {"s0": (0, "answered")})
         self.assertEqual(results["s1"]["error"]["code"], "cannot_open")
         self.assertEqual(results["s0"]["result"]["fields"], {"a": 1, "b": 2, "c": 3})
+
+    def test_say_each_error_once_and_whose_it_is(self):
+        for words in [[], ["--json"], ["--verbose"]]:
+            _, options = self.ends_again("nobody", "nobody")
+            done = self.call("query", "info", "--wait", "0", *words, options=options)
+            errors = [line.split(": ")[1] for line in done.stderr.splitlines() if line.startswith("error: ")]
+            self.assertEqual(sorted(errors), [f"socket:{self.folder}/{name}" for name in ("s0", "s1")], done.stderr)
+
+    def test_show_messages_as_trace_prints_them(self):
+        _, options = self.ends("answers", "answers")
+        done = self.call("query", "info", "--no-pacing", "--verbose", options=options)
+        for name in ("s0", "s1"):
+            self.assertIn(f"socket:{self.folder}/{name}: in  info (37) number 1, 24 bytes: a=1 b=2 c=3\n", done.stderr)
+            self.assertIn(f"socket:{self.folder}/{name}: out get_info (36) number ", done.stderr)
+
+    def test_have_a_line_when_their_process_is_killed(self):
+        _, options = self.ends("silent", "answers")
+        process = subprocess.Popen([HOST, "query", "info", "--no-pacing", *options], stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True, env=environment())
+        self.assertIn("s1\t0\tanswered\t", process.stdout.readline())
+        with open(f"/proc/{process.pid}/task/{process.pid}/children", encoding="ascii") as children:
+            os.kill(int(children.read().split()[0]), signal.SIGKILL)
+        out, err = process.communicate(timeout=PATIENCE)
+        self.assertRegex(out, r"\Asocket:.*/s0\t4\tinternal\t0.0\t?\n\Z")
+        self.assertIn("ended without a result", err)
+        self.assertEqual(process.returncode, 4)
 
     def test_go_on_together(self):
         """With two links, each line comes although the other link is silent."""

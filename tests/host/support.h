@@ -1,62 +1,45 @@
-/// Processes, sockets and files for the tests of the host tier.
+// Processes, files and bytes for the tests of the host tier.
 #pragma once
 
-#include <stdint.h>
+#include "common/files.h"
+
 #include <sys/types.h>
 
 #include <string>
 #include <vector>
 
-/// A folder of a test's own, gone when the test is over.
-struct ScratchFolder {
-    std::string path;
-    ScratchFolder();
-    ~ScratchFolder();
-    ScratchFolder(const ScratchFolder &) = delete;
-    ScratchFolder &operator=(const ScratchFolder &) = delete;
-
-    std::string at(const std::string &name) const
-    {
-        return path + "/" + name;
-    }
-};
-
+/// The content of a file, "" when it is not there.
 std::string content_of(const std::string &path);
+
+/// Writes a file and makes the folders that lead to it.
 void put_file(const std::string &path, const std::string &content);
 
 /// How a process ended and what it printed.
-struct Ended {
+struct Finished {
     int code; ///< exit code, or minus the signal
     std::string out;
     std::string err;
 };
 
-/// A program that runs beside the test. It is killed when it is still there at the end of the test.
-class Process
-{
-  public:
-    explicit Process(std::vector<std::string> words);
+/// A program that runs alongside the test; killed when it is still there at the end of the test.
+struct Process {
+    explicit Process(const std::vector<std::string> &words);
     ~Process();
     Process(const Process &) = delete;
     Process &operator=(const Process &) = delete;
 
-    /// Waits until it has ended by itself; kills it after `seconds` and tells so by code -1000.
-    Ended end(double seconds = 20);
-    /// Asks it to end (SIGTERM), and waits.
-    Ended stop();
-    /// What it has printed so far to standard output.
-    std::string out() const;
+    /// Waits until it has ended by itself; kills it after `seconds`, and its code is then -1000.
+    Finished end(double seconds = 20);
 
-  private:
     ScratchFolder files;
     pid_t process;
 };
 
 /// Runs qel-host with these words to its end.
-Ended host(std::vector<std::string> words, double seconds = 20);
+Finished host(const std::vector<std::string> &words, double seconds = 20);
 
-/// Starts qel-host beside the test.
+/// The words of a call of qel-host.
 std::vector<std::string> host_words(std::vector<std::string> words);
 
-/// "00 ff 10" as bytes.
-std::string bytes(const std::string &hex);
+/// The notation of tests/support/bytes.h as a string.
+std::string bytes(const std::string &notation);

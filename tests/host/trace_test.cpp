@@ -13,7 +13,7 @@ TEST(Trace, PrintsPacketsMessagesVerdictsAndTroubleAsExpected)
 {
     ScratchFolder scratch;
     record_trouble(scratch.at("r.pcapng"));
-    Ended trace = host({"trace", scratch.at("r.pcapng")});
+    Finished trace = host({"trace", scratch.at("r.pcapng")});
     EXPECT_EQ(trace.code, 0) << trace.err;
     EXPECT_EQ(trace.out, content_of(EXPECTED_FOLDER "/trace.txt"));
 }
@@ -22,7 +22,7 @@ TEST(Trace, PrintsMessagesAndTroubleAloneWhenAsked)
 {
     ScratchFolder scratch;
     record_trouble(scratch.at("r.pcapng"));
-    Ended trace = host({"trace", "--messages", scratch.at("r.pcapng")});
+    Finished trace = host({"trace", "--messages", scratch.at("r.pcapng")});
     EXPECT_EQ(trace.code, 0) << trace.err;
     EXPECT_EQ(trace.out, content_of(EXPECTED_FOLDER "/trace_messages.txt"));
 }
@@ -33,7 +33,7 @@ TEST(Trace, PrintsABrokenRecordingAsFarAsItGoes)
     record_trouble(scratch.at("whole"));
     std::string whole = content_of(scratch.at("whole"));
     put_file(scratch.at("cut"), whole.substr(0, whole.size() - 10));
-    Ended trace = host({"trace", scratch.at("cut")});
+    Finished trace = host({"trace", scratch.at("cut")});
     EXPECT_EQ(trace.code, 3);
     EXPECT_THAT(trace.out, HasSubstr("connect_answer (38), 12 bytes: value=42 (CRC right)"));
     EXPECT_EQ(trace.err,
@@ -46,7 +46,7 @@ TEST(Trace, SaysWhichFileIsNotARecording)
 {
     ScratchFolder scratch;
     put_file(scratch.at("text"), "hello");
-    Ended trace = host({"trace", scratch.at("text")});
+    Finished trace = host({"trace", scratch.at("text")});
     EXPECT_EQ(trace.code, 3);
     EXPECT_THAT(trace.err, HasSubstr("the recording is broken: not a pcapng file (at byte 0)"));
 }
@@ -63,7 +63,7 @@ TEST(Trace, SurvivesDamagedRecordings)
         for (int flips = 0; flips < 10; ++flips)
             damaged[28 + random() % (damaged.size() - 28)] = static_cast<char>(random());
         put_file(scratch.at("damaged"), damaged);
-        Ended trace = host({"trace", scratch.at("damaged")});
+        Finished trace = host({"trace", scratch.at("damaged")});
         whole_after_all += trace.code == 0;
         broken += trace.code == 3;
         EXPECT_THAT(trace.out, HasSubstr(" packets, ")) << "the counts come in any case";

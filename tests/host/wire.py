@@ -68,14 +68,14 @@ class Message:
 
 
 def check_packet(packet, left):
-    """A sender's packets are full but for the last, and in order; returns what is left of their message."""
+    """A sender's packets are full except the last, and in order; returns what is left of their message."""
     if packet[0] & 0x80:
         assert packet[0] == 0x80, f"{packet.hex()} begins with something else than 80"
         assert len(packet) == 1 + min(left, 34) > 1, f"{packet.hex()}: {left} bytes are left"
         return left - len(packet) + 1
     assert left == 0, f"{left} bytes were left before {packet.hex()}"
     length = struct.unpack_from(">I", packet)[0]
-    assert len(packet) == 6 + min(length, 29) > 6, f"{packet.hex()} is no full packet"
+    assert len(packet) == 6 + min(length, 29) > 6, f"{packet.hex()} is not a full packet"
     return length - len(packet) + 6
 
 

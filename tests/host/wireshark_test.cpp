@@ -2,6 +2,7 @@
 // complaint, and a link with troubles shows each of them.
 
 #include <gmock/gmock.h>
+#include <signal.h>
 
 #include <filesystem>
 #include <map>
@@ -26,7 +27,7 @@ std::string tshark(const std::string &recording, std::vector<std::string> words)
 {
     std::vector<std::string> call = {"tshark", "-X", "lua_script:" DISSECTOR, "-r", recording};
     call.insert(call.end(), words.begin(), words.end());
-    Ended ended = Process(call).end(50);
+    Finished ended = Process(call).end(50);
     EXPECT_EQ(ended.code, 0) << ended.err;
     EXPECT_THAT(ended.err, Not(HasSubstr("Lua"))) << ended.err;
     return ended.out;
@@ -93,10 +94,11 @@ void record_every_message(const ScratchFolder &scratch, const std::string &recor
     };
     for (std::vector<std::string> call : calls) {
         call.insert(call.end(), {"--socket", socket, "--no-pacing", "--unverified-ok"});
-        Ended ended = host(call);
+        Finished ended = host(call);
         ASSERT_EQ(ended.code, 0) << call[0] << " " << call[1] << ": " << ended.err;
     }
-    server.stop();
+    kill(server.process, SIGTERM);
+    server.end();
 }
 
 } // namespace

@@ -44,20 +44,20 @@ TEST(NormalBoot, MakesTheBoardNodesWithTheDriversNumbers)
     Machine machine;
     start_with_application(machine);
 
-    // The driver has major number 251 (fb) here. A new process may not let everybody write (umask 022),
+    // The driver has major number 252 (fc) here. A new process may not let everybody write (umask 022),
     // and the first one is no exception.
-    EXPECT_EQ(look_inside(machine.cabinet, "grep qellpc /proc/devices"), "251 qellpc\n");
+    EXPECT_EQ(look_inside(machine.cabinet, "grep qellpc /proc/devices"), "252 qellpc\n");
     EXPECT_EQ(look_inside(machine.cabinet, "stat -c '%n %F %a %t:%T' /dev/qellpc_*"),
-              "/dev/qellpc_button character special file 644 fb:4\n"
-              "/dev/qellpc_command character special file 644 fb:3\n"
-              "/dev/qellpc_console character special file 644 fb:6\n"
-              "/dev/qellpc_firmware character special file 644 fb:0\n"
-              "/dev/qellpc_host_comms character special file 644 fb:7\n"
-              "/dev/qellpc_lcd character special file 644 fb:2\n"
-              "/dev/qellpc_midi character special file 644 fb:1\n"
-              "/dev/qellpc_reserved1 character special file 644 fb:8\n"
-              "/dev/qellpc_reserved2 character special file 644 fb:9\n"
-              "/dev/qellpc_test character special file 644 fb:5\n");
+              "/dev/qellpc_button character special file 644 fc:4\n"
+              "/dev/qellpc_command character special file 644 fc:3\n"
+              "/dev/qellpc_console character special file 644 fc:6\n"
+              "/dev/qellpc_firmware character special file 644 fc:0\n"
+              "/dev/qellpc_host_comms character special file 644 fc:7\n"
+              "/dev/qellpc_lcd character special file 644 fc:2\n"
+              "/dev/qellpc_midi character special file 644 fc:1\n"
+              "/dev/qellpc_reserved1 character special file 644 fc:8\n"
+              "/dev/qellpc_reserved2 character special file 644 fc:9\n"
+              "/dev/qellpc_test character special file 644 fc:5\n");
 }
 
 TEST(NormalBoot, MakesSoundAndDiskNodesAsTheKernelNumbersThem)

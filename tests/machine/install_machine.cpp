@@ -17,7 +17,8 @@ static void let_tools_tell(InstallMachine &machine)
     const std::string scripts = machine.parts.installer_scripts;
     for (const auto &[name, real] :
          {std::pair("sfdisk", scripts + "/sfdisk"), std::pair("mkdosfs", scripts + "/mkdosfs"),
-          std::pair("syslinux", scripts + "/syslinux"), std::pair("miniunz", find_program(machine.parts, "miniunzip"))}) {
+          std::pair("syslinux", scripts + "/syslinux"),
+          std::pair("miniunz", find_program(machine.parts, "miniunzip"))}) {
         const std::string moved = "/lib/tools/real_" + std::string(name);
         machine.ram_disk.push_back("file " + moved + " " + real + " 755 0 0");
         replace_tool(machine, "/bin/" + std::string(name), "exec " + moved + " \"$@\"");

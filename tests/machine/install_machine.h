@@ -10,7 +10,7 @@
 struct InstallMachine : Machine {
     std::vector<FileAt> stick; ///< the system image, a stand-in for the kernel, and no archive, to begin with
 
-    explicit InstallMachine(const std::string &target = targets.front());
+    explicit InstallMachine(const std::string &target = tested_target());
 };
 
 /// Puts an archive on the stick whose one file is the recorder as qel_application_1.

@@ -2,11 +2,20 @@
 
 #include "machine_test.h"
 
+#include <stdlib.h>
+
 #include <algorithm>
 #include <sstream>
 
+std::string tested_target()
+{
+    const char *target = getenv("QEL_TEST_TARGET");
+    return target == nullptr ? targets.front() : target;
+}
+
 Machine::Machine(const std::string &target)
-    : parts(find_parts(target)), recorder(parts.build_folder + "/machine/" + target + "/machine_test_recorder"),
+    : parts(find_parts(target)),
+      recorder(parts.build_folder + "/machine/" + target + "/machine_test_recorder"),
       system({{"xorg/bin/Xfake", recorder}})
 {
     setup.hardware = parts.target.hardware;

@@ -16,6 +16,9 @@
 /// Long enough on a busy computer; a test that passes never waits for it.
 const double patience = 60;
 
+/// What QEL_TEST_TARGET names, x86-64 without it.
+std::string tested_target();
+
 struct Machine {
     Parts parts;
     std::string recorder; ///< as a file of this computer
@@ -26,7 +29,7 @@ struct Machine {
     std::vector<FileAt> storage; ///< empty to begin with
     Cabinet cabinet;
 
-    explicit Machine(const std::string &target = targets.front());
+    explicit Machine(const std::string &target = tested_target());
 };
 
 /// Makes the internal disk, unless the setup names one.

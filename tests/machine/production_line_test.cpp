@@ -15,7 +15,8 @@ TEST(ProductionLine, InstallsACabinetFromAStickThatItHasMade)
     ScratchFolder folder;
     const std::string stick = folder.path + "/stick.img", storage = folder.path + "/storage";
     std::filesystem::create_directory(storage);
-    std::filesystem::copy_file(find_parts().sample_application, storage + "/qel_application_1");
+    std::filesystem::copy_file(find_parts(tested_target()).sample_application,
+                               storage + "/qel_application_1");
 
     for (const std::vector<std::string> &options :
          {std::vector<std::string>(), {"--storage", storage}, {"--storage", storage, "--disk-size", "256"}}) {

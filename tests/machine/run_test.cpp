@@ -58,7 +58,7 @@ TEST(WholeCabinet, ShowsTheSampleApplicationOnItsScreen)
 
 TEST(WholeCabinet, HasASystemImageThatFitsItsPartition)
 {
-    Parts parts = find_parts();
+    Parts parts = find_parts(tested_target());
     std::string image = usual_system_image(parts);
     EXPECT_LT(read_file(image).size(), 28U * 1024 * 1024);
 }
@@ -214,7 +214,7 @@ TEST(Run, WritesPicturesOfTheScreenAndOfTheDisplay)
 {
     ScratchFolder folder;
     std::string application = folder.path + "/picture";
-    std::filesystem::copy_file(find_parts().sample_application, application);
+    std::filesystem::copy_file(find_parts(tested_target()).sample_application, application);
     int status = -1;
     std::string output = run_with({"--application", application, "--screenshot", folder.path + "/screen.png",
                                    "--lcd-screenshot", folder.path + "/lcd.png"},

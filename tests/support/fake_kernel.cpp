@@ -233,9 +233,9 @@ struct Handle {
 {
     return {nullptr, file, bytes};
 }
-[[maybe_unused]] static Handle handle(pid_t, const int *, int)
+[[maybe_unused]] static Handle handle(pid_t, const int *status, int)
 {
-    return {};
+    return {nullptr, -1, status};
 }
 [[maybe_unused]] static Handle handle(int, int, int, const int *ends)
 {

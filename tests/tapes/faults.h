@@ -1,5 +1,5 @@
-/// What can be done to a call: every error that a real kernel could plausibly give to the way in which the
-/// product makes it, and transfers that fall short.
+// What can be done to a call: every error that a real kernel could plausibly give to the way in which the
+// product makes it, and transfers that fall short.
 #pragma once
 
 #include <stddef.h>

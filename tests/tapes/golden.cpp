@@ -66,9 +66,8 @@ std::vector<std::string> golden_of(const std::string &file, const std::string &s
     return golden;
 }
 
-std::string complaints_about_goldens(const std::string &folder, const std::vector<std::string> &tests)
+std::string complaints_about_goldens(const std::string &folder, const std::set<std::string> &tests)
 {
-    const std::set<std::string> known(tests.begin(), tests.end());
     std::string complaints;
     size_t total = 0;
     for (const auto &entry : std::filesystem::directory_iterator(folder)) {
@@ -76,7 +75,7 @@ std::string complaints_about_goldens(const std::string &folder, const std::vecto
             continue;
         const std::vector<std::string> lines = lines_of(entry.path());
         total += lines.size();
-        complaints += complaints_about_file(entry.path().stem(), lines, known);
+        complaints += complaints_about_file(entry.path().stem(), lines, tests);
     }
     return total > lines_max ? complaints + "more than " + std::to_string(lines_max) + " lines in all\n"
                              : complaints;
@@ -87,10 +86,18 @@ void PrintTo(const TapeTest &test, std::ostream *stream)
     *stream << test.scenario.name;
 }
 
+std::map<std::string, Scenario> &all_tapes()
+{
+    static std::map<std::string, Scenario> tapes;
+    return tapes;
+}
+
 std::vector<TapeTest> tape_tests(const char *file, const std::vector<Scenario> &scenarios)
 {
     std::vector<TapeTest> tests;
-    for (const Scenario &scenario : scenarios)
+    for (const Scenario &scenario : scenarios) {
+        all_tapes().emplace(std::string(file) + "." + scenario.name, scenario);
         tests.push_back({file, scenario});
+    }
     return tests;
 }

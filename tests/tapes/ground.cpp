@@ -4,6 +4,7 @@
 #include "support/scratch_disk.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 
 #include <algorithm>
@@ -33,6 +34,7 @@ void watch_descriptors(Ground &ground)
 {
     FakeKernel &kernel = ground.kernel;
     kernel.on_close = [&ground](int file) {
+        Ground::board.erase(file);
         const int result = real_close(file);
         // -1 is what the product has of an open that failed.
         if (result == -1 && file != -1)
@@ -95,9 +97,14 @@ Ground::Ground()
     };
     watch_descriptors(*this);
     kernel.on_fork = [] { return child; };
-    kernel.on_waitpid = [](pid_t process, int *status, int) {
-        *status = 0;
-        return process;
+    kernel.on_waitpid = [this](pid_t process, int *status, int) {
+        const auto [who, how] = ended.empty() ? std::pair(process, 0) : ended.front();
+        if (!ended.empty())
+            ended.pop_front();
+        if (who > 0)
+            *status = how;
+        errno = ECHILD;
+        return who;
     };
 }
 
@@ -109,18 +116,27 @@ Ground::~Ground()
         real_fclose(stream);
 }
 
-void Ground::fork_gives_child()
+void Ground::fork_gives_child(int n)
 {
-    kernel.on_fork = [] { return 0; };
+    kernel.on_fork = [this, n] { return n == 0 || kernel.count("fork") == n ? 0 : child; };
     kernel.on_execve = [](const char *path, auto...) -> int { throw Became(path); };
 }
 
 void Ground::play_board(const std::string &reply, size_t reply_size)
 {
-    for (const char *device : {"/dev/qellpc_command", "/dev/qellpc_lcd", "/dev/qellpc_host_comms"})
-        disk.make_file(device);
-    kernel.on_write = [](int, const void *, size_t size) { return static_cast<ssize_t>(size); };
-    kernel.on_read = [=](int, void *bytes, size_t size) {
+    disk.make_folder("/dev");
+    kernel.on_open = [this](const char *path, int flags, mode_t mode) {
+        const bool is_board = strncmp(path, "/dev/qellpc_", 12) == 0;
+        const int file = real_open(kernel.at(path).c_str(), is_board ? flags | O_CREAT : flags, mode);
+        is_board ? void(board.insert(file)) : void(board.erase(file));
+        return file;
+    };
+    kernel.on_write = [this](int file, const void *bytes, size_t size) {
+        return is_board(file) ? static_cast<ssize_t>(size) : real_write(file, bytes, size);
+    };
+    kernel.on_read = [=, this](int file, void *bytes, size_t size) {
+        if (!is_board(file))
+            return real_read(file, bytes, size);
         const size_t count = std::min(size, reply_size);
         memset(bytes, 0, count);
         memcpy(bytes, reply.data(), std::min(count, reply.size()));

@@ -1,203 +1,188 @@
-// What failing calls lead to in the whole sequences: start-up, installing, installing Windows applications,
-// finding and running the application.
+// The installer; finding and running the application.
 
 #include "tapes/golden.h"
 
 #include "qel_application_loader/application.h"
 #include "qel_application_loader/installer.h"
-#include "qel_application_loader/start_up.h"
-#include "qel_utility/qel_filesystem.h"
 
-#include <errno.h>
-#include <fcntl.h>
+#include <signal.h>
 #include <string.h>
-#include <unistd.h>
 
-/// The loader's main under another name.
-int qel_loader_main(int argc, char **argv);
+#include <algorithm>
 
 namespace
 {
 
-// ---- The start-up ----
-
-/// A cabinet without a stick: an application on /storage; the mode byte asks for the console.
-std::string start(Ground &ground)
-{
-    ground.disk.make_folder("/proc/bus");
-    ground.disk.make_file("/proc/devices", "254 qellpc\n");
-    for (const char *folder : {"/sys/class/sound", "/sys/block", "/dev/disk", "/disk", "/storage"})
-        ground.disk.make_folder(folder);
-    ground.disk.make_file("/storage/qel_application_1");
-    ground.kernel.on_read = [](int, void *bytes, size_t size) -> ssize_t {
-        memset(bytes, 1, size);
-        return static_cast<ssize_t>(size);
-    };
-    ground.kernel.on_waitpid = [](pid_t process, int *, int) {
-        errno = ECHILD;
-        return process;
-    };
-    // The update mode's wait, and the second round of the application.
-    ground.kernel.on_access = [](auto...) -> int { throw LeftProduct(); };
-    ground.kernel.leave_at("chdir", 2);
-    char name[] = "loader";
-    char *arguments[] = {name, nullptr};
-    qel_loader_main(1, arguments);
-    return "returned";
-}
-
-const std::vector<Scenario> starts = {
-    {"SilenceStandardStreams",
-     [](Ground &ground) {
-         ground.disk.make_file("/dev/null");
-         qel_silence_standard_streams();
-         return std::string("silent");
-     }},
-    {"WaitForExternalMedia",
-     [](Ground &ground) {
-         ground.disk.make_file("/sys/block/sda/sda1");
-         qel_wait_for_external_media();
-         return std::string("there");
-     }},
-    {"WaitForExternalMediaThatComeLater",
-     [](Ground &ground) {
-         ground.kernel.on_access = [&](auto...) { return ground.kernel.count("access") == 1 ? -1 : 0; };
-         qel_wait_for_external_media();
-         return std::string("there");
-     }},
-};
-
-const std::vector<Scenario> whole_start_up = {
-    {"StartUp", start, {}, "/dev/qellpc_command /dev/qellpc_host_comms"},
-};
-
 // ---- Installing ----
 
-std::string install(Ground &ground)
+/// A cabinet whose disk has, in sysfs, a second partition, and its node only if it `is_installed`.
+void make_cabinet(Ground &ground, bool has_archive, bool is_installed)
 {
-    ground.disk.make_file("/sys/block/hdc/dev", "22:0\n");
-    ground.disk.make_file("/sys/block/hdc/hdc2/dev", "22:2\n");
-    ground.disk.make_file("/dev/disk/hdc");
-    ground.disk.make_file("/disk/sda1/qel_usr.cramfs", "the system image");
-    ground.disk.make_file("/disk/sda1/vmlinux", "the kernel");
-    ground.disk.make_file("/disk/sda1/storage.zip");
-    ground.disk.make_folder("/boot");
-    qel_install();
-    return "installed";
+    const Scratch &disk = ground.disk;
+    disk.make_file("/sys/block/hdc/dev", "22:0\n");
+    disk.make_file("/sys/block/hdc/hdc2/dev", "22:2\n");
+    disk.make_file("/dev/disk/hdc");
+    disk.make_file("/disk/sda1/qel_usr.cramfs", "the system image");
+    disk.make_file("/disk/sda1/vmlinux", "the kernel");
+    if (has_archive)
+        disk.make_file("/disk/sda1/storage.zip");
+    if (is_installed)
+        disk.make_file("/dev/disk/hdc2", "an earlier, longer system image");
+    disk.make_folder("/boot");
 }
 
-/// The partition's node, made between these calls.
-const std::vector<std::string> partition_calls = {
-    "readdir #3", "readdir #4", "access /dev/disk/hdc2 4", "stat /sys/block/hdc/hdc2/dev",
-    "fopen *",    "fclose #2",  "stat /dev/disk/hdc2",     "mknod *",
-};
+void install(Ground &ground)
+{
+    make_cabinet(ground, true, false);
+    qel_install();
+}
+
+void install_again(Ground &ground)
+{
+    make_cabinet(ground, false, true);
+    qel_install();
+}
+
+/// As the child that becomes the tool number `n`.
+Scenario tool(const char *name, int n)
+{
+    const auto become = [=](Ground &ground) {
+        ground.fork_gives_child(n);
+        install(ground);
+    };
+    return cut({name, become}, "fork");
+}
+
+/// The tool number `n` ends with this status, as wait has it.
+Scenario failing_tool(const char *name, size_t n, int status)
+{
+    const auto fail = [=](Ground &ground) {
+        ground.ended.assign(n - 1, {Ground::child, 0});
+        ground.ended.emplace_back(Ground::child, status);
+        install(ground);
+    };
+    return cut({name, fail}, "shutdown pair" + std::to_string(n) + ".1 *");
+}
 
 const std::vector<Scenario> installs = {
-    {"Sfdisk",
-     [](Ground &) {
-         qel_sfdisk("/dev/disk/hdc", ",8,4,*\n,28,L\n,,6\n");
-         return std::string("done");
-     }},
-    {"Mkdosfs",
-     [](Ground &) {
-         qel_mkdosfs("/dev/disk/hdc1");
-         return std::string("done");
-     }},
+    {"Sfdisk", [] { qel_sfdisk("/dev/disk/hdc", ",8,4,*\n,28,L\n,,6\n"); }},
+    {"Mkdosfs", [] { qel_mkdosfs("/dev/disk/hdc1"); }},
+    cut({"NodesOfAnInstalledDisk", install_again}, "sync", "socketpair * #2"),
+    cut({"ImageOnAnInstalledDisk", install_again}, "open /disk/sda1/qel_usr.cramfs *",
+        "chmod /dev/disk/hdc2 * #2"),
+    cut({"WithoutAnArchive", install_again}, "access /disk/sda1/storage.zip *"),
 };
 
-const std::vector<Scenario> whole_install = {
-    {"Install", install},
+const std::vector<Scenario> tools = {
+    tool("SfdiskInTheChild", 1),
+    tool("MkdosfsOfBootInTheChild", 2),
+    tool("MkdosfsOfStorageInTheChild", 3),
+    tool("SyslinuxInTheChild", 4),
+    tool("MiniunzInTheChild", 5),
+    failing_tool("SfdiskFails", 1, 1 << 8),
+    failing_tool("MkdosfsOfBootFails", 2, 1 << 8),
+    failing_tool("MkdosfsOfStorageFails", 3, 1 << 8),
+    failing_tool("SyslinuxFails", 4, 1 << 8),
+    failing_tool("MiniunzFails", 5, 1 << 8),
+    failing_tool("MiniunzIsKilled", 5, SIGKILL),
 };
 
-// ---- Finding and running the application ----
+// ---- Finding the application ----
 
-/// The first child whose end is learned is another one.
-std::string run_after_another_child(Ground &ground)
+std::string find(Ground &ground, const std::string &on_storage, const std::string &on_stick)
 {
-    qel_application application = {};
-    strcpy(application.app_path, "/storage/app");
-    ground.kernel.on_waitpid = [&](pid_t process, int *, int) {
-        return ground.kernel.count("waitpid") == 1 ? 99 : process;
-    };
-    ground.kernel.leave_at("chdir", 2);
-    qel_run_application_for_ever(&application);
-}
-
-std::string find_on_stick(Ground &ground)
-{
-    ground.disk.make_file("/storage/qel_application_1");
-    ground.disk.make_file("/disk/sda1/qel_application_2", "7 bytes");
+    ground.disk.make_folder("/disk");
+    ground.disk.make_file("/storage/" + on_storage, "installed");
+    ground.disk.make_file("/disk/sda1/" + on_stick, "7 bytes");
     qel_application application;
     qel_find_application(&application);
     return application.app_path;
 }
 
-/// As the child of the second fork, or the parent when there is none.
-std::string run_application(Ground &ground, const char *name)
+std::string find_on_stick(Ground &ground)
+{
+    return find(ground, "qel_application_1", "qel_application_2");
+}
+
+std::string find_equal_names(Ground &ground)
+{
+    return find(ground, "qel_application_1", "qel_application_1");
+}
+
+/// A name as long as names can be.
+std::string longest(const std::string &start, char rest)
+{
+    return start + std::string(255 - start.size(), rest);
+}
+
+std::string find_long_names(Ground &ground)
+{
+    const std::string path = find(
+        ground, "other", longest("", 'a') + "/" + longest("", 'b') + "/" + longest("qel_application_", 'c'));
+    return path.substr(0, 26) + std::to_string(path.size());
+}
+
+// ---- Running it ----
+
+/// As the child, or the parent when there is none.
+std::string run(const char *name)
 {
     qel_application application = {};
     strcpy(application.app_name, name);
     strcpy(application.app_path, (std::string("/storage/") + name).c_str());
-    ground.fork_gives_child();
-    ground.kernel.on_waitpid = [](auto...) -> pid_t { throw LeftProduct(); };
     qel_run_application_for_ever(&application);
 }
 
-#define REMOVING_PREFIX "removing dir tree \"/qel_home/.wine\"\n"
+/// As the child.
+Scenario child(const char *scenario, const char *name)
+{
+    const auto become = [=](Ground &ground) {
+        ground.fork_gives_child();
+        ground.kernel.on_waitpid = [](auto...) -> pid_t { throw LeftProduct(); };
+        return run(name);
+    };
+    return {scenario, become, {"exit 1", "left"}};
+}
+
+/// As the parent; `ended` are the children whose end is learned, fork gives `started`.
+Scenario parent(const char *scenario, const std::deque<std::pair<pid_t, int>> &ended,
+                const std::string &until, pid_t started = Ground::child)
+{
+    const auto wait = [=](Ground &ground) {
+        ground.disk.make_folder("/storage");
+        ground.ended = ended;
+        ground.kernel.on_fork = [=] { return started; };
+        return run("qel_application_1");
+    };
+    return cut({scenario, wait}, "chdir *", until);
+}
 
 const std::vector<Scenario> applications = {
     {"FindApplicationOnAStick", find_on_stick, {"/storage/qel_application_1"}},
-    {"StartXServer",
-     [](Ground &) {
-         qel_start_x_server();
-         return std::string("started");
-     }},
+    {"StartXServer", [] { qel_start_x_server(); }},
     {"StartXServerInTheChild",
      [](Ground &ground) {
          ground.fork_gives_child();
          qel_start_x_server();
-         return std::string("started");
      },
-     {"exit 1", "started"}},
-    {"RunApplication",
-     [](Ground &ground) { return run_application(ground, "qel_application_1"); },
-     {"exit 1", "left"}},
-    {"RunWindowsApplication",
-     [](Ground &ground) { return run_application(ground, "qel_application_1.exe.so"); },
-     {"exit 1", "left"}},
-    {"RunApplicationBesideAnotherChild", run_after_another_child},
+     {"exit 1", "done"}},
+    child("RunApplication", "qel_application_1"),
+    child("RunWindowsApplication", "qel_application_1.exe.so"),
+    parent("RunApplicationBesideAnotherChild", {{99, 0}}, "chdir * #2"),
+};
+
+const std::vector<Scenario> application_ends = {
+    parent("ApplicationEndsInAnyWay", {{Ground::child, 0}, {Ground::child, 1 << 8}, {Ground::child, SIGSEGV}},
+           "fork #4"),
+    parent("ForkFails", {{99, 0}}, "fork #2", -1),
+    cut({"EqualNamesOnStorageAndStick", find_equal_names}, "closedir /storage"),
+    cut({"NamesOf255BytesAtEveryLevel", find_long_names}, "opendir /disk"),
 };
 
 } // namespace
 
-INSTANTIATE_TAPES(starts, starts);
-INSTANTIATE_TAPES(start_up, whole_start_up);
 INSTANTIATE_TAPES(installs, installs);
-INSTANTIATE_TAPES(install, whole_install);
+INSTANTIATE_TAPES(install, {{"Install", install}});
+INSTANTIATE_TAPES(tools, tools);
 INSTANTIATE_TAPES(applications, applications);
-
-TEST(StartUp, GoesTheSameWayOnAConsoleThatTakesNothing)
-{
-    const auto start_unheard = [](Ground &ground) {
-        const int full = real_open("/dev/full", O_WRONLY, 0);
-        real_dup2(full, STDOUT_FILENO);
-        real_close(full);
-        return start(ground);
-    };
-    size_t heard = 0;
-    const auto effects_of = [&heard](const std::function<std::string(Ground &)> &run) {
-        const Traces traces;
-        std::vector<std::string> texts;
-        for (const Event &event : run_tape({"StartUp", run}).events) {
-            if (event.text.rfind("console ", 0) == 0)
-                ++heard;
-            else
-                texts.push_back(event.text);
-        }
-        return texts;
-    };
-    const std::vector<std::string> unheard = effects_of(start_unheard);
-    EXPECT_EQ(heard, 0U);
-    EXPECT_EQ(unheard, effects_of(start));
-    EXPECT_GT(heard, 0U);
-}
+INSTANTIATE_TAPES(application_ends, application_ends);

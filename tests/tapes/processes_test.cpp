@@ -1,11 +1,9 @@
-// What failing calls lead to in starting programs, making links and dumps.
+// Starting programs, making links, and dumps.
 
-#include "support/stops.h"
 #include "tapes/golden.h"
 
 #include "qel_utility/qel_filesystem.h"
 
-#include <errno.h>
 #include <signal.h>
 
 namespace
@@ -15,32 +13,24 @@ namespace
 
 const char *const tool_arguments[] = {"/bin/tool", nullptr};
 
-std::string run_checked(Ground &)
+void run_checked()
 {
     qel_exec_wait_checked("/bin/tool", tool_arguments, nullptr, "input");
-    return "ended";
 }
 
-/// What becomes of a tool that ends with `status`, as wait has it; the stop that this leads to is the result.
-std::string run_to_its_end(Ground &ground, int status)
-{
-    ground.kernel.on_waitpid = [=](pid_t process, int *how, int) {
-        *how = status;
-        return process;
-    };
-    try {
-        return run_checked(ground);
-    } catch (const Stop &stop) {
-        if (ground.kernel.count("waitpid") == 0)
-            throw;
-        return "stopped at " + std::to_string(stop.line);
-    }
-}
-
-std::string run_unchecked(Ground &)
+void run_unchecked()
 {
     qel_exec_wait("/bin/tool", tool_arguments, nullptr, "input");
-    return "ended";
+}
+
+/// What becomes of a tool that ends with `status`, as wait has it.
+Scenario run_to_its_end(const char *name, int status)
+{
+    const auto run = [=](Ground &ground) {
+        ground.ended = {{Ground::child, status}};
+        run_checked();
+    };
+    return cut({name, run}, "waitpid *");
 }
 
 /// The parent writes what the child would.
@@ -57,61 +47,46 @@ std::string capture(Ground &ground)
     return text.empty() ? "nothing" : text;
 }
 
-std::string as_child(Ground &ground, std::string (*run)(Ground &))
+Scenario as_child(const char *name, const Piece &piece)
 {
-    ground.fork_gives_child();
-    return run(ground);
+    const auto run = [=](Ground &ground) {
+        ground.fork_gives_child();
+        return piece.run(ground);
+    };
+    return {name, run};
 }
-
-/// What a child, or a stop, has in hand: the pair for the input.
 
 const std::vector<Scenario> programs = {
     {"ExecWaitChecked", run_checked},
-    {"ExecWaitCheckedOfAToolThatIsKilled", [](Ground &ground) { return run_to_its_end(ground, SIGKILL); }},
-    {"ExecWaitCheckedOfAToolThatFails", [](Ground &ground) { return run_to_its_end(ground, 1 << 8); }},
-    {"ExecWaitCheckedInTheChild", [](Ground &ground) { return as_child(ground, run_checked); }},
+    run_to_its_end("ExecWaitCheckedOfAToolThatIsKilled", SIGKILL),
+    run_to_its_end("ExecWaitCheckedOfAToolThatFails", 1 << 8),
+    as_child("ExecWaitCheckedInTheChild", run_checked),
     {"ExecWait", run_unchecked},
-    {"ExecWaitInTheChild", [](Ground &ground) { return as_child(ground, run_unchecked); }},
+    as_child("ExecWaitInTheChild", run_unchecked),
     {"WineExecCapture", capture, {"nothing", "t", "tex"}},
-    {"WineExecCaptureInTheChild", [](Ground &ground) { return as_child(ground, capture); }},
+    as_child("WineExecCaptureInTheChild", capture),
 };
 
-// ---- Links ----
+// ---- Links and dumps ----
 
-std::string make_link(Ground &)
-{
-    return qel_symlink("/tmp", "/qel_home") ? "made" : "0";
-}
-
-const std::vector<Scenario> links = {
-    {"Symlink", make_link},
-};
-
-// ---- Dumps ----
-
-std::string dump_folder(Ground &ground)
+void dump_folder(Ground &ground)
 {
     ground.disk.make_file("/a/file", "12345");
     qel_dump_folder("/a");
-    return "dumped";
 }
 
-std::string dump_file(Ground &ground)
+void dump_file(Ground &ground)
 {
     ground.disk.make_file("/file", "first\nsecond\n");
     qel_dump_file("/file");
-    return "dumped";
 }
 
-std::string dump_processes(Ground &ground)
+void dump_processes(Ground &ground)
 {
     ground.disk.make_file("/proc/12/status", "Name: x\n");
     ground.disk.make_file("/proc/version");
     qel_dump_processes();
-    return "dumped";
 }
-
-#define DASHES "----------------------------------------\n"
 
 const std::vector<Scenario> dumps = {
     {"DumpFolder", dump_folder},
@@ -122,5 +97,5 @@ const std::vector<Scenario> dumps = {
 } // namespace
 
 INSTANTIATE_TAPES(programs, programs);
-INSTANTIATE_TAPES(links, links);
+INSTANTIATE_TAPES(links, {{"Symlink", [] { return qel_symlink("/tmp", "/qel_home"); }}});
 INSTANTIATE_TAPES(dumps, dumps);

@@ -5,6 +5,7 @@
 #include "support/link_referee.h"
 
 #include <ctype.h>
+#include <fnmatch.h>
 #include <stdio.h>
 #include <stdio_ext.h>
 #include <string.h>
@@ -51,42 +52,23 @@ std::string quoted(const std::string &text)
     return all + "\"";
 }
 
+/// A text in which a run of more than 60 of the same character is "x*255".
+std::string shortened(const std::string &text)
+{
+    std::string all;
+    for (size_t at = 0, run; at < text.size(); at += run) {
+        run = std::min(text.find_first_not_of(text[at], at), text.size()) - at;
+        all += run > 60 ? text[at] + ("*" + std::to_string(run)) : text.substr(at, run);
+    }
+    return all;
+}
+
 bool is_text(const uint8_t *bytes, size_t size)
 {
     return std::all_of(bytes, bytes + size, [](uint8_t byte) { return isprint(byte) || byte == '\n'; });
 }
 
 constexpr int confirm_type = 15;
-
-/// A packet of the host link in words: big-endian length, CRC, then the message, little-endian.
-std::string packet_of(const uint8_t *bytes, size_t size)
-{
-    if (bytes[0] == 0x80)
-        return "packet that goes on, " + std::to_string(size) + " bytes";
-    if (bytes[0] != 0 || size < 14)
-        return "packet " + hex_of(bytes, size);
-    const int length = bytes[2] << 8 | bytes[3];
-    std::string text = "message " + std::to_string(bytes[6]) + " of " + std::to_string(length) + " bytes";
-    const bool has_number = LinkReferee::is_sequenced(bytes[6]) || bytes[6] == confirm_type;
-    return has_number && size > 14 ? text + ", number " + std::to_string(bytes[14]) : text;
-}
-
-/// The first bytes that went to or came from a file.
-std::string content_of(const std::string &file, const void *data, size_t size)
-{
-    const auto *bytes = static_cast<const uint8_t *>(data);
-    if (size == 0 || size > 64)
-        return "";
-    if (file.find("host_comms") != std::string::npos)
-        return " " + packet_of(bytes, size);
-    // A row of the display: its digit, the text, and a 0.
-    if (file.find("lcd") != std::string::npos && bytes[size - 1] == 0 && is_text(bytes, size - 1))
-        return " row " + std::string(1, static_cast<char>(bytes[0])) + " " +
-               quoted(reinterpret_cast<const char *>(bytes) + 1);
-    if (is_text(bytes, size))
-        return " " + quoted(std::string(reinterpret_cast<const char *>(bytes), size));
-    return " " + hex_of(bytes, size);
-}
 
 bool is_transfer(const std::string &name)
 {
@@ -95,8 +77,8 @@ bool is_transfer(const std::string &name)
 
 } // namespace
 
-Recorder::Recorder(Ground &where, size_t max, bool goes_on)
-    : ground(where), calls_max(max), start_usec(where.kernel.clock_usec)
+Recorder::Recorder(Ground &where, const std::string &leave_at, size_t max, bool goes_on)
+    : ground(where), until(leave_at), calls_max(max), start_usec(where.kernel.clock_usec)
 {
     if (!goes_on)
         files.clear();
@@ -127,9 +109,50 @@ void Recorder::begins()
     // Looks at the clock change nothing, and the size of a block depends on the processor.
     if (event.call == "time" || event.call == "gettimeofday")
         return;
-    event.text = event.call.find("alloc") == std::string::npos ? record : event.call;
+    event.text = event.call.find("alloc") == std::string::npos ? shortened(record) : event.call;
     const auto flushed = static_cast<size_t>(lseek(STDOUT_FILENO, 0, SEEK_CUR));
     entries.push_back({event, flushed + __fpending(stdout), flushed});
+    if (fnmatch(until.c_str(), (record + " #" + std::to_string(event.n)).c_str(), 0) == 0) {
+        entries.back().event.call.clear();
+        throw LeftProduct();
+    }
+}
+
+/// A packet of the host link in words: big-endian length, CRC, then the message, little-endian. Numbers of
+/// messages are letters, in order of appearance.
+std::string Recorder::packet_of(const uint8_t *bytes, size_t size)
+{
+    if (bytes[0] == 0x80)
+        return "packet that goes on, " + std::to_string(size) + " bytes";
+    if (bytes[0] != 0 || size < 14)
+        return "packet " + hex_of(bytes, size);
+    const int length = bytes[2] << 8 | bytes[3];
+    std::string text = "message " + std::to_string(bytes[6]) + " of " + std::to_string(length) + " bytes";
+    const bool has_number = LinkReferee::is_sequenced(bytes[6]) || bytes[6] == confirm_type;
+    if (!has_number || size < 15)
+        return text;
+    const auto known = std::find(numbers.begin(), numbers.end(), bytes[14]);
+    const auto letter = static_cast<char>('A' + (known - numbers.begin()));
+    if (known == numbers.end())
+        numbers.push_back(bytes[14]);
+    return text + ", number " + letter;
+}
+
+/// The first bytes that went to or came from a file.
+std::string Recorder::content_of(const std::string &file, const void *data, size_t size)
+{
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    if (size == 0 || size > 64)
+        return "";
+    if (file.find("host_comms") != std::string::npos)
+        return " " + packet_of(bytes, size);
+    // A row of the display: its digit, the text, and a 0.
+    if (file.find("lcd") != std::string::npos && bytes[size - 1] == 0 && is_text(bytes, size - 1))
+        return " row " + std::string(1, static_cast<char>(bytes[0])) + " " +
+               quoted(reinterpret_cast<const char *>(bytes) + 1);
+    if (is_text(bytes, size))
+        return " " + quoted(std::string(reinterpret_cast<const char *>(bytes), size));
+    return " " + hex_of(bytes, size);
 }
 
 const std::string &Recorder::named(const FakeKernel::Made &made)
@@ -141,7 +164,7 @@ const std::string &Recorder::named(const FakeKernel::Made &made)
     }
     const auto found = files.find(made.file);
     // What scenarios have for a link that nobody opened.
-    return found == files.end() ? (made.file > 5000 ? link : unknown) : found->second;
+    return found == files.end() ? (made.file == Ground::link_descriptor ? link : unknown) : found->second;
 }
 
 void Recorder::learn_names(const FakeKernel::Made &made, const std::string &record)
@@ -180,6 +203,8 @@ std::string Recorder::spelled(const FakeKernel::Made &made, const std::string &r
             text += content_of(named(made), made.bytes, static_cast<size_t>(made.result));
         return text + " = " + std::to_string(made.result);
     }
+    if (name == "waitpid" && made.result > 0 && *static_cast<const int *>(made.bytes))
+        text += " status " + std::to_string(*static_cast<const int *>(made.bytes));
     if (made.result == 0 || (name == "open" && made.result > 0) || name == "dup2" ||
         (name == "waitpid" && made.result == Ground::child))
         return text;
@@ -193,7 +218,7 @@ void Recorder::ends(const FakeKernel::Made &made)
         return;
     Event &event = entries.back().event;
     learn_names(made, record);
-    event.text = spelled(made, record);
+    event.text = shortened(spelled(made, record));
     if (is_transfer(made.name) && !made.error)
         event.moved = static_cast<long>(made.result);
 }
@@ -212,7 +237,7 @@ void add_output(std::vector<Event> &tape, const std::string &printed, size_t fro
     while (from < to) {
         const size_t end = std::min(printed.find('\n', from), to - 1) + 1;
         const std::string held = end > flushed ? "held " : "";
-        tape.push_back(effect("console " + held + quoted(printed.substr(from, end - from)), ms));
+        tape.push_back(effect("console " + held + shortened(quoted(printed.substr(from, end - from))), ms));
         from = end;
     }
 }

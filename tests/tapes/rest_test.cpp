@@ -1,4 +1,4 @@
-// What makes no call that can fail, and the proof that the sweeps leave no function out.
+// What makes no call that can fail, and the proof that no function is left out.
 
 #include "support/stops.h"
 #include "tapes/golden.h"
@@ -24,12 +24,11 @@ namespace
 {
 
 /// Calls `use` with memory watched.
-Scenario without_calls(const char *name, const std::function<void()> &use)
+Scenario without_calls(const char *name, void (*use)())
 {
     const auto run = [=](Ground &ground) {
         ground.kernel.watches_memory = 1;
         use();
-        return std::string("no call that can fail");
     };
     return {name, run};
 }
@@ -98,12 +97,12 @@ void log_and_switch()
     qel_sysmsg_trace("x");
 }
 
-std::string tell_fatal_error(Ground &)
+int report_fatal_error()
 {
     try {
         QEL_FATAL_ERROR_AT(12, "a message\n");
     } catch (const Stop &stop) {
-        return "stopped at " + std::to_string(stop.line);
+        return stop.line;
     }
 }
 
@@ -163,12 +162,8 @@ const std::vector<Scenario> without_any = {
     without_calls("ChangeStrings", change_strings),
     without_calls("ComputeCrcs", compute_crcs),
     without_calls("LogAndSwitch", log_and_switch),
-    {"LogTimestamp",
-     [](Ground &) { return std::to_string(qel_log_timestamp(stdout)); },
-     {},
-     "",
-     "it shows the time"},
-    {"FatalError", tell_fatal_error, {}, "", "it shows the time"},
+    {"LogTimestamp", [] { return qel_log_timestamp(stdout); }, {}, "it shows the time"},
+    {"FatalError", report_fatal_error, {}, "it shows the time"},
     {"QueryInVain", query_in_vain},
 };
 
@@ -215,13 +210,13 @@ std::vector<std::string> public_functions(const std::filesystem::path &root)
 
 INSTANTIATE_TAPES(without_any, without_any);
 
-TEST(FaultSweep, CountsNoFunctionAsCalledThatIsOnlyNamed)
+TEST(Tapes, CountNoFunctionAsCalledThatIsOnlyNamed)
 {
     EXPECT_THAT(called_in("int x = f(g(\"\\\"h()\"), 'i', &j); // k()\nl(); /* m()\n n() */ o ();"),
                 testing::ElementsAre("f", "g", "l"));
 }
 
-TEST(FaultSweep, LeavesNoFunctionOut)
+TEST(Tapes, LeaveNoFunctionOut)
 {
     const auto root = std::filesystem::path(QEL_TAPES_FOLDER).parent_path().parent_path();
     // The start-up scenario runs main.
@@ -233,7 +228,8 @@ TEST(FaultSweep, LeavesNoFunctionOut)
     const std::vector<std::string> functions = public_functions(root);
     EXPECT_GT(functions.size(), 180U);
     for (const std::string &function : functions) {
-        if (function != "qel_assert_fail") { // which is what a stop is
+        // One is what a stop is, the other the update mode's own, handed to the link.
+        if (function != "qel_assert_fail" && function != "qel_update_handler") {
             EXPECT_TRUE(known.count(function)) << function;
         }
     }

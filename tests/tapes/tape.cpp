@@ -40,8 +40,10 @@ Traces::Traces()
 Traces::~Traces()
 {
     for (const int file : open_descriptors()) {
-        if (!open_before.count(file))
+        if (!open_before.count(file)) {
             real_close(file);
+            Ground::board.erase(file);
+        }
     }
     restore_product(product);
     EXPECT_EQ(fchdir(folder), 0);
@@ -90,7 +92,7 @@ std::map<std::string, std::string> files_on(const Scratch &disk)
 std::string end_of(const Scenario &scenario, Ground &ground, bool &is_over)
 {
     try {
-        const std::string end = scenario.run(ground);
+        const std::string end = scenario.piece.run(ground);
         is_over = true;
         return end;
     } catch (const Became &became) {
@@ -174,7 +176,7 @@ Run run_tape(const Scenario &scenario, const Injection *injection, bool is_again
         // A while later, as far as the product can see.
         if (is_again)
             ground.kernel.advance_usec(4000000000);
-        Recorder recorder(ground, calls_max, is_again);
+        Recorder recorder(ground, scenario.until, calls_max, is_again);
         recorder.on_first_call = [&] { run.files_before = files_on(ground.disk); };
         if (injection)
             plan(ground.kernel, *injection);

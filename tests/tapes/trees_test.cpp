@@ -1,28 +1,29 @@
-// What failing calls lead to in the operations on whole trees. A folder that cannot be read on counts as
-// one that ends there.
+// Whole trees. A folder that cannot be read on counts as one that ends there.
 
 #include "tapes/golden.h"
 
 #include "qel_utility/qel_filesystem.h"
 
-#include <errno.h>
-#include <string.h>
-
 namespace
 {
 
-/// A result and all that is below a folder: "1: file sub/ sub/other".
-std::string left_in(const Ground &ground, const std::string &folder, int result)
+/// Works on a tree that has these files, and what is then below a folder: "1: file sub/ sub/other".
+Scenario on_tree(const char *name, const std::vector<std::string> &files, const std::string &folder,
+                 const std::function<int()> &work, const std::vector<std::string> &may_end)
 {
-    std::string text = std::to_string(result) + ":";
-    if (ground.disk.has(folder)) {
-        for (const std::string &entry : ground.disk.tree(folder))
-            text += " " + entry;
-    }
-    return text;
+    const auto run = [=](Ground &ground) {
+        for (const std::string &file : files)
+            file.back() == '/' ? ground.disk.make_folder(file) : ground.disk.make_file(file, "7 bytes");
+        std::string text = std::to_string(work()) + ":";
+        for (const std::string &entry :
+             ground.disk.has(folder) ? ground.disk.tree(folder) : std::vector<std::string>())
+            text += " " + entry.substr(0, 20);
+        return text;
+    };
+    return {name, run, may_end};
 }
 
-// ---- Search ----
+// ---- Search and walk ----
 
 std::string find_application(Ground &ground)
 {
@@ -32,54 +33,6 @@ std::string find_application(Ground &ground)
     qel_find_file_with_prefix("/storage", "app_", folder, name);
     return std::string(folder) + " " + name;
 }
-
-const std::vector<Scenario> searches = {
-    {"FindFileWithPrefix", find_application, {" ", "/storage app_1"}},
-};
-
-// ---- Removing ----
-
-std::string remove_contents(Ground &ground)
-{
-    ground.disk.make_file("/a/file");
-    ground.disk.make_file("/a/sub/other");
-    const int result = qel_rmdircontents("/a");
-    return left_in(ground, "/a", result);
-}
-
-std::string remove_tree(Ground &ground)
-{
-    ground.disk.make_file("/top/a/file");
-    const int result = qel_rmdirtree("/top/a");
-    return left_in(ground, "/top", result);
-}
-
-std::string remove_file(Ground &ground)
-{
-    ground.disk.make_file("/top/a");
-    const int result = qel_rmdirtree("/top/a");
-    return left_in(ground, "/top", result);
-}
-
-std::string remove_nothing(Ground &)
-{
-    return std::to_string(qel_rmdirtree("/a"));
-}
-
-#define REMOVING_A     "removing contents of \"/a\"\n"
-#define REMOVING_A_SUB "removing contents of \"/a/sub\"\n"
-
-const std::vector<Scenario> removals = {
-    {"RmdirContents",
-     remove_contents,
-     {"0: file", "0: file sub/ sub/other", "0: sub/", "0: sub/ sub/other", "1: file sub/ sub/other",
-      "1: sub/ sub/other"}},
-    {"RmdirTree", remove_tree, {"0: a/", "0: a/ a/file", "1: a/"}},
-    {"RmdirTreeOfAFile", remove_file, {"0: a", "1: a"}},
-    {"RmdirTreeOfNothing", remove_nothing, {"0"}},
-};
-
-// ---- Walking ----
 
 int note(const char *source, const char *destination, void *notes)
 {
@@ -96,87 +49,71 @@ std::string walk(Ground &ground)
     return notes;
 }
 
-const std::vector<Scenario> walks = {
-    {"RecurseFilesInFolder", walk, {"visited: ", "visited: /src/file to /dst/file "}},
+// ---- Removing ----
+
+const std::vector<Scenario> removals = {
+    on_tree("RmdirContents", {"/a/file", "/a/sub/other"}, "/a", [] { return qel_rmdircontents("/a"); },
+            {"0: file", "0: file sub/ sub/other", "0: sub/", "0: sub/ sub/other", "1: file sub/ sub/other",
+             "1: sub/ sub/other"}),
+    on_tree("RmdirTree", {"/top/a/file"}, "/top", [] { return qel_rmdirtree("/top/a"); },
+            {"0: a/", "0: a/ a/file", "1: a/"}),
+    on_tree("RmdirTreeOfAFile", {"/top/a"}, "/top", [] { return qel_rmdirtree("/top/a"); }, {"0: a", "1: a"}),
+    on_tree("RmdirTreeOfNothing", {}, "/", [] { return qel_rmdirtree("/a"); }, {"0:"}),
 };
 
 // ---- Copying ----
 
-std::string copy_worker(Ground &ground)
-{
-    ground.disk.make_file("/a/file", "7 bytes");
-    ground.disk.make_folder("/b");
-    const int result = _qel_cpdirtree("/a", "/b", 0);
-    return left_in(ground, "/b", result);
-}
-
-std::string copy_tree(Ground &ground)
-{
-    ground.disk.make_file("/a/src/file", "7 bytes");
-    const int result = qel_cpdirtree("/a/src", "/b");
-    return left_in(ground, "/b", result);
-}
-
-std::string copy_tree_by_rules(Ground &ground)
-{
-    const qel_copy_foo rule = {0, "file"};
-    ground.disk.make_file("/a/src/file", "7 bytes");
-    const int result = qel_cpdirtree_with_foo("/a/src", "/b", &rule, 1);
-    return left_in(ground, "/b", result);
-}
-
-std::string copy_contents(Ground &ground)
-{
-    ground.disk.make_file("/a/file", "7 bytes");
-    const int result = qel_cpdircontents("/a", "/b/dst");
-    return left_in(ground, "/b", result);
-}
-
-std::string merge_contents(Ground &ground)
-{
-    ground.disk.make_file("/a/file", "7 bytes");
-    ground.disk.make_file("/b/dst/old", "stays");
-    const int result = qel_mergedircontents("/a", "/b/dst");
-    return left_in(ground, "/b", result);
-}
-
-std::string copy_folder_in_folder(Ground &ground)
-{
-    const qel_copy_foo rule = {1, "*.tmp"};
-    ground.disk.make_folder("/a/sub");
-    ground.disk.make_file("/a/x.tmp");
-    const int result = _qel_cpdirtree_with_foo("/a", "/b", 0, &rule, 1);
-    return left_in(ground, "/b", result);
-}
-
-#define COPYING_TREE                                                                                         \
-    "copying dir tree \"/a/src\" to inside of folder \"/b\"...\nremoving dir tree \"/b/src\"\n"
-#define COPYING_CONTENTS "copying contents of \"/a\" to inside of folder \"/b/dst\"...\n"
-#define REMOVING_DST     "removing dir tree \"/b/dst\"\n"
-
-/// What is not done to a file that cannot be opened in its new place.
-const std::vector<std::string> without_target = {"read 4096", "write 7", "close #2", "chmod */file 0777 #4"};
+const qel_copy_foo keep_file = {0, "file"}, leave_out_tmp = {1, "*.tmp"};
 
 const std::vector<Scenario> workers = {
-    {"CopyWorker", copy_worker, {"0:", "0: file", "1:"}},
-    {"CopyWorkerInASubfolder", copy_folder_in_folder, {"0:", "0: sub/", "1:"}},
+    on_tree("CopyWorker", {"/a/file", "/b/"}, "/b", [] { return _qel_cpdirtree("/a", "/b", 0); },
+            {"0:", "0: file", "1:"}),
+    on_tree("CopyWorkerInASubfolder", {"/a/sub/", "/a/x.tmp"}, "/b",
+            [] { return _qel_cpdirtree_with_foo("/a", "/b", 0, &leave_out_tmp, 1); },
+            {"0:", "0: sub/", "1:"}),
 };
 
+const std::vector<std::string> after_a_fault = {"0:", "0: src/", "0: src/ src/file", "1: src/"};
+
 const std::vector<Scenario> tree_copies = {
-    {"CopyTree", copy_tree, {"0:", "0: src/", "0: src/ src/file", "1: src/"}},
-    {"CopyTreeByRules", copy_tree_by_rules, {"0:", "0: src/", "0: src/ src/file", "1: src/"}},
+    on_tree(
+        "CopyTree", {"/a/src/file"}, "/b", [] { return qel_cpdirtree("/a/src", "/b"); }, after_a_fault),
+    on_tree(
+        "CopyTreeByRules", {"/a/src/file"}, "/b",
+        [] { return qel_cpdirtree_with_foo("/a/src", "/b", &keep_file, 1); }, after_a_fault),
 };
 
 const std::vector<Scenario> content_copies = {
-    {"CopyContents", copy_contents, {"0:", "0: dst/", "0: dst/ dst/file", "1: dst/"}},
-    {"MergeContents", merge_contents, {"0: dst/ dst/file dst/old", "0: dst/ dst/old", "1: dst/ dst/old"}},
+    on_tree("CopyContents", {"/a/file"}, "/b", [] { return qel_cpdircontents("/a", "/b/dst"); },
+            {"0:", "0: dst/", "0: dst/ dst/file", "1: dst/"}),
+    on_tree("MergeContents", {"/a/file", "/b/dst/old"}, "/b",
+            [] { return qel_mergedircontents("/a", "/b/dst"); },
+            {"0: dst/ dst/file dst/old", "0: dst/ dst/old", "1: dst/ dst/old"}),
+};
+
+// ---- Long paths ----
+
+/// A copy from and to folders with names of 255 bytes; the paths of files have `bytes` bytes.
+Scenario copy_long(const char *name, size_t bytes, const std::vector<std::string> &may_end)
+{
+    const std::string folder = "/a/" + std::string(255, 'd') + "/";
+    return cut(on_tree(
+                   name, {folder + std::string(bytes - folder.size(), 'f')}, "/b",
+                   [] { return _qel_cpdirtree("/a", "/b", 0); }, may_end),
+               "opendir /a/*");
+}
+
+const std::vector<Scenario> long_paths = {
+    copy_long("CopyOfALongestPath", 511, {"0:*", "1:*"}),
+    copy_long("CopyOfATooLongPath", 512, {"0:*", "1:*"}),
 };
 
 } // namespace
 
-INSTANTIATE_TAPES(searches, searches);
+INSTANTIATE_TAPES(searches, {{"FindFileWithPrefix", find_application, {" ", "/storage app_1"}}});
 INSTANTIATE_TAPES(removals, removals);
-INSTANTIATE_TAPES(walks, walks);
+INSTANTIATE_TAPES(walks, {{"RecurseFilesInFolder", walk, {"visited: ", "visited: /src/file to /dst/file "}}});
 INSTANTIATE_TAPES(copy_workers, workers);
 INSTANTIATE_TAPES(copy_trees, tree_copies);
 INSTANTIATE_TAPES(copy_contents, content_copies);
+INSTANTIATE_TAPES(long_paths, long_paths);

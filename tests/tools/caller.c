@@ -1,4 +1,4 @@
-// A caller in C. It comes behind the includes of all headers, does something with each unit, and has a
+// A caller in C. It follows the includes of all headers, does something with each unit, and has a
 // qel_assert_fail of its own.
 
 #include <stdlib.h>

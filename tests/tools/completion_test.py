@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What bash completes behind qel-factory. The environment names the build folder: QEL_BUILD."""
+"""What bash completes after qel-factory. The environment names the build folder: QEL_BUILD."""
 import os
 import pathlib
 import subprocess

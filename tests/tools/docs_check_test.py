@@ -14,7 +14,7 @@ README = """# A tree
 
     ./tool --fast    # [no link](nowhere.md)
 
-What `[code](nowhere.md)` shows is no link, and
+What `[code](nowhere.md)` shows is not a link, and
 
 ```
 [nor here](nowhere.md)

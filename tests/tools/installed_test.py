@@ -25,7 +25,7 @@ def run(command, timeout=60, **options):
 
 
 def block(page, lead):
-    """The first indented lines of a page behind the line `lead`."""
+    """The first indented lines of a page after the line `lead`."""
     text = (ROOT / page).read_text().split(f"\n{lead}\n", 1)[1]
     return re.search(r"^(?:    .*\n)+", text, re.M)[0].replace("\n    ", "\n")[4:].splitlines()
 
@@ -143,8 +143,8 @@ class For32BitCabinets(unittest.TestCase):
         cls.application = cls.out / "qel_application_asks"
 
     def test_the_cabinets_example_has_the_instructions_of_an_i586_only(self):
-        told = run(["bash", "-euc", self.checking], cwd=ROOT, env=self.environment)
-        self.assertRegex(told, r"qel_application_asks: \d{4,} instructions, none of them later than the i586")
+        printed = run(["bash", "-euc", self.checking], cwd=ROOT, env=self.environment)
+        self.assertRegex(printed, r"qel_application_asks: \d{4,} instructions, none of them later than the i586")
 
     def test_later_instructions_are_found(self):
         program = self.out / "later"
@@ -190,11 +190,11 @@ class ManualPages(unittest.TestCase):
             self.assertEqual(self.described_in(page), set().union(*map(self.options_of, commands)), page)
 
     def test_the_script_run_has_all_commands_of_the_factory(self):
-        told = run([ROOT / "run", "--help"])
+        printed = run([ROOT / "run", "--help"])
         factory = run([BUILD / "factory/qel-factory", "--help"]).split("Subcommands:")[1]
         commands = set(re.findall(r"^  ([a-z][a-z-]+) ", factory, re.M))
         self.assertIn("make-stick", commands)
-        self.assertEqual(set(re.findall(r"^  ([a-z][a-z-]+) ", told, re.M)), commands)
+        self.assertEqual(set(re.findall(r"^  ([a-z][a-z-]+) ", printed, re.M)), commands)
 
     def test_have_exactly_the_options_of_qel_where(self):
         options = re.findall(r"^  (--[a-z]+)", run([ROOT / "host/where/qel-where", "--help"]), re.M)

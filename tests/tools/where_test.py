@@ -21,14 +21,14 @@ def where(*words):
 
 
 class Where(unittest.TestCase):
-    def test_tells_a_place_by_unit_and_line(self):
+    def test_explains_a_place_by_unit_and_line(self):
         result = where("qel_utility/qel_filesystem:1964")
         self.assertEqual(result.returncode, 0)
         self.assertIn("ERROR KCW1964\n  check     !err\n  function  qel_mount, src/", result.stdout)
         self.assertIn("means     A mount of", result.stdout)
         self.assertIn("to do ", result.stdout)
 
-    def test_tells_the_same_by_letters_by_the_last_name_and_by_a_console_line(self):
+    def test_explains_the_same_by_letters_by_the_last_name_and_by_a_console_line(self):
         expected = where("qel_utility/qel_filesystem:400").stdout
         self.assertIn("qel_fopen", expected)
         line = ('2024-03-05 07:08:09 - ERROR - qel_utility/qel_filesystem:400 - qel_fopen() - '
@@ -42,15 +42,15 @@ class Where(unittest.TestCase):
         self.assertNotIn("in this release only", where("KCW400", "VYS189").stdout)
 
     def test_prints_links_and_names_as_plain_text(self):
-        told = where("KCW2117", "VYS197").stdout
-        self.assertIn("The console shows which one: docs/installing.md#for-the-field-technician.", told)
-        self.assertIn("A partial file may be left on /storage, which", told)
+        printed = where("KCW2117", "VYS197").stdout
+        self.assertIn("The console shows which one: docs/installing.md#for-the-field-technician.", printed)
+        self.assertIn("A partial file may be left on /storage, which", printed)
 
     def test_finds_lines_that_come_from_outside_the_checking_function(self):
         functions = {"KCW2101": "qel_exec_wait_checked", "KCW1731": "qel_wine_exec_capture",
                      "KCW2017": "_mount_usb_disk", "KCW1914": "qel_make_lpc_node"}
-        told = re.findall(r"ERROR (\w+)\n.*\n  function  (\w+),", where(*functions).stdout)
-        self.assertEqual(dict(told), functions)
+        printed = re.findall(r"ERROR (\w+)\n.*\n  function  (\w+),", where(*functions).stdout)
+        self.assertEqual(dict(printed), functions)
 
     def test_has_the_letters_that_the_loader_forms(self):
         # The squares of "qel_string" sum up to 117070 = 65536 + 51534;
