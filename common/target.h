@@ -21,6 +21,7 @@ struct Target {
     std::string programs;
     std::string libraries;      ///< the folder of that Debian's libraries, below /lib and /usr/lib
     std::string dynamic_loader; ///< what those programs name as their interpreter
+    std::string machine;        ///< how the tool file names the machine of a program
 };
 
 inline const std::vector<Target> all_targets = {
@@ -34,7 +35,8 @@ inline const std::vector<Target> all_targets = {
      .kernel = "vmlinux",
      .programs = "",
      .libraries = "x86_64-linux-gnu",
-     .dynamic_loader = "/lib64/ld-linux-x86-64.so.2"},
+     .dynamic_loader = "/lib64/ld-linux-x86-64.so.2",
+     .machine = "x86-64"},
     {.name = "i586",
      .preset = "product-i586",
      // Debian's 32-bit programs want a processor of the family 6; the loader is content with an i586.
@@ -45,7 +47,8 @@ inline const std::vector<Target> all_targets = {
      .kernel = "bzImage",
      .programs = "i386",
      .libraries = "i386-linux-gnu",
-     .dynamic_loader = "/lib/ld-linux.so.2"},
+     .dynamic_loader = "/lib/ld-linux.so.2",
+     .machine = "Intel 80386"},
 };
 
 /// Their names; the first one's cabinet, unless another is named.

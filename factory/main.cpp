@@ -1,6 +1,7 @@
 // qel-factory, the tool of the production line: makes what a cabinet is made from, and checks what became
 // of it. Here are its commands and options; the other files of this folder do the work.
 
+#include "common/files.h"
 #include "common/version.h"
 #include "factory/boot_file.h"
 #include "factory/disk_check.h"
@@ -25,6 +26,7 @@ struct Options {
     Delivery delivery;
     DiskCheck check;
     std::string target = targets.front();
+    ScratchFolder scratch;
 };
 
 void show_progress(const std::string &step)
@@ -40,16 +42,18 @@ void complete(Options &options)
 {
     Delivery &delivery = options.delivery;
     bool no_application = delivery.storage.empty() && delivery.application.empty();
-    if (!delivery.kernel.empty() && !delivery.system_image.empty() && !no_application)
+    const bool has_system = !delivery.system_image.empty() && !fs::is_directory(delivery.system_image);
+    if (!delivery.kernel.empty() && has_system && !no_application)
         return;
     Parts parts = find_parts(options.target);
     if (delivery.kernel.empty()) {
         show_progress("making the boot file (half a minute when something has changed)");
         delivery.kernel = usual_boot_file(parts);
     }
-    if (delivery.system_image.empty()) {
+    if (!has_system) {
         show_progress("making the system image");
-        delivery.system_image = usual_system_image(parts);
+        delivery.system_image =
+            system_image_for(parts, delivery.system_image, delivery.application, options.scratch.path);
     }
     if (no_application)
         delivery.storage = usual_storage(parts);
@@ -140,7 +144,8 @@ void add_delivery(CLI::App &command, Options &options)
                        "boot file, kernel and RAM disk in one (default: the one of this source tree)");
     add_target(command, options);
     command.add_option("--system-image", options.delivery.system_image,
-                       "cramfs for /usr (default: the one of this source tree)");
+                       "what /usr is to hold: a cramfs or a folder (default: that of this source tree);\n"
+                       "but for a cramfs, libraries that the application needs are added");
     command.add_option("--storage", options.delivery.storage,
                        "what /storage is to hold: a folder, or a storage.zip made of one");
     command.add_option("--application", options.delivery.application,

@@ -7,6 +7,7 @@
 #include "common/files.h"
 #include "images/disks.h"
 #include "images/partitions.h"
+#include "images/system_image.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -63,22 +64,6 @@ void check_kernel(const Delivery &delivery)
                "(bzImage) with the RAM disk inside, as qel-factory make-kernel makes it");
 }
 
-void check_system_image(const Delivery &delivery)
-{
-    const std::string &image = delivery.system_image;
-    require_file(image, "name the system image with --system-image; qel-factory make-system-image makes one");
-    if (fs::file_size(image) > system_image_bytes_max)
-        refuse(image + ": " + megabytes(fs::file_size(image)) +
-               " do not fit the 28 MB system partition; leave something out of the system image");
-    DiskReader file(image);
-    std::string head = read_bytes(file, 0, 4);
-    if (head.size() < 4 || number_at(head, 0) != cramfs_magic)
-        refuse(image + ": not a cramfs; make it from a folder with qel-factory make-system-image");
-    try_step(image + ": this system image is damaged; make it again", [&] {
-        run_tool({"fsck.cramfs", image});
-    });
-}
-
 // ---- Storage ----
 
 /// The archive of the delivery's storage, made from a folder if need be.
@@ -93,17 +78,6 @@ std::string storage_archive(const Delivery &delivery, const std::string &scratch
         run_tool({"sh", "-c", "cd \"$0\" && exec zip -q -r \"$1\" .", storage, archive});
     });
     return archive;
-}
-
-/// What the archive becomes on the cabinet: unpacked with the cabinet's own tool.
-std::string unpack(const std::string &archive, const std::string &scratch)
-{
-    std::string folder = scratch + "/storage";
-    fs::create_directory(folder);
-    try_step(archive + ": the cabinet's miniunz cannot unpack this archive; make it again with zip", [&] {
-        run_tool({"miniunzip", archive, "-d", folder});
-    });
-    return folder;
 }
 
 bool is_application(const std::string &path)
@@ -153,7 +127,7 @@ Prepared prepare(const Delivery &delivery, const std::string &scratch, const Pro
     Prepared prepared;
     progress("looking at the kernel and the system image");
     check_kernel(delivery);
-    check_system_image(delivery);
+    check_system_image(delivery.system_image);
     if (!delivery.storage.empty()) {
         progress("unpacking the storage archive");
         prepared.archive = storage_archive(delivery, scratch);

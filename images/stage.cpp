@@ -2,6 +2,8 @@
 
 #include "stage.h"
 
+#include "common/child.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <stdexcept>
@@ -28,4 +30,19 @@ void stage(const std::string &folder, const std::vector<FileAt> &files)
         fs::copy_file(file.source, target, fs::copy_options::overwrite_existing);
     }
     fs::permissions(folder, fs::perms(0755));
+}
+
+std::string unpack(const std::string &archive, const std::string &folder)
+{
+    const std::string unpacked = folder + "/storage";
+    fs::create_directory(unpacked);
+    try {
+        run_tool({"miniunzip", archive, "-d", unpacked});
+    } catch (const std::runtime_error &error) {
+        throw std::runtime_error(archive +
+                                 ": the cabinet's miniunz cannot unpack this archive; make it again with "
+                                 "zip\n" +
+                                 error.what());
+    }
+    return unpacked;
 }

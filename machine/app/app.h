@@ -15,10 +15,16 @@ struct Options {
     std::string record;
     bool plain = false;
     bool print_qemu = false;
+    unsigned memory_mb = 256;
+    std::string kernel; ///< empty: the one of this source tree
 
     // ./run alone
     std::string stick;
     std::string application;
+    std::string system_image; ///< an image or a folder
+    std::string storage;      ///< a folder or an archive
+    std::string disk;
+    bool disk_in_place = false;
     bool shell = false;
     std::string screenshot;
     std::string link;

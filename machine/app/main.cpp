@@ -30,6 +30,8 @@ void add_options(CLI::App &app, Options &options, bool is_update)
     app.add_option("--record", options.record);
     app.add_flag("--plain", options.plain);
     app.add_flag("--print-qemu", options.print_qemu);
+    app.add_option("--memory", options.memory_mb)->check(CLI::Range(32, 2048));
+    app.add_option("--kernel", options.kernel)->check(CLI::ExistingFile);
     if (is_update) {
         options.mode = 3;
         options.seconds = 10;
@@ -41,7 +43,12 @@ void add_options(CLI::App &app, Options &options, bool is_update)
     mode->check(CLI::Range(0, UINT8_MAX));
     seconds->check(CLI::PositiveNumber);
     app.add_option("--stick", options.stick)->check(CLI::ExistingDirectory);
-    app.add_option("--application", options.application)->check(CLI::ExistingFile);
+    auto *application = app.add_option("--application", options.application)->check(CLI::ExistingFile);
+    auto *system = app.add_option("--system-image", options.system_image)->check(CLI::ExistingPath);
+    auto *storage = app.add_option("--storage", options.storage)->check(CLI::ExistingPath);
+    auto *disk = app.add_option("--disk", options.disk)->check(CLI::ExistingFile);
+    disk->excludes(application, system, storage);
+    app.add_flag("--disk-in-place", options.disk_in_place)->needs(disk);
     app.add_flag("--shell", options.shell);
     app.add_option("--screenshot", options.screenshot);
     app.add_option("--link", options.link);
@@ -62,7 +69,8 @@ CabinetSetup common_setup(const Options &options, const Parts &parts, const std:
 {
     CabinetSetup setup;
     setup.hardware = parts.target.hardware;
-    setup.kernel = parts.kernel;
+    setup.kernel = options.kernel.empty() ? parts.kernel : options.kernel;
+    setup.memory_mb = options.memory_mb;
     setup.ram_disk = folder + "/ram_disk";
     setup.internal_disk = folder + "/internal_disk";
     setup.board.mode = options.mode;

@@ -2,6 +2,7 @@
 
 #include "app.h"
 
+#include "common/child.h"
 #include "common/interrupt.h"
 #include "host/recording.h"
 #include "images/disks.h"
@@ -9,7 +10,9 @@
 #include "machine/app/terminal.h"
 #include "machine/drive/screen.h"
 
+#include <algorithm>
 #include <filesystem>
+#include <map>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -18,11 +21,40 @@ namespace
 {
 
 const double picture_seconds_max = 120;
+const char *const on_storage = "/storage/"; ///< in the words of an application, or of Wine or a shell for it
 
 std::string name_on_storage(const std::string &application)
 {
     std::string name = fs::path(application).filename();
     return name.starts_with(application_prefix) ? name : application_prefix + name;
+}
+
+std::vector<FileAt> storage_files(const Options &options, const Parts &parts, const std::string &folder)
+{
+    std::vector<FileAt> files;
+    if (fs::is_directory(options.storage))
+        files = files_of_folder(options.storage);
+    else if (!options.storage.empty())
+        files = files_of_folder(unpack(options.storage, folder));
+    std::string application = options.application;
+    if (application.empty() && options.storage.empty())
+        application = parts.sample_application;
+    if (!application.empty())
+        files.push_back({name_on_storage(application), application});
+    return files;
+}
+
+/// The machine starts from the disk alone, unless a kernel is named.
+void take_disk(CabinetSetup &setup, const Options &options)
+{
+    if (options.disk_in_place)
+        setup.internal_disk = options.disk;
+    else
+        run_tool({"cp", "--sparse=always", options.disk, setup.internal_disk});
+    if (options.kernel.empty()) {
+        setup.kernel.clear();
+        setup.ram_disk.clear();
+    }
 }
 
 CabinetSetup prepare(const Options &options, const Parts &parts, const std::string &folder)
@@ -37,13 +69,17 @@ CabinetSetup prepare(const Options &options, const Parts &parts, const std::stri
         setup.seconds_max = options.seconds + start_seconds_max;
     else if (!options.screenshot.empty())
         setup.seconds_max = picture_seconds_max + start_seconds_max;
-    std::string application = options.application.empty() ? parts.sample_application : options.application;
-    make_internal_disk(setup.internal_disk, usual_system_image(parts),
-                       {{name_on_storage(application), application}});
+    if (options.disk.empty())
+        make_internal_disk(setup.internal_disk,
+                           system_image_for(parts, options.system_image, options.application, folder),
+                           storage_files(options, parts, folder));
+    else
+        take_disk(setup, options);
     if (!options.stick.empty()) {
         setup.stick = folder + "/stick";
         make_stick(setup.stick, files_of_folder(options.stick));
-        setup.wait_for.push_back("/sys/block/sda/sda1");
+        if (!setup.kernel.empty()) // which gets it in its boot line
+            setup.wait_for.push_back("/sys/block/sda/sda1");
     }
     return setup;
 }
@@ -51,7 +87,7 @@ CabinetSetup prepare(const Options &options, const Parts &parts, const std::stri
 /// Takes the picture once the application has drawn; true when it is written.
 bool take_picture(Cabinet &cabinet, const std::string &path)
 {
-    if (count_starts(cabinet, "/storage/") == 0 || !shows_something(grab_screen(cabinet)))
+    if (count_starts(cabinet, on_storage) == 0 || !shows_something(grab_screen(cabinet)))
         return false;
     pump_for(cabinet, 1);
     Picture picture = grab_screen(cabinet);
@@ -87,6 +123,39 @@ FILE *create_recording(const std::string &path)
     if (recording == nullptr && !path.empty())
         throw std::runtime_error("cannot write " + path + "; name another file for --record");
     return recording;
+}
+
+// ---- How the application fared ----
+
+/// Why it cannot be said to have run; empty when one run was still alive at the end, or lived longer than a
+/// second.
+std::string why_it_did_not_run(const Cabinet &cabinet)
+{
+    std::map<int, double> alive; ///< since when, by process
+    std::string last_end;
+    double longest = 0;
+    for (const Event &event : cabinet.events) {
+        if (event.kind == Event::program_started && event.text.find(on_storage) != std::string::npos) {
+            alive.emplace(event.number, event.seconds);
+        } else if (event.kind == Event::program_ended && alive.contains(event.number)) {
+            longest = std::max(longest, event.seconds - alive[event.number]);
+            last_end = event.text;
+            alive.erase(event.number);
+        }
+    }
+    if (!alive.empty() || longest > 1)
+        return "";
+    std::string why = last_end.empty()
+                          ? "the application was never started"
+                          : "no run of the application lasted longer than a second; the last one ended "
+                            "with " +
+                                last_end;
+    for (const char *reason : {"error while loading shared libraries: ", "exec failed: "}) {
+        const size_t at = cabinet.console.rfind(reason);
+        if (at != std::string::npos)
+            return why + ": " + cabinet.console.substr(at, cabinet.console.find('\n', at) - at);
+    }
+    return why;
 }
 
 /// With a shell on this terminal, the view needs another place.
@@ -136,12 +205,15 @@ bool run(const Options &options, const Parts &parts, const std::string &folder)
     finish(cabinet, options, view);
     if (recording != nullptr)
         fclose(recording);
-    int runs = count_starts(cabinet, "/storage/");
+    int runs = count_starts(cabinet, on_storage);
     show_line(view, uptime(cabinet), "machine",
               "off; the application was started " + (runs == 1 ? "once" : std::to_string(runs) + " times"));
     if (!options.screenshot.empty())
         printf(picture_taken ? "the screen is in %s\n"
                              : "error: nothing appeared on the screen; %s not written\n",
                options.screenshot.c_str());
-    return runs > 0 && (picture_taken || options.screenshot.empty());
+    const std::string why = why_it_did_not_run(cabinet);
+    if (!why.empty())
+        printf("error: %s\n", why.c_str());
+    return why.empty() && (picture_taken || options.screenshot.empty());
 }

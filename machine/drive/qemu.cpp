@@ -125,7 +125,8 @@ void start_qemu(Cabinet &cabinet, const CabinetSetup &setup)
 {
     const char *accel = getenv("QEL_ACCEL");
     Words words = {setup.hardware.qemu, "-nodefaults", "-no-user-config"};
-    add(words, {"-accel", accel == nullptr ? "tcg" : accel, "-cpu", setup.hardware.processor, "-m", "256"});
+    add(words, {"-accel", accel == nullptr ? "tcg" : accel, "-cpu", setup.hardware.processor, "-m",
+                std::to_string(setup.memory_mb)});
     // Without graphics, the BIOS writes to the serial line.
     add(words, {"-display", "none", "-no-reboot", "-machine", "graphics=off"});
     add(words, {"-serial", "file:" + cabinet.scratch.path + "/kernel.log"});

@@ -164,8 +164,8 @@ TEST(Delivery, WithASystemImageOver28MegabytesIsRefused)
 {
     Line line;
     fs::resize_file(line.delivery.system_image, 28 * mebibyte + 1);
-    EXPECT_EQ(line.refusal(), line.delivery.system_image + ": 28.0 MB do not fit the 28 MB system partition; "
-                                                           "leave something out of the system image");
+    EXPECT_EQ(line.refusal(), line.delivery.system_image + ": 29360129 bytes do not fit the 28 MB system "
+                                                           "partition; leave something out");
 }
 
 TEST(Delivery, WithASystemImageThatIsNoneOrDamagedIsRefused)

@@ -1,16 +1,20 @@
 // The program behind ./run, and the whole cabinet with Debian's X server and the sample application.
 
-#include "machine_test.h"
+#include "install_machine.h"
 
 #include "common/link_socket.h"
 #include "machine/drive/screen.h"
 
+#include <gmock/gmock.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <filesystem>
 #include <map>
 #include <regex>
+
+using testing::ContainsRegex;
+using testing::HasSubstr;
 
 namespace
 {
@@ -84,20 +88,89 @@ TEST(Run, ShowsTheApplicationAlsoWhenTheConsoleIsSilent)
     EXPECT_NE(output.find("start    /storage/qel_application_sample"), std::string::npos);
 }
 
-TEST(Run, EndsWithOneWhenTheApplicationDoesNotStart)
+TEST(Run, RefusesAnApplicationThatTheCabinetCannotRun)
 {
     Machine machine;
+    auto refusal = [](const std::string &application, const std::string &target = targets.front()) {
+        int status = -1;
+        const std::string output = run_with({"--application", application, "--target", target}, status);
+        EXPECT_EQ(status, 1);
+        EXPECT_EQ(output.find("console"), std::string::npos); // nothing was started
+        return output;
+    };
+    const std::string text = file_with(machine, "text", "no program\n");
+    EXPECT_THAT(refusal(text), HasSubstr("error: " + text + ": neither a program nor a script"));
+    const std::string script = file_with(machine, "script", "#!/usr/bin/python3\n");
+    EXPECT_THAT(refusal(script),
+                HasSubstr(script + ": a script for /usr/bin/python3, which the cabinet has not"));
+    EXPECT_THAT(refusal("/bin/busybox", "i586"),
+                HasSubstr("/bin/busybox: does not run on the cabinet for i586: ELF 64-bit LSB executable"));
+    std::string bytes = read_file(machine.parts.sample_application);
+    for (size_t at = 0; (at = bytes.find("libX11.so.6", at)) != std::string::npos;)
+        bytes.replace(at, 11, "libX99.so.9");
+    const std::string program = file_with(machine, "program", bytes);
+    EXPECT_THAT(refusal(program), HasSubstr(program + ": libraries are missing for x86-64: libX99.so.9;"));
+    // The head of a Windows program: "MZ", and where "PE" is.
+    bytes = std::string("MZ") + std::string(58, '\0') + std::string("\x40\0\0\0PE\0\0\x64\x86", 10) +
+            std::string(64, '\0');
+    bytes.replace(0x58, 2, "\x0b\x02");
+    const std::string windows = file_with(machine, "program.exe", bytes);
+    EXPECT_THAT(refusal(windows), HasSubstr(windows + ": a Windows program;"));
+    const std::string for_wine = file_with(machine, "program.exe.so", bytes);
+    EXPECT_THAT(refusal(for_wine), HasSubstr(for_wine + ": needs Wine (/usr/wine/bin/wine);"));
+}
+
+TEST(Run, AddsTheLibrariesOfAnApplicationToTheSystemImageAndSaysWhyItDidNotRun)
+{
     int status = -1;
-    std::string output =
-        run_with({"--seconds", "4", "--application", file_with(machine, "text", "no program\n")}, status);
+    // It starts, so its libraries are there, and wants a command.
+    const std::string output = run_with({"--seconds", "4", "--application", MACHINE_TEST_HOST}, status);
     EXPECT_EQ(status, 1) << output;
-    EXPECT_NE(output.find("console  exec failed: qel_application_text\n"), std::string::npos);
+    EXPECT_THAT(output, ContainsRegex("also gets, in /usr/xorg/lib:.* libstdc\\+\\+\\.so\\.6"));
+    EXPECT_THAT(output,
+                HasSubstr("error: no run of the application lasted longer than a second; the last one "
+                          "ended with exit 2\n"));
+}
+
+TEST(Run, TakesStorageSystemImageAndMemoryFromTheUser)
+{
+    ScratchFolder folder;
+    const std::string system = folder.path + "/usr", storage = folder.path + "/storage";
+    std::filesystem::create_directories(system + "/share");
+    std::filesystem::create_directories(storage + "/inner");
+    write_file(system + "/share/greeting", "a word from /usr\n");
+    write_file(storage + "/inner/qel_application_1",
+               "#!/bin/sh\n/bin/busybox cat /usr/share/greeting\n/bin/busybox grep MemTotal /proc/meminfo\n"
+               "exec /bin/busybox sleep 100\n");
+    int status = -1;
+    const std::string output = run_with(
+        {"--seconds", "4", "--storage", storage, "--system-image", system, "--memory", "100"}, status);
+    EXPECT_THAT(output, HasSubstr("console  a word from /usr\n"));
+    EXPECT_THAT(output, ContainsRegex("console  MemTotal: +[89][0-9]{4} kB\n"));
+    EXPECT_THAT(output, HasSubstr("start    /bin/sh /storage/inner/qel_application_1"));
+}
+
+TEST(Run, StartsFromACopyOfAnInstalledDiskUnlessToldToUseIt)
+{
+    InstallMachine factory;
+    const std::string disk = factory.folder.path + "/disk";
+    make_installed_disk(disk, take_factory_stick(factory), [](const std::string &) {});
+    const std::string before = read_file(disk);
+    int status = -1;
+    std::string output = run_with({"--seconds", "3", "--disk", disk}, status);
+    EXPECT_THAT(output, HasSubstr("start    /storage/qel_application_1"));
+    EXPECT_TRUE(read_file(disk) == before);
+    output = run_with({"--seconds", "3", "--disk", disk, "--disk-in-place"}, status);
+    EXPECT_THAT(output, HasSubstr("start    /storage/qel_application_1"));
+    EXPECT_FALSE(read_file(disk) == before); // it was mounted
+    EXPECT_THAT(run_with({"--disk", disk, "--storage", "/"}, status), HasSubstr("--disk excludes --storage"));
+    EXPECT_EQ(status, 2);
 }
 
 TEST(Run, PutsAFoldersFilesOnAStick)
 {
     ScratchFolder stick;
-    std::string application = "#!/bin/sh\nexec /bin/busybox sleep 1\n";
+    std::string application = "#!/bin/sh\nexec /bin/busybox sleep 100\n";
     write_file(stick.path + "/qel_application_zz", application);
     int status = -1;
     std::string output = run_with({"--seconds", "6", "--stick", stick.path}, status);
@@ -115,7 +188,7 @@ TEST(Run, TellsWhereALoaderOfTheUsersOwnHasStopped)
     setenv("QEL_LOADER", MACHINE_TEST_TELLING_LOADER, 1);
     std::string output = run_with({"--seconds", "8", "--application", application}, status);
     unsetenv("QEL_LOADER");
-    EXPECT_EQ(status, 0) << output; // the application ran
+    EXPECT_EQ(status, 1) << output; // the application ended at once
     EXPECT_NE(output.find("note     stopped qel_utility/qel_filesystem:975 0\n"), std::string::npos)
         << output;
     EXPECT_NE(output.find("stop     the loader has stopped at KCW975; see host/where/qel-where KCW975\n"),
@@ -168,12 +241,13 @@ TEST(Run, HasOneHelpThatTheScriptPrintsBeforeAnythingIsBuilt)
 TEST(Run, TakesEveryOptionOfItsHelp)
 {
     const std::map<std::string, std::string> values = {
-        {" BYTE", "2"},   {" N", "1"},      {" MACHINE", "i586"}, {" PNG", "p"}, {" PCAPNG", "p"},
-        {" SOCKET", "s"}, {" FOLDER", "/"}, {" FILE", "/bin/sh"}, {"", ""}};
+        {" BYTE", "2"},   {" N", "1"},      {" MACHINE", "i586"},  {" PNG", "p"},
+        {" PCAPNG", "p"}, {" SOCKET", "s"}, {" FOLDER", "/"},      {" FILE", "/bin/sh"},
+        {" MB", "64"},    {" PATH", "/"},   {" IMAGE", "/bin/sh"}, {"", ""}};
     const std::string help = run_tool({run, "--help"});
     const size_t only_run = help.find("\nNot with update:");
-    // What ends by itself takes no second word.
-    const std::regex option("\n  (?!--version|--help)(--[a-z-]+)( [A-Z]+)?");
+    // What ends by itself takes no second word; --disk-in-place has a test of its own.
+    const std::regex option("\n  (?!--version|--help|--disk-in-place)(--[a-z-]+)( [A-Z]+)?");
     for (std::sregex_iterator match(help.begin(), help.end(), option), none; match != none; ++match) {
         std::vector<std::string> words = {(*match)[1], "--nonsense"};
         if ((*match)[2].matched)
