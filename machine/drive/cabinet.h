@@ -41,7 +41,7 @@ struct CabinetSetup {
     std::string host_link;     ///< path for a UNIX socket of host-comms records
     std::string clock;         ///< the machine's time at power-on in UTC ("2024-03-05T07:08:09"); empty: now
     unsigned memory_mb = 256;
-    double seconds_max = 120;  ///< after that the machine is ended and every call throws
+    double seconds_max = 120; ///< after that the machine is ended and every call throws
 };
 
 /// Something that happened in or around the machine.
