@@ -48,7 +48,7 @@ void transport_connect(Transport &transport, const std::string &path, double wai
 
 /// The socket `path`, to listen on; taken away at the end.
 struct Listener {
-    explicit Listener(const std::string &path);
+    explicit Listener(const std::string &at);
     ~Listener();
     Listener(const Listener &) = delete;
     Listener &operator=(const Listener &) = delete;
