@@ -127,8 +127,8 @@ FILE *create_recording(const std::string &path)
 
 // ---- How the application fared ----
 
-/// Why it cannot be said to have run; empty when one run was still alive at the end, or lived longer than a
-/// second.
+/// Why it cannot be said to have run; empty when one run lived longer than a second, or the first has not
+/// ended.
 std::string why_it_did_not_run(const Cabinet &cabinet)
 {
     std::map<int, double> alive; ///< since when, by process
@@ -143,7 +143,9 @@ std::string why_it_did_not_run(const Cabinet &cabinet)
             alive.erase(event.number);
         }
     }
-    if (!alive.empty() || longest > 1)
+    for (const auto &[process, since] : alive)
+        longest = std::max(longest, uptime(cabinet) - since);
+    if (longest > 1 || (last_end.empty() && !alive.empty()))
         return "";
     std::string why = last_end.empty()
                           ? "the application was never started"
