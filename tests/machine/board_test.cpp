@@ -96,8 +96,8 @@ TEST(BoardDriver, UsesTheNumberOfTheLaterLineThatNamesIt)
     start_with_mode(machine, 1);
 
     ASSERT_TRUE(wait_for_recorder(machine, "qel_application_1"));
-    EXPECT_EQ(look_inside(machine.cabinet, "grep qellpc /proc/devices"), "200 qellpc_decoy\n251 qellpc\n");
-    EXPECT_EQ(look_inside(machine.cabinet, "stat -c '%t:%T' /dev/qellpc_command"), "fb:3\n");
+    EXPECT_EQ(look_inside(machine.cabinet, "grep qellpc /proc/devices"), "200 qellpc_decoy\n252 qellpc\n");
+    EXPECT_EQ(look_inside(machine.cabinet, "stat -c '%t:%T' /dev/qellpc_command"), "fc:3\n");
 }
 
 TEST(BoardDriver, UsesTheNumberOfTheLaterLineAlsoWhenItIsNotTheDriver)
@@ -111,7 +111,7 @@ TEST(BoardDriver, UsesTheNumberOfTheLaterLineAlsoWhenItIsNotTheDriver)
     EXPECT_THAT(wait_until_parked(machine), testing::MatchesRegex("JET[0-9]+"));
     EXPECT_EQ(machine.cabinet.console, before_the_mode);
     EXPECT_TRUE(board_heard_nothing(machine));
-    EXPECT_EQ(look_inside(machine.cabinet, "grep qellpc /proc/devices"), "251 qellpc\n255 qellpc_decoy\n");
+    EXPECT_EQ(look_inside(machine.cabinet, "grep qellpc /proc/devices"), "252 qellpc\n255 qellpc_decoy\n");
     EXPECT_EQ(look_inside(machine.cabinet, "stat -c '%t:%T' /dev/qellpc_command"), "ff:3\n");
 }
 
