@@ -153,17 +153,26 @@ TEST(Run, TakesStorageSystemImageAndMemoryFromTheUser)
 TEST(Run, StartsFromACopyOfAnInstalledDiskUnlessToldToUseIt)
 {
     InstallMachine factory;
+    Delivery delivery = take_factory_stick(factory);
+    delivery.storage.clear();
+    delivery.application = file_with(factory, "qel_application_2",
+                                     "#!/bin/sh\n"
+                                     "/bin/busybox mount -o remount,rw /storage && echo >/storage/been_here\n"
+                                     "/bin/busybox mount -o remount,ro /storage && echo written\n"
+                                     "exec /bin/busybox sleep 100\n");
     const std::string disk = factory.folder.path + "/disk";
-    make_installed_disk(disk, take_factory_stick(factory), [](const std::string &) {});
+    make_installed_disk(disk, delivery, [](const std::string &) {});
     const std::string before = read_file(disk);
     int status = -1;
-    std::string output = run_with({"--seconds", "3", "--disk", disk}, status);
-    EXPECT_THAT(output, HasSubstr("start    /storage/qel_application_1"));
+    std::string output = run_with({"--seconds", "5", "--disk", disk}, status);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_THAT(output, HasSubstr("console  written\n"));
     EXPECT_TRUE(read_file(disk) == before);
-    output = run_with({"--seconds", "3", "--disk", disk, "--disk-in-place"}, status);
-    EXPECT_THAT(output, HasSubstr("start    /storage/qel_application_1"));
-    EXPECT_FALSE(read_file(disk) == before); // it was mounted
-    EXPECT_THAT(run_with({"--disk", disk, "--storage", "/"}, status), HasSubstr("--disk excludes --storage"));
+    output = run_with({"--seconds", "5", "--disk", disk, "--disk-in-place"}, status);
+    EXPECT_EQ(status, 0) << output;
+    EXPECT_THAT(output, HasSubstr("console  written\n"));
+    EXPECT_FALSE(read_file(disk) == before);
+    EXPECT_THAT(run_with({"--disk", disk, "--storage", "/"}, status), HasSubstr("--storage excludes --disk"));
     EXPECT_EQ(status, 2);
 }
 
