@@ -16,7 +16,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 
@@ -116,14 +115,4 @@ std::string find_tool(const std::string &name)
         if (access((folder + "/" + name).c_str(), X_OK) == 0)
             return folder + "/" + name;
     throw std::runtime_error(name + ": not found; run machine/set_up.sh");
-}
-
-std::set<std::string> libraries_of(const std::string &program)
-{
-    std::string listing = run_tool({"ldd", program});
-    std::regex library("=> (/[^ ]+) ");
-    std::set<std::string> found;
-    for (std::sregex_iterator match(listing.begin(), listing.end(), library), none; match != none; ++match)
-        found.insert((*match)[1]);
-    return found;
 }

@@ -3,7 +3,6 @@
 
 #include <sys/types.h>
 
-#include <set>
 #include <string>
 #include <vector>
 
@@ -30,6 +29,3 @@ std::string run_tool(const std::vector<std::string> &words, const std::string &i
 /// Where a program of this computer is: looked for in PATH and where Debian keeps root's tools. A name with a
 /// slash is the path itself. Throws std::runtime_error when there is no such program.
 std::string find_tool(const std::string &name);
-
-/// The shared libraries that a program of this computer needs, as paths, without the dynamic loader.
-std::set<std::string> libraries_of(const std::string &program);

@@ -102,8 +102,9 @@ std::string system_image_for(const Parts &parts, const std::string &named, const
         check_system_image(named);
         return named;
     }
+    std::vector<FileAt> files = is_folder ? files_of_folder(named) : system_files(parts);
     std::set<std::string> places;
-    for (const FileAt &file : is_folder ? files_of_folder(named) : system_files(parts))
+    for (const FileAt &file : files)
         places.insert(file.place);
     std::set<std::string> added;
     if (!application.empty())
@@ -116,11 +117,12 @@ std::string system_image_for(const Parts &parts, const std::string &named, const
         names += " " + fs::path(library).filename().string();
     if (!added.empty())
         printf("the system image also gets, in /usr/xorg/lib:%s\n", names.c_str());
-    std::vector<FileAt> more = is_folder ? std::vector<FileAt>() : system_files(parts);
-    add_libraries(more, added);
-    if (is_folder)
-        run_tool({"cp", "-a", named + "/.", folder + "/system"});
-    stage(folder + "/system", more);
+    if (is_folder) {
+        run_tool({"cp", "-a", named + "/.", folder + "/system"}); // with its links
+        files.clear();
+    }
+    add_libraries(files, added);
+    stage(folder + "/system", files);
     pack_system_image(folder + "/system_image", folder + "/system");
     return folder + "/system_image";
 }

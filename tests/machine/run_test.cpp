@@ -120,16 +120,24 @@ TEST(Run, RefusesAnApplicationThatTheCabinetCannotRun)
     EXPECT_THAT(refusal(for_wine), HasSubstr(for_wine + ": needs Wine (/usr/wine/bin/wine);"));
 }
 
-TEST(Run, AddsTheLibrariesOfAnApplicationToTheSystemImageAndSaysWhyItDidNotRun)
+TEST(Run, AddsTheLibrariesOfAnApplicationToTheSystemImage)
 {
     int status = -1;
     // It starts, so its libraries are there, and wants a command.
-    const std::string output = run_with({"--seconds", "4", "--application", MACHINE_TEST_HOST}, status);
-    EXPECT_EQ(status, 1) << output;
+    const std::string output = run_with({"--seconds", "8", "--application", MACHINE_TEST_HOST}, status);
     EXPECT_THAT(output, ContainsRegex("also gets, in /usr/xorg/lib:.* libstdc\\+\\+\\.so\\.6"));
+    EXPECT_THAT(output, HasSubstr("end      exit 2 ("));
+}
+
+TEST(Run, SaysWhyTheApplicationWasNeverStarted)
+{
+    ScratchFolder storage;
+    write_file(storage.path + "/qel_application_1", "no program\n");
+    int status = -1;
+    const std::string output = run_with({"--seconds", "8", "--storage", storage.path}, status);
+    EXPECT_EQ(status, 1) << output;
     EXPECT_THAT(output,
-                HasSubstr("error: no run of the application lasted longer than a second; the last one "
-                          "ended with exit 2\n"));
+                HasSubstr("error: the application was never started: exec failed: qel_application_1\n"));
 }
 
 TEST(Run, TakesStorageSystemImageAndMemoryFromTheUser)
@@ -144,7 +152,7 @@ TEST(Run, TakesStorageSystemImageAndMemoryFromTheUser)
                "exec /bin/busybox sleep 100\n");
     int status = -1;
     const std::string output = run_with(
-        {"--seconds", "4", "--storage", storage, "--system-image", system, "--memory", "100"}, status);
+        {"--seconds", "8", "--storage", storage, "--system-image", system, "--memory", "100"}, status);
     EXPECT_THAT(output, HasSubstr("console  a word from /usr\n"));
     EXPECT_THAT(output, ContainsRegex("console  MemTotal: +[89][0-9]{4} kB\n"));
     EXPECT_THAT(output, HasSubstr("start    /bin/sh /storage/inner/qel_application_1"));
@@ -164,11 +172,11 @@ TEST(Run, StartsFromACopyOfAnInstalledDiskUnlessToldToUseIt)
     make_installed_disk(disk, delivery, [](const std::string &) {});
     const std::string before = read_file(disk);
     int status = -1;
-    std::string output = run_with({"--seconds", "5", "--disk", disk}, status);
+    std::string output = run_with({"--seconds", "8", "--disk", disk}, status);
     EXPECT_EQ(status, 0) << output;
     EXPECT_THAT(output, HasSubstr("console  written\n"));
     EXPECT_TRUE(read_file(disk) == before);
-    output = run_with({"--seconds", "5", "--disk", disk, "--disk-in-place"}, status);
+    output = run_with({"--seconds", "8", "--disk", disk, "--disk-in-place"}, status);
     EXPECT_EQ(status, 0) << output;
     EXPECT_THAT(output, HasSubstr("console  written\n"));
     EXPECT_FALSE(read_file(disk) == before);
@@ -197,7 +205,6 @@ TEST(Run, TellsWhereALoaderOfTheUsersOwnHasStopped)
     setenv("QEL_LOADER", MACHINE_TEST_TELLING_LOADER, 1);
     std::string output = run_with({"--seconds", "8", "--application", application}, status);
     unsetenv("QEL_LOADER");
-    EXPECT_EQ(status, 1) << output; // the application ended at once
     EXPECT_NE(output.find("note     stopped qel_utility/qel_filesystem:975 0\n"), std::string::npos)
         << output;
     EXPECT_NE(output.find("stop     the loader has stopped at KCW975; see host/where/qel-where KCW975\n"),
