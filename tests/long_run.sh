@@ -51,7 +51,7 @@ while [ $# -gt 0 ]; do
 done
 [ ${#words[@]} -eq 1 ] || [ ${#words[@]} -eq 2 ] || refuse "name one thing to run"
 number=${words[1]:-}
-[[ $number =~ ^([1-9][0-9]*)?$ && $seed =~ ^[0-9]+$ ]] || refuse "a number is wanted, not: $number $seed"
+[[ $number =~ ^([1-9][0-9]*)?$ && $seed =~ ^[1-9][0-9]*$ ]] || refuse "a number is wanted, not: $number $seed"
 
 case "${words[0]}" in
 install-cuts)
