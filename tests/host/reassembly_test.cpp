@@ -99,7 +99,8 @@ TEST(Reassembly, ARefusedContinuationLeavesTheMessageInProgress)
 
 TEST(Reassembly, TakesZerosBehindAShortPacketOfAMessageThatGoesOn)
 {
-    EXPECT_EQ(reports_on({bytes("00 00 00 1e 3f 11 61"), second_of_two}), Texts({"more", "wrong CRC"}));
+    EXPECT_EQ(reports_on({bytes("00 00 00 1e d0 97 61"), second_of_two}),
+              Texts({"more", "delivered a" + std::string(28, '\0') + "a"}));
 }
 
 TEST(Reassembly, BeginsAMessageOfAnyLength)
