@@ -67,7 +67,7 @@ restarts)
 sandbox-restarts)
     program=sandbox/sandbox_tests filter='ManyRestarts.*' settings=(QEL_SANDBOX_RESTARTS="${number:-10000}") ;;
 link)
-    program=unit_tests filter='Seeds/HostLinkEnds.AccountForEveryMessageOnABadLine/*'
+    program=unit_tests filter='Seeds/BadLine.*'
     settings=(QEL_LINK_EXCHANGES="${number:-100000}") ;;
 *) refuse "unknown: ${words[0]}" ;;
 esac
