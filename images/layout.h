@@ -36,9 +36,6 @@ const char *const application_prefix = "qel_application_";
 const uint32_t cramfs_magic = 0x28cd3d45;
 const size_t cramfs_size_at = 4;
 
-/// A file in a cramfs has fewer bytes.
-const unsigned long long cramfs_file_bytes = 16 * mebibyte;
-
 /// What marks a kernel that the boot loader can start, and where.
 const char *const kernel_mark = "HdrS";
 const size_t kernel_mark_at = 0x202;

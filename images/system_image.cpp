@@ -18,6 +18,8 @@ namespace fs = std::filesystem;
 namespace
 {
 
+const unsigned long long cramfs_file_bytes = 16 * mebibyte; ///< a file in a cramfs has fewer
+
 /// Changes whenever one of the files does.
 std::string key_of(const std::vector<FileAt> &files)
 {
