@@ -215,7 +215,7 @@ TEST_F(CommsLimits, TheMessageBufferIsZeroedOfTheExactSizeAndGivenBackWhenItGrow
         FakeKernel kernel;
         kernel.watches_memory = 1;
         for (const char *first_packet :
-             {"00 00 00 64 00 00 41", "00 00 00 63 00 00 41", "00 00 00 65 00 00 41"})
+             {"00 00 00 64 00 00 41", "00 00 00 63 00 00 41", "00 00 00 64 00 00 41", "00 00 00 65 00 00 41"})
             feed(first_packet);
         EXPECT_THAT(kernel.calls(), ElementsAre("calloc 100", "calloc 101"));
     }

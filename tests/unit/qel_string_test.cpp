@@ -5,7 +5,9 @@
 #include "qel_utility/qel_string.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <string.h>
+#include <sys/time.h>
 
 namespace
 {
@@ -120,6 +122,16 @@ TEST(Replace, CountsWhatDoesNotFitAndLeavesAFullBufferWithoutTerminator)
     expect(replace("abc", 4, "b", "xyz"), 6, "axyz5");
     expect(replace("abcd", 4, "x", "y"), 5, "abcd5");
     expect(replace("abc", 4, "x", "y"), 4, std::string("abc\0005", 5));
+}
+
+TEST(Replace, NeverReturnsFromAnEmptyPattern)
+{
+    const auto replace_for_50_ms = [] {
+        const itimerval after = {{}, {0, 50000}}; // of the processor's time
+        setitimer(ITIMER_VIRTUAL, &after, nullptr);
+        replace("abc", 4, "", "x");
+    };
+    EXPECT_EXIT(replace_for_50_ms(), testing::KilledBySignal(SIGVTALRM), "");
 }
 
 TEST(Replace, ChecksItsArgumentsInOrderAndLeavesTheDestinationAloneWhenItStops)
