@@ -82,6 +82,7 @@ TEST_F(BoardLimits, NothingIsOpenedForWhatIsRefusedNorClosedAfterAShortWrite)
     EXPECT_STOPS_ON("command", h8_unit, qel_h8_command(nullptr, 0, nullptr, 0));
     EXPECT_STOPS_ON("text", h8_unit, qel_lcd_write_row(-1, nullptr));
     EXPECT_STOPS_ON("row < 4", h8_unit, qel_lcd_write_row(4, ""));
+    EXPECT_STOPS_ON("row < 4", h8_unit, qel_lcd_write_row(0x10000, ""));
     EXPECT_THAT(kernel.calls(), IsEmpty());
     kernel.fail("write", EIO);
     EXPECT_STOPS_ON("bytes_written == bytes", h8_unit, qel_lcd_write_row(0, ""));

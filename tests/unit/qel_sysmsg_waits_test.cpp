@@ -242,7 +242,7 @@ TEST_F(SysmsgReply, IsAwaitedByAnyWaitButZeroWhileOthersMaySendUnsequencedMessag
             peer.delivers(20, reply_29(9, 42));
         }
     };
-    EXPECT_EQ(qel_sysmsg_send_sequenced(&peer.con, message.data(), -2, 29, reply, sizeof reply), 1);
+    EXPECT_EQ(qel_sysmsg_send_sequenced(&peer.con, message.data(), -256, 29, reply, sizeof reply), 1);
     EXPECT_EQ(reply[12], 42);
 }
 
