@@ -159,6 +159,16 @@ TEST_F(SysmsgConfirm, TimeIsMeasuredWithoutTheFractionOfAMillisecond)
     EXPECT_THAT(peer.sent, ElementsAre(testing::StartsWith("0 ms"), testing::StartsWith("1000 ms")));
 }
 
+TEST_F(SysmsgConfirm, TimeIsMeasuredIn32Bits)
+{
+    peer.on_poll = [this] {
+        if (peer.polls == 1)
+            peer.kernel.advance_usec(4294967296000); // 2^32 ms, which do not show
+    };
+    EXPECT_EQ(request(), 0);
+    EXPECT_EQ(peer.polls, 3000);
+}
+
 TEST_F(SysmsgConfirm, TimeIsMeasuredWhateverTheCentury)
 {
     for (const time_t start : {time_t{0}, time_t{86399}, time_t{2147483}, time_t{2147483647},
