@@ -26,8 +26,8 @@ Options:
   --build DIR   where to build (build/test)
   --help        this text
 
-With QEL_TEST_TARGET=i586 in the environment, the cabinet is the 32-bit one. A cut takes about 10 seconds on an idle computer. Exit code: 0 when all was as it must be, 1 otherwise, 2 for a
-wrong call.
+With QEL_TEST_TARGET=i586 in the environment, the cabinet is the 32-bit one. A cut takes about 10 seconds on an
+idle computer. Exit code: 0 when all was as it must be, 1 otherwise, 2 for a wrong call.
 END
 }
 

@@ -155,51 +155,37 @@ Account account_of_update(const Kind &kind)
     return account;
 }
 
+struct Deed {
+    const char *name;
+    Account (*account)(const Kind &kind);
+};
+
+void PrintTo(const Deed &deed, std::ostream *stream)
+{
+    *stream << deed.name;
+}
+
+struct Cabinet32Bit : testing::TestWithParam<Deed> {
+};
+
 } // namespace
 
-TEST(Cabinet32Bit, StartsAsThe64BitOneDoes)
+TEST_P(Cabinet32Bit, IsSeenToBehaveAsThe64BitOneAlsoOnAnOldKernel)
 {
-    EXPECT_EQ(account_of_start(i586), account_of_start(x86_64));
+    Account account = GetParam().account(x86_64);
+    EXPECT_EQ(GetParam().account(i586), account);
+    EXPECT_EQ(GetParam().account(old_i586), account);
 }
 
-TEST(Cabinet32Bit, CopiesAnApplicationAsThe64BitOneDoes)
-{
-    EXPECT_EQ(account_of_copy(i586), account_of_copy(x86_64));
-}
-
-TEST(Cabinet32Bit, IsInstalledAsThe64BitOne)
-{
-    EXPECT_EQ(account_of_install(i586), account_of_install(x86_64));
-}
-
-TEST(Cabinet32Bit, TakesAnUpdaterAsThe64BitOneDoes)
-{
-    EXPECT_EQ(account_of_update(i586), account_of_update(x86_64));
-}
-
-TEST(OldKernel, StartsTheCabinetAsThisOneDoes)
-{
-    EXPECT_EQ(account_of_start(old_i586), account_of_start(i586));
-}
-
-TEST(OldKernel, CopiesAnApplicationAsThisOneDoes)
-{
-    EXPECT_EQ(account_of_copy(old_i586), account_of_copy(i586));
-}
-
-TEST(OldKernel, InstallsTheCabinetAsThisOneDoes)
-{
-    EXPECT_EQ(account_of_install(old_i586), account_of_install(i586));
-}
-
-TEST(OldKernel, TakesAnUpdaterAsThisOneDoes)
-{
-    EXPECT_EQ(account_of_update(old_i586), account_of_update(i586));
-}
+INSTANTIATE_TEST_SUITE_P(Deeds, Cabinet32Bit,
+                         testing::Values(Deed{"Start", account_of_start}, Deed{"Copy", account_of_copy},
+                                         Deed{"Install", account_of_install},
+                                         Deed{"Update", account_of_update}),
+                         [](const auto &test) { return std::string(test.param.name); });
 
 // ---- The 32-bit cabinet's own ----
 
-TEST(Cabinet32Bit, HasAnIdeDiskAsHdcAndAFullSpeedStickAsSda)
+TEST(Hardware32Bit, HasAnIdeDiskAsHdcAndAFullSpeedStickAsSda)
 {
     Machine machine("i586");
     machine.storage = {{"qel_application_1", machine.recorder}};
@@ -225,7 +211,7 @@ TEST(Cabinet32Bit, HasAnIdeDiskAsHdcAndAFullSpeedStickAsSda)
 
 /// Debian's 32-bit programs want a later processor: here the loader is alone on the RAM disk, and stops where
 /// it asks the board.
-TEST(Cabinet32Bit, StartsItsLoaderOnAPentium)
+TEST(Hardware32Bit, StartsItsLoaderOnAPentium)
 {
     Machine machine("i586");
     machine.setup.hardware.processor = "pentium";

@@ -27,6 +27,11 @@ struct Runner {
     void (*run)(const char *path, const char *const argv[], const char *const envp[], const char *input_text);
 };
 
+static void PrintTo(const Runner &runner, std::ostream *stream)
+{
+    *stream << runner.name;
+}
+
 struct ExecWaitBoth : testing::TestWithParam<Runner> {
     void run(const char *path, const std::vector<const char *> &arguments, const char *input_text = nullptr,
              const char *const environment[] = nullptr) const
