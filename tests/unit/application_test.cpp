@@ -70,14 +70,29 @@ TEST_F(FindApplication, RunsOneInAFolderOnStorageWhereItLies)
     EXPECT_THAT(kernel.calls("mount"), IsEmpty());
 }
 
+/// A folder whose path has `size` characters.
+static std::string folder_below(std::string folder, size_t size)
+{
+    while (folder.size() < size)
+        folder += "/" + std::string(std::min<size_t>(200, size - 1 - folder.size()), 'd');
+    return folder;
+}
+
+TEST_F(FindApplication, CutsAPathOfMoreThan999Bytes)
+{
+    const std::string path = folder_below("/storage", 744) + "/qel_application_" + std::string(239, 'z');
+    ASSERT_EQ(path.size(), 1000U);
+    disk.make_file(path);
+    find();
+    EXPECT_EQ(application.app_path, path.substr(0, 999));
+}
+
 TEST_F(FindApplication, CopiesOneWithTheLongestNameAndPath)
 {
-    std::string folder = "/disk";
-    while (folder.size() < 743)
-        folder += "/" + std::string(std::min<size_t>(200, 742 - folder.size()), 'd');
     const std::string name = "qel_application_" + std::string(239, 'z');
-    ASSERT_EQ(folder.size() + 1 + name.size(), 999U);
-    disk.make_file(folder + "/" + name, "new");
+    const std::string path = folder_below("/disk", 743) + "/" + name;
+    ASSERT_EQ(path.size(), 999U);
+    disk.make_file(path, "new");
     find();
     EXPECT_EQ(application.app_name, name);
     EXPECT_EQ(application.app_path, "/storage/" + name);

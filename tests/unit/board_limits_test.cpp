@@ -79,6 +79,7 @@ TEST_F(BoardLimits, NothingIsOpenedForWhatIsRefusedNorClosedAfterAShortWrite)
 {
     EXPECT_STOPS_ON("text", h8_unit, qel_lcd_write_row(-1, nullptr));
     EXPECT_STOPS_ON("row < 4", h8_unit, qel_lcd_write_row(4, ""));
+    EXPECT_STOPS_ON("row < 4", h8_unit, qel_lcd_write_row(0x10000, ""));
     EXPECT_THAT(kernel.calls(), IsEmpty());
     kernel.fail("write", EIO);
     EXPECT_STOPS_ON("bytes_written == bytes", h8_unit, qel_lcd_write_row(0, ""));
@@ -194,14 +195,15 @@ TEST_F(CommsLimits, TheMessageBufferIsZeroedOfTheExactSizeAndGivenBackWhenItGrow
         FakeKernel kernel;
         kernel.watches_memory = 1;
         for (const char *first_packet :
-             {"00 00 00 64 00 00 41", "00 00 00 63 00 00 41", "00 00 00 65 00 00 41"})
+             {"00 00 00 64 00 00 41", "00 00 00 63 00 00 41", "00 00 00 64 00 00 41", "00 00 00 65 00 00 41",
+              "00 01 00 00 00 00 41", "00 00 FF FF 00 00 41"})
             feed(first_packet);
-        EXPECT_THAT(kernel.calls(), ElementsAre("calloc 100", "calloc 101"));
+        EXPECT_THAT(kernel.calls(), ElementsAre("calloc 100", "calloc 101", "calloc 65536"));
     }
-    feed("00 00 80 00 00 00 41");
+    feed("00 01 80 00 00 00 41");
     const size_t before = mallinfo2().uordblks;
     for (const char *first_packet :
-         {"00 00 80 01 00 00 41", "00 00 80 02 00 00 41", "00 00 80 03 00 00 41", "00 00 80 04 00 00 41"})
+         {"00 01 80 01 00 00 41", "00 01 80 02 00 00 41", "00 01 80 03 00 00 41", "00 01 80 04 00 00 41"})
         feed(first_packet);
-    EXPECT_LT(mallinfo2().uordblks, before + 0x8000); // less than one of the four is still held
+    EXPECT_LT(mallinfo2().uordblks, before + 0x18000); // less than one of the four is still held
 }

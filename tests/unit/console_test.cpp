@@ -63,6 +63,12 @@ TEST_F(LogTimestamp, CountsMonthsFrom1)
     EXPECT_EQ(output_of([] { qel_log_timestamp(stdout); }), "2023-12-30 23:59:59 - ");
 }
 
+TEST_F(LogTimestamp, HasYearsOfFourDigits)
+{
+    kernel.set_time(-62135596800); // 0001-01-01 00:00:00 UTC
+    EXPECT_EQ(output_of([] { qel_log_timestamp(stdout); }), "0001-01-01 00:00:00 - ");
+}
+
 TEST_F(LogTimestamp, GoesToTheStreamAsked)
 {
     char text[64] = "";
@@ -88,6 +94,16 @@ TEST_F(Print, TakesEarlierUnflushedTextAlongInOrder)
     EXPECT_EQ(output.flushed(), "");
     qel_print("second");
     EXPECT_EQ(output.flushed(), "first second");
+}
+
+TEST_F(Print, FlushesNoOtherStream)
+{
+    const Scratch scratch;
+    FILE *other = real_fopen(scratch.at("other").c_str(), "w");
+    fputs("text", other);
+    output_of([] { qel_print("x"); });
+    EXPECT_EQ(scratch.content("other"), "");
+    fclose(other);
 }
 
 TEST_F(Print, Returns0WhenTheFlushSucceeds)

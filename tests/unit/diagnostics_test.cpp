@@ -57,14 +57,14 @@ TEST_F(DumpFile, ReadsLinesOfAtMost999Bytes)
 
 TEST_F(DumpProcesses, DumpsTheStatusOfEveryEntryThatBeginsWithADigit)
 {
-    disk.make_file("/proc/1/status", "Name: loader\n");
-    disk.make_file("/proc/27/status", "Name: Xfake\n");
+    disk.make_file("/proc/0/status", "Name: loader\n");
+    disk.make_file("/proc/97/status", "Name: Xfake\n");
     disk.make_file("/proc/self/status", "no\n");
     disk.make_file("/proc/x1/status", "no\n");
     kernel.on_readdir =
-        Listing().add(".", DT_DIR).add("27", DT_DIR).add("self", DT_LNK).add("x1", DT_DIR).add("1", DT_DIR);
-    EXPECT_EQ(output_of(qel_dump_processes), DASHES "/proc/27/status\n" DASHES "Name: Xfake\n" DASHES "\n" //
-              DASHES "/proc/1/status\n" DASHES "Name: loader\n" DASHES "\n"                                //
+        Listing().add(".", DT_DIR).add("97", DT_DIR).add("self", DT_LNK).add("x1", DT_DIR).add("0", DT_DIR);
+    EXPECT_EQ(output_of(qel_dump_processes), DASHES "/proc/97/status\n" DASHES "Name: Xfake\n" DASHES "\n" //
+              DASHES "/proc/0/status\n" DASHES "Name: loader\n" DASHES "\n"                                //
                                                     "\n");
 }
 

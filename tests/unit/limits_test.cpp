@@ -100,6 +100,14 @@ TEST_F(LongNames, ThatDoNotFitWaitForTheNextBatch)
     EXPECT_EQ(kernel.count("readdir"), 27); // 17 and one that does not fit, then 8 and the end
 }
 
+TEST_F(LongNames, ThatAreOneByteTooLongForABatchWaitForTheNextOne)
+{
+    add(19, 255);
+    add(1, 256); // 5121 bytes with the NULs
+    EXPECT_EQ(remove_contents(), 1);
+    EXPECT_EQ(kernel.count("readdir"), 22); // 19 and the one that does not fit, then that and the end
+}
+
 TEST_F(LongNames, ThatNoPathHasRoomForStay)
 {
     add(10, 765);

@@ -73,6 +73,7 @@ TEST(Crc16, OfNoBytesLeavesTheRegisterUnchanged)
 {
     EXPECT_EQ(qel_crc16_update(0x1234, "x", 0), 0x1234);
     EXPECT_EQ(qel_crc16_update(0x1234, nullptr, 0), 0x1234);
+    EXPECT_EQ(qel_crc16_update(0x1234, nullptr, -1), 0x1234);
 }
 
 TEST(Crc16, FinallyShifts16ZeroBitsThrough)

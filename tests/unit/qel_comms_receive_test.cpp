@@ -188,7 +188,7 @@ TEST_F(CommsReceive, StopsOnAPacketThatIsNone)
         {"len > 6", [this] { feed("00 00 00 05 32 AC"); }},
         {"len <= comms->packet_size_max", [this] { feed("00 00 00 24 DA 57 55*30"); }},
         {"len > 0", [this] { feed(""); }},
-        {"packet", [this] { qel_comms_receive_packet(comms, nullptr, 7); }},
+        {"packet", [this] { qel_comms_receive_packet(comms, nullptr, 0); }},
         {"comms", [] { qel_comms_receive_packet(nullptr, "\x80", 1); }},
         {"comms->recv", [this] { feed(((comms->recv = nullptr), "80")); }},
         {"len > 0", [this] { feed(((comms->recv = receive, comms->packet_size_max = -5), "")); }},

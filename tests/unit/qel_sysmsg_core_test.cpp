@@ -124,8 +124,8 @@ TEST_F(SysmsgSend, StopsWithoutAConnectionOrItsSendFunction)
 
 TEST_F(SysmsgSend, PutsAByteBlockBehindItsLength)
 {
-    qel_sysmsg_send_blob(&peer.con, 10, "abcde", 5);
-    EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: 0A 00 00 00 11 00 00 00 05 00 00 00 'abcde'")));
+    qel_sysmsg_send_blob(&peer.con, 0x8102030A, "abcde", 5);
+    EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: 0A 03 02 81 11 00 00 00 05 00 00 00 'abcde'")));
 }
 
 TEST_F(SysmsgSend, PutsASequencedByteBlockBehindItsLengthAt12)

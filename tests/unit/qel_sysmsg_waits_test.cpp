@@ -162,6 +162,16 @@ TEST_F(SysmsgConfirm, TimeIsMeasuredWithoutTheFractionOfAMillisecond)
     EXPECT_THAT(peer.sent, ElementsAre(testing::StartsWith("0 ms"), testing::StartsWith("1000 ms")));
 }
 
+TEST_F(SysmsgConfirm, TimeIsMeasuredIn32Bits)
+{
+    peer.on_poll = [this] {
+        if (peer.polls == 1)
+            peer.kernel.advance_usec(4294967296000); // 2^32 ms, which do not show
+    };
+    EXPECT_EQ(request(), 0);
+    EXPECT_EQ(peer.polls, 3000);
+}
+
 // What was dropped was not remembered either: its repetition is a new message.
 TEST_F(SysmsgConfirm, WhileAwaitedKeepsNumbersOutAsWell)
 {
@@ -238,7 +248,7 @@ TEST_F(SysmsgReply, IsAwaitedByAnyWaitButZeroWhileOthersMaySendUnsequencedMessag
             peer.delivers(20, reply_29(9, 42));
         }
     };
-    EXPECT_EQ(qel_sysmsg_send_sequenced(&peer.con, message.data(), -2, 29, reply, sizeof reply), 1);
+    EXPECT_EQ(qel_sysmsg_send_sequenced(&peer.con, message.data(), -256, 29, reply, sizeof reply), 1);
     EXPECT_EQ(reply[12], 42);
 }
 

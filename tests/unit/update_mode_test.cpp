@@ -184,6 +184,13 @@ TEST_F(UpdateMode, IgnoresEveryOtherMessage)
     EXPECT_THAT(run(), IsEmpty());
 }
 
+TEST_F(UpdateMode, LeavesTheDisplayAloneHoweverLongThePeerIsSilent)
+{
+    stick_at = 3000;
+    for (const std::string &event : run())
+        EXPECT_THAT(event, testing::EndsWith(" notice"));
+}
+
 TEST_F(UpdateMode, TakesEveryOtherSecondThanTheLastForANewOneWhereverTheClockGoes)
 {
     // A notice that takes its 15 ms across a turn, an hour ahead, an hour back, and standing still.
@@ -272,6 +279,13 @@ TEST_F(UpdateHandler, WritesAsManyBytesAsTheLengthFieldSays)
     receive_updater(long_message);
     EXPECT_EQ(disk.content("/tmp/updater"), "ABCDxxxxxxxxxxxxxxxx");
     EXPECT_EQ(kernel.count("write"), 2); // one for the image, one for the display
+}
+
+TEST_F(UpdateHandler, TakesTheLengthAs32BitsWithoutASign)
+{
+    kernel.on_write = [](int, const void *, size_t size) { return static_cast<ssize_t>(size); };
+    receive_updater(message.substr(0, 8) + "\x70\x11\x01\x80" + message.substr(12));
+    EXPECT_THAT(kernel.calls("write").front(), testing::EndsWith(" 2147553648"));
 }
 
 TEST_F(UpdateHandler, PrintsTheProgramAndExitsWith1WhenTheUpdaterCannotBeRun)
