@@ -95,9 +95,9 @@ Expected expected_of(const std::vector<Recorded> &packets)
         sum.refused += direction.refused;
     }
     return {std::to_string(packets.size()) + " packets, " + std::to_string(sum.messages) + " messages; " +
-                std::to_string(sum.packets.crc_wrong) + " dropped by CRC, " + std::to_string(sum.interrupted) +
-                " not complete, " + std::to_string(sum.stray) + " packets without a message, " +
-                std::to_string(sum.refused) + " refused\n",
+                std::to_string(sum.packets.crc_wrong) + " dropped by CRC, " +
+                std::to_string(sum.interrupted) + " not complete, " + std::to_string(sum.stray) +
+                " packets without a message, " + std::to_string(sum.refused) + " refused\n",
             static_cast<unsigned>(packets.size()) + sum.messages + sum.packets.crc_wrong + 1,
             {{"packets", packets.size()},
              {"messages", sum.messages},

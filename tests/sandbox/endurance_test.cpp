@@ -37,8 +37,7 @@ static State state_at_run(Cabinet &cabinet, long n)
 {
     cabinet.await("run " + std::to_string(n),
                   [&] { return cabinet.runs("qel_application_1") >= static_cast<size_t>(n); });
-    return {cabinet.descriptors(), cabinet.children().size(), cabinet.anonymous_kb(),
-            cabinet.names("/tmp")};
+    return {cabinet.descriptors(), cabinet.children().size(), cabinet.anonymous_kb(), cabinet.names("/tmp")};
 }
 
 static void end_run(const Cabinet &cabinet)
