@@ -5,6 +5,7 @@
 #include "qel_utility/qel_string.h"
 
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <string.h>
 
 namespace
@@ -120,6 +121,16 @@ TEST(Replace, CountsWhatDoesNotFitAndLeavesAFullBufferWithoutTerminator)
     expect(replace("abc", 4, "b", "xyz"), 6, "axyz5");
     expect(replace("abcd", 4, "x", "y"), 5, "abcd5");
     expect(replace("abc", 4, "x", "y"), 4, std::string("abc\0005", 5));
+}
+
+TEST(Replace, CountsToTheLargestIntAndStopsOnMore)
+{
+    const std::string src(65535, 'a'), replacement(32768, 'b');
+    const Replaced found = replace((src + std::string(32766, 'c')).c_str(), 4, "a", replacement.c_str());
+    EXPECT_EQ(found.result, INT_MAX);
+    EXPECT_EQ(found.buffer.substr(0, 5), "bbbb5");
+    EXPECT_STOPS_ON("length < (size_t)(INT_MAX - count)", string_unit,
+                    replace((src + std::string(32767, 'c')).c_str(), 4, "a", replacement.c_str()));
 }
 
 TEST(Replace, ChecksItsArgumentsInOrderAndLeavesTheDestinationAloneWhenItStops)
