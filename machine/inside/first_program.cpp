@@ -6,7 +6,8 @@
 //
 //   wait PATH     wait until PATH exists (a disk or a stick that takes its time to appear)
 //   old kernel    let the loader, and all that it starts, find no system calls that are newer than
-//   Linux 2.6.20 go            become the loader
+//                 Linux 2.6.20
+//   go            become the loader
 //
 // A machine without that port, started by itself from a stick or its disk, waits for nothing.
 
