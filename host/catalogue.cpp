@@ -12,7 +12,7 @@ namespace
 using enum FieldKind;
 
 enum : uint32_t { header_bytes = 8, sequence_offset = 8, sequenced_bytes_min = 12 };
-enum : uint32_t { file_data_max = 22050 + 16, text_max = 528 };
+enum : uint32_t { text_max = 528 };
 
 const CatalogueField value_at_8[] = {{"value", 8, 4, value32}};
 const CatalogueField value_at_12[] = {{"value", 12, 4, value32}};
@@ -56,7 +56,7 @@ const CatalogueMessage messages[] = {
     {5, "connect", 12, 0, 38, value_at_8},
     {6, "unassigned_6", 0, 0, 0, {}},
     {7, "file_begin", 0, 0, 0, file_begin},
-    {8, "file_data", 0, file_data_max, 0, block_at_12},
+    {8, "file_data", 0, 0, 0, block_at_12},
     {9, "file_end", 12, 0, 0, {}},
     {10, "updater", 0, 0, 0, block_at_8},
     {11, "notify_11", 8, 0, 0, {}},

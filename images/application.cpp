@@ -33,19 +33,17 @@ void check_script(const std::string &application, const SystemHas &system_has)
     std::smatch interpreter;
     if (!std::regex_search(line, interpreter, std::regex("^#! *([^ ]+)")))
         throw std::runtime_error(application + ": neither a program nor a script that begins with #!");
-    if (!cabinet_has(interpreter[1], system_has))
-        throw std::runtime_error(application + ": a script for " + std::string(interpreter[1]) +
-                                 ", which the cabinet has not got; write it for /bin/sh, or " +
-                                 advice_on_system);
+    const std::string name = interpreter[1];
+    if (!cabinet_has(name, system_has))
+        throw std::runtime_error(application + ": a script for " + name +
+                                 ", which the cabinet has not got; write it for /bin/sh" +
+                                 (name.starts_with("/usr/") ? std::string(", or ") + advice_on_system : ""));
 }
 
-void check_windows_program(const std::string &application, const SystemHas &system_has)
+/// The loader starts such a file with Wine, whatever is in it.
+bool is_for_wine(const std::string &application)
 {
-    if (application.find(".exe.so") == std::string::npos)
-        throw std::runtime_error(application + ": a Windows program; the loader starts one with Wine only if "
-                                               "its name holds \".exe.so\": rename it");
-    if (!system_has("wine/bin/wine"))
-        throw std::runtime_error(application + ": needs Wine (/usr/wine/bin/wine); " + advice_on_system);
+    return fs::path(application).filename().string().find(".exe.so") != std::string::npos;
 }
 
 std::set<std::string> check_program(const Parts &parts, const std::string &application,
@@ -75,12 +73,17 @@ std::set<std::string> libraries_to_add(const Parts &parts, const std::string &ap
                                        const SystemHas &system_has)
 {
     require_file(application, "name an application with --application");
+    if (is_for_wine(application)) {
+        if (!system_has("wine/bin/wine"))
+            throw std::runtime_error(application + ": needs Wine (/usr/wine/bin/wine); " + advice_on_system);
+        return {};
+    }
     const std::string kind = run_tool({"file", "--brief", "--dereference", application});
     if (kind.starts_with("ELF"))
         return check_program(parts, application, kind, system_has);
     if (kind.starts_with("PE32"))
-        check_windows_program(application, system_has);
-    else
-        check_script(application, system_has);
+        throw std::runtime_error(application + ": a Windows program; the loader starts one with Wine only if "
+                                               "its name holds \".exe.so\": rename it");
+    check_script(application, system_has);
     return {};
 }

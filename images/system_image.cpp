@@ -18,6 +18,8 @@ namespace fs = std::filesystem;
 namespace
 {
 
+const unsigned long long cramfs_file_bytes = 16 * mebibyte; ///< a file in a cramfs has fewer
+
 /// Changes whenever one of the files does.
 std::string key_of(const std::vector<FileAt> &files)
 {
@@ -63,10 +65,11 @@ void make_system_image(const std::string &image, const std::vector<FileAt> &file
 
 void pack_system_image(const std::string &image, const std::string &folder)
 {
-    std::string warnings = run_tool({"mkfs.cramfs", folder, image});
-    if (warnings.find("file sizes truncated") != std::string::npos)
-        throw std::runtime_error(image + ": a file in " + folder +
-                                 " is larger than 16 MB, the most that a cramfs holds; leave it out");
+    for (const auto &entry : fs::recursive_directory_iterator(folder))
+        if (!entry.is_symlink() && entry.is_regular_file() && entry.file_size() >= cramfs_file_bytes)
+            throw std::runtime_error(image + ": " + entry.path().lexically_relative(folder).string() +
+                                     " is larger than 16 MB, the most that a cramfs holds; leave it out");
+    run_tool({"mkfs.cramfs", folder, image});
     check_size(image);
 }
 

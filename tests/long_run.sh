@@ -51,7 +51,7 @@ while [ $# -gt 0 ]; do
 done
 [ ${#words[@]} -eq 1 ] || [ ${#words[@]} -eq 2 ] || refuse "name one thing to run"
 number=${words[1]:-}
-[[ $number =~ ^([1-9][0-9]*)?$ && $seed =~ ^[0-9]+$ ]] || refuse "a number is wanted, not: $number $seed"
+[[ $number =~ ^([1-9][0-9]*)?$ && $seed =~ ^[1-9][0-9]*$ ]] || refuse "a number is wanted, not: $number $seed"
 
 case "${words[0]}" in
 install-cuts)
@@ -67,7 +67,7 @@ restarts)
 sandbox-restarts)
     program=sandbox/sandbox_tests filter='ManyRestarts.*' settings=(QEL_SANDBOX_RESTARTS="${number:-10000}") ;;
 link)
-    program=unit_tests filter='Seeds/HostLinkEnds.AccountForEveryMessageOnABadLine/*'
+    program=unit_tests filter='Seeds/BadLine.*'
     settings=(QEL_LINK_EXCHANGES="${number:-100000}") ;;
 *) refuse "unknown: ${words[0]}" ;;
 esac

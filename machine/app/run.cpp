@@ -9,10 +9,9 @@
 #include "images/system_image.h"
 #include "machine/app/terminal.h"
 #include "machine/drive/screen.h"
+#include "machine/view/outcome.h"
 
-#include <algorithm>
 #include <filesystem>
-#include <map>
 #include <stdexcept>
 
 namespace fs = std::filesystem;
@@ -21,7 +20,6 @@ namespace
 {
 
 const double picture_seconds_max = 120;
-const char *const on_storage = "/storage/"; ///< in the words of an application, or of Wine or a shell for it
 
 std::string name_on_storage(const std::string &application)
 {
@@ -87,7 +85,7 @@ CabinetSetup prepare(const Options &options, const Parts &parts, const std::stri
 /// Takes the picture once the application has drawn; true when it is written.
 bool take_picture(Cabinet &cabinet, const std::string &path)
 {
-    if (count_starts(cabinet, on_storage) == 0 || !shows_something(grab_screen(cabinet)))
+    if (application_starts(cabinet) == 0 || !shows_something(grab_screen(cabinet)))
         return false;
     pump_for(cabinet, 1);
     Picture picture = grab_screen(cabinet);
@@ -123,41 +121,6 @@ FILE *create_recording(const std::string &path)
     if (recording == nullptr && !path.empty())
         throw std::runtime_error("cannot write " + path + "; name another file for --record");
     return recording;
-}
-
-// ---- How the application fared ----
-
-/// Why it cannot be said to have run; empty when one run lived longer than a second, or the first has not
-/// ended.
-std::string why_it_did_not_run(const Cabinet &cabinet)
-{
-    std::map<int, double> alive; ///< since when, by process
-    std::string last_end;
-    double longest = 0;
-    for (const Event &event : cabinet.events) {
-        if (event.kind == Event::program_started && event.text.find(on_storage) != std::string::npos) {
-            alive.emplace(event.number, event.seconds);
-        } else if (event.kind == Event::program_ended && alive.contains(event.number)) {
-            longest = std::max(longest, event.seconds - alive[event.number]);
-            last_end = event.text;
-            alive.erase(event.number);
-        }
-    }
-    for (const auto &[process, since] : alive)
-        longest = std::max(longest, uptime(cabinet) - since);
-    if (longest > 1 || (last_end.empty() && !alive.empty()))
-        return "";
-    std::string why = last_end.empty()
-                          ? "the application was never started"
-                          : "no run of the application lasted longer than a second; the last one ended "
-                            "with " +
-                                last_end;
-    for (const char *reason : {"error while loading shared libraries: ", "exec failed: "}) {
-        const size_t at = cabinet.console.rfind(reason);
-        if (at != std::string::npos)
-            return why + ": " + cabinet.console.substr(at, cabinet.console.find('\n', at) - at);
-    }
-    return why;
 }
 
 /// With a shell on this terminal, the view needs another place.
@@ -207,14 +170,14 @@ bool run(const Options &options, const Parts &parts, const std::string &folder)
     finish(cabinet, options, view);
     if (recording != nullptr)
         fclose(recording);
-    int runs = count_starts(cabinet, on_storage);
+    int runs = application_starts(cabinet);
     show_line(view, uptime(cabinet), "machine",
               "off; the application was started " + (runs == 1 ? "once" : std::to_string(runs) + " times"));
     if (!options.screenshot.empty())
         printf(picture_taken ? "the screen is in %s\n"
                              : "error: nothing appeared on the screen; %s not written\n",
                options.screenshot.c_str());
-    const std::string why = why_it_did_not_run(cabinet);
+    const std::string why = why_it_did_not_run(cabinet, uptime(cabinet));
     if (!why.empty())
         printf("error: %s\n", why.c_str());
     return why.empty() && (picture_taken || options.screenshot.empty());

@@ -1,6 +1,7 @@
 /// The transport of the host link: packets of at most 64 bytes through the board driver's host-comms
 /// device. It does not interpret the packets; it gives the packet link (qel_comms.h) a buffer to build
-/// packets in, a way to send them and a poll, and hands every packet that arrives to a receiver.
+/// packets in, a way to send them and a poll, and hands every packet that arrives to a receiver. A link on
+/// top must have packets of at most 64 bytes; that is not checked.
 ///
 /// Operations that serve as callbacks of the packet link take the transport as a context pointer.
 #pragma once

@@ -3,6 +3,7 @@
 #include "qel_utility/qel_string.h"
 #include "qel_utility/qel_log.h"
 
+#include <limits.h>
 #include <string.h>
 
 /// 1 for the blanks of ASCII, whatever the locale.
@@ -71,15 +72,17 @@ void qel_str_normalize_spaces(char *s)
 
 // ---- Replacement ----
 
-/// Appends the text from `text` up to `end` behind the `count` characters already put out, storing what
-/// fits. Returns the new count.
-static unsigned _emit(char *dst, unsigned dst_size, unsigned count, const char *text, const char *end)
+/// Appends `length` characters behind the `count` already put out, storing what fits. Returns the new count,
+/// to which 1 can still be added.
+static int _emit(char *dst, int dst_size, int count, const char *text, size_t length)
 {
-    for (; text != end; text++, count++) {
-        if (count < dst_size)
-            dst[count] = *text;
+    QEL_ASSERT(length < (size_t)(INT_MAX - count));
+
+    if (count < dst_size) {
+        size_t room = (size_t)(dst_size - count);
+        memcpy(dst + count, text, length < room ? length : room);
     }
-    return count;
+    return count + (int)length;
 }
 
 int qel_str_replace(const char *src, char *dst, int dst_size, const char *pattern, const char *replacement)
@@ -91,15 +94,14 @@ int qel_str_replace(const char *src, char *dst, int dst_size, const char *patter
     QEL_ASSERT(replacement);
 
     memset(dst, 0, (size_t)dst_size);
-    unsigned size = (unsigned)dst_size;
-    unsigned count = 0;
+    int count = 0;
     const char *match;
     while ((match = strstr(src, pattern))) {
-        count = _emit(dst, size, count, src, match);
-        count = _emit(dst, size, count, replacement, replacement + strlen(replacement));
+        count = _emit(dst, dst_size, count, src, (size_t)(match - src));
+        count = _emit(dst, dst_size, count, replacement, strlen(replacement));
         src = match + strlen(pattern);
     }
-    return (int)(_emit(dst, size, count, src, src + strlen(src)) + 1);
+    return _emit(dst, dst_size, count, src, strlen(src)) + 1;
 }
 
 // ---- File names ----

@@ -129,6 +129,6 @@ TEST(FactoryTool, SaysSoWhenAFileIsTooLargeForASystemImage)
     Line line;
     write_file(line.at("storage/large"), std::string(16 * mebibyte, 'x'));
     std::string output = run({"make-system-image", line.at("image"), line.at("storage")});
-    EXPECT_THAT(output, HasSubstr(" is larger than 16 MB, the most that a cramfs holds; leave it out\n"));
+    EXPECT_THAT(output, HasSubstr(": large is larger than 16 MB, the most that a cramfs holds; leave it out\n"));
     EXPECT_THAT(output, EndsWith("exit 1\n"));
 }

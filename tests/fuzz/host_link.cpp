@@ -77,7 +77,7 @@ struct Host {
 
     Link link;
     int peer;
-    GuardedPacketRules rules, rules_of_peer;
+    GuardedPackets rules, rules_of_peer;
     uint64_t improper = 0; ///< messages that must have been refused
     std::vector<Bytes> handed_on;
 };
@@ -99,7 +99,7 @@ void receive(Host &host, const Bytes &record)
     const LinkCounts &counts = host.link.counts;
     require_same("received", counts.messages_received, host.rules.messages);
     require_same("refused", counts.refused, host.rules.refused + host.improper);
-    require_same("dropped by CRC", counts.crc_wrong, host.rules.crc_wrong);
+    require_same("dropped by CRC", counts.crc_wrong, host.rules.packets.crc_wrong);
     require_same("not complete", counts.incomplete, host.rules.interrupted);
 }
 

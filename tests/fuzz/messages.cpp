@@ -20,7 +20,7 @@ struct Peer {
     FuzzedDataProvider &input;
     FakeKernel kernel;
     qel_sysmsg_con con = {handle, take, this, poll, this};
-    MessageRules rules;
+    MessageModel rules;
     uint8_t next_number = 2;
     Bytes request; ///< being sent
     std::vector<long long> sent_at;

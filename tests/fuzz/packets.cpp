@@ -11,7 +11,7 @@ namespace
 
 struct Receiver {
     explicit Receiver(size_t packet_size)
-        : rules(packet_size),
+        : rules{packet_size, heap_block_bytes_max},
           comms(qel_comms_create(static_cast<int>(packet_size), begin, end, this, nullptr, nullptr)),
           tx_buffer(packet_size)
     {
@@ -48,7 +48,7 @@ struct Receiver {
         return len;
     }
 
-    PacketRules rules;
+    PacketModel rules;
     qel_comms *comms;
     Exactly<uint8_t> tx_buffer;
     std::vector<Bytes> sent;

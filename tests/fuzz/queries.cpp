@@ -39,7 +39,7 @@ struct Peer {
     FuzzedDataProvider &input;
     FakeKernel kernel;
     qel_sysmsg_con con = {hand_on, take, this, poll, this};
-    MessageRules rules;
+    MessageModel rules;
     long long sent_at = -1; ///< when the request came, -1 before
     size_t plugins_max = 0;
 

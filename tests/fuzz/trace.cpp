@@ -84,24 +84,24 @@ struct Expected {
 
 Expected expected_of(const std::vector<Recorded> &packets)
 {
-    GuardedPacketRules sum, directions[3]; // neither of the two, and unknown, are one
+    GuardedPackets sum, directions[3]; // neither of the two, and unknown, are one
     for (const Recorded &recorded : packets)
         directions[recorded.direction % 3].take(recorded.packet);
-    for (const GuardedPacketRules &direction : directions) {
+    for (const GuardedPackets &direction : directions) {
         sum.messages += direction.messages;
-        sum.crc_wrong += direction.crc_wrong;
+        sum.packets.crc_wrong += direction.packets.crc_wrong;
         sum.interrupted += direction.interrupted + (direction.packets.length > 0);
         sum.stray += direction.stray;
         sum.refused += direction.refused;
     }
     return {std::to_string(packets.size()) + " packets, " + std::to_string(sum.messages) + " messages; " +
-                std::to_string(sum.crc_wrong) + " dropped by CRC, " + std::to_string(sum.interrupted) +
+                std::to_string(sum.packets.crc_wrong) + " dropped by CRC, " + std::to_string(sum.interrupted) +
                 " not complete, " + std::to_string(sum.stray) + " packets without a message, " +
                 std::to_string(sum.refused) + " refused\n",
-            static_cast<unsigned>(packets.size()) + sum.messages + sum.crc_wrong + 1,
+            static_cast<unsigned>(packets.size()) + sum.messages + sum.packets.crc_wrong + 1,
             {{"packets", packets.size()},
              {"messages", sum.messages},
-             {"crc_wrong", sum.crc_wrong},
+             {"crc_wrong", sum.packets.crc_wrong},
              {"incomplete", sum.interrupted},
              {"stray", sum.stray},
              {"refused", sum.refused}}};

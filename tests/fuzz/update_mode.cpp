@@ -49,8 +49,8 @@ struct Board {
     FuzzedDataProvider &input;
     Bytes &updater; ///< the message that the records so far have led to, or nothing
     FakeKernel kernel;
-    PacketRules packets{35};
-    MessageRules messages;
+    PacketModel packets{35, heap_block_bytes_max};
+    MessageModel messages;
     Bytes buffer = Bytes(64);  ///< that of the transport, which is empty when it begins to read
     std::deque<Bytes> records; ///< under way to the loader
     std::deque<Bytes> answers; ///< that it must give, or their beginnings where nobody knows the rest

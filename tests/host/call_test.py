@@ -304,11 +304,12 @@ class Completion(HostTest):
 
 
 class Catalogue(HostTest):
-    def test_has_the_names_sizes_and_types_of_the_wire_document(self):
+    def test_is_the_table_of_the_wire_document(self):
         document = os.path.join(os.path.dirname(__file__), "../../docs/host-link.md")
         with open(document) as file:
-            rows = re.findall(r"(?m)^\| (\d+) \| (\w+) \| ([^|]+) \|",
-                              file.read().partition("## Catalogue")[2])
+            table = file.read().partition("|---|---|---|---|---|\n")[2].partition("\n\n")[0]
+        self.assertEqual(self.plain("catalogue", "--markdown").out, table + "\n")
+        rows = re.findall(r"(?m)^\| (\d+) \| (\w+) \| ([^|]+) \|", table)
         self.assertEqual(len(rows), 45)
         result = self.result(self.plain("catalogue", "--json"), 0)
         self.assertIsNone(result["link"])

@@ -43,21 +43,34 @@ def put(chance, field, message):
     message[at:at + len(data) if kind not in ("text_block", "block", "ids") else None] = data
 
 
+def proper(chance, entry):
+    """A message of the catalogue as it has to be."""
+    body = 12 if entry["sequenced"] else 8
+    message = bytearray(max(entry["size"] or 0, body))
+    for field in entry["fields"]:
+        put(chance, field, message)
+    message[:8] = wire.words(entry["type"], len(message))
+    if entry["sequenced"]:
+        message[8] = chance.randrange(1, 256)
+    return bytes(message)
+
+
 def session(chance, catalogue):
     """Every message of the catalogue, each once as it has to be and once with another size; and what nobody knows."""
     for entry in catalogue:
-        body = 12 if entry["sequenced"] else 8
-        message = bytearray(max(entry["size"] or 0, body))
-        for field in entry["fields"]:
-            put(chance, field, message)
-        message[:8] = wire.words(entry["type"], len(message))
-        if entry["sequenced"]:
-            message[8] = chance.randrange(1, 256)
-        yield bytes(message)
+        yield proper(chance, entry)
         yield wire.message(entry["type"], chance.randbytes(chance.randrange(30)), chance.randrange(256))
     yield wire.message(77, b"\xab")
     yield wire.message(5, b"\xab", size=100)
     yield b"short"
+
+
+def tshark(file, *words):
+    """The rows that tshark prints about a recording."""
+    ended = subprocess.run(["tshark", "-X", f"lua_script:{DISSECTOR}", "-r", file, *words], capture_output=True,
+                           text=True, check=True)
+    assert "Lua" not in ended.stderr, ended.stderr
+    return [line.split("\t") for line in ended.stdout.splitlines()]
 
 
 class Recordings(HostTest):
@@ -92,11 +105,8 @@ class Recordings(HostTest):
         return messages, seen, result["result"]
 
     def of_tshark(self, file, names):
-        call = ["tshark", "-X", f"lua_script:{DISSECTOR}", "-r", file, "-T", "fields", "-E", "aggregator=;"]
-        for name in HEAD + VERDICTS + names:
-            call += ["-e", name]
-        rows = [line.split("\t") for line in subprocess.run(
-            call, capture_output=True, text=True, check=True).stdout.splitlines()]
+        columns = [word for name in HEAD + VERDICTS + names for word in ("-e", name)]
+        rows = tshark(file, "-T", "fields", "-E", "aggregator=;", *columns)
         messages = []
         for row in rows:
             if row[0]:
@@ -108,6 +118,20 @@ class Recordings(HostTest):
         seen = [{number for number, row in enumerate(rows, 1) if row[len(HEAD) + place] in wanted}
                 for place, wanted in enumerate([("0", "False"), ("1",), ("1",), ("1",)])]
         return messages, seen, rows
+
+    def test_of_messages_as_they_have_to_be_have_no_complaint(self):
+        catalogue = self.lines(self.plain("catalogue", "--json"))[-1]["result"]["messages"]
+        messages = [proper(random.Random(1), entry) for entry in catalogue]
+        packets = [packet for message in messages for packet in wire.packets_of(message)]
+        file = self.file("r", wire.recording([(time, "in", packet) for time, packet in enumerate(packets)]))
+        self.assertEqual(tshark(file, "-Y", "_ws.malformed or _ws.expert or _ws.lua or not qel"), [])
+        shown = tshark(file, "-Y", "qel.message", "-T", "fields", "-e", "qel.message", "-e", "qel.crc_right", "-e",
+                       "qel.file_begin.path_length", "-e", "qel.updater.block_length")
+        lengths = {"file_begin": (16, 2), "updater": (12, 3)}
+        for row, entry, message in zip(shown, catalogue, messages, strict=True):
+            head, column = lengths.get(entry["name"], (0, 2))
+            self.assertEqual(row[:2], [entry["name"], "1"])
+            self.assertEqual(row[column], str(len(message) - head) if head else "")
 
     def test_have_the_same_messages_with_all_fields_and_the_same_troubles(self):
         catalogue = self.lines(self.plain("catalogue", "--json"))[-1]["result"]["messages"]

@@ -14,117 +14,97 @@ const std::string one_byte_message = bytes("00 00 00 01 b0 1b 61");
 // 30 times "a", CRC 0x3f11: 29 bytes in the first packet, 1 in the continuation.
 const std::string first_of_two = bytes("00 00 00 1e 3f 11") + std::string(29, 'a');
 const std::string second_of_two = bytes("80 61");
+// Refused packets.
+const std::string without_length = bytes("00 00 00 00 1d 0f 00"), without_bytes = bytes("00 00 00 01 b0 1b"),
+                  too_long = std::string(36, 'a'), too_long_continuation = std::string(36, '\x80');
 
-struct Receiver {
+PacketReport take(Reassembly &reassembly, const std::string &packet)
+{
+    return reassembly_take(reassembly, {reinterpret_cast<const uint8_t *>(packet.data()), packet.size()});
+}
+
+/// What a receiver reports about each of these packets, in words.
+std::vector<std::string> reports_on(const std::vector<std::string> &packets)
+{
     Reassembly reassembly;
-
-    PacketReport take(const std::string &packet)
-    {
-        return reassembly_take(reassembly, {reinterpret_cast<const uint8_t *>(packet.data()), packet.size()});
+    std::vector<std::string> reports;
+    for (const std::string &packet : packets) {
+        const PacketReport report = take(reassembly, packet);
+        const std::string outcomes[] = {
+            "more", "delivered " + std::string(reassembly.message.begin(), reassembly.message.end()),
+            "wrong CRC", "stray", "refused: " + std::string(report.reason)};
+        reports.push_back((report.interrupts ? "interrupts, " : "") +
+                          outcomes[static_cast<size_t>(report.outcome)]);
     }
+    return reports;
+}
 
-    std::string message() const
-    {
-        return {reassembly.message.begin(), reassembly.message.end()};
-    }
-};
+const std::string delivered_30 = "delivered " + std::string(30, 'a'),
+                  refused_length = "refused: a message of length 0",
+                  refused_bytes = "refused: a first packet without a byte of its message",
+                  refused_size = "refused: longer than packets of this link";
+
+using Texts = std::vector<std::string>;
 
 } // namespace
 
-TEST(Reassembly, DeliversAMessageOfOnePacket)
+TEST(Reassembly, ReportsWhatAFirstPacketDeclares)
 {
-    Receiver receiver;
-    PacketReport report = receiver.take(one_byte_message);
-    EXPECT_EQ(report.outcome, PacketOutcome::delivered);
-    EXPECT_TRUE(report.is_first);
-    EXPECT_EQ(report.message_bytes, 1u);
-    EXPECT_EQ(report.crc, 0xb01b);
-    EXPECT_EQ(receiver.message(), "a");
+    Reassembly reassembly;
+    const PacketReport first = take(reassembly, first_of_two);
+    EXPECT_TRUE(first.is_first);
+    EXPECT_EQ(first.message_bytes, 30u);
+    EXPECT_EQ(first.crc, 0x3f11);
+    EXPECT_FALSE(take(reassembly, second_of_two).is_first);
 }
 
-TEST(Reassembly, DeliversAMessageOfTwoPackets)
+TEST(Reassembly, DeliversMessagesOfOneAndTwoPackets)
 {
-    Receiver receiver;
-    EXPECT_EQ(receiver.take(first_of_two).outcome, PacketOutcome::more);
-    PacketReport report = receiver.take(second_of_two);
-    EXPECT_EQ(report.outcome, PacketOutcome::delivered);
-    EXPECT_FALSE(report.is_first);
-    EXPECT_EQ(receiver.message(), std::string(30, 'a'));
+    EXPECT_EQ(reports_on({one_byte_message, first_of_two, second_of_two}),
+              Texts({"delivered a", "more", delivered_30}));
 }
 
-TEST(Reassembly, ReportsAWrongCrc)
+TEST(Reassembly, ReportsAWrongCrcAndAContinuationWithoutAMessage)
 {
-    Receiver receiver;
-    EXPECT_EQ(receiver.take(bytes("00 00 00 01 b0 1c 61")).outcome, PacketOutcome::crc_wrong);
-    EXPECT_EQ(receiver.take(first_of_two).outcome, PacketOutcome::more);
-    EXPECT_EQ(receiver.take(bytes("80 62")).outcome, PacketOutcome::crc_wrong);
-}
-
-TEST(Reassembly, ReportsAContinuationWithoutAMessage)
-{
-    Receiver receiver;
-    EXPECT_EQ(receiver.take(second_of_two).outcome, PacketOutcome::stray);
+    EXPECT_EQ(reports_on({bytes("00 00 00 01 b0 1c 61"), first_of_two, bytes("80 62"), second_of_two}),
+              Texts({"wrong CRC", "more", "wrong CRC", "stray"}));
 }
 
 TEST(Reassembly, ReportsAMessageThatInterruptsAnother)
 {
-    Receiver receiver;
-    receiver.take(first_of_two);
-    PacketReport report = receiver.take(one_byte_message);
-    EXPECT_TRUE(report.interrupts);
-    EXPECT_EQ(report.outcome, PacketOutcome::delivered);
-    EXPECT_FALSE(receiver.take(one_byte_message).interrupts);
+    EXPECT_EQ(reports_on({first_of_two, one_byte_message, one_byte_message}),
+              Texts({"more", "interrupts, delivered a", "delivered a"}));
 }
 
 TEST(Reassembly, RefusesWhatWouldStopTheLoader)
 {
-    Receiver receiver;
-    EXPECT_STREQ(receiver.take("").reason, "empty");
-    EXPECT_STREQ(receiver.take(bytes("00 00 00 01 b0 1b")).reason,
-                 "a first packet without a byte of its message");
-    EXPECT_STREQ(receiver.take("\x01").reason, "a first packet without a byte of its message");
-    EXPECT_STREQ(receiver.take(std::string(36, '\x80')).reason, "longer than packets of this link");
-    EXPECT_STREQ(receiver.take(bytes("00 00 00 00 1d 0f 00")).reason, "a message of length 0");
+    EXPECT_EQ(reports_on({"", without_bytes, "\x01", too_long_continuation, without_length}),
+              Texts({"refused: empty", refused_bytes, refused_bytes, refused_size, refused_length}));
 }
 
 TEST(Reassembly, ARefusedFirstPacketEndsTheMessageInProgressAndReportsThat)
 {
-    for (const std::string &refused :
-         {bytes("00 00 00 00 1d 0f 00"), bytes("00 00 00 01 b0 1b"), std::string(36, 'a')}) {
-        Receiver receiver;
-        receiver.take(first_of_two);
-        PacketReport report = receiver.take(refused);
-        EXPECT_EQ(report.outcome, PacketOutcome::refused);
-        EXPECT_TRUE(report.interrupts);
-        EXPECT_FALSE(receiver.take(refused).interrupts);
-        EXPECT_EQ(receiver.take(second_of_two).outcome, PacketOutcome::stray);
-    }
+    const std::pair<std::string, std::string> cases[] = {
+        {without_length, refused_length}, {without_bytes, refused_bytes}, {too_long, refused_size}};
+    for (const auto &[packet, refused] : cases)
+        EXPECT_EQ(reports_on({first_of_two, packet, packet, second_of_two}),
+                  Texts({"more", "interrupts, " + refused, refused, "stray"}));
 }
 
 TEST(Reassembly, ARefusedContinuationLeavesTheMessageInProgress)
 {
-    for (const std::string &refused : {std::string(36, '\x80'), std::string()}) {
-        Receiver receiver;
-        receiver.take(first_of_two);
-        PacketReport report = receiver.take(refused);
-        EXPECT_EQ(report.outcome, PacketOutcome::refused);
-        EXPECT_FALSE(report.interrupts);
-        EXPECT_EQ(receiver.take(second_of_two).outcome, PacketOutcome::delivered);
-    }
+    EXPECT_EQ(reports_on({first_of_two, too_long_continuation, "", second_of_two}),
+              Texts({"more", refused_size, "refused: empty", delivered_30}));
 }
 
 TEST(Reassembly, TakesZerosBehindAShortPacketOfAMessageThatGoesOn)
 {
-    Receiver receiver;
-    EXPECT_EQ(receiver.take(bytes("00 00 00 1e 3f 11 61")).outcome, PacketOutcome::more);
-    EXPECT_EQ(receiver.take(second_of_two).outcome, PacketOutcome::crc_wrong);
+    EXPECT_EQ(reports_on({bytes("00 00 00 1e d0 97 61"), second_of_two}),
+              Texts({"more", "delivered a" + std::string(28, '\0') + "a"}));
 }
 
 TEST(Reassembly, BeginsAMessageOfAnyLength)
 {
-    Receiver receiver;
-    EXPECT_EQ(receiver.take(bytes("7f ff ff ff 1d 0f 00")).outcome, PacketOutcome::more);
-    PacketReport report = receiver.take(one_byte_message);
-    EXPECT_EQ(report.outcome, PacketOutcome::delivered);
-    EXPECT_TRUE(report.interrupts);
+    EXPECT_EQ(reports_on({bytes("7f ff ff ff 1d 0f 00"), one_byte_message}),
+              Texts({"more", "interrupts, delivered a"}));
 }

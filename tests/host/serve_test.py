@@ -110,6 +110,12 @@ class Arrivals(Serving):
             self.assertEqual(file.read(), b"some bytes")
         self.assertIn("remote", out)
 
+    def test_of_files_come_in_pieces_of_any_length(self):
+        run = self.serve()
+        self.put(run, "/large", bytes(100000))
+        self.ended(run)
+        self.assertEqual(os.path.getsize(self.path("root/large")), 100000)
+
     def test_of_files_lead_nowhere_else_and_upset_no_terminal(self):
         os.makedirs(self.path("root"))
         os.symlink(self.folder, self.path("root/link"))

@@ -3,8 +3,6 @@
 
 #include "common/files.h"
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
@@ -21,25 +19,11 @@ struct Finished {
     std::string err;
 };
 
-/// A program that runs alongside the test; killed when it is still there at the end of the test.
-struct Process {
-    explicit Process(const std::vector<std::string> &words);
-    ~Process();
-    Process(const Process &) = delete;
-    Process &operator=(const Process &) = delete;
-
-    /// Waits until it has ended by itself; kills it after `seconds`, and its code is then -1000.
-    Finished end(double seconds = 20);
-
-    ScratchFolder files;
-    pid_t process;
-};
+/// Runs a program to its end.
+Finished run(const std::vector<std::string> &words);
 
 /// Runs qel-host with these words to its end.
-Finished host(const std::vector<std::string> &words, double seconds = 20);
-
-/// The words of a call of qel-host.
-std::vector<std::string> host_words(std::vector<std::string> words);
+Finished host(std::vector<std::string> words);
 
 /// The notation of tests/support/bytes.h as a string.
 std::string bytes(const std::string &notation);

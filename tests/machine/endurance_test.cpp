@@ -66,6 +66,7 @@ struct State {
     std::string descriptors;
     std::string memory;
     std::vector<std::string> children; ///< "NAME STATE", in the order of names
+    std::string temporary;             ///< what is in /tmp
 };
 
 /// Waits for the run that stays, the first or a later one, and looks at the loader.
@@ -81,6 +82,7 @@ State state_at_stay(Machine &machine, int stay)
                          "/^PPid/ && $2 == 1 {print name, state}' | sort"));
     for (std::string child; std::getline(children, child);)
         state.children.push_back(child);
+    state.temporary = look_inside(machine.cabinet, "find /tmp | sort");
     return state;
 }
 
@@ -97,7 +99,7 @@ long zombies(const State &state, const std::string &name)
 
 } // namespace
 
-TEST(CabinetEndurance, ManyRestartsLeaveDescriptorsMemoryAndChildrenAsTheyWere)
+TEST(CabinetEndurance, ManyRestartsLeaveDescriptorsMemoryChildrenAndFilesAsTheyWere)
 {
     // The heap takes its last step after about 100 runs: musl then keeps a page that it has given back and
     // taken again many times.
@@ -120,6 +122,7 @@ TEST(CabinetEndurance, ManyRestartsLeaveDescriptorsMemoryAndChildrenAsTheyWere)
     EXPECT_EQ(after.descriptors, before.descriptors);
     EXPECT_EQ(after.memory, before.memory);
     EXPECT_EQ(after.children, before.children);
+    EXPECT_EQ(after.temporary, before.temporary);
     EXPECT_EQ(zombies(after, "Xfake"), 1);
     printf("%d restarts in %.0f s; %s%zu children:", restarts, seconds, after.memory.c_str(),
            after.children.size());

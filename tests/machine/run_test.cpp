@@ -118,6 +118,8 @@ TEST(Run, RefusesAnApplicationThatTheCabinetCannotRun)
     EXPECT_THAT(refusal(windows), HasSubstr(windows + ": a Windows program;"));
     const std::string for_wine = file_with(machine, "program.exe.so", bytes);
     EXPECT_THAT(refusal(for_wine), HasSubstr(for_wine + ": needs Wine (/usr/wine/bin/wine);"));
+    const std::string library = file_with(machine, "library.exe.so", read_file(program));
+    EXPECT_THAT(refusal(library), HasSubstr(library + ": needs Wine (/usr/wine/bin/wine);"));
 }
 
 TEST(Run, AddsTheLibrariesOfAnApplicationToTheSystemImage)

@@ -29,6 +29,7 @@ struct State {
     std::map<int, std::string> descriptors;
     size_t children;
     long anonymous_kb;
+    std::vector<std::string> temporary;
 };
 
 /// Waits for the run number `n`, which stays, and looks at the loader.
@@ -36,7 +37,8 @@ static State state_at_run(Cabinet &cabinet, long n)
 {
     cabinet.await("run " + std::to_string(n),
                   [&] { return cabinet.runs("qel_application_1") >= static_cast<size_t>(n); });
-    return {cabinet.descriptors(), cabinet.children().size(), cabinet.anonymous_kb()};
+    return {cabinet.descriptors(), cabinet.children().size(), cabinet.anonymous_kb(),
+            cabinet.names("/tmp")};
 }
 
 static void end_run(const Cabinet &cabinet)
@@ -47,7 +49,7 @@ static void end_run(const Cabinet &cabinet)
     }
 }
 
-TEST(ManyRestarts, LeaveTheLoadersDescriptorsMemoryAndChildrenAsTheyWere)
+TEST(ManyRestarts, LeaveTheLoadersDescriptorsMemoryChildrenAndFilesAsTheyWere)
 {
     static const long first_runs = 20;
     const long restarts = restarts_wanted();
@@ -67,6 +69,7 @@ TEST(ManyRestarts, LeaveTheLoadersDescriptorsMemoryAndChildrenAsTheyWere)
     EXPECT_EQ(after.descriptors, before.descriptors);
     EXPECT_EQ(after.children, before.children);
     EXPECT_EQ(after.anonymous_kb, before.anonymous_kb);
+    EXPECT_EQ(after.temporary, before.temporary);
     // Each run but those that stayed left a prefix of two folders.
     const size_t removed = static_cast<size_t>(2 * (first_runs + restarts));
     cabinet.await_lines("rmdir /qel_home/.wine", removed);

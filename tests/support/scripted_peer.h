@@ -9,8 +9,8 @@
 /// what is due.
 #pragma once
 
-#include "support/bytes.h"
 #include "support/fake_kernel.h"
+#include "support/link_model.h"
 
 #include "qel_tolbrin/qel_sysmsg.h"
 
@@ -40,17 +40,6 @@ inline std::string shown(const Bytes &message)
     EXPECT_GT(message.size(), 8U);
     EXPECT_NE(message.at(8), 0);
     return hex_of(message.data(), 8) + " ## " + hex_of(message.data() + 9, message.size() - 9);
-}
-
-/// The confirm of a message with this number.
-inline Bytes confirm_with(uint8_t number)
-{
-    return {15, 0, 0, 0, 12, 0, 0, 0, number, 0, 0, 0};
-}
-
-inline Bytes confirm_of(const Bytes &message)
-{
-    return confirm_with(message.at(8));
 }
 
 struct ScriptedPeer {
@@ -90,14 +79,18 @@ struct ScriptedPeer {
         };
     }
     /// Confirms, and answers with `reply` in the same poll.
-    void answers(const std::string &reply)
+    void answers(const Bytes &reply)
     {
         on_send = [this, reply](int, const Bytes &message) {
             if (!qel_sysmsg_has_sequence(message.at(0)))
                 return;
             delivers(0, confirm_of(message));
-            delivers(0, bytes_of(reply));
+            delivers(0, reply);
         };
+    }
+    void answers(const std::string &reply)
+    {
+        answers(bytes_of(reply));
     }
 
     /// Hands a message to the core, from a block of exactly its size.

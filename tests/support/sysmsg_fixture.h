@@ -8,15 +8,8 @@
 
 constexpr const char *sysmsg_unit = "qel_tolbrin/qel_sysmsg";
 
-// Messages without a body; the peer's carry a number.
+/// A message without a body.
 inline const char *const post_22 = "16 00 00 00 0C 00 00 00 00 00 00 00";
-inline const char *const sent_post_22 = "16 00 00 00 0C 00 00 00 ## 00 00 00";
-
-/// A message of the peer's of 12 bytes: a type below 256 and a number.
-inline Bytes numbered(uint8_t type, uint8_t number)
-{
-    return {type, 0, 0, 0, 12, 0, 0, 0, number, 0, 0, 0};
-}
 
 /// A reply of type 29 that says `value`.
 inline Bytes reply_29(uint8_t number, uint8_t value)

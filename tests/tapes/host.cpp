@@ -1,7 +1,6 @@
 // The host at the other end.
 
 #include "tapes/host.h"
-#include "support/link_referee.h"
 
 #include <errno.h>
 #include <stdio.h>
@@ -98,17 +97,4 @@ Link::Link(Ground &ground) : host(ground)
         fflush(stdout);
     };
     con = {hand_on, qel_comms_send, &comms, qel_comms_poll, &comms};
-}
-
-Bytes message_of(uint8_t type, const std::string &rest)
-{
-    const Bytes body = bytes_of(rest);
-    Bytes message = {type, 0, 0, 0, static_cast<uint8_t>(8 + body.size()), 0, 0, 0};
-    add_bytes(message, body);
-    return message;
-}
-
-Bytes confirm_of(const Bytes &message)
-{
-    return {15, 0, 0, 0, 12, 0, 0, 0, message.at(8), 0, 0, 0};
 }

@@ -1,7 +1,7 @@
 // The other end of the host link, and the link itself as the loader builds it.
 #pragma once
 
-#include "support/bytes.h"
+#include "support/link_model.h"
 #include "tapes/ground.h"
 
 #include "qel_tolbrin/qel_comms.h"
@@ -51,7 +51,3 @@ struct Link {
     qel_comms comms = {};
     qel_sysmsg_con con = {};
 };
-
-/// A message: its type, and in place of its size what follows that.
-Bytes message_of(uint8_t type, const std::string &rest);
-Bytes confirm_of(const Bytes &message);

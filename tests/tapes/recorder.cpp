@@ -2,7 +2,7 @@
 
 #include "tapes/recorder.h"
 #include "support/bytes.h"
-#include "support/link_referee.h"
+#include "support/link_model.h"
 
 #include <ctype.h>
 #include <fnmatch.h>
@@ -128,7 +128,7 @@ std::string Recorder::packet_of(const uint8_t *bytes, size_t size)
         return "packet " + hex_of(bytes, size);
     const int length = bytes[2] << 8 | bytes[3];
     std::string text = "message " + std::to_string(bytes[6]) + " of " + std::to_string(length) + " bytes";
-    const bool has_number = LinkReferee::is_sequenced(bytes[6]) || bytes[6] == confirm_type;
+    const bool has_number = is_sequenced(bytes[6]) || bytes[6] == confirm_type;
     if (!has_number || size < 15)
         return text;
     const auto known = std::find(numbers.begin(), numbers.end(), bytes[14]);

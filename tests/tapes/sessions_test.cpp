@@ -1,13 +1,12 @@
 // Long sessions on the whole link, in one process, without a new start between one exchange and the next.
 
 #include "support/product_reset.h"
+#include "support/query_cases.h"
 #include "support/stops.h"
 #include "tapes/golden.h"
 #include "tapes/host.h"
 
 #include <gmock/gmock.h>
-
-#include <string.h>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -178,107 +177,10 @@ TEST_F(Session, ReplyThatComesTooLateIsHandedOnAndTheNextQueryHasItsOwn)
 
 // ---- A query that is answered, and the same query unanswered ----
 
-namespace
-{
-
-/// What a query gives, in words; what an unanswered one leaves alone says "untouched".
-struct Query {
-    const char *name;
-    uint8_t reply_type;
-    const char *reply;
-    std::string (*ask)(qel_sysmsg_con *);
-    const char *answered, *unanswered;
-};
-
-std::string words(int result, uint64_t value, uint64_t untouched = 77)
-{
-    return std::to_string(result) + (value == untouched ? " untouched" : " " + std::to_string(value));
-}
-
-std::string get_plugins(qel_sysmsg_con *con)
-{
-    uint32_t plugins[2] = {77, 77}, count = 77;
-    const int result = qel_sysmsg_get_plugins(con, plugins, 2, &count);
-    return words(result, plugins[0]) + words(result, count);
-}
-
-std::string query_23(qel_sysmsg_con *con)
-{
-    const char *text = "untouched";
-    const int result = qel_sysmsg_query_23(con, "x", nullptr, 0, &text);
-    return std::to_string(result) + " " + text;
-}
-
-std::string path_exists(qel_sysmsg_con *con)
-{
-    uint32_t exists = 77;
-    const int result = qel_sysmsg_tolbrin_path_exists(con, "/x", &exists);
-    return words(result, exists);
-}
-
-std::string get_info(qel_sysmsg_con *con)
-{
-    qel_sysmsg_info info;
-    memset(&info, 0x4D, sizeof info);
-    const int result = qel_sysmsg_get_info(con, &info);
-    return words(result, info.a, 0x4D4D4D4D) + words(result, info.c, 0x4D4D4D4D);
-}
-
-std::string get_item_size(qel_sysmsg_con *con)
-{
-    uint64_t size = 77;
-    const int result = qel_sysmsg_get_item_size(con, 1, "x", 2, &size);
-    return words(result, size);
-}
-
-std::string query_41(qel_sysmsg_con *con)
-{
-    uint64_t first = 77, second = 77;
-    const int result = qel_sysmsg_query_41(con, &first, &second);
-    return words(result, first) + words(result, second);
-}
-
-std::string get_plugin_size(qel_sysmsg_con *con)
-{
-    uint64_t size = 77;
-    const int result = qel_sysmsg_get_plugin_size(con, 1, &size);
-    return words(result, size);
-}
-
-std::string get_text(qel_sysmsg_con *con)
-{
-    const char *text = qel_sysmsg_get_text(con);
-    return text ? text : "null";
-}
-
-std::string decipher(qel_sysmsg_con *con)
-{
-    const void *plain = "untouched";
-    uint32_t length = 77;
-    const int result = qel_sysmsg_decipher(con, "??", 2, &plain, &length);
-    return words(result, length) + (plain ? " text" : " null");
-}
-
-// Of queries whose results go to the caller, nothing changes; of the others, the last text does not come
-// again.
-const Query queries[] = {
-    {"GetPlugins", 14, "00*4 01 00*3 05 00*3", get_plugins, "1 51 1", "0 untouched0 untouched"},
-    {"Query23", 24, "00 'text' 00*99", query_23, "1 text", "0 untouched"},
-    {"PathExists", 29, "00*4 01 00*3", path_exists, "1 1", "0 untouched"},
-    {"GetInfo", 37, "00*4 01 00*3 02 00*3 03 00*3", get_info, "1 11 3", "0 untouched0 untouched"},
-    {"GetItemSize", 40, "00*48 05 00*7", get_item_size, "1 5", "0 untouched"},
-    {"Query41", 42, "00*8 05 00*7 06 00*7", query_41, "1 51 6", "0 untouched0 untouched"},
-    {"GetPluginSize", 44, "00*4 01 00*3 05 00*7", get_plugin_size, "1 5", "0 untouched"},
-    {"GetText", 47, "00*4 03 00*3 'hi' 00", get_text, "hi", "null"},
-    {"Decipher", 49, "00*4 02 00*3 'hi'", decipher, "1 2 text", "0 0 null"},
-};
-
-} // namespace
-
 TEST_F(Session, QueriesGiveNothingOldWhenTheSameIsUnanswered)
 {
-    for (const Query &query : queries) {
-        reply = message_of(query.reply_type, query.reply);
+    for (const QueryCase &query : query_cases) {
+        reply = message_of(query.answer_type, query.answer);
         EXPECT_EQ(query.ask(&link.con), query.answered) << query.name;
         reply.clear();
         EXPECT_EQ(query.ask(&link.con), query.unanswered) << query.name;
@@ -286,13 +188,4 @@ TEST_F(Session, QueriesGiveNothingOldWhenTheSameIsUnanswered)
         EXPECT_EQ(query.ask(&link.con), query.unanswered) << query.name << " unconfirmed";
         loses = nullptr;
     }
-}
-
-// What an answer lacks reads as what the last one left in the buffer.
-TEST_F(Session, AnswerWithoutItsFieldsRepeatsTheLastOne)
-{
-    reply = message_of(49, "00*4 02 00*3 'hi'");
-    EXPECT_EQ(decipher(&link.con), "1 2 text");
-    reply = message_of(49, "00*4");
-    EXPECT_EQ(decipher(&link.con), "1 2 text");
 }

@@ -218,6 +218,8 @@ TEST_F(FilesystemLimits, RulesArePlainPatternsWithEscapes)
     EXPECT_EQ(_qel_cpdirtree_with_foo(".hidden", "/other", 0, &rule, 1), 1);
     EXPECT_FALSE(disk.has("/other"));
     EXPECT_STOPS_AT(1225, qel_cpdirtree_with_foo("/src", "/dst", nullptr, -1));
+    EXPECT_EQ(_qel_cpdirtree_with_foo("/src/abc/.def", "/copy", 0, nullptr, -1), 1);
+    EXPECT_TRUE(disk.has("/copy"));
 }
 
 TEST_F(FilesystemLimits, BareRulesMatchTheLastNamesWhateverTheirLength)

@@ -17,24 +17,26 @@ ROOT = HERE.parent.parent
 TABLE = HERE / "fixed_buffers.tsv"
 COMMENTS_AND_LITERALS = re.compile(r'//[^\n]*|"(?:\\.|[^"\\\n])*"|\'(?:\\.|[^\'\\\n])+\'')
 SCOPE = re.compile(r"^(?:struct (\w+) \{|\S[^;=]*?(\w+)\()")
-# A type of one word or more, then names with sizes; no parenthesis may come before the first of them.
-DECLARATION = re.compile(r"^\s*(?!return\b|else\b|case\b)(?:\w+\s+)+\**\w+\[[^\]]+\]")
-ARRAY = re.compile(r"(\w+)((?:\[[^\]]+\])+)(?=\s*(?:[,;=]|$))")
+CONTINUED = re.compile(r"(?<=[\w,])\n[ \t]+(?=[\w\[+])")
+# What may stand before the first name with a size: a type, or the end of a struct. No parenthesis but alignas's.
+BEFORE = re.compile(r"(?:\}|(?!return\b|else\b)(?:\[\[\w+\]\]|alignas\(\w+\)|[\w:<>,*&\s])*[\w>*&])[\s*&]+"
+                    r"(?=\w+\s*\[)")
+ARRAY = re.compile(r"(\w+)\s*((?:\[[^\]]+\])+)(?=\s*(?:[,;={]|$))")
 
 
 def arrays(path):
-    code = COMMENTS_AND_LITERALS.sub(" ", path.read_text())
+    code = CONTINUED.sub(" ", COMMENTS_AND_LITERALS.sub(" ", path.read_text()))
     scope = "-"
     for line in code.splitlines():
         found = SCOPE.match(line)
         if found:
             scope = found[1] or found[2]
-        elif line.startswith("}"):
-            scope = "-"
-        for statement in re.split("[;{}]", line):
-            if DECLARATION.match(statement):
+        for statement in re.split(r"[;{]|(?=\})|(?<!:):(?!:)", line):
+            if BEFORE.match(statement.strip()):
                 for name, size in ARRAY.findall(statement):
                     yield str(path.relative_to(ROOT / "src")), scope, name, size[1:-1].replace("][", " x ")
+        if line.startswith("}"):
+            scope = "-"
 
 
 def main():

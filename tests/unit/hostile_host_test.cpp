@@ -3,7 +3,7 @@
 
 #include "support/comms_fixture.h"
 #include "support/fake_kernel.h"
-#include "support/link_referee.h"
+#include "support/link_model.h"
 
 #include "qel_application_loader/update_mode.h"
 #include "qel_tolbrin/qel_sysmsg.h"
@@ -22,16 +22,6 @@ using testing::SizeIs;
 
 namespace
 {
-
-/// A message of `type` with this number at 8 and a body of zeros to the end.
-Bytes message_of(uint32_t type, uint8_t number, size_t size)
-{
-    Bytes message(size);
-    qel_sysmsg_put32(message.data(), 0, type);
-    qel_sysmsg_put32(message.data(), 4, static_cast<uint32_t>(size));
-    message[8] = number;
-    return message;
-}
 
 const Bytes connect = bytes_of("05 00 00 00 0C 00 00 00 78 56 34 12");
 const std::string answer = hex("00 00 00 0C 0D B9 26 00 00 00 0C 00 00 00 78 56 34 12");
@@ -106,8 +96,8 @@ TEST_F(HostileHost, SendingEveryTypeIsConfirmedWhereThatIsDueAndOtherwiseIgnored
     for (uint8_t type = 0; type < 100; ++type) {
         if (type == 5 || type == 10)
             continue; // those it serves
-        sequenced += type < 50 && LinkReferee::is_sequenced(type);
-        host_sends(message_of(type, static_cast<uint8_t>(type + 1), 40));
+        sequenced += is_sequenced(type);
+        host_sends(numbered(type, static_cast<uint8_t>(type + 1), 40));
     }
     qel_run_update_mode();
     EXPECT_THAT(answers(), SizeIs(sequenced));
@@ -133,7 +123,7 @@ TEST_F(HostileHost, FloodingWithHalfMessagesNoiseAndWrongCrcsIsStillAnsweredAfte
 TEST_F(HostileHost, RepeatingAMessageIsConfirmedEachTime)
 {
     for (int i = 0; i < 300; ++i)
-        host_sends(message_of(22, 7, 12));
+        host_sends(numbered(22, 7));
     qel_run_update_mode();
     EXPECT_THAT(answers(), SizeIs(300));
     EXPECT_THAT(answers(), Each(hex("00 00 00 0C FA 13 0F 00 00 00 0C 00 00 00 07 00 00 00")));
@@ -179,7 +169,7 @@ TEST_F(HostileHost, LyingAboutALengthOf2GigabytesStopsALoaderThatDoesNotHaveThem
 
 TEST_F(HostileHost, SayingAnotherSizeThanItSendsStopsTheLoader)
 {
-    Bytes message = message_of(22, 3, 12);
+    Bytes message = numbered(22, 3);
     qel_sysmsg_put32(message.data(), 4, 0xFFFFFFFF);
     host_sends(message);
     EXPECT_STOPS_ON("len == sysmsg->msg_size", "qel_tolbrin/qel_sysmsg", qel_run_update_mode());

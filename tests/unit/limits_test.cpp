@@ -17,6 +17,8 @@
 #include <limits.h>
 #include <stddef.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <memory>
 
@@ -381,6 +383,37 @@ TEST_F(LongMessages, HaveALengthThatIsAnInt)
     EXPECT_STOPS_ON("message", sysmsg_unit, qel_sysmsg_send_updater(&peer.con, "x", INT_MAX - 12));
     EXPECT_STOPS_ON("size <= _qel_sysmsg_bytes_max", sysmsg_unit,
                     qel_sysmsg_decipher(&peer.con, "x", INT_MAX - 15, &plain, &length));
+    EXPECT_THAT(peer.sent, IsEmpty());
+}
+
+/// A text of 2^31 bytes with its NUL: one page of memory, again and again.
+struct LongestText {
+    static const size_t bytes = 1UL << 31, page = 1UL << 21;
+    char *text = static_cast<char *>(mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    LongestText()
+    {
+        const int memory = memfd_create("page", 0);
+        EXPECT_EQ(write(memory, std::string(page, 'x').c_str(), page), static_cast<ssize_t>(page));
+        for (size_t at = 0; at < bytes; at += page)
+            mmap(text + at, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_FIXED, memory, 0);
+        close(memory);
+        text[bytes - 1] = '\0';
+    }
+    ~LongestText()
+    {
+        munmap(text, bytes);
+    }
+};
+
+TEST_F(LongMessages, HaveATextWhoseLengthIsAnInt)
+{
+    LongestText longest;
+    EXPECT_STOPS_ON("bytes <= _qel_sysmsg_bytes_max", sysmsg_unit,
+                    qel_sysmsg_reply_text(&peer.con, longest.text));
+    EXPECT_STOPS_ON("bytes <= _qel_sysmsg_bytes_max", sysmsg_unit,
+                    qel_sysmsg_file_begin(&peer.con, longest.text));
+    EXPECT_STOPS_ON("size <= _qel_sysmsg_bytes_max", sysmsg_unit,
+                    qel_sysmsg_reply_text(&peer.con, longest.text + 1));
     EXPECT_THAT(peer.sent, IsEmpty());
 }
 

@@ -93,6 +93,7 @@ TEST_F(CommsReceive, DropsAMessageWithAWrongCrcWithoutAWord)
     EXPECT_EQ(feed("00 00 00 05 32 AD 'hello'"), 0);
     EXPECT_EQ(feed("00 00 00 05 33 AC 'hello'"), 0);
     EXPECT_EQ(feed("00 00 00 05 32 AC 'hellp'"), 0);
+    EXPECT_EQ(feed("00 00 00 01 00 00 41"), 0);
     EXPECT_THAT(messages, IsEmpty());
     EXPECT_EQ(feed("00 00 00 05 32 AC 'hello'"), 0);
     EXPECT_THAT(messages, ElementsAre(hex("'hello'")));
@@ -190,18 +191,12 @@ TEST_F(CommsReceive, StopsOnAPacketThatIsNone)
         {"packet", [this] { qel_comms_receive_packet(comms, nullptr, 0); }},
         {"comms", [] { qel_comms_receive_packet(nullptr, "\x80", 1); }},
         {"comms->recv", [this] { feed(((comms->recv = nullptr), "80")); }},
+        {"len > 0", [this] { feed(((comms->recv = receive, comms->packet_size_max = -5), "")); }},
     };
     for (const auto &each : cases) {
         EXPECT_STOPS_ON(each.first, comms_unit, each.second());
         reset_product(); // it had stopped in the middle of a receipt
     }
-}
-
-TEST_F(CommsReceive, StopsOnAReceiverThatFeedsAPacketIn)
-{
-    qel_comms_set_receiver(
-        comms, [](void *link, const void *, int) { qel_comms_receive_packet(link, "\x80", 1); }, comms);
-    EXPECT_STOPS_ON("!reenter", comms_unit, feed("00 00 00 05 32 AC 'hello'"));
 }
 
 TEST_F(CommsReceive, LetsTheReceiverSend)

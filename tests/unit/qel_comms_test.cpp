@@ -152,4 +152,5 @@ TEST_F(Comms, ChecksTheMessageBeforeTheLink)
 {
     EXPECT_STOPS_ON("data", comms_unit, qel_comms_send(nullptr, nullptr, 0));
     EXPECT_STOPS_ON("len", comms_unit, qel_comms_send(nullptr, "x", 0));
+    EXPECT_STOPS_ON("len <= 0x7FFFFFFFUL", comms_unit, qel_comms_send(nullptr, "x", -1));
 }

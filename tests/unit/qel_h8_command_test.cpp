@@ -345,9 +345,3 @@ TEST_F(LcdRow, OpensAndClosesTheDisplayEveryTimeAndReturnsTheResultOfTheClose)
     EXPECT_EQ(kernel.count("open"), 2);
     EXPECT_EQ(kernel.count("close"), 2);
 }
-
-TEST_F(LcdRow, ChecksTheTextBeforeTheRow)
-{
-    EXPECT_STOPS_ON("text", h8_unit, qel_lcd_write_row(4, nullptr));
-    EXPECT_THAT(kernel.calls(), IsEmpty());
-}

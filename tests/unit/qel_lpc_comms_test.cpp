@@ -1,5 +1,4 @@
-// The transport of the host link, on a device that the test plays: descriptor 9, or a pair of sockets
-// that keep packet boundaries as the driver does.
+// The transport of the host link, on a device that the test plays: descriptor 9.
 
 #include "support/fake_kernel.h"
 #include "support/stops.h"
@@ -9,7 +8,8 @@
 #include <errno.h>
 #include <gmock/gmock.h>
 #include <string.h>
-#include <sys/socket.h>
+
+#include <deque>
 
 using testing::ElementsAre;
 
@@ -28,25 +28,22 @@ struct LpcWrite : testing::Test {
     qel_lpc lpc = {9, nullptr, nullptr};
 };
 
-/// Both sides of a device: what the board sends arrives packet by packet.
-struct LpcPoll : testing::Test {
+/// A device that gives packets of these sizes, each of bytes of that value.
+struct LpcPoll : LpcWrite {
     LpcPoll()
     {
-        int ends[2];
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
-        lpc.fd = ends[0];
-        board = ends[1];
         qel_lpc_set_receiver(&lpc, receive, this);
-    }
-    ~LpcPoll() override
-    {
-        real_close(lpc.fd);
-        real_close(board);
-    }
-    void board_sends(size_t size) const
-    {
-        const std::vector<uint8_t> packet(size, static_cast<uint8_t>(size));
-        EXPECT_EQ(real_write(board, packet.data(), size), static_cast<ssize_t>(size));
+        kernel.on_read = [this](int, void *bytes, size_t size) -> ssize_t {
+            EXPECT_EQ(size, 64U);
+            if (packets.empty()) {
+                errno = EAGAIN;
+                return -1;
+            }
+            const int packet = packets.front();
+            packets.pop_front();
+            memset(bytes, packet, static_cast<size_t>(packet));
+            return packet;
+        };
     }
     static int receive(void *test, const void *bytes, int len)
     {
@@ -54,8 +51,7 @@ struct LpcPoll : testing::Test {
         return 4711;
     }
 
-    qel_lpc lpc = {};
-    int board;
+    std::deque<int> packets;
     std::vector<std::string> received;
 };
 
@@ -139,8 +135,7 @@ TEST_F(LpcWrite, TriesAgainWithoutLimit)
 
 TEST_F(LpcPoll, HandsOnEveryPacketAsItIsFramed)
 {
-    board_sends(64);
-    board_sends(36);
+    packets = {64, 36};
     EXPECT_EQ(qel_lpc_poll(&lpc), 1);
     EXPECT_THAT(received, ElementsAre(std::string(64, 64), std::string(36, 36)));
     EXPECT_EQ(qel_lpc_poll(&lpc), 0);
@@ -150,9 +145,8 @@ TEST_F(LpcPoll, EndsAtTheFirstErrorWithoutAWord)
 {
     for (const int error : {EAGAIN, EINTR, EIO, EBADF}) {
         received.clear();
-        FakeKernel kernel;
-        board_sends(10);
-        board_sends(20);
+        kernel.forget_calls();
+        packets = {10, 20};
         kernel.fail_nth("read", 2, error);
         EXPECT_EQ(qel_lpc_poll(&lpc), 1);
         EXPECT_THAT(received, ElementsAre(std::string(10, 10)));
@@ -162,7 +156,6 @@ TEST_F(LpcPoll, EndsAtTheFirstErrorWithoutAWord)
 
 TEST_F(LpcPoll, EndsAtAReadOf0Bytes)
 {
-    FakeKernel kernel;
     kernel.on_read = [](int, void *, size_t) { return 0; };
     EXPECT_EQ(qel_lpc_poll(&lpc), 0);
     EXPECT_EQ(kernel.count("read"), 1);

@@ -5,7 +5,6 @@
 
 #include <errno.h>
 #include <gmock/gmock.h>
-#include <malloc.h>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -142,50 +141,6 @@ TEST_F(CatalogueFiles, GoOnWithoutConfirmsAndCloseTheFileBeforeTheirEnd)
 
 // ---- Memory ----
 
-/// Confirms the message that was sent, and answers one of type 48 with one byte.
-static void confirm_at_once(const Bytes &sent, qel_sysmsg_con *con)
-{
-    static uint8_t number = 1;
-    if (!qel_sysmsg_has_sequence(sent[0]))
-        return;
-    qel_sysmsg_receive(con, confirm_of(sent).data(), 12);
-    if (sent[0] != 48)
-        return;
-    number = static_cast<uint8_t>(number % 200 + 1);
-    const uint8_t answer[] = {49, 0, 0, 0, 17, 0, 0, 0, number, 0, 0, 0, 1, 0, 0, 0, 'a'};
-    qel_sysmsg_receive(con, answer, sizeof answer);
-}
-
-TEST(CatalogueMemory, IsGivenBackBehindEveryMessage)
-{
-    static const void *plain;
-    static uint32_t plain_len;
-    static Bytes last;
-    static qel_sysmsg_con con;
-    con.send = [](void *, const void *bytes, int) {
-        memcpy(last.data(), bytes, 12);
-        return 0;
-    };
-    con.poll = [](void *) { return confirm_at_once(last, &con), 0; };
-    last.resize(12);
-    con.recv = [](auto...) {};
-    qel_sysmsg_forget_sequence();
-    static const std::vector<std::function<void()>> operations = {
-        [] { qel_sysmsg_send_updater(&con, "x", 1); },
-        [] { qel_sysmsg_transfer_data(&con, "x", 1); },
-        [] { qel_sysmsg_reply_plugins(&con, two_ids, 2); },
-        [] { qel_sysmsg_reply_text(&con, "x"); },
-        [] { qel_sysmsg_decipher(&con, "x", 1, &plain, &plain_len); },
-    };
-    for (size_t each = 0; each < operations.size(); ++each) {
-        operations[each]();
-        const size_t before = mallinfo2().uordblks;
-        for (int more_than_is_kept_free = 0; more_than_is_kept_free < 50; ++more_than_is_kept_free)
-            operations[each]();
-        EXPECT_EQ(mallinfo2().uordblks, before) << "operation " << each;
-    }
-}
-
 TEST_F(Catalogue, AsksForTheMemoryOfABlockOfAnyLengthAndStopsWithoutIt)
 {
     peer.kernel.watches_memory = 1;
@@ -199,20 +154,23 @@ TEST_F(Catalogue, AsksForTheMemoryOfABlockOfAnyLengthAndStopsWithoutIt)
 
 // ---- Operations that only send ----
 
-TEST_F(Catalogue, SendsEveryUnsequencedMessageOnce)
+TEST_F(Catalogue, SendsEveryUnsequencedMessageOnceAndGivesItsMemoryBack)
 {
+    peer.kernel.watches_memory = 1;
     for (const Operation &operation : unsequenced_operations) {
         SCOPED_TRACE(operation.name);
         peer.sent.clear();
         peer.transmissions.clear();
         operation.call(&peer.con);
         EXPECT_EQ(only_message(), shown(operation.bytes));
+        EXPECT_TRUE(peer.kernel.blocks.empty());
     }
     EXPECT_EQ(peer.polls, 0);
 }
 
-TEST_F(Catalogue, SendsEverySequencedMessageAndReturns1WhenItIsConfirmed)
+TEST_F(Catalogue, SendsEverySequencedMessageReturns1WhenItIsConfirmedAndGivesItsMemoryBack)
 {
+    peer.kernel.watches_memory = 1;
     peer.confirms();
     for (const Operation &operation : sequenced_operations) {
         SCOPED_TRACE(operation.name);
@@ -220,6 +178,7 @@ TEST_F(Catalogue, SendsEverySequencedMessageAndReturns1WhenItIsConfirmed)
         peer.transmissions.clear();
         EXPECT_EQ(operation.call(&peer.con), 1);
         EXPECT_EQ(only_message(), shown(operation.bytes));
+        EXPECT_TRUE(peer.kernel.blocks.empty());
     }
 }
 
@@ -317,81 +276,54 @@ static std::string varied(size_t size)
     return content;
 }
 
-TEST_F(CatalogueFiles, TravelInChunksOf22050Bytes)
+TEST_F(CatalogueFiles, TravelInChunksOf22050BytesAndWhatIsLeft)
 {
     EXPECT_EQ(qel_sysmsg_chunk_size(), 22050);
     peer.confirms();
-    const std::string content = varied(22051);
-    EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, content.data(), 22051, "a/b"), 1);
-    EXPECT_THAT(outline(peer), ElementsAre("type 7, 20 bytes", "type 8, 22066 bytes", "type 8, 17 bytes",
-                                           "type 9, 12 bytes"));
-    EXPECT_EQ(file_content(peer), content);
-}
-
-TEST_F(CatalogueFiles, EndWithAMessageOfWhatIsLeft)
-{
-    peer.confirms();
-    const std::string content = varied(23000);
-    EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, content.data(), 23000, "f"), 1);
-    EXPECT_THAT(outline(peer), ElementsAre("type 7, 18 bytes", "type 8, 22066 bytes", "type 8, 966 bytes",
-                                           "type 9, 12 bytes"));
-}
-
-TEST_F(CatalogueFiles, OfExactlyOneChunkTravelInOneMessage)
-{
-    peer.confirms();
-    EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, varied(22050).data(), 22050, "f"), 1);
-    EXPECT_THAT(outline(peer), ElementsAre("type 7, 18 bytes", "type 8, 22066 bytes", "type 9, 12 bytes"));
-}
-
-TEST_F(CatalogueFiles, ThatAreEmptyHaveNoDataMessage)
-{
-    peer.confirms();
-    EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, nullptr, 0, "f"), 1);
-    EXPECT_THAT(outline(peer), ElementsAre("type 7, 18 bytes", "type 9, 12 bytes"));
-}
-
-TEST_F(CatalogueFiles, SucceedWhenTheirEndIsConfirmedWhateverWasNot)
-{
-    peer.on_send = [this](int, const Bytes &sent) {
-        if (sent[0] == 9)
-            peer.delivers(0, confirm_of(sent));
+    const std::pair<size_t, std::vector<std::string>> cases[] = {
+        {0, {}},
+        {1, {"type 8, 17 bytes"}},
+        {22050, {"type 8, 22066 bytes"}},
+        {22051, {"type 8, 22066 bytes", "type 8, 17 bytes"}},
+        {23000, {"type 8, 22066 bytes", "type 8, 966 bytes"}},
+        {2 * 22050 + 1, {"type 8, 22066 bytes", "type 8, 22066 bytes", "type 8, 17 bytes"}},
     };
-    EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, "x", 1, "f"), 1);
-    EXPECT_EQ(peer.sent.size(), 7U); // three times begin, three times data, the end
-}
-
-TEST_F(CatalogueFiles, FailWhenTheirEndIsNotConfirmedWhateverWas)
-{
-    peer.on_send = [this](int, const Bytes &sent) {
-        if (sent[0] != 9)
-            peer.delivers(0, confirm_of(sent));
-    };
-    EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, "x", 1, "f"), 0);
-}
-
-TEST_F(CatalogueFiles, AreReadFromDiskChunkByChunk)
-{
     const Scratch disk;
-    const std::string content = varied(2 * 22050 + 1);
-    disk.make_file("local", content);
-    peer.confirms();
-    EXPECT_EQ(qel_sysmsg_send_file(&peer.con, disk.at("local").c_str(), "remote"), 1);
-    EXPECT_THAT(outline(peer), ElementsAre("type 7, 23 bytes", "type 8, 22066 bytes", "type 8, 22066 bytes",
-                                           "type 8, 17 bytes", "type 9, 12 bytes"));
-    EXPECT_EQ(shown(peer.transmissions[0]), shown("07 00 00 00 17 00 00 00 ## 00*3 07 00 00 00 'remote' 00"));
-    EXPECT_EQ(file_content(peer), content);
-    EXPECT_THAT(peer.kernel.calls("fopen fclose"),
-                ElementsAre("fopen " + disk.at("local") + " rb", "fclose"));
+    for (auto [size, wanted] : cases) {
+        const std::string content = varied(size);
+        wanted.insert(wanted.begin(), "type 7, 20 bytes");
+        wanted.push_back("type 9, 12 bytes");
+        peer.transmissions.clear();
+        EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, size ? content.data() : nullptr,
+                                                 static_cast<int>(size), "a/b"),
+                  1);
+        EXPECT_EQ(outline(peer), wanted);
+        EXPECT_EQ(file_content(peer), content);
+
+        disk.make_file("local", content);
+        peer.transmissions.clear();
+        peer.kernel.forget_calls();
+        EXPECT_EQ(qel_sysmsg_send_file(&peer.con, (disk.path() + "//./local").c_str(), "r/?"), 1);
+        EXPECT_EQ(outline(peer), wanted);
+        EXPECT_EQ(file_content(peer), content);
+        EXPECT_EQ(shown(peer.transmissions[0]),
+                  shown("07 00 00 00 14 00 00 00 ## 00*3 04 00 00 00 'r/?' 00"));
+        EXPECT_THAT(peer.kernel.calls("fopen fclose"),
+                    ElementsAre("fopen " + disk.path() + "//./local rb", "fclose"));
+    }
 }
 
-TEST_F(CatalogueFiles, OnDiskMayBeEmptyAndOfAnyPath)
+TEST_F(CatalogueFiles, SucceedWhenTheirEndIsConfirmedWhateverElseIs)
 {
-    const Scratch disk;
-    disk.make_file("local", "");
-    peer.confirms();
-    EXPECT_EQ(qel_sysmsg_send_file(&peer.con, (disk.path() + "//./local").c_str(), "remote?"), 1);
-    EXPECT_THAT(outline(peer), ElementsAre("type 7, 24 bytes", "type 9, 12 bytes"));
+    for (const bool is_end_confirmed : {true, false}) {
+        peer.sent.clear();
+        peer.on_send = [=, this](int, const Bytes &sent) {
+            if ((sent[0] == 9) == is_end_confirmed)
+                peer.delivers(0, confirm_of(sent));
+        };
+        EXPECT_EQ(qel_sysmsg_send_buffer_as_file(&peer.con, "x", 1, "f"), static_cast<int>(is_end_confirmed));
+        EXPECT_EQ(peer.sent.size(), is_end_confirmed ? 7U : 5U); // each three times, or once
+    }
 }
 
 TEST_F(CatalogueFiles, EndWhereReadingFails)
@@ -418,14 +350,10 @@ TEST_F(CatalogueFiles, MayHaveBlocksOfMoreThan65535Bytes)
     EXPECT_EQ(hex_of(peer.transmissions.at(0).data() + 12, 6), hex("70 11 01 00 'xx'"));
 }
 
-TEST_F(CatalogueFiles, NeedAPath)
+TEST_F(CatalogueFiles, NeedAPathAndBytesInEveryMessage)
 {
     EXPECT_STOPS_ON("path", sysmsg_unit, qel_sysmsg_file_begin(&peer.con, nullptr));
     EXPECT_STOPS_ON("path", sysmsg_unit, qel_sysmsg_send_buffer_as_file(&peer.con, "x", 1, nullptr));
-}
-
-TEST_F(CatalogueFiles, NeedBytesInEveryMessage)
-{
     EXPECT_STOPS_ON("blob", sysmsg_unit, qel_sysmsg_file_data(&peer.con, nullptr, 1));
     EXPECT_STOPS_ON("blob_len > 0", sysmsg_unit, qel_sysmsg_file_data(&peer.con, "x", 0));
     EXPECT_STOPS_ON("blob", sysmsg_unit, qel_sysmsg_transfer_data(&peer.con, nullptr, 1));

@@ -52,39 +52,12 @@ TEST_F(SysmsgReceive, StopsWithoutASendFunctionForItsConfirm)
     EXPECT_STOPS_ON("con->send", sysmsg_unit, peer.receive(numbered(22, 1)));
 }
 
-TEST_F(SysmsgReceive, ConfirmsARepeatEachTimeAndHandsItOnOnce)
-{
-    peer.receive(numbered(22, 77));
-    peer.receive(numbered(22, 77));
-    peer.receive(numbered(34, 77)); // the number alone decides
-    EXPECT_EQ(peer.sent.size(), 3U);
-    EXPECT_EQ(peer.handled.size(), 1U);
-}
-
-TEST_F(SysmsgReceive, RemembersOneNumberOnly)
-{
-    peer.receive(numbered(22, 77));
-    peer.receive(numbered(22, 78));
-    peer.receive(numbered(22, 77));
-    EXPECT_EQ(peer.handled.size(), 3U);
-}
-
 TEST_F(SysmsgReceive, DoesNotForgetTheNumberOverUnsequencedMessages)
 {
     peer.receive(numbered(22, 77));
     peer.receive("0B 00 00 00 08 00 00 00");
     peer.receive(numbered(22, 77));
     EXPECT_EQ(peer.handled.size(), 2U);
-}
-
-TEST_F(SysmsgReceive, AcceptsAnyNumberAfterForgetting)
-{
-    for (const uint8_t number : std::initializer_list<uint8_t>{1, 77, 255}) {
-        peer.receive(numbered(22, number));
-        qel_sysmsg_forget_sequence();
-        peer.receive(numbered(22, number));
-    }
-    EXPECT_EQ(peer.handled.size(), 6U);
 }
 
 TEST_F(SysmsgReceive, HandsOnAConfirmThatNobodyAwaits)

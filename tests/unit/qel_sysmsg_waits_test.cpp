@@ -11,137 +11,140 @@ using testing::IsEmpty;
 using SysmsgConfirm = Sysmsg;
 using SysmsgReply = Sysmsg;
 
+namespace
+{
+
+/// A message of the peer's, so long after the product's transmission `n`, or after each of them for 0. "##"
+/// stands for the number of the product's message.
+struct Arrival {
+    int n;
+    long ms;
+    const char *message;
+};
+
+/// A send, and what comes of it: all that is sent and handed on, and the result, each at its time.
+struct Wait {
+    const char *name;
+    std::vector<Arrival> arrivals;
+    const char *events;
+    long poll_ms = 1;
+    long transmission_ms = 0;
+    time_t start = 1000;
+    long start_usec = 0;
+};
+
+void PrintTo(const Wait &wait, std::ostream *stream)
+{
+    *stream << wait.name;
+}
+
+const char *const confirm = "0F 00 00 00 0C 00 00 00 ## 00 00 00";
+const char *const reply_42 = "1D 00 00 00 10 00 00 00 09 00 00 00 2A 00 00 00";
+
+struct Waiting : Sysmsg, testing::WithParamInterface<Wait> {
+    Waiting()
+    {
+        peer.poll_ms = GetParam().poll_ms;
+        peer.starts_at(GetParam().start, GetParam().start_usec);
+        peer.on_send = [this](int, const Bytes &sent) { take(sent); };
+        peer.on_handle = [this](const Bytes &handed_on) { note("handed on " + hex_of(handed_on)); };
+    }
+    void note(const std::string &event)
+    {
+        events += (events.empty() ? "" : ", ") + std::to_string(peer.now_ms()) + " " + event;
+    }
+    void take(const Bytes &sent)
+    {
+        if (sent != message)
+            return note(sent == confirm_with(sent.at(8)) ? "confirm " + std::to_string(sent[8])
+                                                         : hex_of(sent));
+        note("post");
+        ++transmissions;
+        peer.kernel.advance_usec(GetParam().transmission_ms * 1000);
+        for (const Arrival &arrival : GetParam().arrivals) {
+            std::string text = arrival.message;
+            if (text.find("##") != std::string::npos)
+                text.replace(text.find("##"), 2, hex_of(&sent[8], 1));
+            if (arrival.n == 0 || arrival.n == transmissions)
+                peer.delivers(arrival.ms, bytes_of(text));
+        }
+    }
+
+    std::string events;
+    int transmissions = 0;
+};
+
+using ConfirmWait = Waiting;
+using ReplyWait = Waiting;
+
+} // namespace
+
 // ---- Confirms ----
 
-TEST_F(SysmsgConfirm, EndsTheSendAsSoonAsItArrives)
+TEST_P(ConfirmWait, IsAsItShouldBe)
+{
+    note("gives " + std::to_string(request()));
+    EXPECT_EQ(events, GetParam().events);
+}
+
+static const Wait confirm_waits[] = {
+    {"EndsAsSoonAsItArrives", {{1, 300, confirm}}, "0 post, 300 gives 1"},
+    {"OfASecondThreeTimes", {}, "0 post, 1000 post, 2000 post, 3000 gives 0"},
+    {"LastsFor999Milliseconds", {{1, 999, confirm}}, "0 post, 999 gives 1"},
+    {"AfterTheSecondTransmission", {{2, 10, confirm}}, "0 post, 1000 post, 1010 gives 1"},
+    {"AfterTheThirdTransmission", {{3, 10, confirm}}, "0 post, 1000 post, 2000 post, 2010 gives 1"},
+    {"LastsFromTheEndOfATransmission", {}, "0 post, 1300 post, 2600 post, 3900 gives 0", 1, 300},
+    {"TakesThatOfAnEarlierTransmission", {{1, 1500, confirm}}, "0 post, 1000 post, 1500 gives 1"},
+    {"DropsThatOfAnotherNumber",
+     {{0, 0, "0F 00 00 00 0C 00 00 00 03 00 00 00"}, {0, 0, "0F 00 00 00 0C 00 00 00 00 00 00 00"}},
+     "0 post, 1000 post, 2000 post, 3000 gives 0"},
+    {"DropsOneWithoutRoomForANumber",
+     {{0, 0, "0F 00 00 00 08 00 00 00"}},
+     "0 post, 1000 post, 2000 post, 3000 gives 0"},
+    {"TakesOneWithoutPadding", {{1, 0, "0F 00 00 00 09 00 00 00 ##"}}, "0 post, 1 gives 1"},
+    {"PollsOnceAtLeastForEachTransmission", {}, "0 post, 5000 post, 10000 post, 15000 gives 0", 5000},
+    {"TakesThatOfAPollThatTookTooLong",
+     {{3, 0, confirm}},
+     "0 post, 5000 post, 10000 post, 15000 gives 1",
+     5000},
+    {"AcrossTheEndOfThe32BitClock", {}, "0 post, 1000 post, 2000 post, 3000 gives 0", 1, 0, 4294967},
+    {"IsOfWholeMilliseconds", {}, "0 post, 1000 post, 2000 post, 3000 gives 0", 1, 0, 1000, 1000},
+    {"AtTheStartOfTheClock", {}, "0 post, 1000 post, 2000 post, 3000 gives 0", 1, 0, 0, 999000},
+    {"AtTheEndOfADay", {}, "0 post, 1000 post, 2000 post, 3000 gives 0", 1, 0, 86399, 999000},
+    {"Of31Bits", {}, "0 post, 1000 post, 2000 post, 3000 gives 0", 1, 0, 2147483, 999000},
+    {"In2038", {}, "0 post, 1000 post, 2000 post, 3000 gives 0", 1, 0, 2147483647, 999000},
+    {"In2106", {}, "0 post, 1000 post, 2000 post, 3000 gives 0", 1, 0, time_t{4294967295}, 999000},
+    {"In2286", {}, "0 post, 1000 post, 2000 post, 3000 gives 0", 1, 0, time_t{10000000000}, 999000},
+    // Sequenced, not even confirmed; unsequenced; too short for its type; of no type.
+    {"KeepsEverythingElseOut",
+     {{1, 10, "16 00 00 00 0C 00 00 00 4D 00 00 00"},
+      {1, 20, "0B 00 00 00 08 00 00 00"},
+      {1, 30, "16 00 00 00 08 00 00 00"},
+      {1, 40, "FF FF FF FF 08 00 00 00"},
+      {1, 50, confirm}},
+     "0 post, 50 gives 1"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Sysmsg, ConfirmWait, testing::ValuesIn(confirm_waits),
+                         [](const auto &test) { return std::string(test.param.name); });
+
+TEST_F(SysmsgConfirm, TimeIsReadBeforeTheFirstTransmissionBehindItAndAfterEachPoll)
 {
     peer.on_send = [this](int, const Bytes &sent) { peer.delivers(300, confirm_of(sent)); };
     EXPECT_EQ(request(), 1);
-    EXPECT_EQ(peer.now_ms(), 300);
-    // The time is read before the first transmission, behind it, and after every poll.
     EXPECT_EQ(peer.kernel.count("gettimeofday"), 2 + 300);
-    EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: " + std::string(sent_post_22))));
-    EXPECT_THAT(peer.handled, IsEmpty());
 }
 
-TEST_F(SysmsgConfirm, ThatNeverComesIsWaitedForThreeTimesASecond)
+TEST_F(SysmsgConfirm, HasANumberThatStandsInTheMessage)
 {
-    EXPECT_EQ(request(), 0);
-    const std::string text = sent_post_22;
-    EXPECT_THAT(peer.sent,
-                ElementsAre(shown("0 ms: " + text), shown("1000 ms: " + text), shown("2000 ms: " + text)));
-    EXPECT_EQ(peer.now_ms(), 3000);
-    EXPECT_THAT(peer.transmissions, ElementsAre(message, message, message)); // the same number each time
-}
-
-TEST_F(SysmsgConfirm, IsStillTakenAt999MillisecondsWithoutARepeat)
-{
-    peer.on_send = [this](int, const Bytes &sent) { peer.delivers_at(999, confirm_of(sent)); };
-    EXPECT_EQ(request(), 1);
-    EXPECT_EQ(peer.now_ms(), 999);
-    EXPECT_EQ(peer.sent.size(), 1U);
-}
-
-TEST_F(SysmsgConfirm, IsTakenAfterAnyOfTheThreeTransmissions)
-{
-    for (const int wanted : {1, 2, 3}) {
-        ScriptedPeer late;
-        late.on_send = [&](int n, const Bytes &sent) {
-            if (n == wanted)
-                late.delivers(10, confirm_of(sent));
-        };
-        message = bytes_of(post_22);
-        EXPECT_EQ(qel_sysmsg_request(&late.con, message.data()), 1);
-        EXPECT_EQ(late.now_ms(), 1000 * (wanted - 1) + 10);
-    }
-}
-
-TEST_F(SysmsgConfirm, IsWaitedForFromTheEndOfATransmission)
-{
-    peer.on_send = [this](int, const Bytes &) { peer.kernel.advance_usec(300000); };
-    EXPECT_EQ(request(), 0);
-    const std::string text = sent_post_22;
-    EXPECT_THAT(peer.sent,
-                ElementsAre(shown("0 ms: " + text), shown("1300 ms: " + text), shown("2600 ms: " + text)));
-    EXPECT_EQ(peer.now_ms(), 3900);
-}
-
-TEST_F(SysmsgConfirm, OfAnEarlierTransmissionIsAsGood)
-{
-    peer.on_send = [this](int n, const Bytes &sent) {
-        if (n == 1)
-            peer.delivers(1500, confirm_of(sent));
-    };
-    EXPECT_EQ(request(), 1);
-    EXPECT_EQ(peer.now_ms(), 1500);
-    EXPECT_EQ(peer.sent.size(), 2U);
-}
-
-TEST_F(SysmsgConfirm, OfAnotherNumberIsDropped)
-{
-    peer.on_send = [this](int, const Bytes &sent) {
-        peer.delivers(0, confirm_with(static_cast<uint8_t>(sent.at(8) + 1)));
-        peer.delivers(0, confirm_with(0));
-    };
-    EXPECT_EQ(request(), 0);
-    EXPECT_EQ(peer.sent.size(), 3U);
-    EXPECT_THAT(peer.handled, IsEmpty());
-}
-
-TEST_F(SysmsgConfirm, WithoutRoomForANumberIsDropped)
-{
-    peer.delivers(0, bytes_of("0F 00 00 00 08 00 00 00"));
     EXPECT_EQ(request(), 0);
     peer.on_poll = [this] { // whatever stands behind it
-        Bytes confirm = confirm_of(peer.transmissions.back());
-        confirm[4] = 8;
-        qel_sysmsg_receive(&peer.con, confirm.data(), 8);
+        Bytes short_one = confirm_of(peer.transmissions.back());
+        short_one[4] = 8;
+        qel_sysmsg_receive(&peer.con, short_one.data(), 8);
     };
     message = bytes_of(post_22);
     EXPECT_EQ(request(), 0);
-}
-
-TEST_F(SysmsgConfirm, NeedsNoPadding)
-{
-    peer.on_send = [this](int, const Bytes &sent) {
-        peer.delivers(0, {15, 0, 0, 0, 9, 0, 0, 0, sent.at(8)});
-    };
-    EXPECT_EQ(request(), 1);
-}
-
-TEST_F(SysmsgConfirm, IsPolledForAtLeastOnceAfterEachTransmission)
-{
-    peer.poll_ms = 5000;
-    EXPECT_EQ(request(), 0);
-    EXPECT_EQ(peer.polls, 3);
-    EXPECT_EQ(peer.sent.size(), 3U);
-}
-
-TEST_F(SysmsgConfirm, ThatArrivesInAPollThatTookTooLongCounts)
-{
-    peer.poll_ms = 5000;
-    peer.on_send = [this](int n, const Bytes &sent) {
-        if (n == 3)
-            peer.delivers(0, confirm_of(sent));
-    };
-    EXPECT_EQ(request(), 1);
-}
-
-TEST_F(SysmsgConfirm, TimeIsMeasuredAcrossTheEndOfThe32BitClock)
-{
-    peer.starts_at(4294967); // 2^32 milliseconds end 296 ms later
-    EXPECT_EQ(request(), 0);
-    const std::string text = sent_post_22;
-    EXPECT_THAT(peer.sent,
-                ElementsAre(shown("0 ms: " + text), shown("1000 ms: " + text), shown("2000 ms: " + text)));
-    EXPECT_EQ(peer.now_ms(), 3000);
-}
-
-TEST_F(SysmsgConfirm, TimeIsMeasuredInWholeMilliseconds)
-{
-    peer.starts_at(1000, 1000);
-    EXPECT_EQ(request(), 0);
-    EXPECT_EQ(peer.now_ms(), 3000);
 }
 
 TEST_F(SysmsgConfirm, TimeIsMeasuredWithoutTheFractionOfAMillisecond)
@@ -169,40 +172,14 @@ TEST_F(SysmsgConfirm, TimeIsMeasuredIn32Bits)
     EXPECT_EQ(peer.polls, 3000);
 }
 
-TEST_F(SysmsgConfirm, TimeIsMeasuredWhateverTheCentury)
+// What was dropped was not remembered either: its repetition is a new message.
+TEST_F(SysmsgConfirm, WhileAwaitedKeepsNumbersOutAsWell)
 {
-    for (const time_t start : {time_t{0}, time_t{86399}, time_t{2147483}, time_t{2147483647},
-                               time_t{4294967295}, time_t{10000000000}}) {
-        ScriptedPeer silent;
-        silent.starts_at(start, 999000);
-        message = bytes_of(post_22);
-        EXPECT_EQ(qel_sysmsg_request(&silent.con, message.data()), 0);
-        EXPECT_EQ(silent.now_ms(), 3000) << start;
-    }
-}
-
-TEST_F(SysmsgConfirm, WhileAwaitedKeepsEverythingElseOut)
-{
-    peer.delivers(10, numbered(22, 77));                    // sequenced: not even confirmed
-    peer.delivers(20, bytes_of("0B 00 00 00 08 00 00 00")); // unsequenced
-    peer.delivers(30, bytes_of("16 00 00 00 08 00 00 00")); // too short for its type: not looked at
-    peer.delivers(40, bytes_of("FF FF FF FF 08 00 00 00")); // no such type
+    peer.delivers(10, numbered(22, 77));
     peer.on_send = [this](int, const Bytes &sent) { peer.delivers(50, confirm_of(sent)); };
     EXPECT_EQ(request(), 1);
-    EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: " + std::string(sent_post_22))));
-    EXPECT_THAT(peer.handled, IsEmpty());
-
-    // What was dropped was not remembered either: its repetition is a new message.
     peer.receive(numbered(22, 77));
     EXPECT_THAT(peer.handled, ElementsAre("16 00 00 00 0C 00 00 00 4D 00 00 00"));
-}
-
-TEST_F(SysmsgConfirm, ThatComesTooLateIsAnOrdinaryMessage)
-{
-    EXPECT_EQ(request(), 0);
-    peer.receive(confirm_of(message));
-    EXPECT_EQ(peer.handled.size(), 1U);
-    EXPECT_EQ(peer.handled.at(0), hex_of(confirm_of(message)));
 }
 
 TEST_F(SysmsgConfirm, ThatNeverCameLeavesNothingBehind)
@@ -220,28 +197,47 @@ TEST_F(SysmsgConfirm, ThatNeverCameLeavesNothingBehind)
 
 // ---- Replies ----
 
-TEST_F(SysmsgReply, IsConfirmedAndCopiedWholeHeaderIncluded)
+TEST_P(ReplyWait, IsAsItShouldBe)
 {
-    peer.on_send = [this](int n, const Bytes &sent) {
-        if (n == 1) {
-            peer.delivers(100, confirm_of(sent));
-            peer.delivers(200, reply_29(9, 42));
-        }
-    };
-    EXPECT_EQ(query(), 1);
-    EXPECT_EQ(hex_of(reply, sizeof reply), "1D 00 00 00 10 00 00 00 09 00 00 00 2A 00 00 00");
-    EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: " + std::string(sent_post_22)),
-                                       "200 ms: 0F 00 00 00 0C 00 00 00 09 00 00 00"));
-    EXPECT_EQ(peer.now_ms(), 200);
-    EXPECT_THAT(peer.handled, IsEmpty());
+    const int result = query();
+    note("gives " + std::to_string(result));
+    EXPECT_EQ(events, GetParam().events);
+    EXPECT_EQ(hex_of(reply, sizeof reply), result ? reply_42 : "00*16");
 }
 
-TEST_F(SysmsgReply, MayComeInTheSamePollAsTheConfirm)
-{
-    peer.answers("1D 00 00 00 10 00 00 00 09 00 00 00 2A 00 00 00");
-    EXPECT_EQ(query(), 1);
-    EXPECT_EQ(peer.polls, 1);
-}
+static const Wait reply_waits[] = {
+    {"EndsAsSoonAsItArrives", {{1, 100, confirm}, {1, 200, reply_42}}, "0 post, 200 confirm 9, 200 gives 1"},
+    {"EndsInThePollOfTheConfirm", {{1, 0, confirm}, {1, 0, reply_42}}, "0 post, 1 confirm 9, 1 gives 1"},
+    {"LastsFor15SecondsFromTheFirstTransmission",
+     {{3, 500, confirm}},
+     "0 post, 1000 post, 2000 post, 15000 gives 0"},
+    {"LastsFromTheBeginningOfTheTransmission", {{0, 700, confirm}}, "0 post, 15000 gives 0", 1, 300},
+    {"TakesThatOfThePollThatReachesTheDeadline",
+     {{3, 500, confirm}, {1, 15000, reply_42}},
+     "0 post, 1000 post, 2000 post, 15000 confirm 9, 15000 gives 1"},
+    {"DoesNotPollWhenTheTimeIsOverWithTheConfirm", {{0, 0, confirm}}, "0 post, 15000 gives 0", 15000},
+    {"AcrossTheEndOfThe32BitClock", {{0, 0, confirm}}, "0 post, 15000 gives 0", 1, 0, 4294960},
+    {"DropsWhatComesBeforeTheConfirmAndTakesItsRepetition",
+     {{1, 100, reply_42}, {1, 200, confirm}, {1, 1100, reply_42}},
+     "0 post, 1100 confirm 9, 1100 gives 1"},
+    // Sequenced, confirmed and lost; unsequenced and lost; a confirm that nobody awaits, lost.
+    {"LosesMessagesOfOtherTypesAfterConfirmingThem",
+     {{1, 0, confirm},
+      {1, 10, "16 00 00 00 0C 00 00 00 32 00 00 00"},
+      {1, 20, "0B 00 00 00 08 00 00 00"},
+      {1, 30, "0F 00 00 00 0C 00 00 00 63 00 00 00"},
+      {1, 40, reply_42}},
+     "0 post, 10 confirm 50, 40 confirm 9, 40 gives 1"},
+    {"TakesOneWithTheLastNumberForARepetition",
+     {{1, 0, confirm},
+      {1, 5, "16 00 00 00 0C 00 00 00 08 00 00 00"},
+      {1, 10, "1D 00 00 00 10 00 00 00 08 00 00 00 29 00 00 00"},
+      {1, 20, reply_42}},
+     "0 post, 5 confirm 8, 10 confirm 8, 20 confirm 9, 20 gives 1"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Sysmsg, ReplyWait, testing::ValuesIn(reply_waits),
+                         [](const auto &test) { return std::string(test.param.name); });
 
 TEST_F(SysmsgReply, IsAwaitedByAnyWaitButZeroWhileOthersMaySendUnsequencedMessages)
 {
@@ -279,36 +275,6 @@ TEST_F(SysmsgReply, IsKnownByAllBitsOfItsTypeAndSize)
     EXPECT_EQ(hex_of(room), hex_of(long_reply));
 }
 
-TEST_F(SysmsgReply, IsWaitedForUntil15SecondsAfterTheFirstTransmission)
-{
-    peer.on_send = [this](int n, const Bytes &sent) {
-        if (n == 3)
-            peer.delivers(500, confirm_of(sent)); // at 2500 ms, which starts no new time
-    };
-    EXPECT_EQ(query(), 0);
-    EXPECT_EQ(peer.now_ms(), 15000);
-}
-
-TEST_F(SysmsgReply, IsWaitedForFromTheBeginningOfTheFirstTransmission)
-{
-    peer.on_send = [this](int, const Bytes &sent) {
-        peer.kernel.advance_usec(300000);
-        peer.delivers(700, confirm_of(sent));
-    };
-    EXPECT_EQ(query(), 0);
-    EXPECT_EQ(peer.now_ms(), 15000);
-}
-
-TEST_F(SysmsgReply, IsTakenInThePollThatReachesTheDeadline)
-{
-    peer.on_send = [this](int n, const Bytes &sent) {
-        if (n == 3)
-            peer.delivers(500, confirm_of(sent));
-    };
-    peer.delivers_at(15000, reply_29(9, 42));
-    EXPECT_EQ(query(), 1);
-}
-
 TEST_F(SysmsgReply, ThatIsLateIsAnOrdinaryMessage)
 {
     peer.confirms();
@@ -320,70 +286,6 @@ TEST_F(SysmsgReply, ThatIsLateIsAnOrdinaryMessage)
     EXPECT_THAT(peer.handled, ElementsAre("1D 00 00 00 10 00 00 00 09 00 00 00 2A 00 00 00"));
 }
 
-TEST_F(SysmsgReply, IsNotPolledForWhenTheTimeIsOverWithTheConfirm)
-{
-    peer.poll_ms = 15000;
-    peer.confirms();
-    EXPECT_EQ(query(), 0);
-    EXPECT_EQ(peer.polls, 1);
-}
-
-TEST_F(SysmsgReply, DeadlineIsMeasuredAcrossTheEndOfThe32BitClock)
-{
-    peer.starts_at(4294960); // ends 7296 ms later
-    peer.confirms();
-    EXPECT_EQ(query(), 0);
-    EXPECT_EQ(peer.now_ms(), 15000);
-}
-
-TEST_F(SysmsgReply, BeforeTheConfirmIsDroppedAndTakenWhenItIsRepeated)
-{
-    peer.on_send = [this](int n, const Bytes &sent) {
-        if (n > 1)
-            return;
-        peer.delivers(100, reply_29(9, 42));
-        peer.delivers(200, confirm_of(sent));
-        peer.delivers(1100, reply_29(9, 42));
-    };
-    EXPECT_EQ(query(), 1);
-    EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: " + std::string(sent_post_22)),
-                                       "1100 ms: 0F 00 00 00 0C 00 00 00 09 00 00 00"));
-    EXPECT_EQ(reply[12], 42);
-}
-
-TEST_F(SysmsgReply, WhileAwaitedLosesMessagesOfOtherTypesAfterConfirmingThem)
-{
-    peer.on_send = [this](int n, const Bytes &sent) {
-        if (n > 1)
-            return;
-        peer.delivers(0, confirm_of(sent));
-        peer.delivers(10, numbered(22, 50));                    // confirmed and lost
-        peer.delivers(20, bytes_of("0B 00 00 00 08 00 00 00")); // lost
-        peer.delivers(30, confirm_with(99));                    // nobody awaits it: lost
-        peer.delivers(40, reply_29(51, 42));
-    };
-    EXPECT_EQ(query(), 1);
-    EXPECT_THAT(peer.sent, ElementsAre(shown("0 ms: " + std::string(sent_post_22)),
-                                       "10 ms: 0F 00 00 00 0C 00 00 00 32 00 00 00",
-                                       "40 ms: 0F 00 00 00 0C 00 00 00 33 00 00 00"));
-    EXPECT_THAT(peer.handled, IsEmpty());
-}
-
-TEST_F(SysmsgReply, WithTheNumberOfTheMessageBeforeIsTakenForARepeat)
-{
-    peer.receive(numbered(22, 9));
-    peer.sent.clear();
-    peer.on_send = [this](int n, const Bytes &sent) {
-        if (n > 1)
-            return;
-        peer.delivers(0, confirm_of(sent));
-        peer.delivers(10, reply_29(9, 41)); // confirmed, but not taken
-        peer.delivers(20, reply_29(10, 42));
-    };
-    EXPECT_EQ(query(), 1);
-    EXPECT_EQ(reply[12], 42);
-}
-
 TEST_F(SysmsgReply, ThatComesTwiceIsNotHandedOnAfterwards)
 {
     peer.answers("1D 00 00 00 10 00 00 00 09 00 00 00 2A 00 00 00");
@@ -391,12 +293,6 @@ TEST_F(SysmsgReply, ThatComesTwiceIsNotHandedOnAfterwards)
     peer.receive(reply_29(9, 42));
     EXPECT_EQ(peer.sent.back(), std::to_string(peer.now_ms()) + " ms: 0F 00 00 00 0C 00 00 00 09 00 00 00");
     EXPECT_THAT(peer.handled, IsEmpty());
-}
-
-TEST_F(SysmsgReply, MayFillTheBufferExactly)
-{
-    peer.answers("1D 00 00 00 10 00 00 00 09 00 00 00 2A 00 00 00");
-    EXPECT_EQ(qel_sysmsg_send_sequenced(&peer.con, message.data(), 1, 29, reply, 16), 1);
 }
 
 TEST_F(SysmsgReply, StopsWhenItIsOneByteTooLong)

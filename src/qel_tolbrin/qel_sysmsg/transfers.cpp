@@ -17,6 +17,14 @@ enum { chunk_bytes_max = 22050, pattern_words = 777, pattern_bytes = 4 * pattern
 static uint32_t pattern_counter = 1;           ///< next value of the unsequenced test pattern
 static uint32_t pattern_counter_sequenced = 1; ///< next value of the sequenced one
 
+/// The bytes of a text with its NUL.
+static int _text_bytes(const char *text)
+{
+    size_t bytes = strlen(text) + 1;
+    QEL_ASSERT(bytes <= _qel_sysmsg_bytes_max);
+    return (int)bytes;
+}
+
 // ---- Updater, transfers, files ----
 
 void qel_sysmsg_send_updater(struct qel_sysmsg_con *con, const void *image, int length)
@@ -33,7 +41,7 @@ int qel_sysmsg_file_begin(struct qel_sysmsg_con *con, const char *path)
 {
     QEL_ASSERT(path);
 
-    return qel_sysmsg_request_blob(con, qel_sysmsg_type_file_begin, path, (int)(strlen(path) + 1));
+    return qel_sysmsg_request_blob(con, qel_sysmsg_type_file_begin, path, _text_bytes(path));
 }
 
 int qel_sysmsg_file_data(struct qel_sysmsg_con *con, const void *block, int length)
@@ -130,7 +138,7 @@ int qel_sysmsg_reply_text(struct qel_sysmsg_con *con, const char *text)
 {
     QEL_ASSERT(con);
 
-    return _reply_block(con, qel_sysmsg_type_text, text, text ? (int)(strlen(text) + 1) : 0);
+    return _reply_block(con, qel_sysmsg_type_text, text, text ? _text_bytes(text) : 0);
 }
 
 int qel_sysmsg_reply_plain(struct qel_sysmsg_con *con, const void *bytes, int length)

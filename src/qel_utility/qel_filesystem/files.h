@@ -103,7 +103,8 @@ int64_t qel_get_folder_size(const char *path);
 /// Measures the file system that holds, or would hold, `path`: the nearest existing parent is taken. A path
 /// of more than 999 bytes is cut there first. `free_bytes` gets what an ordinary user may still fill,
 /// `total_bytes` the size; either may be null. The size of a block counts as a signed number of 32 bits, and
-/// a product has 64. Stops when the path is not absolute (784) or statfs fails (814).
+/// a product has 64. Stops when the path is not absolute (784), the cut leaves a slash at its end (1082) or
+/// statfs fails (814).
 void qel_get_disk_space(const char *path, int64_t *free_bytes, int64_t *total_bytes);
 
 /// Returns the free bytes of qel_get_disk_space.

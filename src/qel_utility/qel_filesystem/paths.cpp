@@ -230,7 +230,7 @@ void qel_parent_dir(const char *path, char *parent_dir, int parent_dir_size)
     QEL_ASSERT_AT(1131, !qel_path_is_root_dir(path));
     const char *cp = strrchr(path, '/');
     QEL_ASSERT_AT(1134, cp);
-    int parent_dir_len = (int)(cp - path);
+    ptrdiff_t parent_dir_len = cp - path;
     QEL_ASSERT_AT(1137, parent_dir_size >= (parent_dir_len + 2));
 
     memmove(parent_dir, path, (size_t)parent_dir_len + 1);
@@ -270,7 +270,7 @@ int qel_sibling_path(const char *path, const char *sibling, char *dst, int dst_s
     _write(dst, dst_size, path);
     char *slash = dst_size > 0 ? strrchr(dst, '/') : nullptr;
     QEL_ASSERT_AT(1173, slash);
-    return _write(slash + 1, dst + dst_size - (slash + 1), sibling);
+    return _write(slash + 1, dst_size - (slash + 1 - dst), sibling);
 }
 
 int qel_filename_part(const char *path, char *filename, int size)
@@ -295,5 +295,5 @@ int qel_path_put_extension(const char *ext, char *path, int path_size)
     char *component = slash ? slash : path;
     char *dot = strrchr(component, '.');
     char *end = dot ? dot : component + strlen(component);
-    return _write(end, path + path_size - end, ext);
+    return _write(end, path_size - (end - path), ext);
 }

@@ -169,9 +169,9 @@ static int _rule_matches(const char *pattern, const char *path)
 /// Returns 1 when a rule leaves the entry out, else 0.
 static int _is_left_out(const char *path, int is_folder, const struct qel_copy_foo *rules, int count)
 {
-    for (const struct qel_copy_foo *rule = rules; rule < rules + count; rule++) {
-        int matches = _rule_matches(rule->pattern, path);
-        if ((rule->exclude == 0 && !matches && !is_folder) || (rule->exclude == 1 && matches))
+    for (int i = 0; i < count; i++) {
+        int matches = _rule_matches(rules[i].pattern, path);
+        if ((rules[i].exclude == 0 && !matches && !is_folder) || (rules[i].exclude == 1 && matches))
             return 1;
     }
     return 0;

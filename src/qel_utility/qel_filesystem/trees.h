@@ -39,7 +39,8 @@ void qel_find_file_with_prefix(const char *folder, const char *prefix, char *fou
 /// with their NULs, and removed with the folder closed. Deliberate: entries that cannot be removed are read
 /// again in every batch, so that twenty of them keep this function going without end. Stops when `folder` is
 /// null (974) or not absolute (975). Returns 1 when everything went or the folder does not exist; 0 when
-/// something stayed or the folder exists but cannot be opened.
+/// something stayed or the folder exists but cannot be opened. A batch that is shorter for its names' length,
+/// and of which nothing goes, ends it with 0, whatever else is in the folder.
 int qel_rmdircontents(const char *folder);
 
 /// Removes a folder with its contents, or a file; prints "removing dir tree ...".
@@ -68,7 +69,8 @@ void qel_recurse_files_in_folder(const char *src, const char *dst_root,
 // at the destination is removed first. One copied into itself goes deeper until its paths are cut.
 
 /// A filter rule of a tree copy. `pattern` is an fnmatch pattern for the whole source path ("*" spans
-/// "/"); one that begins with neither "/" nor "*" matches the last components ("foo" means "*/foo").
+/// "/"); one that begins with neither "/" nor "*" matches the last components ("foo" means "*/foo"). "?" is a
+/// character of the caller's locale: a byte in the loader's.
 struct qel_copy_foo {
     uint32_t exclude; ///< 0: only files that match are copied; 1: matches are left out, folders with
                       ///< their contents; any other value: the rule does nothing

@@ -9,9 +9,9 @@ extern "C" {
 /// Unpacks the archives in /storage/archives into /storage/win_apps and removes them, links every file of
 /// the applications there into the Wine prefix /qel_home/.wine under its own relative path, and imports
 /// the registry files that are then in /qel_home/.wine/reg_keys. Prints its progress.
-/// Deliberate: a file named *.zip, in upper or lower case, does not count as an archive and stays; a file
-/// with any other extension does, and is removed even if it could not be unpacked. Names without a dot are
-/// left alone.
+/// Deliberate: a file named *.zip, in upper or lower case as the caller's locale has it, does not count as an
+/// archive and stays; a file with any other extension does, and is removed even if it could not be unpacked.
+/// Names without a dot are left alone.
 /// Stops when /storage/win_apps cannot be made (2217), and in qel_exec_wait and qel_symlink.
 /// Returns the result of its last output.
 int qel_install_windows_apps(void);
