@@ -4,6 +4,7 @@
 #include "qel_utility/qel_log.h"
 
 #include <limits.h>
+#include <stdint.h>
 #include <string.h>
 
 /// 1 for the blanks of ASCII, whatever the locale.
@@ -72,17 +73,14 @@ void qel_str_normalize_spaces(char *s)
 
 // ---- Replacement ----
 
-/// Appends `length` characters behind the `count` already put out, storing what fits. Returns the new count,
-/// to which 1 can still be added.
-static int _emit(char *dst, int dst_size, int count, const char *text, size_t length)
+/// Appends `length` characters behind the `count` already put out, storing what fits. Returns the new count.
+static uint64_t _emit(char *dst, uint64_t dst_size, uint64_t count, const char *text, size_t length)
 {
-    QEL_ASSERT(length < (size_t)(INT_MAX - count));
-
     if (count < dst_size) {
-        size_t room = (size_t)(dst_size - count);
-        memcpy(dst + count, text, length < room ? length : room);
+        uint64_t room = dst_size - count;
+        memcpy(dst + count, text, length < room ? length : (size_t)room);
     }
-    return count + (int)length;
+    return count + length;
 }
 
 int qel_str_replace(const char *src, char *dst, int dst_size, const char *pattern, const char *replacement)
@@ -94,14 +92,17 @@ int qel_str_replace(const char *src, char *dst, int dst_size, const char *patter
     QEL_ASSERT(replacement);
 
     memset(dst, 0, (size_t)dst_size);
-    int count = 0;
+    uint64_t size = (uint64_t)dst_size;
+    uint64_t count = 0;
     const char *match;
     while ((match = strstr(src, pattern))) {
-        count = _emit(dst, dst_size, count, src, (size_t)(match - src));
-        count = _emit(dst, dst_size, count, replacement, strlen(replacement));
+        count = _emit(dst, size, count, src, (size_t)(match - src));
+        count = _emit(dst, size, count, replacement, strlen(replacement));
         src = match + strlen(pattern);
     }
-    return _emit(dst, dst_size, count, src, strlen(src)) + 1;
+    count = _emit(dst, size, count, src, strlen(src));
+    QEL_ASSERT(count < INT_MAX);
+    return (int)count + 1;
 }
 
 // ---- File names ----

@@ -36,7 +36,7 @@ void qel_str_normalize_spaces(char *s);
 /// zeros first; what does not fit is counted but not stored.
 /// Requires all pointers and a size above 0, else the program stops ("src", "dst", "dst_size > 0",
 /// "pattern", "replacement"), and a result of at most 2147483646 characters
-/// ("length < (size_t)(INT_MAX - count)"). `pattern` must not be empty: that is not checked, and such a call
+/// ("count < INT_MAX", when `dst` has been filled). `pattern` must not be empty: that is not checked, and such a call
 /// never returns.
 /// Returns the size that the whole result needs with its NUL. Only when that is not greater than
 /// `dst_size` is `dst` whole and terminated; a longer result fills `dst` and leaves it WITHOUT a NUL.

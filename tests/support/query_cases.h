@@ -44,7 +44,7 @@ inline std::string ask_path_exists(qel_sysmsg_con *con)
 
 inline std::string ask_info(qel_sysmsg_con *con)
 {
-    qel_sysmsg_info info = {77, 77, 77, 77};
+    qel_sysmsg_info info = {0x84030201, 77, 77, 77};
     const int result = qel_sysmsg_get_info(con, &info);
     return in_words(result, info.own, info.a, info.b, info.c);
 }
@@ -52,7 +52,7 @@ inline std::string ask_info(qel_sysmsg_con *con)
 inline std::string ask_item_size(qel_sysmsg_con *con)
 {
     uint64_t size = 77;
-    const int result = qel_sysmsg_get_item_size(con, 1, "name", 2, &size);
+    const int result = qel_sysmsg_get_item_size(con, 0x81020304, "name", 0x82020304, &size);
     return in_words(result, size);
 }
 
@@ -88,15 +88,15 @@ inline std::string ask_decipher(qel_sysmsg_con *con)
 // Of queries whose results go to the caller, nothing changes without an answer; of the others, the last text
 // does not come again.
 inline const QueryCase query_cases[] = {
-    {"get_plugins", ask_plugins, "0D 00*3 0C 00*3 ## 00*3", 14, "09 00*3 02 00*3 07 00*3 04 03 02 01",
-     "1 2 7 16909060 77", "0 77 77 77 77"},
+    {"get_plugins", ask_plugins, "0D 00*3 0C 00*3 ## 00*3", 14, "09 00*3 02 00*3 07 00*3 04 03 02 81",
+     "1 2 7 2164392708 77", "0 77 77 77 77"},
     {"query_23", ask_23, "17 00*3 5C 04 00 00 ## 'name' 00*96 'one' 00*97 'two' 00*97 00*800 00*3 02 00*3",
      24, "09 'answer' 00*97", "1 answer", "0 untouched"},
-    {"path_exists", ask_path_exists, "1C 00*3 70 00*3 ## '/a/b' 00*96 00*3", 29, "09 00*3 04 03 02 01",
-     "1 16909060", "0 77"},
-    {"get_info", ask_info, "24 00*3 0C 00*3 ## 00*3", 37, "09 00*3 01 00*3 02 00*3 FF*4",
-     "1 77 1 2 4294967295", "0 77 77 77 77"},
-    {"get_item_size", ask_item_size, "27 00*3 40 00*3 ## 00*3 01 00*3 'name' 00*28 02 00*3 00*12", 40,
+    {"path_exists", ask_path_exists, "1C 00*3 70 00*3 ## '/a/b' 00*96 00*3", 29, "09 00*3 04 03 02 81",
+     "1 2164392708", "0 77"},
+    {"get_info", ask_info, "24 00*3 0C 00*3 ## 00*3", 37, "09 00*3 04 03 02 81 04 03 02 82 FF*4",
+     "1 2214789633 2164392708 2181169924 4294967295", "0 2214789633 77 77 77"},
+    {"get_item_size", ask_item_size, "27 00*3 40 00*3 ## 00*3 04 03 02 81 'name' 00*28 04 03 02 82 00*12", 40,
      "09 00*3 01 00*3 'name' 00*28 02 00*3 00*4 88 87 86 85 84 83 82 81", "1 9332165983064197000", "0 77"},
     {"query_41", ask_41, "29 00*3 0C 00*3 ## 00*3", 42,
      "09 00*3 00*4 88 87 86 85 84 83 82 81 98 97 96 95 94 93 92 91",

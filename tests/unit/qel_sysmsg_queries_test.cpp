@@ -148,38 +148,8 @@ TEST_F(QueryInfo, AndItsLikeReadWhatAShortAnswerLacksAsZeros)
     EXPECT_TRUE(first == 0 && second == 0);
 }
 
-<<<<<<< HEAD
 // ---- Item size ----
 
-=======
-// ---- Info ----
-
-TEST_F(QueryInfo, FillsAllButTheCallersOwnField)
-{
-    peer.answers("25 00 00 00 18 00 00 00 09 00*3 04 03 02 81 04 03 02 82 FF FF FF FF");
-    qel_sysmsg_info info = {0x84030201, 0, 0, 0};
-    EXPECT_EQ(qel_sysmsg_get_info(&peer.con, &info), 1);
-    EXPECT_EQ(request_sent(), shown("24 00 00 00 0C 00 00 00 ## 00*3"));
-    EXPECT_EQ(info.own, 0x84030201U);
-    EXPECT_EQ(info.a, 0x81020304U);
-    EXPECT_EQ(info.b, 0x82020304U);
-    EXPECT_EQ(info.c, 0xFFFFFFFFU);
-}
-
-// ---- Item size ----
-
-TEST_F(QueryItemSize, SendsBothValuesAndTheName)
-{
-    peer.answers("28 00 00 00 40 00 00 00 09 00*3 01 00 00 00 'name' 00*28 02 00 00 00 00*4 "
-                 "88 87 86 85 84 83 82 81");
-    uint64_t size = 0;
-    EXPECT_EQ(qel_sysmsg_get_item_size(&peer.con, 0x81020304, "name", 0x82020304, &size), 1);
-    EXPECT_EQ(request_sent(),
-              shown("27 00 00 00 40 00 00 00 ## 00*3 04 03 02 81 'name' 00*28 04 03 02 82 00*12"));
-    EXPECT_EQ(size, 0x8182838485868788U);
-}
-
->>>>>>> room-units
 TEST_F(QueryItemSize, SendsZerosForNoNameAndCutsALongOne)
 {
     peer.answers("28 00 00 00 40 00 00 00 09 00*55");
