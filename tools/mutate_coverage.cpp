@@ -1,6 +1,7 @@
 // Which places of the product each test runs, for tools/mutate.py, which compiles the product with
 // -fsanitize-coverage=trace-pc and links this file: a line for each test, with its file, its seconds and the
-// places, goes to the file that QEL_MUTATE_TABLE names. What a test's children run counts as its own.
+// places, as offsets in the program, goes to the file that QEL_MUTATE_TABLE names. What a test's children run
+// counts as its own.
 
 #include <fcntl.h>
 #include <stdint.h>
@@ -14,7 +15,6 @@
 #include <gtest/gtest.h>
 
 extern "C" const char __executable_start;
-extern "C" void __sanitizer_cov_trace_pc();
 
 namespace
 {
@@ -26,8 +26,8 @@ struct Places {
     size_t count;
     uint32_t offsets[places_max];
     bool is_known[program_bytes_max];
-};
-Places *places;
+} *const places = static_cast<Places *>(
+    mmap(nullptr, sizeof(Places), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
 
 /// Of the processor, children that have ended included.
 double seconds_used()
@@ -47,7 +47,6 @@ struct Table : testing::EmptyTestEventListener {
 
     void OnTestStart(const testing::TestInfo &) override
     {
-        __sanitizer_cov_trace_pc(); // makes the table
         for (size_t i = 0; i < places->count; ++i)
             places->is_known[places->offsets[i]] = false;
         places->count = 0;
@@ -67,7 +66,6 @@ struct Table : testing::EmptyTestEventListener {
     }
 };
 
-/// Also for what runs before the listener is there.
 const bool is_listening = [] {
     testing::UnitTest::GetInstance()->listeners().Append(new Table);
     return true;
@@ -77,12 +75,10 @@ const bool is_listening = [] {
 
 extern "C" void __sanitizer_cov_trace_pc()
 {
-    if (!places)
-        places = static_cast<Places *>(mmap(nullptr, sizeof *places, PROT_READ | PROT_WRITE,
-                                            MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
     const auto offset =
         static_cast<uint32_t>(static_cast<const char *>(__builtin_return_address(0)) - &__executable_start);
-    if (offset >= program_bytes_max || places->count == places_max || places->is_known[offset])
+    // Before main, the table may not be there yet.
+    if (!places || places->is_known[offset])
         return;
     places->is_known[offset] = true;
     places->offsets[places->count++] = offset;
