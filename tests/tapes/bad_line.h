@@ -47,8 +47,7 @@ struct Line {
             for (unsigned flips = 1 + random() % 4; flips > 0; --flips)
                 packet[random() % packet.size()] ^= static_cast<uint8_t>(1 << random() % 8);
         }
-        const bool is_empty = !(packet[0] | packet[1] | packet[2] | packet[3]);
-        if (packet[0] < 0x80 && (packet.size() <= 6 || packet[0] > 0x0F || is_empty))
+        if (packet[0] < 0x80 && (packet.size() <= 6 || packet[0] > 0x0F || word(packet, 0) == 0))
             return;
         if (happens(fates.repeat))
             under_way.emplace(now + delay(), packet);
