@@ -219,9 +219,8 @@ TEST_P(BadLine, LosesAndRepeatsMessagesAndEachIsAccountedFor)
     const char *wanted = getenv("QEL_LINK_EXCHANGES");
     Exchanges ends({20, 20, 20, 30, 15}, GetParam(), true);
     ends.run(wanted ? static_cast<uint32_t>(atoi(wanted)) : 3000);
-    printf("    %u sends succeeded, %u failed; %u messages handed on; dropped: %u by CRC, %u repeats, %u "
-           "while a "
-           "confirm was awaited, %u while a reply was\n",
+    printf("    %u sends succeeded, %u failed; %u messages handed on; dropped: %u by CRC, %u repeats, "
+           "%u while a confirm was awaited, %u while a reply was\n",
            ends.succeeded, ends.failed, ends.handed_on, ends.packets.crc_wrong, ends.messages.repeats,
            ends.messages.dropped_unconfirmed, ends.messages.dropped_waiting);
     // Everything that can go wrong has gone wrong, and most has gone well.

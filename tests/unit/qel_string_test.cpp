@@ -137,12 +137,14 @@ TEST(Replace, CountsToTheLargestIntAndStopsOnMore)
 
 TEST(Replace, NeverReturnsFromAnEmptyPattern)
 {
-    const auto replace_for_50_ms = [] {
-        const itimerval after = {{}, {0, 50000}}; // of the processor's time
+    // So long that more than 2^31 characters are counted in that time.
+    const std::string replacement(1 << 24, 'x');
+    const auto replace_for_400_ms = [&] {
+        const itimerval after = {{}, {0, 400000}}; // of the processor's time
         setitimer(ITIMER_VIRTUAL, &after, nullptr);
-        replace("abc", 4, "", "x");
+        replace("abc", 4, "", replacement.c_str());
     };
-    EXPECT_EXIT(replace_for_50_ms(), testing::KilledBySignal(SIGVTALRM), "");
+    EXPECT_EXIT(replace_for_400_ms(), testing::KilledBySignal(SIGVTALRM), "");
 }
 
 TEST(Replace, ChecksItsArgumentsInOrderAndLeavesTheDestinationAloneWhenItStops)
